@@ -1,0 +1,308 @@
+/**
+ * @file wrapper_audio.h
+ * Microphone capture as mono 16-bit samples at the rate you want, with optional neural noise suppression, a level
+ * meter and a device list.
+ *
+ * A complete program: three seconds of denoised speech at 16000 Hz, as raw signed 16-bit samples on standard output.
+ *
+ * @code
+ * #include <stdio.h>
+ * #include <wrapper_audio.h>
+ *
+ * int main(void)
+ * {
+ *     int16_t pcm[1600];                                            // 100 ms at 16000 Hz
+ *     float rms, peak;
+ *     wrapper_audio_ctx *mic = wrapper_audio_init(16000, 1, NULL);  // denoised, default microphone
+ *     if (mic == NULL)
+ *         return 1;                                                 // the reason is on standard error
+ *     for (int i = 0; i < 30; ++i) {
+ *         int n = wrapper_audio_read(mic, 100, pcm, 1600, &rms, &peak);
+ *         if (n < 0)
+ *             break;
+ *         fwrite(pcm, sizeof *pcm, (size_t)n, stdout);
+ *         fprintf(stderr, "\rpeak %.3f", peak);
+ *     }
+ *     wrapper_audio_free(mic);
+ *     return 0;
+ * }
+ * @endcode
+ *
+ * Build it with: cc record.c -lwrapper_audio
+ *
+ * Conventions
+ *
+ * - Samples handed out are signed 16-bit, mono, from -32767 to 32767. Levels are linear amplitudes from 0.0 to 1.0
+ *   (full scale). Rates are in Hz, durations in milliseconds.
+ * - Every call that takes a handle accepts NULL and then does nothing, and returns -1 where it returns an int.
+ * - There is no error code to fetch: a failed call writes one line to standard error that begins with
+ *   "[audio_wrapper] " and ends with the words of PortAudio where PortAudio failed. PortAudio's own back ends also
+ *   write there, about a hundred lines when they look for devices; those lines carry no such prefix.
+ *
+ * Threads
+ *
+ * - The library starts none. A read blocks the thread that calls it.
+ * - A context or a meter belongs to one thread at a time: nothing may run on it while another call on it has not
+ *   returned. In particular no stop, release, close or free while a read is blocked.
+ * - Different contexts and meters may be read on different threads at once.
+ * - PortAudio keeps its list of open streams without a lock. Calls that open or close a stream on different handles
+ *   (init, open, release_stream, free of a context with a stream, meter_open, meter_close) must therefore be
+ *   serialised by the host. PortAudio's initialisation itself is serialised by the library.
+ *
+ * Devices that are plugged in later
+ *
+ * PortAudio looks for devices when the first context, meter or query of the process begins, and not again before the
+ * last one has ended. To see a device that has been plugged in since, free every context and close every meter first.
+ */
+#ifndef WRAPPER_AUDIO_H
+#define WRAPPER_AUDIO_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define WRAPPER_AUDIO_NOEXCEPT noexcept
+extern "C" {
+#else
+#define WRAPPER_AUDIO_NOEXCEPT
+#endif
+
+#pragma GCC visibility push(default)
+
+/* ---- Capture ------------------------------------------------------------------------------------------------- */
+
+/** One microphone, from creation to wrapper_audio_free(). It is armed (no stream), capturing, or stopped. */
+typedef struct wrapper_audio_ctx wrapper_audio_ctx;
+
+/**
+ * Creates a context and takes the microphone at once: wrapper_audio_arm() and wrapper_audio_open() in one.
+ *
+ * The device is opened mono at its own default rate; wrapper_audio_read() converts.
+ *
+ * Trap: denoising runs only on a device whose default rate, rounded, is exactly 48000 Hz. On any other device it is
+ * skipped and nothing says so. The line "ctx_create ... capture_rate=" on standard error tells the rate.
+ *
+ * @param output_rate  the rate of the samples that wrapper_audio_read() returns, in Hz; below 1: 16000
+ * @param denoise      0: off; anything else: on
+ * @param device_id    an "id" of wrapper_audio_list_devices_json(), compared byte for byte; NULL or "": the default
+ *                     input device. An id that matches no device is reported on standard error, and the default
+ *                     input device is taken instead. Read during the call only.
+ * @return a context that is capturing, to be given to wrapper_audio_free(); NULL on failure (no input device, no
+ *         memory, PortAudio or the device refuses), with nothing left behind
+ *
+ * Thread: any; serialise with other calls that open or close a stream.
+ */
+wrapper_audio_ctx *wrapper_audio_init(int output_rate, int denoise, const char *device_id) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Creates a context but leaves the microphone alone until wrapper_audio_open(). The device is chosen, and its rate
+ * learned, now.
+ *
+ * @param output_rate  as for wrapper_audio_init()
+ * @param denoise      as for wrapper_audio_init()
+ * @param device_id    as for wrapper_audio_init()
+ * @return an armed context, to be given to wrapper_audio_free(); NULL on failure, with nothing left behind
+ *
+ * Thread: any.
+ */
+wrapper_audio_ctx *wrapper_audio_arm(int output_rate, int denoise, const char *device_id) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Takes the microphone and starts to capture. On a context that is capturing already it changes nothing.
+ *
+ * Trap: a stopped context must be released with wrapper_audio_release_stream() before it is opened again. Opening it
+ * directly loses the stopped stream, which then stays open on the device until the process ends PortAudio.
+ *
+ * @param ctx  a context or NULL
+ * @return 0 when capturing; -1 when the device refuses (the context stays armed and may be opened again) or for NULL
+ *
+ * Thread: the context's; serialise with other calls that open or close a stream.
+ */
+int wrapper_audio_open(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Waits for `ms` milliseconds of sound and returns them: captured, denoised where that applies, converted to the
+ * output rate, measured and rounded to 16 bits toward zero.
+ *
+ * Call it again and again; PortAudio buffers what arrives between two calls, and what it had to drop when the host
+ * was late is dropped silently. A read allocates nothing and takes a few KiB of stack, whatever the capacity.
+ *
+ * How many samples a read gives, with n = ms * device rate / 1000 rounded down, at most 100 ms:
+ * - equal rates: n;
+ * - the device rate is a whole multiple of the output rate: n / ratio, each the mean of `ratio` samples;
+ * - otherwise: n * output rate / device rate, by linear interpolation;
+ * each rounded down and at most `capacity`. What lies beyond the capacity is lost.
+ *
+ * Traps:
+ * - Denoising works in frames of 10 ms that begin anew in each read. Samples beyond the last whole 10 ms of a read
+ *   are passed through undenoised, so read multiples of 10 ms.
+ * - The mean over whole ratios (48000 to 16000, 48000 to 8000) is the only anti-aliasing filter. Other ratios
+ *   (44100 to 16000) alias what lies above half the output rate.
+ * - No sample is carried from one read to the next. Choose ms so that the counts come out whole.
+ * - A read is at most 100 ms long, whatever `ms` says (480 samples on devices below 4800 Hz).
+ *
+ * @param ctx       a context that is capturing
+ * @param ms        duration, 0 or more, in milliseconds
+ * @param pcm       receives the samples; nothing is written behind those returned
+ * @param capacity  how many samples fit in `pcm`, 1 or more
+ * @param rms       receives the root mean square of the returned samples before clipping, 0.0 to 1.0; may be NULL
+ * @param peak      receives their largest magnitude, 0.0 to 1.0; may be NULL
+ * @return the number of samples written, 0 (then both levels are 0.0) or more; -1 with nothing written when `pcm` is
+ *         NULL, `capacity` is below 1, `ctx` is NULL or not capturing, `ms` is negative or too long for 32-bit
+ *         arithmetic (above 44739 ms at 48000 Hz), or the device failed. After a failure the context is still
+ *         capturing: read again, or release the stream.
+ *
+ * Thread: the context's; different contexts may read at once.
+ */
+int32_t wrapper_audio_read(wrapper_audio_ctx *ctx, int32_t ms, int16_t *pcm, int32_t capacity, float *rms,
+                           float *peak) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Gives the microphone back but keeps the context armed: wrapper_audio_open() takes it again.
+ *
+ * @param ctx  a context or NULL
+ *
+ * Thread: the context's; serialise with other calls that open or close a stream.
+ */
+void wrapper_audio_release_stream(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Stops capturing but keeps the device. To go on afterwards, call wrapper_audio_release_stream() and then
+ * wrapper_audio_open().
+ *
+ * @param ctx  a context or NULL
+ *
+ * Thread: the context's; never while a read is blocked.
+ */
+void wrapper_audio_stop(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Ends a context in any state and releases all it holds. The pointer is invalid afterwards.
+ *
+ * @param ctx  a context or NULL
+ *
+ * Thread: the context's; serialise with other calls that open or close a stream.
+ */
+void wrapper_audio_free(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
+
+/*
+ * The two calls below accept any arguments. C before C23 says that with an empty list, C++ and C23 with an ellipsis.
+ */
+#if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 202311L)
+#define WRAPPER_AUDIO_ANY_ARGUMENTS ...
+#else
+#define WRAPPER_AUDIO_ANY_ARGUMENTS
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstrict-prototypes"
+#endif
+
+/**
+ * A placeholder: the library has no control over the input volume. Reads no argument.
+ *
+ * @return -1.0 always
+ *
+ * Thread: any.
+ */
+float wrapper_audio_input_volume_get(WRAPPER_AUDIO_ANY_ARGUMENTS) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * A placeholder: the library has no control over the input volume. Reads no argument.
+ *
+ * @return -1 always
+ *
+ * Thread: any.
+ */
+int wrapper_audio_input_volume_set(WRAPPER_AUDIO_ANY_ARGUMENTS) WRAPPER_AUDIO_NOEXCEPT;
+
+#if !defined(__cplusplus) && (!defined(__STDC_VERSION__) || __STDC_VERSION__ < 202311L)
+#pragma GCC diagnostic pop
+#endif
+#undef WRAPPER_AUDIO_ANY_ARGUMENTS
+
+/* ---- Devices ------------------------------------------------------------------------------------------------- */
+
+/**
+ * Lists the machine's audio devices as JSON, for a device picker:
+ *
+ *     [{"id":"ALSA:USB Mic","name":"USB Mic","kind":"input","isDefault":true}, ...]
+ *
+ * without white space between the tokens. "id" is what wrapper_audio_init(), wrapper_audio_arm() and
+ * wrapper_audio_meter_open() take, once JSON escapes are decoded; "kind" is "input" for a device that can capture,
+ * otherwise "output"; "isDefault" is true for the default input device. When PortAudio does not start the list is
+ * "[]".
+ *
+ * Traps:
+ * - Two devices may share an id; it then means the first of them.
+ * - Control bytes are left out of names. An id that lost one, or that is longer than 255 bytes, matches no device.
+ * - The text is cut at 65535 bytes, without a mark; it is no valid JSON then. Other bytes of names stand as they
+ *   came from the system, which need not be UTF-8.
+ *
+ * @return a NUL-terminated text to be given to wrapper_audio_free_text(); NULL only when there is no memory
+ *
+ * Thread: any.
+ */
+char *wrapper_audio_list_devices_json(void) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Releases a text that wrapper_audio_list_devices_json() returned, and no other.
+ *
+ * @param text  the text or NULL
+ *
+ * Thread: any.
+ */
+void wrapper_audio_free_text(char *text) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Tells whether capture is possible at all. Writes no line of the library's own.
+ *
+ * @return 0: PortAudio does not start; 1: it does, but no device can capture; 3: at least one device can
+ *
+ * Thread: any.
+ */
+int wrapper_audio_capabilities(void) WRAPPER_AUDIO_NOEXCEPT;
+
+/* ---- Level meter --------------------------------------------------------------------------------------------- */
+
+/** A light second way to listen to a microphone, for its level only, with a stream of its own. */
+typedef struct wrapper_audio_meter wrapper_audio_meter;
+
+/**
+ * Opens a device and starts to measure, 30 ms (at least 64 samples) at a time. A capture context may be open as
+ * well; whether both may be on the same device is up to the device.
+ *
+ * @param device_id  as for wrapper_audio_init()
+ * @return a meter, to be given to wrapper_audio_meter_close(); NULL on failure, with nothing left behind
+ *
+ * Thread: any; serialise with other calls that open or close a stream.
+ */
+wrapper_audio_meter *wrapper_audio_meter_open(const char *device_id) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Waits for the next 30 ms of sound and measures them at the device's own rate.
+ *
+ * A failed read leaves the meter usable; of several failures in a row only the first writes a line.
+ *
+ * @param meter     a meter or NULL
+ * @param peak_out  receives the largest magnitude, 0.0 to 1.0; may be NULL
+ * @param rms_out   receives the root mean square, 0.0 to 1.0; may be NULL
+ * @return the number of samples measured; -1, with nothing written, when the device failed or for NULL
+ *
+ * Thread: the meter's; different meters may read at once.
+ */
+int wrapper_audio_meter_read(wrapper_audio_meter *meter, float *peak_out, float *rms_out) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Ends a meter and releases its device. The pointer is invalid afterwards.
+ *
+ * @param meter  a meter or NULL
+ *
+ * Thread: the meter's; serialise with other calls that open or close a stream.
+ */
+void wrapper_audio_meter_close(wrapper_audio_meter *meter) WRAPPER_AUDIO_NOEXCEPT;
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

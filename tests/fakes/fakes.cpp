@@ -1,0 +1,332 @@
+#include "fakes.h"
+
+#include <pthread.h>
+#include <rnnoise.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+
+struct DenoiseState {
+    int number;
+};
+
+namespace fake {
+
+namespace {
+
+std::unique_ptr<state> g_world;
+
+// How many calls this thread has made under the library's lock; -1 while it does not hold it.
+thread_local int t_calls_under_lock = -1;
+
+template <typename... Pieces>
+std::string text(const Pieces&... pieces) {
+    std::ostringstream out;
+    (out << ... << pieces);
+    return out.str();
+}
+
+void violation(const std::string& what) {
+    world().violations.push_back(what);
+}
+
+// Every call but initialise, terminate and the unlock itself comes through here.
+void note(const std::string& entry) {
+    const std::lock_guard hold{world().guard};
+    world().journal.push_back(entry);
+    if (t_calls_under_lock >= 0) violation("under the lock: " + entry);
+}
+
+void note_locked_call(const std::string& entry) {
+    const std::lock_guard hold{world().guard};
+    world().journal.push_back(entry);
+    if (t_calls_under_lock < 0) {
+        violation(entry + " without the lock");
+    } else if (++t_calls_under_lock > 1) {
+        violation(entry + " is the second call under one lock");
+    }
+}
+
+PaError next_result(const std::string& function) {
+    const std::lock_guard hold{world().guard};
+    auto& script = world().results[function];
+    if (script.empty()) return paNoError;
+    const PaError result = script.front();
+    script.pop_front();
+    return result;
+}
+
+void require_initialised(const char* function) {
+    const std::lock_guard hold{world().guard};
+    if (world().initialisations < 1) violation(text(function, " without an initialisation"));
+}
+
+stream* require_open(const char* function, PaStream* handle) {
+    const std::lock_guard hold{world().guard};
+    if (world().open_streams.count(handle) != 0) return static_cast<stream*>(handle);
+    violation(text(function, " on a stream that is not open"));
+    std::fflush(nullptr);
+    std::abort(); // the handle cannot be looked into
+}
+
+ssize_t write_log(void* /*cookie*/, const char* bytes, size_t size) {
+    state& w = world();
+    const std::lock_guard hold{w.guard};
+    w.log.append(bytes, size);
+    w.pending_log.append(bytes, size);
+    for (size_t end; (end = w.pending_log.find('\n')) != std::string::npos;) {
+        note("log " + w.pending_log.substr(0, end));
+        w.pending_log.erase(0, end + 1);
+    }
+    return static_cast<ssize_t>(size);
+}
+
+void build_tables(state& w) {
+    w.device_infos.clear();
+    w.host_api_infos.clear();
+    for (const device& d : w.devices) {
+        PaDeviceInfo info{};
+        info.structVersion = 2;
+        info.name = d.name ? d.name->c_str() : nullptr;
+        info.hostApi = d.host_api;
+        info.maxInputChannels = d.inputs;
+        info.maxOutputChannels = d.outputs;
+        info.defaultLowInputLatency = d.low_latency;
+        info.defaultSampleRate = d.rate;
+        w.device_infos.push_back(info);
+    }
+    for (const host_api& h : w.host_apis) {
+        PaHostApiInfo info{};
+        info.structVersion = 1;
+        info.name = h.name ? h.name->c_str() : nullptr;
+        w.host_api_infos.push_back(info);
+    }
+}
+
+void* allocate(const std::string& entry, void* (*take)(size_t, size_t), size_t count, size_t size) {
+    const std::lock_guard hold{world().guard};
+    note(entry);
+    if (world().failing_allocations.count(++world().allocations) != 0) return nullptr;
+    void* block = take(count, size);
+    if (block != nullptr) world().live_blocks.insert(block);
+    return block;
+}
+
+} // namespace
+
+state& world() {
+    return *g_world;
+}
+
+void reset() {
+    g_world = std::make_unique<state>();
+    t_calls_under_lock = -1;
+    static FILE* const log = [] {
+        cookie_io_functions_t functions{};
+        functions.write = write_log;
+        FILE* file = fopencookie(nullptr, "w", functions);
+        std::setvbuf(file, nullptr, _IONBF, 0);
+        return file;
+    }();
+    stderr = log;
+}
+
+std::string error_text(PaError error) {
+    return text("error ", error);
+}
+
+} // namespace fake
+
+using fake::note;
+using fake::world;
+
+extern "C" {
+
+// ---- PortAudio ----
+
+PaError Pa_Initialize() {
+    fake::note_locked_call("Pa_Initialize");
+    const PaError result = fake::next_result("Pa_Initialize");
+    const std::lock_guard hold{world().guard};
+    if (result == paNoError && world().initialisations++ == 0) fake::build_tables(world());
+    return result;
+}
+
+// The last one closes what is still open, as PortAudio does.
+PaError Pa_Terminate() {
+    fake::note_locked_call("Pa_Terminate");
+    const std::lock_guard hold{world().guard};
+    if (world().initialisations < 1) fake::violation("Pa_Terminate without an initialisation");
+    if (--world().initialisations == 0) {
+        for (PaStream* handle : world().open_streams) {
+            delete static_cast<fake::stream*>(handle);
+        }
+        world().open_streams.clear();
+    }
+    return fake::next_result("Pa_Terminate");
+}
+
+const char* Pa_GetErrorText(PaError error) {
+    static std::set<std::string> texts;
+    const std::lock_guard hold{world().guard};
+    note(fake::text("Pa_GetErrorText(", error, ")"));
+    return texts.insert(fake::error_text(error)).first->c_str();
+}
+
+PaDeviceIndex Pa_GetDeviceCount() {
+    note("Pa_GetDeviceCount");
+    fake::require_initialised("Pa_GetDeviceCount");
+    return world().device_count.value_or(static_cast<int>(world().devices.size()));
+}
+
+PaDeviceIndex Pa_GetDefaultInputDevice() {
+    note("Pa_GetDefaultInputDevice");
+    fake::require_initialised("Pa_GetDefaultInputDevice");
+    return world().default_input;
+}
+
+const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
+    note(fake::text("Pa_GetDeviceInfo(", index, ")"));
+    fake::require_initialised("Pa_GetDeviceInfo");
+    const auto i = static_cast<size_t>(index);
+    return index >= 0 && i < world().devices.size() && world().devices[i].has_info ? &world().device_infos[i] : nullptr;
+}
+
+const PaHostApiInfo* Pa_GetHostApiInfo(PaHostApiIndex index) {
+    note(fake::text("Pa_GetHostApiInfo(", index, ")"));
+    fake::require_initialised("Pa_GetHostApiInfo");
+    const auto i = static_cast<size_t>(index);
+    return index >= 0 && i < world().host_api_infos.size() ? &world().host_api_infos[i] : nullptr;
+}
+
+PaError Pa_OpenStream(PaStream** slot, const PaStreamParameters* input, const PaStreamParameters* output, double rate,
+                      unsigned long frames, PaStreamFlags flags, PaStreamCallback* callback, void* user_data) {
+    note(fake::text("Pa_OpenStream(device=", input->device, ", channels=", input->channelCount,
+                    input->sampleFormat == paFloat32 ? ", paFloat32" : ", another format",
+                    ", latency=", input->suggestedLatency, ", rate=", rate, ", frames=", frames,
+                    flags == paClipOff ? ", paClipOff)" : ", other flags)"));
+    fake::require_initialised("Pa_OpenStream");
+    const std::lock_guard hold{world().guard};
+    if (*slot != nullptr) fake::violation("Pa_OpenStream into a slot that is not null");
+    if (output != nullptr) fake::violation("Pa_OpenStream with an output");
+    if (input->hostApiSpecificStreamInfo != nullptr) fake::violation("Pa_OpenStream with host API specifics");
+    if (callback != nullptr || user_data != nullptr) fake::violation("Pa_OpenStream with a callback or user data");
+    const PaError result = fake::next_result("Pa_OpenStream");
+    if (result != paNoError) return result;
+    *slot = new fake::stream{++world().streams_opened};
+    world().open_streams.insert(*slot);
+    return paNoError;
+}
+
+PaError Pa_StartStream(PaStream* handle) {
+    const std::lock_guard hold{world().guard};
+    fake::stream* stream = fake::require_open("Pa_StartStream", handle);
+    note(fake::text("Pa_StartStream(", stream->number, ")"));
+    const PaError result = fake::next_result("Pa_StartStream");
+    stream->running = result == paNoError;
+    return result;
+}
+
+PaError Pa_StopStream(PaStream* handle) {
+    const std::lock_guard hold{world().guard};
+    fake::stream* stream = fake::require_open("Pa_StopStream", handle);
+    note(fake::text("Pa_StopStream(", stream->number, ")"));
+    stream->running = false;
+    return fake::next_result("Pa_StopStream");
+}
+
+PaError Pa_CloseStream(PaStream* handle) {
+    const std::lock_guard hold{world().guard};
+    fake::stream* stream = fake::require_open("Pa_CloseStream", handle);
+    note(fake::text("Pa_CloseStream(", stream->number, ")"));
+    world().open_streams.erase(handle);
+    delete stream;
+    return fake::next_result("Pa_CloseStream");
+}
+
+PaError Pa_ReadStream(PaStream* handle, void* buffer, unsigned long frames) {
+    std::unique_lock hold{world().guard};
+    fake::stream* stream = fake::require_open("Pa_ReadStream", handle);
+    note(fake::text("Pa_ReadStream(", stream->number, ", ", frames, ")"));
+    if (!stream->running) fake::violation("Pa_ReadStream on a stopped stream");
+    const PaError result = fake::next_result("Pa_ReadStream");
+    const auto microphone = world().microphone;
+    hold.unlock();
+    auto* samples = static_cast<float*>(buffer);
+    if (microphone) {
+        microphone(samples, frames);
+    } else {
+        std::fill_n(samples, frames, 0.0F);
+    }
+    return result;
+}
+
+// ---- RNNoise ----
+
+DenoiseState* rnnoise_create(RNNModel* model) {
+    note(model == nullptr ? "rnnoise_create" : "rnnoise_create with a model");
+    const std::lock_guard hold{world().guard};
+    if (world().denoiser_refused) return nullptr;
+    return new DenoiseState{++world().live_denoisers};
+}
+
+void rnnoise_destroy(DenoiseState* denoiser) {
+    note("rnnoise_destroy");
+    const std::lock_guard hold{world().guard};
+    --world().live_denoisers;
+    delete denoiser;
+}
+
+float rnnoise_process_frame(DenoiseState* denoiser, float* out, const float* in) {
+    note("rnnoise_process_frame");
+    const std::lock_guard hold{world().guard};
+    if (denoiser == nullptr) fake::violation("rnnoise_process_frame without a denoiser");
+    if (out != in) fake::violation("rnnoise_process_frame with two buffers");
+    if (world().denoiser) world().denoiser(out);
+    return 1.0F;
+}
+
+// ---- Allocator and mutex, under the names that the library's objects are given for the tests ----
+
+void* fake_calloc(size_t count, size_t size) {
+    return fake::allocate(count == 1 ? "calloc" : fake::text("calloc(", count, ", ", size, ")"), std::calloc, count,
+                          size);
+}
+
+void* fake_malloc(size_t size) {
+    return fake::allocate(
+        fake::text("malloc(", size, ")"), [](size_t, size_t bytes) { return std::malloc(bytes); }, 1, size);
+}
+
+void fake_free(void* block) {
+    if (block != nullptr) {
+        const std::lock_guard hold{world().guard};
+        note("free");
+        if (world().live_blocks.erase(block) == 0) fake::violation("free of a block that is not the library's");
+    }
+    std::free(block);
+}
+
+int fake_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    note("lock");
+    const int result = pthread_mutex_lock(mutex);
+    fake::t_calls_under_lock = 0;
+    const std::lock_guard hold{world().guard};
+    if (world().library_lock != nullptr && world().library_lock != mutex) fake::violation("a second lock");
+    world().library_lock = mutex;
+    return result;
+}
+
+int fake_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    {
+        const std::lock_guard hold{world().guard};
+        world().journal.push_back("unlock");
+        if (fake::t_calls_under_lock != 1) fake::violation("unlock after no call or without a lock");
+    }
+    fake::t_calls_under_lock = -1;
+    return pthread_mutex_unlock(mutex);
+}
+
+} // extern "C"

@@ -1,0 +1,79 @@
+// Scripted doubles of PortAudio, RNNoise, the allocator and the mutex, with a journal of every call.
+//
+// The library's objects are linked against these instead of the real thing. A test scripts the devices and failures in
+// `fake::world()`, calls the library, and reads the journal. What must hold in every test (balance, lock discipline,
+// no use of closed streams) is collected in `violations` and checked by the fixture in fixture.h.
+#pragma once
+
+#include <portaudio.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace fake {
+
+struct device {
+    std::optional<std::string> name = "Mic";
+    double rate = 48000.0;
+    int inputs = 1;
+    int outputs = 0;
+    int host_api = 0;
+    double low_latency = 0.01;
+    bool has_info = true;
+};
+
+struct host_api {
+    std::optional<std::string> name = "Host";
+};
+
+struct stream {
+    int number = 0;
+    bool running = false;
+};
+
+struct state {
+    // The script.
+    std::vector<device> devices{device{}};
+    std::vector<host_api> host_apis{host_api{}};
+    PaDeviceIndex default_input = 0;
+    std::optional<int> device_count;                    // what Pa_GetDeviceCount says, instead of the truth
+    std::map<std::string, std::deque<PaError>> results; // what the next calls return, by function; then paNoError
+    std::set<int> failing_allocations;                  // by their number since the last reset, from 1
+    bool denoiser_refused = false;
+    std::function<void(float* samples, unsigned long count)> microphone; // null: silence
+    std::function<void(float* frame)> denoiser;                          // null: frames stay as they are
+
+    // What happened.
+    std::vector<std::string> journal;
+    std::vector<std::string> violations;
+    std::string log;
+    int allocations = 0;
+    int initialisations = 0;
+    std::set<PaStream*> open_streams;
+    std::set<const void*> live_blocks;
+    int live_denoisers = 0;
+
+    // What the library holds pointers into.
+    std::vector<PaDeviceInfo> device_infos;
+    std::vector<PaHostApiInfo> host_api_infos;
+    int streams_opened = 0;
+    std::string pending_log;
+    const void* library_lock = nullptr;
+    std::recursive_mutex guard;
+};
+
+state& world();
+
+// Forgets everything and puts one input device at 48000 Hz there. Takes over standard error.
+void reset();
+
+// The text that Pa_GetErrorText gives for an error.
+std::string error_text(PaError error);
+
+} // namespace fake

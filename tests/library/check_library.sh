@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Holds the built shared object against its promises: exports, names, needs, hardening, arithmetic.
+# Usage: check_library.sh LIBRARY HEADER MAP
+set -euo pipefail
+library=$1 header=$2 map=$3
+failures=0
+
+expect() { # what, expected, actual
+  if [ "$2" = "$3" ]; then
+    echo "ok: $1"
+  else
+    failures=$((failures + 1))
+    printf 'FAILED: %s\n  expected: %s\n  actual:   %s\n' "$1" "${2//$'\n'/ }" "${3//$'\n'/ }"
+  fi
+}
+
+exports=$(nm -D --defined-only "$library" | awk '{print $NF}' | LC_ALL=C sort)
+declared=$(sed -e 's|^ *\*.*||' -e 's|/\*.*\*/||' "$header" | grep -oE '\bwrapper_audio_[a-z_]+\(' | tr -d '(' | LC_ALL=C sort)
+mapped=$(grep -oE '\bwrapper_audio_[a-z_]+' "$map" | LC_ALL=C sort)
+expect "exports what the header declares and nothing else" "$declared" "$exports"
+expect "the version script lists the same" "$declared" "$mapped"
+expect "how many functions that are" 15 "$(wc -l <<<"$exports")"
+
+dynamic=$(readelf -dW "$library")
+needed=$(sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' <<<"$dynamic" | LC_ALL=C sort)
+expect "needs these libraries and no others" $'libc.so.6\nlibm.so.6\nlibportaudio.so.2\nlibrnnoise.so.0' "$needed"
+expect "soname" libwrapper_audio.so.1 "$(sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p' <<<"$dynamic")"
+expect "real name" libwrapper_audio.so.1.0.0 "$(basename "$(readlink -f "$library")")"
+expect "binds at load time" 1 "$(grep -c 'BIND_NOW' <<<"$dynamic")"
+expect "has no text relocations" 0 "$(grep -c 'TEXTREL' <<<"$dynamic" || true)"
+expect "has no run path" 0 "$(grep -cE 'R(UN)?PATH' <<<"$dynamic" || true)"
+
+segments=$(readelf -lW "$library")
+expect "relocations are read-only" 1 "$(grep -c 'GNU_RELRO' <<<"$segments")"
+expect "the stack is not executable" RW "$(awk '$1 == "GNU_STACK" {print $7}' <<<"$segments")"
+
+imports=$(nm -D --undefined-only "$library" | awk '{print $NF}' | sed 's/@.*//')
+expect "the stack is protected" __stack_chk_fail "$(grep -x __stack_chk_fail <<<"$imports")"
+expect "formatting is fortified" __fprintf_chk "$(grep -x __fprintf_chk <<<"$imports")"
+expect "calls nothing of C++'s run time" "" "$(grep -E '^(_Z|__cxa_(throw|begin|guard)|__gxx)' <<<"$imports" || true)"
+
+code=$(objdump -d --no-show-raw-insn "$library" | awk -F'\t' 'NF > 1 {print $2}' | awk '{print $1}' | sort -u)
+expect "the disassembly was understood" mulss "$(grep -x mulss <<<"$code")"
+expect "multiplies and adds apart, with SSE2 alone" "" "$(grep -E '^v|fmadd|fmsub|fnmadd|fnmsub' <<<"$code" || true)"
+expect "leaves the host's floating-point control alone" "" "$(grep -E '^(ldmxcsr|fldcw|fldenv|fxrstor|frstor)' <<<"$code" || true)"
+
+exit $((failures > 0))

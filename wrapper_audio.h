@@ -1,7 +1,7 @@
 /**
  * @file wrapper_audio.h
  * Microphone capture as mono 16-bit samples at the rate you want, with optional neural noise suppression, a level
- * meter and a device list.
+ * meter, a device list, and signal functions for your own buffers.
  *
  * A complete program: three seconds of denoised speech at 16000 Hz, as raw signed 16-bit samples on standard output.
  *
@@ -34,10 +34,11 @@
  *
  * - Samples handed out are signed 16-bit, mono, from -32767 to 32767. Levels are linear amplitudes from 0.0 to 1.0
  *   (full scale). Rates are in Hz, durations in milliseconds.
- * - Every call that takes a handle accepts NULL and then does nothing, and returns -1 where it returns an int.
+ * - Every capture call that takes a handle accepts NULL and then does nothing, and returns -1 where it returns an int.
  * - There is no error code to fetch: a failed call writes one line to standard error that begins with
- *   "[audio_wrapper] " and ends with the words of PortAudio where PortAudio failed. PortAudio's own back ends also
- *   write there, about a hundred lines when they look for devices; those lines carry no such prefix.
+ *   "[audio_wrapper] " and ends with the words of PortAudio where PortAudio failed; the signal functions begin theirs
+ *   with "[dsp] ". PortAudio's own back ends also write there, about a hundred lines when they look for devices;
+ *   those lines carry no such prefix.
  *
  * Threads
  *
@@ -298,6 +299,171 @@ int wrapper_audio_meter_read(wrapper_audio_meter *meter, float *peak_out, float 
  * Thread: the meter's; serialise with other calls that open or close a stream.
  */
 void wrapper_audio_meter_close(wrapper_audio_meter *meter) WRAPPER_AUDIO_NOEXCEPT;
+
+/* ---- Signal functions ---------------------------------------------------------------------------------------- */
+/*
+ * These work on buffers of mono 32-bit floats that belong to the host, full scale 1.0. All but the resampler work in
+ * place. They never allocate, and touch neither the floating-point control of the thread nor a device.
+ *
+ * There is one high-pass filter, one gain control and one set of metrics in the process, shared by all callers and
+ * not locked: the host serialises each one's init and process calls. The `handle` that several calls take first is
+ * never read; it may be NULL.
+ */
+
+/** A pair of sample rates to convert between. */
+typedef struct wrapper_audio_resampler wrapper_audio_resampler;
+
+/**
+ * Creates a converter from one sample rate to another, by linear interpolation. Each creation says so in a line on
+ * standard error.
+ *
+ * @param in_rate   rate of the samples to convert, in Hz; not checked
+ * @param out_rate  rate of the samples wanted, in Hz; not checked
+ * @param extra     kept and never used; pass 0
+ * @return a converter, to be given to wrapper_audio_resampler_free(); NULL when there is no memory
+ *
+ * Thread: any.
+ */
+wrapper_audio_resampler *wrapper_audio_resampler_init(int32_t in_rate, int32_t out_rate,
+                                                      int32_t extra) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Converts one block: output i lies at position i * in_rate / out_rate of the input, between its two neighbours.
+ *
+ * Traps:
+ * - Nothing is filtered, so converting to a lower rate aliases: 48000 to 16000 gives exactly every third sample.
+ * - Every block starts at position 0, and its last outputs lean on its own last sample. A stream converted in blocks
+ *   is therefore not the stream converted in one piece.
+ * - The count is in_count / (in_rate / out_rate), divided in floating point and rounded down, so that it can be one
+ *   short: 480 samples from 48000 to 44100 give 440.
+ *
+ * @param resampler  a converter or NULL
+ * @param in         the samples to convert; only read
+ * @param in_count   how many
+ * @param out        receives the converted samples; must not overlap `in`
+ * @param max_out    how many fit there
+ * @return the number of samples written, at most `max_out`. 0 when a pointer is NULL or there is nothing to convert.
+ *         Below 0, with nothing written, for a negative `max_out` or count; -2147483648 when the count is not a
+ *         number that 32 bits hold (in_rate 0, for example).
+ *
+ * Thread: any; one converter may serve several threads at once, as long as their outputs do not overlap.
+ */
+int32_t wrapper_audio_resample(const wrapper_audio_resampler *resampler, const float *in, int32_t in_count, float *out,
+                               int32_t max_out) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Releases a converter. No thread may be using it.
+ *
+ * @param resampler  a converter or NULL
+ */
+void wrapper_audio_resampler_free(wrapper_audio_resampler *resampler) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Designs the process's high-pass filter, a second-order section against rumble and DC, and puts it at rest. The
+ * formulas are those of the high-pass in Robert Bristow-Johnson's Audio EQ Cookbook, in double precision.
+ *
+ * Trap: the design is for 16000 Hz. On buffers at another rate the corner lands at cutoff_hz * rate / 16000, so pass
+ * cutoff * 16000 / rate to have it where you want it.
+ *
+ * @param cutoff_hz  corner frequency in Hz, useful between 0 and 8000; not checked
+ * @param q          quality factor, above 0 (0.707: no bump at the corner); not checked. 0 makes all later output NaN.
+ *
+ * Thread: serialise with the filter's other calls.
+ */
+void wrapper_audio_hpf_init(float cutoff_hz, float q) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Filters a block in place, as the continuation of the block before, whoever passed that. Does nothing before the
+ * first wrapper_audio_hpf_init(). An infinite or NaN sample spoils all later output until the next init.
+ *
+ * @param handle   never read
+ * @param samples  the block, or NULL
+ * @param count    its length; below 1 does nothing
+ *
+ * Thread: serialise with the filter's other calls.
+ */
+void wrapper_audio_hpf_process(const void *handle, float *samples, int32_t count) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Subtracts from each sample a share of the one before it, in place: y[i] = x[i] - coef * x[i - 1].
+ *
+ * Trap: nothing is remembered from call to call, so the first sample of every block passes as it is.
+ *
+ * @param handle   never read
+ * @param samples  the block, or NULL
+ * @param count    its length; below 2 does nothing
+ * @param coef     the share, usually between 0 and 1; not checked
+ *
+ * Thread: any, on distinct blocks.
+ */
+void wrapper_audio_depop_process(const void *handle, float *samples, int32_t count, float coef) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Sets up the process's gain control and puts its gain back to 1.
+ *
+ * @param target_db   the RMS level to steer towards, in dB against full scale (-20 is an amplitude of 0.1); not checked
+ * @param release_ms  time constant of the gain, up and down alike, in ms; 0 lets the gain jump; not checked. A
+ *                    negative one lets it run away.
+ *
+ * Thread: serialise with the gain control's other calls.
+ */
+void wrapper_audio_agc_init(float target_db, float release_ms) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Measures a block, moves the gain towards what would bring it to the target (at most 20 dB up or down), and multiplies
+ * the whole block by the new gain, in place. Does nothing before the first wrapper_audio_agc_init().
+ *
+ * Traps:
+ * - The time constant holds for blocks of 10 ms (160 samples at 16000 Hz); it grows and shrinks with the block.
+ * - A block below -120 dB passes as it is, without the gain. There is no limiter: the result may exceed 1.0.
+ * - A NaN sample makes the gain NaN until the next init.
+ *
+ * @param handle   never read
+ * @param samples  the block, or NULL
+ * @param count    its length; below 1 does nothing
+ *
+ * Thread: serialise with the gain control's other calls.
+ */
+void wrapper_audio_agc_process(const void *handle, float *samples, int32_t count) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * The signal-to-noise ratio in dB, -10.0 to 60.0.
+ *
+ * Trap: nothing feeds the metrics today, so this is -10.0 always.
+ *
+ * Thread: any; serialise with wrapper_audio_update_noise_profile() for a consistent answer.
+ */
+float wrapper_audio_snr(void) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * The share of clipped samples (magnitude above 0.95), 0.0 to 1.0.
+ *
+ * Trap: nothing feeds the metrics today, so this is 0.0 always.
+ *
+ * Thread: any; serialise with wrapper_audio_update_noise_profile() for a consistent answer.
+ */
+float wrapper_audio_clipping_ratio(void) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Freezes the estimate of the noise floor, or lets it go on; that also restarts the clipping statistics.
+ *
+ * @param handle  never read
+ * @param freeze  0: go on; anything else: freeze
+ *
+ * Thread: serialise with the other calls on the metrics.
+ */
+void wrapper_audio_update_noise_profile(const void *handle, int32_t freeze) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Denoise statistics, of which there are none: always 0.
+ *
+ * @param handle  never read
+ * @param out     receives 0; may be NULL
+ * @return 1 always
+ *
+ * Thread: any.
+ */
+int32_t wrapper_audio_denoise_stats(const void *handle, int32_t *out) WRAPPER_AUDIO_NOEXCEPT;
 
 #pragma GCC visibility pop
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <limits>
 #include <stdint.h>
 
 namespace numeric {
@@ -62,6 +63,18 @@ inline void convert_rate(int32_t in_rate, int32_t out_rate, const float* in, int
         const double step = static_cast<double>(in_rate) / static_cast<double>(out_rate);
         interpolate_linear(in, in_count, step, first, out, count);
     }
+}
+
+// The same for the stand-alone resampler, which may be given any numbers: the quotient in_count / step decides, and
+// where no 32-bit integer holds it the result is -2147483648. It may fall one short of the exact count.
+//
+// With count positions 0 to (count - 1) * step, interpolation stays inside the block: the last one is at most
+// in_count - step before rounding, and rounding moves it by less than in_count * 2^-51. As the count fits in 31 bits,
+// the step is at least in_count * 2^-31, which is more.
+inline int32_t resampled_count(int32_t in_count, double step, int32_t capacity) {
+    const double quotient = static_cast<double>(in_count) / step;
+    if (!(quotient > -2147483649.0 && quotient < 2147483648.0)) return std::numeric_limits<int32_t>::min();
+    return std::min(static_cast<int32_t>(quotient), capacity);
 }
 
 } // namespace numeric

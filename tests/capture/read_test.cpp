@@ -2,6 +2,7 @@
 #include "fixture.h"
 #include "guarded_buffer.h"
 #include "read_reference.h"
+#include "signals.h"
 
 #include <bit>
 #include <cmath>
@@ -407,20 +408,6 @@ TEST_F(read, a_nan_spoils_the_rms_but_not_the_peak) {
 
 // ---- Everything against the reference ----
 
-// Speech-like numbers with hostile ones strewn in.
-std::vector<float> hostile(std::mt19937& random, size_t count) {
-    std::uniform_real_distribution<float> usual(-1.1F, 1.1F);
-    std::uniform_int_distribution<int> dice(0, 400);
-    const float strange[] = {nan, infinity, -infinity, 1.0F, -1.0F, 0.0F, -0.0F, 1e-40F, -1e-45F, 1e20F, 3e38F, -3e38F};
-    const bool tame = random() % 3 != 0;
-    std::vector<float> samples(count);
-    for (float& x : samples) {
-        const int face = dice(random);
-        x = !tame && face < 12 ? strange[face] : usual(random);
-    }
-    return samples;
-}
-
 class read_at_rates : public read, public testing::WithParamInterface<int> {};
 
 TEST_P(read_at_rates, equals_the_reference_bit_for_bit) {
@@ -429,7 +416,7 @@ TEST_P(read_at_rates, equals_the_reference_bit_for_bit) {
     for (const int output_rate : {8000, 11025, 16000, 22050, 24000, 32000, 44100, 48000, 96000, 192000}) {
         for (int round = 0; round < 12; ++round) {
             const int32_t ms = round == 0 ? 100 : static_cast<int32_t>(random() % 100 + 1);
-            const auto samples = hostile(random, static_cast<size_t>(int64_t{capture_rate} * ms / 1000));
+            const auto samples = signals::mixed(random, static_cast<size_t>(int64_t{capture_rate} * ms / 1000));
             const int denoise = static_cast<int>(random() % 2);
             const int32_t capacity = round < 4 ? 20000 : static_cast<int32_t>(random() % 5000 + 1);
             wrapper_audio_ctx* ctx = listening(capture_rate, output_rate, samples, denoise);

@@ -43,6 +43,14 @@ TEST_F(internals, the_slot_is_null_after_a_failure_and_holds_a_started_stream_af
     pa_term_locked();
 }
 
+TEST_F(internals, a_context_that_claims_to_run_without_a_stream_is_opened) {
+    wrapper_audio_ctx* ctx = wrapper_audio_arm(16000, 0, nullptr);
+    ctx->running = 1;
+    EXPECT_EQ(wrapper_audio_open(ctx), 0);
+    EXPECT_NE(ctx->stream, nullptr);
+    wrapper_audio_free(ctx);
+}
+
 TEST_F(internals, destroying_no_context_gives_no_initialisation_back) {
     ctx_destroy(nullptr);
     EXPECT_THAT(calls(), IsEmpty());

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <limits>
 #include <stdint.h>
@@ -73,7 +74,7 @@ inline void convert_rate(int32_t in_rate, int32_t out_rate, const float* in, int
 // the step is at least in_count * 2^-31, which is more.
 inline int32_t resampled_count(int32_t in_count, double step, int32_t capacity) {
     const double quotient = static_cast<double>(in_count) / step;
-    if (!(quotient > -2147483649.0 && quotient < 2147483648.0)) return std::numeric_limits<int32_t>::min();
+    if (!(std::fabs(quotient) < 2147483648.0)) return std::numeric_limits<int32_t>::min();
     return std::min(static_cast<int32_t>(quotient), capacity);
 }
 

@@ -259,24 +259,23 @@ TEST_F(metrics_update, counts_magnitudes_strictly_above_0_95) {
 }
 
 TEST_F(metrics_update, calls_a_block_quiet_strictly_below_a_mean_square_of_0_001) {
-    // One sample whose square rounds to exactly the threshold, or to its neighbours.
-    const auto moved = [this](float mean_square) {
-        SetUp();
-        float x = std::sqrt(mean_square);
-        while (x * x > mean_square)
-            x = std::nextafter(x, 0.0F);
-        while (x * x < mean_square)
-            x = std::nextafter(x, 1.0F);
-        EXPECT_GE(x * x, mean_square);
-        feed({x});
-        return std::make_pair(x * x, g_noise_power != 0.001F);
-    };
-    const auto [at, at_moved] = moved(0.001F);
-    EXPECT_EQ(at_moved, at < 0.001F);
-    EXPECT_FALSE(at_moved);
-    const auto [below, below_moved] = moved(0.000999F);
-    ASSERT_LT(below, 0.001F);
-    EXPECT_TRUE(below_moved);
+    // Two samples whose mean square is exactly the threshold, found among the neighbours of its root.
+    std::vector<float> exact;
+    const float root = std::sqrt(0.001F);
+    for (float a = root * 0.99999F; a < root * 1.00001F && exact.empty(); a = std::nextafter(a, 1.0F)) {
+        for (float b = a; b < root * 1.00001F; b = std::nextafter(b, 1.0F)) {
+            if (static_cast<float>(reference::mean_square({a, b})) == 0.001F) exact = {a, b};
+        }
+    }
+    ASSERT_FALSE(exact.empty());
+    feed(exact);
+    EXPECT_EQ(g_noise_power, 0.001F);
+    g_noise_power = 0.5F; // visible whichever way it moves
+    feed(exact);
+    EXPECT_EQ(g_noise_power, 0.5F);
+    exact[0] *= 0.9999F;
+    feed(exact);
+    EXPECT_LT(g_noise_power, 0.5F);
 }
 
 TEST_F(metrics_update, wraps_its_counters_around) {

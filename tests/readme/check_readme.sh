@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# The programs in README.md compile without a warning, run, and do what is said of them; and the twenty lines of the
+# header are the twenty lines of the README.
+# Usage: check_readme.sh SOURCE_FOLDER LIBRARY
+set -euo pipefail
+source=$1 library=$2
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+
+fail() { echo "FAILED: $*"; exit 1; }
+
+awk -v folder="$folder" '/^```c$/ { file = folder "/program" ++n ".c"; next } /^```/ { file = "" } file { print > file }' \
+  "$source/README.md"
+[ "$(ls "$folder")" = $'program1.c\nprogram2.c' ] || fail "README.md does not have two programs"
+
+sed -n '/@code/,/@endcode/p' "$source/wrapper_audio.h" | sed -e '/@code/d' -e '/@endcode/d' -e 's/^ \* \{0,1\}//' |
+  diff - "$folder/program1.c" || fail "the program in the header differs from the one in README.md"
+
+for n in 1 2; do
+  cc -std=c99 -pedantic -Wall -Wextra -Werror -I "$source" "$folder/program$n.c" -o "$folder/program$n" \
+    "$library" -Wl,-rpath,"$(dirname "$library")" -lm
+done
+
+config=$("$source/scripts/file-microphone" "$source/tests/data/speech_in_noise_48k.raw" "$folder")
+ALSA_CONFIG_PATH=$config JACK_NO_START_SERVER=1 "$folder/program1" >"$folder/three_seconds" 2>"$folder/messages" ||
+  { cat "$folder/messages"; fail "the first program failed"; }
+[ "$(stat -c %s "$folder/three_seconds")" -eq 96000 ] || fail "three seconds at 16000 Hz are not 96000 bytes"
+[ "$(tr -d '\0' <"$folder/three_seconds" | wc -c)" -gt 40000 ] || fail "three seconds of speech are mostly zeros"
+
+[ "$("$folder/program2" 2>/dev/null)" = "16000 samples at 16000 Hz" ] || fail "the second program says something else"
+echo "ok"

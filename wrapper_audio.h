@@ -50,10 +50,13 @@
  *   (init, open, release_stream, free of a context with a stream, meter_open, meter_close) must therefore be
  *   serialised by the host. PortAudio's initialisation itself is serialised by the library.
  *
- * Devices that are plugged in later
+ * Devices that come and go
  *
  * PortAudio looks for devices when the first context, meter or query of the process begins, and not again before the
  * last one has ended. To see a device that has been plugged in since, free every context and close every meter first.
+ * A device that another program holds at that moment may be missing from the list. One that is busy when it is opened
+ * is tried for about a second before the open fails. What a device that was unplugged held of PortAudio's memory is
+ * lost to the process.
  */
 #ifndef WRAPPER_AUDIO_H
 #define WRAPPER_AUDIO_H
@@ -125,7 +128,8 @@ int wrapper_audio_open(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
  * output rate, measured and rounded to 16 bits toward zero.
  *
  * Call it again and again; PortAudio buffers what arrives between two calls, and what it had to drop when the host
- * was late is dropped silently. A read allocates nothing and takes a few KiB of stack, whatever the capacity.
+ * was late is dropped silently. A read allocates nothing. Whatever the capacity, it takes less than 8 KiB of stack, but
+ * RNNoise takes 66 KiB: a thread that reads with denoising needs a stack of 128 KiB or more.
  *
  * How many samples a read gives, with n = ms * device rate / 1000 rounded down, at most 100 ms:
  * - equal rates: n;
@@ -140,6 +144,9 @@ int wrapper_audio_open(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
  *   (44100 to 16000) alias what lies above half the output rate.
  * - No sample is carried from one read to the next. Choose ms so that the counts come out whole.
  * - A read is at most 100 ms long, whatever `ms` says (480 samples on devices below 4800 Hz).
+ * - A device that falls silent without an error keeps the read waiting. PortAudio 19.6 also waits, and keeps a
+ *   processor busy, when an ALSA device is unplugged while nothing of its sound is left to deliver. A host that must
+ *   notice watches its reading thread from another one.
  *
  * @param ctx       a context that is capturing
  * @param ms        duration, 0 or more, in milliseconds

@@ -282,7 +282,7 @@ namespace {
 
 constexpr int32_t denoiser_rate = 48000;
 constexpr int32_t denoiser_frame = 480;
-constexpr int32_t conversion_block = 1024;
+constexpr int32_t conversion_block = 64;
 
 // Fills `out_buf` with `frames` samples of `capture_buf`: whole denoiser frames denoised, everything else as
 // captured. The bounds by `out_capacity` are this stage's own; a read never asks for more.
@@ -323,11 +323,11 @@ int32_t wrapper_audio_read(wrapper_audio_ctx* ctx, int32_t ms, int16_t* pcm, int
                               : numeric::converted_count(ctx->capture_rate, ctx->output_rate, ctx->out_count, capacity);
     numeric::level_sums sums;
     for (int32_t first = 0; first < count;) {
-        float block[conversion_block];
+        float room[conversion_block];
         const int32_t length = std::min(count - first, conversion_block);
-        numeric::convert_rate(ctx->capture_rate, ctx->output_rate, ctx->out_buf, ctx->out_count, first, block, length);
-        numeric::add_levels(sums, block, length);
-        numeric::to_pcm16(block, length, pcm + first);
+        const float* block = numeric::convert_rate(ctx->capture_rate, ctx->output_rate, ctx->out_buf, ctx->out_count,
+                                                   first, room, length);
+        numeric::measure_to_pcm16(sums, block, length, pcm + first);
         first += length;
     }
     if (rms != nullptr) {

@@ -38,7 +38,7 @@ int32_t wrapper_audio_resample(const wrapper_audio_resampler* resampler, const f
     if (count <= 0) return count;
     // A negative count of inputs over a negative ratio promises outputs, but there is nothing to make them from.
     if (in_count < 0) return in_count;
-    numeric::interpolate_linear(in, in_count, ratio, 0, out, count);
+    numeric::resample(in, in_count, ratio, out, count);
     return count;
 }
 
@@ -114,9 +114,7 @@ void wrapper_audio_agc_init(float target_db, float release_ms) noexcept {
 
 void wrapper_audio_agc_process(const void* /*handle*/, float* samples, int32_t count) noexcept {
     if (g_agc_initialized == 0 || samples == nullptr || count <= 0) return;
-    numeric::level_sums sums;
-    numeric::add_levels(sums, samples, count);
-    const float rms = numeric::root_mean_square(sums.squares, count);
+    const float rms = numeric::root_mean_square(numeric::sum_of_squares(samples, count), count);
     // Silence passes as it is, not even multiplied by the current gain.
     if (rms < agc_silence) return;
     const float desired = limit_gain(g_agc.target_lin / rms);
@@ -146,11 +144,11 @@ int32_t add_wrapping(int32_t a, int32_t b) {
 // A negative count is taken back from the total, and counts as a silent block.
 [[maybe_unused]] void dsp_update_metrics(const float* samples, int32_t count) {
     if (samples == nullptr || count == 0) return;
-    numeric::level_sums sums;
-    numeric::add_levels(sums, samples, count);
-    g_clipping_count = add_wrapping(g_clipping_count, numeric::count_beyond(samples, count, clip_threshold));
+    int32_t clipped = 0;
+    const double squares = numeric::sum_of_squares(samples, count, clip_threshold, clipped);
+    g_clipping_count = add_wrapping(g_clipping_count, clipped);
     g_total_samples = add_wrapping(g_total_samples, count);
-    const auto mean_square = static_cast<float>(sums.squares / static_cast<double>(count));
+    const auto mean_square = static_cast<float>(squares / static_cast<double>(count));
     g_signal_power = 0.9F * g_signal_power + 0.1F * mean_square;
     if (g_noise_profile_frozen != 0) return;
     if (mean_square < quiet_threshold) g_noise_power = 0.95F * g_noise_power + 0.05F * mean_square;

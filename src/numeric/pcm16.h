@@ -1,12 +1,19 @@
 // Between floats at full scale 1.0 and the 16-bit range.
 #pragma once
 
-#include <cmath>
+#include "levels.h"
+
+#include <emmintrin.h>
 #include <stdint.h>
+
+#include <cmath>
+#include <limits>
 
 namespace numeric {
 
 inline constexpr float pcm16_scale = 32767.0F;
+
+namespace plain {
 
 // Truncates toward zero, as the range is symmetric: -32768 is never produced. NaN gives 0.
 inline int16_t to_pcm16(float x) {
@@ -21,7 +28,32 @@ inline void to_pcm16(const float* in, int32_t count, int16_t* out) {
     }
 }
 
-// Floats in the 16-bit range are what RNNoise works on.
+} // namespace plain
+
+// Eight samples whose magnitudes are below 65536: what lies beyond full scale is caught by the saturation to 16 bits.
+inline __m128i to_pcm16_lanes(__m128 x, __m128 y) {
+    const __m128 scale = _mm_set1_ps(pcm16_scale);
+    const __m128i low = _mm_cvttps_epi32(_mm_mul_ps(x, scale));
+    const __m128i high = _mm_cvttps_epi32(_mm_mul_ps(y, scale));
+    return _mm_max_epi16(_mm_packs_epi32(low, high), _mm_set1_epi16(-32767));
+}
+
+// Levels and 16-bit samples in one pass. Samples are taken to be ordinary; should the levels then tell that one was
+// NaN or 65536 and above, the 16-bit samples are made again.
+inline void measure_to_pcm16(level_sums& sums, const float* in, int32_t count, int16_t* out) {
+    __m128 peaks = _mm_set1_ps(sums.peak);
+    const int32_t done = add_squares(sums.squares, in, count, [&](int32_t i, __m128 x, __m128 y) {
+        peaks = raise_peak(raise_peak(peaks, x), y);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), to_pcm16_lanes(x, y));
+    });
+    sums.peak = largest(peaks);
+    plain::add_levels(sums, in + done, count - done);
+    const bool ordinary = sums.peak < 65536.0F && !std::isnan(sums.squares);
+    const int32_t kept = ordinary ? done : 0;
+    plain::to_pcm16(in + kept, count - kept, out + kept);
+}
+
+// Floats in the 16-bit range are what RNNoise works on. The compiler makes vectors of these two by itself.
 inline void scale_to_pcm16_range(const float* in, int32_t count, float* out) {
     for (int32_t i = 0; i < count; ++i) {
         out[i] = in[i] * pcm16_scale;

@@ -1,13 +1,17 @@
 // Sample rate conversion of one block: copy, means of whole groups, or linear interpolation.
 #pragma once
 
+#include <emmintrin.h>
+#include <stdint.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <limits>
-#include <stdint.h>
 
 namespace numeric {
+
+namespace plain {
 
 // Output `i` is the mean of the `ratio` inputs from `i * ratio` on, summed in single precision from 0.0 in index order,
 // so that a group of negative zeros gives a positive one.
@@ -36,6 +40,123 @@ inline void interpolate_linear(const float* in, int32_t in_count, double step, i
     }
 }
 
+} // namespace plain
+
+// Four floats that lie `stride` apart.
+inline __m128 strided(const float* in, std::ptrdiff_t stride) {
+    return _mm_setr_ps(in[0], in[stride], in[2 * stride], in[3 * stride]);
+}
+
+// Two floats each from two places that lie `stride` apart.
+inline __m128 strided_pairs(const float* in, std::ptrdiff_t stride) {
+    const __m128 low = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(in));
+    return _mm_loadh_pi(low, reinterpret_cast<const __m64*>(in + stride));
+}
+
+// Four groups at a time, one in each lane, taken two inputs at a time.
+[[gnu::always_inline]] inline void group_means_in_lanes(const float* in, int32_t ratio, float* out, int32_t count) {
+    const std::ptrdiff_t stride = ratio;
+    const __m128 divisor = _mm_set1_ps(static_cast<float>(ratio));
+    for (int32_t i = 0; i < count; i += 4) {
+        __m128 sum = _mm_setzero_ps();
+        int32_t j = 0;
+        for (; j + 1 < ratio; j += 2) {
+            const __m128 groups01 = strided_pairs(in + j, stride);
+            const __m128 groups23 = strided_pairs(in + j + 2 * stride, stride);
+            sum = _mm_add_ps(sum, _mm_shuffle_ps(groups01, groups23, _MM_SHUFFLE(2, 0, 2, 0)));
+            sum = _mm_add_ps(sum, _mm_shuffle_ps(groups01, groups23, _MM_SHUFFLE(3, 1, 3, 1)));
+        }
+        if (j < ratio) sum = _mm_add_ps(sum, strided(in + j, stride));
+        _mm_storeu_ps(out + i, _mm_div_ps(sum, divisor));
+        in += 4 * stride;
+    }
+}
+
+// The same for groups of three, which three vectors hold exactly four of: a0 b0 c0 a1, b1 c1 a2 b2, c2 a3 b3 c3.
+inline void means_of_three(const float* in, float* out, int32_t count) {
+    const __m128 divisor = _mm_set1_ps(3.0F);
+    for (int32_t i = 0; i < count; i += 4) {
+        const __m128 v0 = _mm_loadu_ps(in);
+        const __m128 v1 = _mm_loadu_ps(in + 4);
+        const __m128 v2 = _mm_loadu_ps(in + 8);
+        const __m128 bcbc01 = _mm_shuffle_ps(v0, v1, _MM_SHUFFLE(1, 0, 2, 1));
+        const __m128 abab23 = _mm_shuffle_ps(v1, v2, _MM_SHUFFLE(2, 1, 3, 2));
+        const __m128 a = _mm_shuffle_ps(v0, abab23, _MM_SHUFFLE(2, 0, 3, 0));
+        const __m128 b = _mm_shuffle_ps(bcbc01, abab23, _MM_SHUFFLE(3, 1, 2, 0));
+        const __m128 c = _mm_shuffle_ps(bcbc01, v2, _MM_SHUFFLE(3, 0, 3, 1));
+        const __m128 sum = _mm_add_ps(_mm_add_ps(_mm_add_ps(_mm_setzero_ps(), a), b), c);
+        _mm_storeu_ps(out + i, _mm_div_ps(sum, divisor));
+        in += 12;
+    }
+}
+
+// The usual ratios are told to the compiler, which then unrolls them.
+inline void group_means(const float* in, int32_t ratio, float* out, int32_t count) {
+    const int32_t whole = count & ~3;
+    switch (ratio) {
+    case 2:
+        group_means_in_lanes(in, 2, out, whole);
+        break;
+    case 3:
+        group_means_in_lanes(in, 3, out, whole);
+        break;
+    case 4:
+        group_means_in_lanes(in, 4, out, whole);
+        break;
+    case 6:
+        group_means_in_lanes(in, 6, out, whole);
+        break;
+    default:
+        group_means_in_lanes(in, ratio, out, whole);
+    }
+    plain::group_means(in + static_cast<std::ptrdiff_t>(whole) * ratio, ratio, out + whole, count - whole);
+}
+
+// Where the step is a whole number the fraction is exactly 0, and x0 * 1 + 0 * x1 gives the same bits in single
+// precision. Returns how many outputs, from the first of the block, have a neighbour and are done.
+inline int32_t interpolate_at_whole_steps(const float* in, int32_t in_count, int32_t step, float* out, int32_t count) {
+    const __m128 nothing = _mm_setzero_ps();
+    const int32_t with_neighbour = std::min(count, (in_count - 2) / step + 1);
+    const int32_t whole = with_neighbour & ~3;
+    for (int32_t i = 0; i < whole; i += 4) {
+        const float* left = in + static_cast<std::ptrdiff_t>(i) * step;
+        const __m128 x0 = step == 1 ? _mm_loadu_ps(left) : strided(left, step);
+        const __m128 x1 = step == 1 ? _mm_loadu_ps(left + 1) : strided(left + 1, step);
+        _mm_storeu_ps(out + i, _mm_add_ps(x0, _mm_mul_ps(nothing, x1)));
+    }
+    return whole;
+}
+
+// A sample and its right-hand neighbour, in double precision.
+inline __m128d load_pair(const float* in) {
+    return _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(in))));
+}
+
+// Two outputs at a time until the right-hand neighbour is past the end.
+inline void interpolate_linear(const float* in, int32_t in_count, double step, int32_t first, float* out,
+                               int32_t count) {
+    const __m128d steps = _mm_set1_pd(step);
+    const __m128d one = _mm_set1_pd(1.0);
+    __m128d index = _mm_setr_pd(static_cast<double>(first), static_cast<double>(first) + 1.0);
+    int32_t i = 0;
+    for (; i + 1 < count; i += 2) {
+        const __m128d position = _mm_mul_pd(index, steps);
+        const __m128i left = _mm_cvttpd_epi32(position);
+        const auto both = static_cast<uint64_t>(_mm_cvtsi128_si64(left));
+        const auto left0 = static_cast<int32_t>(static_cast<uint32_t>(both));
+        const auto left1 = static_cast<int32_t>(both >> 32U);
+        if (left1 + 1 >= in_count) break;
+        const __m128d fraction = _mm_sub_pd(position, _mm_cvtepi32_pd(left));
+        const __m128d pair0 = load_pair(in + left0);
+        const __m128d pair1 = load_pair(in + left1);
+        const __m128d near = _mm_mul_pd(_mm_unpacklo_pd(pair0, pair1), _mm_sub_pd(one, fraction));
+        const __m128d far = _mm_mul_pd(fraction, _mm_unpackhi_pd(pair0, pair1));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), _mm_castps_si128(_mm_cvtpd_ps(_mm_add_pd(near, far))));
+        index = _mm_add_pd(index, _mm_set1_pd(2.0));
+    }
+    plain::interpolate_linear(in, in_count, step, first + i, out + i, count - i);
+}
+
 inline bool is_whole_decimation(int32_t in_rate, int32_t out_rate) {
     return out_rate < in_rate && in_rate % out_rate == 0;
 }
@@ -48,26 +169,27 @@ inline int32_t converted_count(int32_t in_rate, int32_t out_rate, int32_t in_cou
     return static_cast<int32_t>(std::min<int64_t>(count, capacity));
 }
 
-// Outputs `first` to `first + count - 1` of the converted block, in as many pieces as the caller likes.
+// Makes outputs `first` to `first + count - 1` of the converted block, in as many pieces as the caller likes, and returns
+// where they are: in `room`, or where the rates are equal in the input itself.
 //
 // Interpolation stays inside the block: before rounding the last position is at most in_count - step, and rounding
 // moves it by less than in_count * 2^-51. A step is never shorter than in_rate * 2^-31, which is more than that for
 // every block of at most 480 samples or a second.
-inline void convert_rate(int32_t in_rate, int32_t out_rate, const float* in, int32_t in_count, int32_t first,
-                         float* out, int32_t count) {
-    if (in_rate == out_rate) {
-        std::copy_n(in + first, count, out);
-    } else if (is_whole_decimation(in_rate, out_rate)) {
+inline const float* convert_rate(int32_t in_rate, int32_t out_rate, const float* in, int32_t in_count, int32_t first,
+                                 float* room, int32_t count) {
+    if (in_rate == out_rate) return in + first;
+    if (is_whole_decimation(in_rate, out_rate)) {
         const int32_t ratio = in_rate / out_rate;
-        group_means(in + static_cast<std::ptrdiff_t>(first) * ratio, ratio, out, count);
+        group_means(in + static_cast<std::ptrdiff_t>(first) * ratio, ratio, room, count);
     } else {
         const double step = static_cast<double>(in_rate) / static_cast<double>(out_rate);
-        interpolate_linear(in, in_count, step, first, out, count);
+        interpolate_linear(in, in_count, step, first, room, count);
     }
+    return room;
 }
 
-// The same for the stand-alone resampler, which may be given any numbers: the quotient in_count / step decides, and
-// where no 32-bit integer holds it the result is -2147483648. It may fall one short of the exact count.
+// How many samples the stand-alone resampler gives. It may be asked for any numbers: the quotient in_count / step
+// decides, and where no 32-bit integer holds it the result is -2147483648. It may fall one short of the exact count.
 //
 // With count positions 0 to (count - 1) * step, interpolation stays inside the block: the last one is at most
 // in_count - step before rounding, and rounding moves it by less than in_count * 2^-51. As the count fits in 31 bits,
@@ -76,6 +198,14 @@ inline int32_t resampled_count(int32_t in_count, double step, int32_t capacity) 
     const double quotient = static_cast<double>(in_count) / step;
     if (!(std::fabs(quotient) < 2147483648.0)) return std::numeric_limits<int32_t>::min();
     return std::min(static_cast<int32_t>(quotient), capacity);
+}
+
+// The block that the stand-alone resampler makes of that count, interpolated from position 0.
+inline void resample(const float* in, int32_t in_count, double step, float* out, int32_t count) {
+    const auto stride = static_cast<int32_t>(step);
+    const bool whole_steps = static_cast<double>(stride) == step;
+    const int32_t done = whole_steps ? interpolate_at_whole_steps(in, in_count, stride, out, count) : 0;
+    interpolate_linear(in, in_count, step, done, out + done, count - done);
 }
 
 } // namespace numeric

@@ -1,0 +1,222 @@
+// Every fast loop against its plain definition, bit for bit: all short lengths, every alignment, hostile numbers, and
+// guard pages on both sides.
+#include "bits.h"
+#include "guarded_buffer.h"
+#include "signals.h"
+
+#include "numeric/biquad.h"
+#include "numeric/in_place.h"
+#include "numeric/levels.h"
+#include "numeric/pcm16.h"
+#include "numeric/rate_conversion.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <limits>
+
+namespace {
+
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+constexpr float infinity = std::numeric_limits<float>::infinity();
+
+// Calls `check` with blocks of every length, first at the end of their page and then at its start with each alignment.
+void for_each_block(unsigned seed, const std::function<void(const float* samples, int32_t count)>& check) {
+    std::mt19937 random(seed);
+    for (const size_t length : signals::lengths()) {
+        for (const auto kind : {signals::noise, signals::hostile}) {
+            for (size_t shift = 0; shift < 4; ++shift) {
+                const float amplitude = signals::amplitudes()[random() % signals::amplitudes().size()];
+                const auto samples = kind(random, length, amplitude);
+                guarded_buffer<float> behind(length + shift);
+                std::copy(samples.begin(), samples.end(), behind.data());
+                check(behind.data(), static_cast<int32_t>(length));
+                guarded_buffer<float> before(length + shift, guard::before);
+                std::copy(samples.begin(), samples.end(), before.data() + shift);
+                check(before.data() + shift, static_cast<int32_t>(length));
+                if (testing::Test::HasFailure()) return;
+            }
+        }
+    }
+}
+
+testing::AssertionResult same_sums(const numeric::level_sums& actual, const numeric::level_sums& expected) {
+    if (!same_bits(actual.peak, expected.peak)) return same(actual.peak, expected.peak);
+    return same(actual.squares, expected.squares);
+}
+
+TEST(levels, equal_their_definition) {
+    for_each_block(1, [](const float* samples, int32_t count) {
+        for (const float peak : {0.0F, 0.3F, infinity}) {
+            numeric::level_sums actual{peak, 0.125};
+            numeric::level_sums expected = actual;
+            numeric::add_levels(actual, samples, count);
+            numeric::plain::add_levels(expected, samples, count);
+            EXPECT_TRUE(same_sums(actual, expected)) << count;
+        }
+    });
+}
+
+TEST(levels, of_no_samples_change_nothing) {
+    for (const int32_t count : {0, -1, -8, std::numeric_limits<int32_t>::min()}) {
+        numeric::level_sums sums{0.5F, 2.0};
+        numeric::add_levels(sums, nullptr, count);
+        EXPECT_EQ(sums.peak, 0.5F);
+        EXPECT_EQ(sums.squares, 2.0);
+        int32_t beyond = 7;
+        EXPECT_EQ(numeric::sum_of_squares(nullptr, count, 0.5F, beyond), 0.0);
+        EXPECT_EQ(beyond, 0);
+    }
+}
+
+TEST(levels, add_up_in_pieces_as_in_one) {
+    std::mt19937 random(2);
+    const auto samples = signals::noise(random, 1000);
+    numeric::level_sums whole;
+    numeric::add_levels(whole, samples.data(), 1000);
+    numeric::level_sums pieces;
+    for (int32_t start = 0; start < 1000;) {
+        const auto length = std::min<int32_t>(static_cast<int32_t>(random() % 50), 1000 - start);
+        numeric::add_levels(pieces, samples.data() + start, length);
+        start += length;
+    }
+    EXPECT_TRUE(same_sums(pieces, whole));
+}
+
+TEST(sums_of_squares, equal_their_definition) {
+    for_each_block(3, [](const float* samples, int32_t count) {
+        numeric::level_sums expected;
+        numeric::plain::add_levels(expected, samples, count);
+        EXPECT_TRUE(same(numeric::sum_of_squares(samples, count), expected.squares)) << count;
+        for (const float threshold : {0.95F, 0.0F, 1e-42F, infinity}) {
+            int32_t beyond = -1;
+            EXPECT_TRUE(same(numeric::sum_of_squares(samples, count, threshold, beyond), expected.squares)) << count;
+            EXPECT_EQ(beyond, numeric::plain::count_beyond(samples, count, threshold)) << count;
+        }
+    });
+}
+
+TEST(measuring_to_16_bits, equals_its_definition) {
+    for_each_block(4, [](const float* samples, int32_t count) {
+        const auto length = static_cast<size_t>(count);
+        guarded_buffer<int16_t> pcm(length);
+        std::vector<int16_t> expected_pcm(length);
+        numeric::level_sums actual;
+        numeric::level_sums expected;
+        numeric::measure_to_pcm16(actual, samples, count, pcm.data());
+        numeric::plain::add_levels(expected, samples, count);
+        numeric::plain::to_pcm16(samples, count, expected_pcm.data());
+        EXPECT_TRUE(same_sums(actual, expected)) << count;
+        EXPECT_EQ(std::vector<int16_t>(pcm.data(), pcm.data() + length), expected_pcm) << count;
+    });
+}
+
+TEST(measuring_to_16_bits, gets_each_number_right_wherever_it_stands) {
+    std::vector<float> numbers{0.0F, -0.0F, nan, -nan, infinity, -infinity, 1e-45F, 3e38F, -3e38F};
+    for (const float edge :
+         {1.0F, 0.5F, 32766.0F / 32767.0F, 32768.0F / 32767.0F, 65535.0F, 65536.0F, 65538.0F, 2.2e9F}) {
+        for (const float x : {edge, std::nextafter(edge, 0.0F), std::nextafter(edge, infinity)}) {
+            numbers.insert(numbers.end(), {x, -x});
+        }
+    }
+    for (const float number : numbers) {
+        for (size_t place = 0; place < 19; ++place) {
+            std::vector<float> samples(19, 0.25F);
+            samples[place] = number;
+            numeric::level_sums sums;
+            std::vector<int16_t> pcm(19);
+            numeric::measure_to_pcm16(sums, samples.data(), 19, pcm.data());
+            EXPECT_EQ(pcm[place], numeric::plain::to_pcm16(number)) << number << " at " << place;
+            EXPECT_EQ(pcm[(place + 1) % 19], 8191);
+            // What came before must not change how the next piece is converted.
+            numeric::measure_to_pcm16(sums, samples.data(), 19, pcm.data());
+            EXPECT_EQ(pcm[place], numeric::plain::to_pcm16(number));
+        }
+    }
+}
+
+TEST(group_means, equal_their_definition) {
+    for (const int32_t ratio : {2, 3, 4, 5, 6, 7, 8, 12, 24}) {
+        for_each_block(static_cast<unsigned>(ratio), [ratio](const float* samples, int32_t count) {
+            const int32_t groups = count / ratio;
+            guarded_buffer<float> out(static_cast<size_t>(groups));
+            std::vector<float> expected(static_cast<size_t>(groups));
+            numeric::group_means(samples, ratio, out.data(), groups);
+            numeric::plain::group_means(samples, ratio, expected.data(), groups);
+            EXPECT_TRUE(same(out.data(), expected)) << ratio << ", " << count;
+        });
+    }
+}
+
+TEST(group_means, of_negative_zeros_are_positive) {
+    for (const int32_t ratio : {2, 3, 4, 5, 6}) {
+        const std::vector<float> zeros(48, -0.0F);
+        std::vector<float> out(8, 1.0F);
+        numeric::group_means(zeros.data(), ratio, out.data(), 8);
+        EXPECT_TRUE(same(out.data(), std::vector<float>(8, 0.0F))) << ratio;
+    }
+}
+
+TEST(interpolation, equals_its_definition_from_any_start) {
+    std::mt19937 random(5);
+    for (const double step : {44100.0 / 16000.0, 1.0 / 3.0, 48000.0 / 44100.0, 1.0, 2.0, 3.0, 7.0, 1e-3, 100.25}) {
+        for_each_block(6, [&](const float* samples, int32_t count) {
+            const auto outputs = static_cast<int32_t>(std::min(static_cast<double>(count) / step, 3000.0));
+            const int32_t first = outputs > 0 ? static_cast<int32_t>(random() % static_cast<unsigned>(outputs)) : 0;
+            const auto room = static_cast<size_t>(outputs - first);
+            guarded_buffer<float> out(room);
+            std::vector<float> expected(room);
+            numeric::interpolate_linear(samples, count, step, first, out.data(), outputs - first);
+            numeric::plain::interpolate_linear(samples, count, step, first, expected.data(), outputs - first);
+            EXPECT_TRUE(same(out.data(), expected)) << step << ", " << count << ", from " << first;
+        });
+    }
+}
+
+TEST(resampling, equals_the_definition_of_interpolation) {
+    for (const double step : {1.0, 2.0, 3.0, 4.0, 5.0, 6.0, 69.0, 1.5, 0.5, 2.75625, 0.3333}) {
+        for_each_block(7, [step](const float* samples, int32_t count) {
+            for (const int32_t room : {100000, 9, 1}) {
+                const int32_t outputs = numeric::resampled_count(count, step, room);
+                if (outputs < 1 || outputs > 100000) return;
+                guarded_buffer<float> out(static_cast<size_t>(outputs));
+                std::vector<float> expected(static_cast<size_t>(outputs));
+                numeric::resample(samples, count, step, out.data(), outputs);
+                numeric::plain::interpolate_linear(samples, count, step, 0, expected.data(), outputs);
+                EXPECT_TRUE(same(out.data(), expected)) << step << ", " << count;
+            }
+        });
+    }
+}
+
+TEST(subtracting_the_previous_sample, equals_its_definition) {
+    for (const float coef : {0.95F, -1.0F, 0.0F, 1e-40F, nan, infinity}) {
+        for_each_block(8, [coef](const float* samples, int32_t count) {
+            std::vector<float> expected(samples, samples + count);
+            guarded_buffer<float> block(expected.size());
+            std::copy(expected.begin(), expected.end(), block.data());
+            numeric::subtract_previous(block.data(), count, coef);
+            numeric::plain::subtract_previous(expected.data(), count, coef);
+            EXPECT_TRUE(same(block.data(), expected)) << coef << ", " << count;
+        });
+    }
+}
+
+TEST(filtering, equals_its_definition) {
+    for (const auto& [cutoff, q] : {std::pair{100.0, 0.707}, {79.0, 0.5}, {4000.0, 3.0}, {7999.0, 0.1}, {100.0, 0.0}}) {
+        auto actual = numeric::high_pass(cutoff, q, 16000.0);
+        auto expected = actual;
+        for_each_block(9, [&, cutoff = cutoff, q = q](const float* samples, int32_t count) {
+            if (std::isnan(expected.z1)) actual = expected = numeric::high_pass(cutoff, q, 16000.0);
+            std::vector<float> plain(samples, samples + count);
+            guarded_buffer<float> block(plain.size());
+            std::copy(plain.begin(), plain.end(), block.data());
+            numeric::filter(actual, block.data(), count);
+            numeric::plain::filter(expected, plain.data(), count);
+            EXPECT_TRUE(same(block.data(), plain)) << cutoff << ", " << count;
+            EXPECT_TRUE(same(actual.z1, expected.z1) && same(actual.z2, expected.z2)) << cutoff << ", " << count;
+        });
+    }
+}
+
+} // namespace

@@ -83,9 +83,9 @@ void register_levels(int count) {
 void register_in_place(int count) {
     const std::string n = ", " + std::to_string(count);
     add("de-pop" + n + ", library", count,
-        [](float* samples, std::int32_t length) { wrapper_audio_depop_process(nullptr, samples, length, 0.05F); });
+        [](float* samples, std::int32_t length) { wrapper_audio_depop_process(nullptr, samples, length, 0.0F); });
     add("de-pop" + n + ", plain", count,
-        [](float* samples, std::int32_t length) { bench::plain::subtract_previous(samples, length, 0.05F); });
+        [](float* samples, std::int32_t length) { bench::plain::subtract_previous(samples, length, 0.0F); });
     bench::require_gain("de-pop" + n + ", against plain", "de-pop" + n + ", plain", "de-pop" + n + ", library",
                         least_at(count, 3.0));
     const auto pcm = std::make_shared<std::vector<std::int16_t>>(static_cast<std::size_t>(count));

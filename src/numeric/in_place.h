@@ -1,6 +1,7 @@
 // Stateless operations on a block, in place and in single precision.
 #pragma once
 
+#include <emmintrin.h>
 #include <stdint.h>
 
 namespace numeric {
@@ -19,13 +20,21 @@ inline void subtract_previous(float* samples, int32_t count, float coef) {
 
 } // namespace plain
 
-// From the end to the start no input is overwritten before it has been used, and the compiler makes vectors of it.
+// From the end to the start no input is overwritten before it has been used.
 inline void subtract_previous(float* samples, int32_t count, float coef) {
-    for (int32_t i = count - 1; i > 0; --i) {
-        samples[i] = samples[i] - samples[i - 1] * coef;
+    const __m128 coefs = _mm_set1_ps(coef);
+    int32_t left = count;
+    for (; left > 8; left -= 8) {
+        float* last = samples + left - 8;
+        const __m128 low = _mm_mul_ps(_mm_loadu_ps(last - 1), coefs);
+        const __m128 high = _mm_mul_ps(_mm_loadu_ps(last + 3), coefs);
+        _mm_storeu_ps(last, _mm_sub_ps(_mm_loadu_ps(last), low));
+        _mm_storeu_ps(last + 4, _mm_sub_ps(_mm_loadu_ps(last + 4), high));
     }
+    plain::subtract_previous(samples, left, coef);
 }
 
+// The compiler makes vectors of this one by itself.
 inline void multiply(float* samples, int32_t count, float gain) {
     for (int32_t i = 0; i < count; ++i) {
         samples[i] *= gain;

@@ -113,15 +113,21 @@ inline void group_means(const float* in, int32_t ratio, float* out, int32_t coun
 }
 
 // Where the step is a whole number the fraction is exactly 0, and x0 * 1 + 0 * x1 gives the same bits in single
-// precision. Returns how many outputs, from the first of the block, have a neighbour and are done.
+// precision. Returns how many outputs, from the first of the block, are done. Of the `in_count / step` outputs at most
+// only the last of them all can be without a neighbour, at a step of 1.
 inline int32_t interpolate_at_whole_steps(const float* in, int32_t in_count, int32_t step, float* out, int32_t count) {
     const __m128 nothing = _mm_setzero_ps();
-    const int32_t with_neighbour = std::min(count, (in_count - 2) / step + 1);
-    const int32_t whole = with_neighbour & ~3;
+    const int32_t whole = std::min(count, in_count - 1) & ~3;
     for (int32_t i = 0; i < whole; i += 4) {
         const float* left = in + static_cast<std::ptrdiff_t>(i) * step;
-        const __m128 x0 = step == 1 ? _mm_loadu_ps(left) : strided(left, step);
-        const __m128 x1 = step == 1 ? _mm_loadu_ps(left + 1) : strided(left + 1, step);
+        __m128 x0 = _mm_loadu_ps(left);
+        __m128 x1 = _mm_loadu_ps(left + 1);
+        if (step > 1) {
+            const __m128 pairs01 = strided_pairs(left, step);
+            const __m128 pairs23 = strided_pairs(left + 2 * static_cast<std::ptrdiff_t>(step), step);
+            x0 = _mm_shuffle_ps(pairs01, pairs23, _MM_SHUFFLE(2, 0, 2, 0));
+            x1 = _mm_shuffle_ps(pairs01, pairs23, _MM_SHUFFLE(3, 1, 3, 1));
+        }
         _mm_storeu_ps(out + i, _mm_add_ps(x0, _mm_mul_ps(nothing, x1)));
     }
     return whole;

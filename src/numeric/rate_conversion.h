@@ -54,7 +54,7 @@ inline __m128 strided_pairs(const float* in, std::ptrdiff_t stride) {
 }
 
 // Four groups at a time, one in each lane, taken two inputs at a time.
-[[gnu::always_inline]] inline void group_means_in_lanes(const float* in, int32_t ratio, float* out, int32_t count) {
+inline void group_means_in_lanes(const float* in, int32_t ratio, float* out, int32_t count) {
     const std::ptrdiff_t stride = ratio;
     const __m128 divisor = _mm_set1_ps(static_cast<float>(ratio));
     for (int32_t i = 0; i < count; i += 4) {

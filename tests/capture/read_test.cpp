@@ -51,9 +51,11 @@ protected:
         float peak;
     };
 
-    // A read into a buffer that ends at a guard page; only elements that were returned may have been written.
+    // A read into a buffer that ends, or every other time begins, at a guard page. Only elements that were returned may
+    // have been written.
     static outcome read_once(wrapper_audio_ctx* ctx, int32_t ms, int32_t capacity) {
-        guarded_buffer<int16_t> pcm(static_cast<size_t>(capacity));
+        static int reads = 0;
+        guarded_buffer<int16_t> pcm(static_cast<size_t>(capacity), ++reads % 2 == 0 ? guard::before : guard::behind);
         std::fill_n(pcm.data(), capacity, int16_t{-32768});
         outcome result{0, {}, -7.0F, -7.0F};
         result.count = wrapper_audio_read(ctx, ms, pcm.data(), capacity, &result.rms, &result.peak);

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cstddef>
-#include <new>
+#include <cstdlib>
 
 enum class guard { behind, before };
 
@@ -18,7 +18,7 @@ public:
         const std::size_t room = (bytes + page - 1) / page * page;
         size_ = room + 2 * page;
         map_ = mmap(nullptr, size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (map_ == MAP_FAILED) throw std::bad_alloc();
+        if (map_ == MAP_FAILED) std::abort();
         std::byte* start = static_cast<std::byte*>(map_) + page;
         if (room > 0) mprotect(start, room, PROT_READ | PROT_WRITE);
         data_ = reinterpret_cast<T*>(side == guard::behind ? start + (room - bytes) : start);

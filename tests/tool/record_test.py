@@ -1,112 +1,26 @@
-"""Runs `wrapper-audio record` on a microphone that hears a file, and looks at what comes out.
-
-HOST is the program under test, SCRIPTED_MICROPHONE the library that gives the file microphone pace and failures.
-"""
+"""`wrapper-audio record` into files: what it keeps, and how it ends."""
 
 import math
 import os
-import pty
 import random
-import re
 import resource
 import signal
-import struct
-import subprocess
-import tempfile
-import time
 import unittest
-import wave
-from pathlib import Path
 
-HOST = os.environ["HOST"]
-SCRIPTED_MICROPHONE = os.environ["SCRIPTED_MICROPHONE"]
-ROOT = Path(__file__).resolve().parents[2]
-SPEECH = ROOT / "tests/data/speech_in_noise_48k.raw"
-
-FINE, USAGE, NO_INPUT_DEVICE, OPEN_FAILED, READ_FAILED, FILE_TROUBLE = 0, 2, 3, 4, 5, 6
-HEADER_BYTES = 44
-
-NO_DEVICE = "pcm.nothing { type hw card 99 }\n"  # PortAudio aborts when there is no definition at all
-
-
-def decibels(level):
-    return 20 * math.log10(level) if level > 0 else -math.inf
-
-
-def rms(samples):
-    return math.sqrt(sum(s * s for s in samples) / len(samples)) / 32767
-
-
-class HostTest(unittest.TestCase):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="record test ")
-        self.addCleanup(folder.cleanup)
-        self.folder = Path(folder.name)
-        self.file = self.folder / "out.wav"
-
-    def listen_to(self, raw, rate=48000):
-        """Makes a file the microphone of the hosts started from now on."""
-        subprocess.run(
-            [ROOT / "scripts/file-microphone", raw, ".", str(rate)],
-            cwd=self.folder,
-            check=True,
-            stdout=subprocess.DEVNULL,
-        )
-
-    def listen_to_samples(self, samples):
-        raw = self.folder / 'a "made-up" sound.raw'
-        raw.write_bytes(struct.pack(f"<{len(samples)}h", *samples))
-        self.listen_to(raw)
-
-    def start(self, *arguments, microphone=None, **options):
-        # The configuration has a relative name, since ALSA would take a path with a space for two.
-        environment = dict(os.environ, ALSA_CONFIG_PATH="microphone.conf", JACK_NO_START_SERVER="1")
-        if microphone is not None:
-            environment["LD_PRELOAD"] = SCRIPTED_MICROPHONE
-            environment["ASAN_OPTIONS"] = "verify_asan_link_order=0:" + environment.get("ASAN_OPTIONS", "")
-            environment.update(microphone)
-        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True, **options}
-        process = subprocess.Popen(
-            [HOST, "record", *map(str, arguments)],
-            cwd=self.folder,
-            env=environment,
-            stdin=subprocess.DEVNULL,
-            **options,
-        )
-        self.addCleanup(self.end, process)
-        return process
-
-    @staticmethod
-    def end(process):
-        if process.poll() is None:
-            process.kill()
-        process.communicate()
-
-    def record(self, *arguments, **options):
-        """Returns (exit code, standard output, standard error)."""
-        process = self.start(*arguments, **options)
-        output, errors = process.communicate(timeout=60)
-        return process.returncode, output, errors
-
-    def recorded(self, rate, complete=True):
-        """The samples of the WAV file, once its header has been found right."""
-        with wave.open(str(self.file), "rb") as wav:
-            self.assertEqual((wav.getnchannels(), wav.getsampwidth(), wav.getframerate()), (1, 2, rate))
-            data = wav.readframes(wav.getnframes())
-            self.assertEqual(len(data), 2 * wav.getnframes(), "the header promises more than the file holds")
-        content = self.file.read_bytes()
-        if complete:
-            self.assertEqual(len(content), HEADER_BYTES + len(data))
-            self.assertEqual(int.from_bytes(content[4:8], "little"), len(content) - 8)
-        return struct.unpack(f"<{len(data) // 2}h", data)
-
-    def check_result_line(self, line, rate, samples):
-        match = re.fullmatch(r"(.*): (\S+) s at (\d+) Hz, peak (\S+) dBFS, RMS (\S+) dBFS\n", line)
-        self.assertIsNotNone(match, line)
-        self.assertEqual((match[1], int(match[3])), (str(self.file), rate))
-        self.assertAlmostEqual(float(match[2]), len(samples) / rate, delta=0.0051)
-        self.assertAlmostEqual(float(match[4]), decibels(max(map(abs, samples)) / 32767), delta=0.051)
-        self.assertAlmostEqual(float(match[5]), decibels(rms(samples)), delta=0.051)
+from host import (
+    FILE_TROUBLE,
+    FINE,
+    HEADER_BYTES,
+    NO_DEVICE,
+    NO_INPUT_DEVICE,
+    OPEN_FAILED,
+    READ_FAILED,
+    SPEECH,
+    USAGE,
+    HostTest,
+    decibels,
+    rms,
+)
 
 
 class Recording(HostTest):
@@ -168,15 +82,8 @@ class Recording(HostTest):
         self.listen_to(SPEECH, 44100)
         code, _, errors = self.record("--denoise", "--seconds", 1, self.file)
         self.assertEqual(code, FINE)
-        self.assertRegex(errors, r"\Awrapper-audio: not denoised: .*44100 Hz.*\n\Z")
+        self.assertRegex(errors, r"\Awrapper-audio: denoise inactive: the device runs at 44100 Hz, it needs 48000; .*\n\Z")
         self.assertEqual(len(self.recorded(16000)), 16000)
-
-    def test_an_unknown_device_is_reported_and_the_default_one_recorded(self):
-        self.listen_to(SPEECH)
-        code, output, errors = self.record("--device", "ALSA:no such thing", "--seconds", 1, self.file)
-        self.assertEqual(code, FINE)
-        self.assertRegex(errors, r"\A\[audio_wrapper\] WARN .*ALSA:no such thing.*\n\Z")
-        self.check_result_line(output, 16000, self.recorded(16000))
 
     def test_a_named_device_is_recorded(self):
         self.listen_to(SPEECH)
@@ -191,23 +98,19 @@ class Recording(HostTest):
 
     def test_a_terminal_gets_one_line_redrawn_in_place(self):
         self.listen_to(SPEECH)
-        ours, theirs = pty.openpty()
-        self.addCleanup(os.close, ours)
-        process = self.start("--seconds", 0.5, self.file, microphone={"MICROPHONE_PACED": "1"}, stderr=theirs)
-        process.wait(timeout=60)
-        os.close(theirs)
-        drawn = b""
-        try:
-            while part := os.read(ours, 65536):
-                drawn += part
-        except OSError:  # the other end is closed and everything read
-            pass
-        self.assertEqual(drawn.count(b"\n"), 1)
-        redraws = drawn.decode().rstrip("\r\n").split("\r")[1:]
+        code, drawn = self.in_terminal(
+            *("record", "--seconds", 0.5, self.file),
+            columns=80,
+            streams=["stderr"],
+            microphone={"MICROPHONE_PACED": "1"},
+            environment={"LC_ALL": "C", "NO_COLOR": "1"},
+        )
+        self.assertEqual((code, drawn.count("\n")), (FINE, 1))
+        redraws = drawn.rstrip("\r\n").split("\r")[1:]
         self.assertEqual([line[:8].strip() for line in redraws], ["0:00.1", "0:00.2", "0:00.3", "0:00.4", "0:00.5"])
         for line in redraws:
-            self.assertRegex(line, r"\A +0:00\.\d \[[ =]*\|[ =]*\] +-\d+\.\d dBFS     \Z")
-            self.assertLess(len(line), 80)
+            self.assertRegex(line, r"\A +0:00\.\d \[=*-*\|? *\] RMS +-\d+\.\d peak +-\d+\.\d dBFS     \Z")
+            self.assertEqual(len(line), 79)
 
 
 class Ending(HostTest):
@@ -218,12 +121,8 @@ class Ending(HostTest):
         self.listen_to(SPEECH)
 
     def start_recording(self):
-        process = self.start(self.file, microphone={"MICROPHONE_PACED": "1"})
-        deadline = time.monotonic() + 30
-        while not (self.file.exists() and self.file.stat().st_size > HEADER_BYTES + 10000):
-            self.assertIsNone(process.poll(), "the host has ended by itself")
-            self.assertLess(time.monotonic(), deadline, "nothing is recorded")
-            time.sleep(0.01)
+        process = self.start("record", self.file, microphone={"MICROPHONE_PACED": "1"})
+        self.wait_for(lambda: self.file.exists() and self.file.stat().st_size > HEADER_BYTES + 10000, process)
         return process
 
     def test_an_interrupt_ends_the_recording_in_good_order(self):
@@ -248,11 +147,6 @@ class Ending(HostTest):
 
 
 class Failure(HostTest):
-    def assert_failed(self, result, code, words):
-        self.assertEqual(result[0], code, result)
-        self.assertRegex(result[2], words)
-        self.assertEqual(result[1], "")
-
     def test_wrong_arguments_are_refused(self):
         self.listen_to(SPEECH)
         wrong = [
@@ -311,14 +205,14 @@ class Failure(HostTest):
 
     def test_no_input_device(self):
         (self.folder / "microphone.conf").write_text(NO_DEVICE)
-        self.assert_failed(self.record(self.file), NO_INPUT_DEVICE, r"(?s)\A\[audio_wrapper\] .*no input device\n\Z")
+        self.assert_failed(self.record(self.file), NO_INPUT_DEVICE, r"(?s)\A\[audio_wrapper\] .*there is no input device\n\Z")
         self.assertFalse(self.file.exists())
 
     def test_a_device_that_does_not_open_leaves_an_older_file_alone(self):
         self.listen_to(SPEECH)
         self.file.write_bytes(b"older")
         result = self.record(self.file, microphone={"MICROPHONE_REFUSES": "1"})
-        self.assert_failed(result, OPEN_FAILED, r"(?s)Device unavailable.*could not be opened\n\Z")
+        self.assert_failed(result, OPEN_FAILED, r"(?s)Device unavailable.*could not be opened\. .*\n\Z")
         for line in result[2].splitlines():
             self.assertRegex(line, r"\A(\[audio_wrapper\]|wrapper-audio:) ")
         self.assertEqual(self.file.read_bytes(), b"older")

@@ -1,0 +1,27 @@
+/**
+ * How the program ends.
+ */
+#ifndef FAILURE_H
+#define FAILURE_H
+
+#include <stdexcept>
+#include <string>
+
+enum exit_code {
+    fine = 0,
+    unexpected = 1,
+    usage = 2,
+    no_input_device = 3,
+    open_failed = 4,
+    read_failed = 5,
+    file_trouble = 6
+};
+
+/** Ends the command with one sentence for the user, who need not know the program from inside. */
+class failure : public std::runtime_error {
+public:
+    failure(exit_code ends_with, const std::string& sentence) : std::runtime_error(sentence), code(ends_with) {}
+    const exit_code code;
+};
+
+#endif

@@ -173,7 +173,10 @@ std::optional<exit_code> parser::parse(int argc, char** argv, command_line& want
     } catch (const CLI::ParseError& error) {
         const auto named = app.get_subcommands();
         const std::string command = named.empty() ? "" : " " + named.front()->get_name();
-        std::cerr << fmt::format("wrapper-audio: {}\nTry `wrapper-audio{} --help`.\n", error.what(), command);
+        const std::string sentence = named.empty() && argc > 1 && argv[1][0] != '-'
+                                         ? fmt::format("there is no command '{}'", argv[1])
+                                         : std::string(error.what());
+        std::cerr << fmt::format("wrapper-audio: {}\nTry `wrapper-audio{} --help`.\n", sentence, command);
         return usage;
     }
     wanted.loudness = common.quiet     ? console::loudness::quiet

@@ -111,15 +111,15 @@ int on_stall(stall_guard::reason reason) {
 }
 
 /** Half a second of sound. */
-level listen(microphone& opened) {
+level listen(microphone& opened, int block_ms) {
     std::vector<std::int16_t> samples(16000 / 10 + 1);
     level heard;
     stop_on_signals();
     stall_guard guard(on_stall);
-    for (int reads = 0; reads < 5 && !stop_requested(); ++reads) {
+    for (int reads = 0; reads * block_ms < 500 && !stop_requested(); ++reads) {
         std::int32_t got = 0;
         guard.watch([&] {
-            got = wrapper_audio_read(opened.get(), 100, samples.data(), static_cast<std::int32_t>(samples.size()),
+            got = wrapper_audio_read(opened.get(), block_ms, samples.data(), static_cast<std::int32_t>(samples.size()),
                                      nullptr, nullptr);
         });
         if (got < 0 && !stop_requested()) throw failure(read_failed, "the device opens, but reading from it fails");
@@ -160,11 +160,11 @@ void report_back_ends() {
 }
 
 void report_opening(const std::string& wanted) {
-    const std::string id = choose_input(wanted);
+    const auto [id, is_jack] = choose_input(wanted);
     print(fmt::format("\nOpening {}\n", id.empty() ? "the default input" : printable(id)));
     microphone opened(16000, true, id);
     print(fmt::format("  '{}' opens and runs at {} Hz\n", printable(opened.name()), opened.device_rate()));
-    const level heard = listen(opened);
+    const level heard = listen(opened, is_jack ? jack_block_ms : 100);
     if (heard.peak() > 0)
         print(fmt::format("  half a second of it: peak {} dBFS, RMS {} dBFS\n", decibel_text(heard.peak()),
                           decibel_text(heard.rms())));

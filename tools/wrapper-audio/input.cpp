@@ -27,10 +27,14 @@ std::string with_candidates(const std::string& sentence, const std::vector<std::
     return text;
 }
 
+bool is_jack(const std::string& id) {
+    return id.starts_with("JACK Audio Connection Kit:");
+}
+
 /** The ids of the inputs, each once: of two devices with the same id only the first can be reached. */
-std::vector<std::string> input_ids() {
+std::vector<std::string> input_ids(const std::vector<device>& devices) {
     std::vector<std::string> ids;
-    for (const device& each : parse_device_list(device_list_text()))
+    for (const device& each : devices)
         if (each.can_capture && std::find(ids.begin(), ids.end(), each.id) == ids.end()) ids.push_back(each.id);
     return ids;
 }
@@ -57,15 +61,18 @@ std::vector<device> parse_device_list(const std::string& json) {
     return devices;
 }
 
-std::string choose_input(const std::string& wanted) {
-    if (wanted.empty()) return wanted;
-    const std::vector<std::string> ids = input_ids();
+chosen_input choose_input(const std::string& wanted) {
+    const std::vector<device> devices = parse_device_list(device_list_text());
+    if (wanted.empty())
+        return {"", std::any_of(devices.begin(), devices.end(),
+                                [](const device& each) { return each.is_default && is_jack(each.id); })};
+    const std::vector<std::string> ids = input_ids(devices);
     if (ids.empty()) throw failure(no_input_device, "there is no input device");
-    if (std::find(ids.begin(), ids.end(), wanted) != ids.end()) return wanted;
+    if (std::find(ids.begin(), ids.end(), wanted) != ids.end()) return {wanted, is_jack(wanted)};
     std::vector<std::string> matches;
     for (const std::string& id : ids)
         if (folded(id).find(folded(wanted)) != std::string::npos) matches.push_back(id);
-    if (matches.size() == 1) return matches.front();
+    if (matches.size() == 1) return {matches.front(), is_jack(matches.front())};
     if (matches.empty())
         throw failure(usage,
                       with_candidates(fmt::format("no input device matches '{}'. There are:", printable(wanted)), ids));

@@ -23,11 +23,23 @@ std::string device_list_text();
 /** Throws a failure when the text is no list, which it is not when it had to be cut. */
 std::vector<device> parse_device_list(const std::string& json);
 
+struct chosen_input {
+    std::string id; // "": the default
+    bool is_jack = false;
+};
+
 /**
- * The id of the one input device that `wanted` means: its exact id, or a part of it in whatever case. "" stays "",
- * the default. Throws a failure that lists the candidates when there is none or several.
+ * The one input device that `wanted` means: its exact id, or a part of it in whatever case; "" is the default. Throws a
+ * failure that lists the candidates when there is none or several.
  */
-std::string choose_input(const std::string& wanted);
+chosen_input choose_input(const std::string& wanted);
+
+/**
+ * The only block that may be read from a JACK device. PortAudio 19.6 counts its samples there as twice as long as they
+ * are: it fills twice the buffer that it is given, and the sound is whole only when the block is that of the stream.
+ * The library opens streams with blocks of 30 ms and holds room for 100.
+ */
+constexpr int jack_block_ms = 30;
 
 /** Throws the failure of a device that did not open: there is none, or it refuses, or `id` is gone meanwhile. */
 [[noreturn]] void report_open_failure(const std::string& log, const std::string& id);

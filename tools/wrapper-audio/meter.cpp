@@ -18,19 +18,38 @@
 namespace {
 
 constexpr int block_ms = 30; // what the library measures at a time
+static_assert(block_ms == jack_block_ms);
 
 struct closer {
     void operator()(wrapper_audio_meter* open) const { wrapper_audio_meter_close(open); }
 };
 using open_meter = std::unique_ptr<wrapper_audio_meter, closer>;
 
-open_meter open(const std::string& id) {
-    open_meter opened;
-    const std::string log = console::listen_to([&] { opened.reset(wrapper_audio_meter_open(id.c_str())); });
-    if (!opened) report_open_failure(log, id);
-    check_for_fallback(log, id);
-    return opened;
-}
+/** What there is to measure. */
+class listener {
+public:
+    explicit listener(const chosen_input& input) {
+        if (input.is_jack) { // a meter has no room for what PortAudio writes there, a context has
+            context = std::make_unique<microphone>(48000, false, input.id);
+            return;
+        }
+        const std::string log = console::listen_to([&] { meter.reset(wrapper_audio_meter_open(input.id.c_str())); });
+        if (!meter) report_open_failure(log, input.id);
+        check_for_fallback(log, input.id);
+    }
+
+    /** Returns the number of samples measured, below 1 when the device failed. */
+    int read(float& rms, float& peak) {
+        if (meter) return wrapper_audio_meter_read(meter.get(), &peak, &rms);
+        return wrapper_audio_read(context->get(), block_ms, samples, static_cast<std::int32_t>(std::size(samples)),
+                                  &rms, &peak);
+    }
+
+private:
+    open_meter meter;
+    std::unique_ptr<microphone> context;
+    std::int16_t samples[48000 * block_ms / 1000];
+};
 
 std::int64_t blocks_wanted(const std::optional<double>& seconds) {
     if (!seconds) return std::numeric_limits<std::int64_t>::max();
@@ -89,7 +108,7 @@ int rescue(stall_guard::reason reason) {
 
 exit_code show_meter(const meter_options& wanted) {
     const std::int64_t limit = blocks_wanted(wanted.seconds);
-    const open_meter opened = open(choose_input(wanted.device));
+    listener input(choose_input(wanted.device));
     stop_on_signals();
     stall_guard guard(rescue);
     display shown;
@@ -98,7 +117,7 @@ exit_code show_meter(const meter_options& wanted) {
         int got = 0;
         float rms = 0;
         float peak = 0;
-        guard.watch([&] { got = wrapper_audio_meter_read(opened.get(), &peak, &rms); });
+        guard.watch([&] { got = input.read(rms, peak); });
         console::collect();
         if (got <= 0 && stop_requested()) break;
         if (got <= 0) {

@@ -45,6 +45,15 @@ void check_block(const record_options& wanted) {
                                          *wanted.block_ms, wanted.rate, default_block(wanted.rate, wanted.rate)));
 }
 
+void check_jack_block(const record_options& wanted) {
+    if (wanted.block_ms.value_or(jack_block_ms) != jack_block_ms)
+        throw failure(usage, fmt::format("--block: a JACK device can only be read {} ms at a time", jack_block_ms));
+    if (!is_whole(jack_block_ms, wanted.rate))
+        throw failure(usage, fmt::format("--rate: a JACK device can only be read {} ms at a time, which are no whole "
+                                         "number of samples at {} Hz; record at 48000 and convert with `process`",
+                                         jack_block_ms, wanted.rate));
+}
+
 std::uint64_t samples_wanted(const record_options& wanted, sound_format format) {
     const std::uint64_t limit = sample_limit(format);
     if (!wanted.seconds) return limit;
@@ -109,9 +118,11 @@ private:
 };
 
 exit_code recording::run() {
-    microphone_ = std::make_unique<microphone>(wanted_.rate, wanted_.denoise, choose_input(wanted_.device));
+    const chosen_input input = choose_input(wanted_.device);
+    if (input.is_jack) check_jack_block(wanted_);
+    microphone_ = std::make_unique<microphone>(wanted_.rate, wanted_.denoise, input.id);
     const int device_rate = microphone_->device_rate();
-    block_ms_ = wanted_.block_ms.value_or(default_block(device_rate, wanted_.rate));
+    block_ms_ = input.is_jack ? jack_block_ms : wanted_.block_ms.value_or(default_block(device_rate, wanted_.rate));
     if (wanted_.denoise && device_rate != denoising_rate && device_rate != 0)
         console::note(denoise_inactive(device_rate) + "; `wrapper-audio doctor` tells what to do");
     stop_on_signals();

@@ -1,0 +1,50 @@
+# Completion for wrapper-audio in bash.
+
+# Device ids hold spaces and colons: whole words come out of this, quoted, and bash keeps what it has typed so far.
+_wrapper_audio_devices() {
+    local current=$1 id
+    while IFS= read -r id; do
+        [[ ${id,,} == "${current,,}"* ]] && COMPREPLY+=("$(printf '%q' "$id")")
+    done < <(wrapper-audio devices --ids --quiet 2>/dev/null)
+    # After a colon bash completes only what follows it.
+    if [[ $current == *:* && $COMP_WORDBREAKS == *:* ]]; then
+        local typed=${current%"${current##*:}"} i
+        for i in "${!COMPREPLY[@]}"; do
+            COMPREPLY[i]=${COMPREPLY[i]#"$(printf '%q' "$typed")"}
+        done
+    fi
+}
+
+_wrapper_audio() {
+    local line=${COMP_LINE:0:COMP_POINT} command=${COMP_WORDS[1]} current=${COMP_WORDS[COMP_CWORD]}
+    local common='--help --quiet --verbose' effects='--highpass --depop --agc'
+    COMPREPLY=()
+    if ((COMP_CWORD == 1)); then
+        mapfile -t COMPREPLY < <(compgen -W 'devices meter record process doctor --help --version' -- "$current")
+        return
+    fi
+    if [[ $line =~ (--device|-d)[[:space:]]+([^[:space:]]*)$ ]]; then
+        _wrapper_audio_devices "${BASH_REMATCH[2]}"
+        return
+    fi
+    case $command:${COMP_WORDS[COMP_CWORD - 1]} in
+    *:--rate | *:-r) mapfile -t COMPREPLY < <(compgen -W '8000 16000 22050 24000 44100 48000' -- "$current"); return ;;
+    *:--seconds | *:--block | *:--highpass | *:--depop | *:--agc) return ;;
+    esac
+    if [[ $current == -* ]]; then
+        local options=$common
+        case $command in
+        devices) options+=' --json --ids --all' ;;
+        meter) options+=' --device --seconds' ;;
+        record) options+=" --device --rate --denoise --seconds --block $effects" ;;
+        process) options+=" --rate $effects" ;;
+        doctor) options+=' --device' ;;
+        esac
+        mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
+    elif [[ $command == record || $command == process ]]; then
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+    fi
+}
+
+complete -F _wrapper_audio wrapper-audio

@@ -238,9 +238,29 @@ class Failure(HostTest):
 
     def test_the_last_word_of_a_crash_in_portaudio_is_shown(self):
         self.listen_to(SPEECH)
-        code, _, errors = self.record(self.file, microphone={"MICROPHONE_ABORTS": "1"})
-        self.assertEqual(code, -signal.SIGABRT)
-        self.assertIn("the microphone's last word\n", errors)
+        for how in "abort", "fault", "exit":
+            with self.subTest(how=how):
+                code, _, errors = self.record(self.file, microphone={"MICROPHONE_ENDS": how})
+                self.assertNotEqual(code, FINE)
+                self.assertIn("the microphone's last word\n", errors)
+                self.assertIn("[audio_wrapper] ctx_create", errors)
+
+    def test_a_device_that_stalls_ends_the_recording(self):
+        self.listen_to(SPEECH)
+        stalled = {"MICROPHONE_STALLS_AFTER": "7"}
+        with self.subTest("by itself"):
+            code, output, errors = self.record(self.file, microphone=stalled)
+            self.assertEqual(code, READ_FAILED)
+            self.assertRegex(errors, "no sound has come for 5 seconds")
+            self.check_result_line(output, 16000, self.recorded(16000))
+        self.file.unlink()
+        with self.subTest("by Ctrl-C"):
+            process = self.start("record", self.file, microphone=stalled)
+            self.wait_for(lambda: self.file.exists() and self.file.stat().st_size == HEADER_BYTES + 7 * 3200, process)
+            process.send_signal(signal.SIGINT)
+            output, errors = process.communicate(timeout=4)
+            self.assertEqual((process.returncode, errors), (FINE, ""))
+            self.assertEqual(len(self.recorded(16000)), 7 * 1600)
 
 
 if __name__ == "__main__":

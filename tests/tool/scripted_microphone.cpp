@@ -5,14 +5,17 @@
  *     MICROPHONE_PACED=1          a read takes as long as its sound lasts
  *     MICROPHONE_FAILS_AFTER=N    reads fail once N of them have gone well
  *     MICROPHONE_REFUSES=1        no stream opens
- *     MICROPHONE_ABORTS=1         the process ends itself with a last word while a stream is opened
+ *     MICROPHONE_STALLS_AFTER=N   reads block for ever once N of them have gone well
+ *     MICROPHONE_ENDS=HOW         the process ends with a last word while a stream is opened: by abort, fault or exit
  */
 #include <dlfcn.h>
 #include <portaudio.h>
+#include <sys/mman.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <thread>
 
 namespace {
@@ -22,23 +25,34 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+void end_the_process(const std::string& how) {
+    std::fputs("the microphone's last word\n", stderr);
+    if (how == "abort") std::abort();
+    if (how == "fault")
+        *static_cast<volatile int*>(mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) = 1;
+    std::exit(77);
+}
+
+bool is_over(const char* limit, int reads) {
+    return limit != nullptr && reads >= std::atoi(limit);
+}
+
 } // namespace
 
 extern "C" PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* input, const PaStreamParameters* output,
                                  double rate, unsigned long frames, PaStreamFlags flags, PaStreamCallback* callback,
                                  void* data) {
-    if (std::getenv("MICROPHONE_ABORTS") != nullptr) {
-        std::fputs("the microphone's last word\n", stderr);
-        std::abort();
-    }
+    if (const char* how = std::getenv("MICROPHONE_ENDS"); how != nullptr) end_the_process(how);
     if (std::getenv("MICROPHONE_REFUSES") != nullptr) return paDeviceUnavailable;
     return next<decltype(Pa_OpenStream)>("Pa_OpenStream")(stream, input, output, rate, frames, flags, callback, data);
 }
 
 extern "C" PaError Pa_ReadStream(PaStream* stream, void* buffer, unsigned long frames) {
     static int reads = 0;
-    const char* limit = std::getenv("MICROPHONE_FAILS_AFTER");
-    if (limit != nullptr && reads++ >= std::atoi(limit)) return paUnanticipatedHostError;
+    if (is_over(std::getenv("MICROPHONE_FAILS_AFTER"), reads)) return paUnanticipatedHostError;
+    while (is_over(std::getenv("MICROPHONE_STALLS_AFTER"), reads))
+        std::this_thread::sleep_for(std::chrono::hours(1));
+    ++reads;
     if (std::getenv("MICROPHONE_PACED") != nullptr) {
         const double rate = Pa_GetStreamInfo(stream)->sampleRate;
         std::this_thread::sleep_for(std::chrono::duration<double>(static_cast<double>(frames) / rate));

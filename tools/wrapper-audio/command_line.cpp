@@ -48,12 +48,12 @@ private:
 
 /** Turns what a parsing function throws into CLI11's error. */
 template <class Value>
-CLI::callback_t value_of(std::optional<Value>& to, Value (*parse_text)(const std::string&)) {
-    return [&to, parse_text](const CLI::results_t& texts) {
+CLI::callback_t value_of(const char* option, std::optional<Value>& to, Value (*parse_text)(const std::string&)) {
+    return [option, &to, parse_text](const CLI::results_t& texts) {
         try {
             to = parse_text(texts.at(0));
         } catch (const std::invalid_argument& error) {
-            throw CLI::ValidationError(error.what());
+            throw CLI::ValidationError(option, error.what());
         }
         return true;
     };
@@ -91,14 +91,14 @@ void parser::add_device(CLI::App* command, std::string& device) {
 
 void parser::add_effects(CLI::App* command, effect_options& effects) {
     command
-        ->add_option("--highpass", value_of(effects.highpass, parse_high_pass),
+        ->add_option("--highpass", value_of("--highpass", effects.highpass, parse_high_pass),
                      "remove rumble below this corner; Q is 0.707 if not given")
         ->type_name("HZ[:Q]");
     command->add_option("--depop", effects.depop, "subtract this share of the sample before, 0 to 1, against pops")
         ->check(CLI::Range(0.0, 1.0).description(""))
         ->type_name("COEF");
     command
-        ->add_option("--agc", value_of(effects.agc, parse_gain_control),
+        ->add_option("--agc", value_of("--agc", effects.agc, parse_gain_control),
                      "steer the RMS level to DB, such as -20, within RELEASE_MS (200 if not given)")
         ->type_name("DB[:RELEASE_MS]");
 }

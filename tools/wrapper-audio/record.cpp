@@ -35,14 +35,12 @@ int default_block(int device_rate, int rate) {
     return 100;
 }
 
-void check_block(const record_options& wanted) {
-    if (!wanted.block_ms) return;
-    if (wanted.denoise && *wanted.block_ms % 10 != 0)
-        throw failure(usage, "--block: denoising works on whole 10 ms, so this must be a multiple of 10");
-    if (!is_whole(*wanted.block_ms, wanted.rate))
-        throw failure(usage, fmt::format("--block: {} ms are no whole number of samples at {} Hz, and the rest of each "
-                                         "block would be lost; {} ms would do",
-                                         *wanted.block_ms, wanted.rate, default_block(wanted.rate, wanted.rate)));
+/** Refuses a block that loses the rest of itself at this rate, which is the file's or the device's. */
+void check_block(const record_options& wanted, int rate, const char* whose) {
+    if (!wanted.block_ms || is_whole(*wanted.block_ms, rate)) return;
+    throw failure(usage, fmt::format("--block: {} ms are no whole number of samples at {} Hz, the rate of {}, and the "
+                                     "rest of each block would be lost; {} ms would do",
+                                     *wanted.block_ms, rate, whose, default_block(rate, wanted.rate)));
 }
 
 void check_jack_block(const record_options& wanted) {
@@ -122,6 +120,7 @@ exit_code recording::run() {
     if (input.is_jack) check_jack_block(wanted_);
     microphone_ = std::make_unique<microphone>(wanted_.rate, wanted_.denoise, input.id);
     const int device_rate = microphone_->device_rate();
+    check_block(wanted_, device_rate, "the device");
     block_ms_ = input.is_jack ? jack_block_ms : wanted_.block_ms.value_or(default_block(device_rate, wanted_.rate));
     if (wanted_.denoise && device_rate != denoising_rate && device_rate != 0)
         console::note(denoise_inactive(device_rate) + "; `wrapper-audio doctor` tells what to do");
@@ -217,7 +216,9 @@ exit_code recording::rescue(stall_guard::reason reason) {
 } // namespace
 
 exit_code record(const record_options& wanted) {
-    check_block(wanted);
+    if (wanted.denoise && wanted.block_ms.value_or(10) % 10 != 0)
+        throw failure(usage, "--block: denoising works on whole 10 ms, so this must be a multiple of 10");
+    check_block(wanted, wanted.rate, "the file");
     if (wanted.effects.highpass && wanted.effects.highpass->corner_hz * 2 >= static_cast<float>(wanted.rate))
         throw failure(usage, fmt::format("--highpass: the corner must be below half the rate, {} Hz", wanted.rate / 2));
     return recording(wanted).run();

@@ -1,0 +1,289 @@
+"""`wrapper-audio record` and `process`: formats, pipes, effects and the conversion of rates, sample by sample."""
+
+import itertools
+import math
+import random
+import struct
+import unittest
+import wave
+
+from host import FILE_TROUBLE, FINE, SPEECH, USAGE, HostTest, decibels, rms
+
+EFFECTS = ["--depop", "0.3", "--highpass", "100:0.8", "--agc", "-35:300"]
+
+
+def heard(samples):
+    """What the library makes of 16-bit samples of a device at the same rate: rounded toward zero."""
+    return [s - (s > 0) + (s < 0) for s in samples]
+
+
+class StreamTest(HostTest):
+    def write_wav(self, name, rate, *channels):
+        path = self.folder / name
+        with wave.open(str(path), "wb") as wav:
+            wav.setparams((len(channels), 2, rate, 0, "NONE", ""))
+            wav.writeframes(struct.pack(f"<{len(channels) * len(channels[0])}h", *itertools.chain.from_iterable(zip(*channels))))
+        return path
+
+    def read_raw(self, path):
+        data = path.read_bytes()
+        self.assertEqual(len(data) % 2, 0)
+        return list(struct.unpack(f"<{len(data) // 2}h", data))
+
+    def process(self, source, *arguments):
+        """The samples that come out of `process`."""
+        out = self.folder / "processed.raw"
+        code, output, errors = self.host("process", source, out, *arguments)
+        self.assertEqual((code, errors), (FINE, ""))
+        self.assertRegex(output, r"\Abefore .*\nafter .*\n\Z")
+        return self.read_raw(out)
+
+
+def tone(hertz, rate, seconds, amplitude):
+    return [round(amplitude * math.sin(2 * math.pi * hertz * i / rate)) for i in range(int(rate * seconds))]
+
+
+class Formats(StreamTest):
+    def setUp(self):
+        super().setUp()
+        generator = random.Random(1)
+        self.sound = [generator.randint(-32768, 32767) for _ in range(48000)]
+        self.listen_to_samples(self.sound)
+
+    def test_wav_flac_raw_and_pipe_hold_the_same_samples_bit_for_bit(self):
+        for name in "out.wav", "OUT.FLAC", "out.raw", "out.pcm", "out":
+            with self.subTest(name=name):
+                path = self.folder / name
+                code, output, errors = self.record("--rate", 48000, "--seconds", 1, path)
+                self.assertEqual((code, errors), (FINE, ""))
+                self.assertIn("1.00 s at 48000 Hz, peak 0.0 dBFS", output)
+                samples = self.read_raw(path) if path.suffix in (".raw", ".pcm") else self.process(path)
+                self.assertEqual(samples, heard(self.sound))
+        code, output, errors = self.record("--rate", 48000, "--seconds", 1, "-", text=False)
+        self.assertEqual((code, list(struct.unpack("<48000h", output))), (FINE, heard(self.sound)))
+        self.assertRegex(errors, rb"\Awrapper-audio: standard output: 1\.00 s at 48000 Hz, .*\n\Z")
+
+    def test_blocks_of_any_length_give_the_same_samples(self):
+        for block in 1, 7, 10, 30, 100:
+            path = self.folder / "out.raw"
+            self.assertEqual(self.record("--rate", 48000, "--seconds", 1, "--block", block, path)[0], FINE)
+            self.assertEqual(self.read_raw(path), heard(self.sound))
+
+    def test_blocks_that_lose_samples_are_refused(self):
+        for arguments in (
+            ["--rate", 11025, "--block", 10],
+            ["--denoise", "--block", 15],
+            ["--block", 0],
+            ["--block", 101],
+        ):
+            self.assert_failed(self.record(*arguments, self.file), USAGE, "--block")
+        self.listen_to(SPEECH, 44100)
+        self.assert_failed(self.record("--block", 7, self.file), USAGE, "44100 Hz, the rate of the device")
+        self.assertFalse(self.file.exists())
+
+    def test_other_extensions_and_terminals_are_refused(self):
+        self.assert_failed(self.record("--seconds", 1, "out.mp3"), USAGE, r"\.wav, \.flac or \.raw")
+        code, shown = self.in_terminal("record", "--seconds", 1, "-")
+        self.assertEqual(code, USAGE)
+        self.assertRegex(shown, "not written to a terminal")
+
+    def test_a_closed_pipe_ends_the_recording_quietly(self):
+        process = self.start("record", "-", text=False)
+        self.assertEqual(len(process.stdout.read(1000)), 1000)
+        process.stdout.close()
+        self.assertEqual((process.wait(timeout=20), process.stderr.read()), (FINE, b""))
+
+    def test_full_disks_are_reported(self):
+        for name in "full.raw", "full.flac":
+            with self.subTest(name=name):
+                (self.folder / name).symlink_to("/dev/full")
+                code, _, errors = self.record("--seconds", 2, self.folder / name)
+                self.assertEqual(code, FILE_TROUBLE)
+                self.assertRegex(errors, rf"\Awrapper-audio: cannot write .*{name}: \S.*\n\Z")
+        with open("/dev/full", "w") as full:
+            code, _, errors = self.record("--seconds", 1, "-", stdout=full)
+            self.assertEqual(code, FILE_TROUBLE)
+            self.assertRegex(errors, "cannot write standard output: No space left")
+            self.assertEqual(self.host("devices", stdout=full)[0], FILE_TROUBLE)
+            self.assertEqual(self.host("meter", "--seconds", 1, stdout=full)[0], FILE_TROUBLE)
+            self.assertEqual(self.host("--help", stdout=full)[0], FILE_TROUBLE)
+
+    def test_a_killed_flac_and_raw_file_keep_what_was_heard(self):
+        for name, least in ("out.flac", 8000), ("out.raw", 8000):
+            with self.subTest(name=name):
+                path = self.folder / name
+                process = self.start("record", path, microphone={"MICROPHONE_PACED": "1"})
+                self.wait_for(lambda: path.exists() and path.stat().st_size > 2 * least, process)
+                process.kill()
+                process.wait()
+                samples = self.read_raw(path) if name.endswith("raw") else self.process(path)
+                self.assertGreaterEqual(len(samples), least)
+
+    def test_quiet_says_nothing_and_verbose_everything(self):
+        self.assertEqual(self.record("-q", "--seconds", 1, self.file), (FINE, "", ""))
+        code, _, errors = self.record("-v", "--seconds", 1, self.file)
+        self.assertEqual(code, FINE)
+        self.assertRegex(errors, r"(?m)^\[audio_wrapper\] ctx_create ")
+        self.assertRegex(errors, r"(?mi)^[^\[].*jack")
+
+    def test_silence_is_reported_once_after_two_seconds(self):
+        self.listen_to_samples([0] * 48000)
+        said = "wrapper-audio: the input is silent (muted? the wrong device?)\n"
+        self.assertEqual(self.record("--seconds", 1.9, self.file)[2], "")
+        self.assertEqual(self.record("--seconds", 9, self.file)[2], said)
+        self.assertEqual(self.record("--seconds", 9, "--quiet", self.file)[2], "")
+
+
+class Effects(StreamTest):
+    def test_a_recording_with_effects_is_the_plain_recording_processed(self):
+        self.listen_to(SPEECH)
+        plain, filtered = self.folder / "plain.wav", self.folder / "filtered.raw"
+        for rate in 16000, 44100:
+            self.record("--rate", rate, "--seconds", 3, plain)
+            expected = self.process(plain, *EFFECTS)
+            for block in 20, 50, 80:
+                code, _, errors = self.record("--rate", rate, "--seconds", 3, "--block", block, *EFFECTS, filtered)
+                self.assertEqual((code, errors), (FINE, ""))
+                samples = self.read_raw(filtered)
+                self.assertEqual(len(samples), 3 * rate)
+                if rate == 16000:  # 44100 is interpolated within each block, which then differs by itself
+                    self.assertEqual(samples, expected)
+
+    def test_depop_subtracts_a_share_of_the_sample_before_without_seams(self):
+        generator = random.Random(2)
+        sound = [generator.randint(-12000, 12000) for _ in range(150000)]
+        out = self.process(self.write_wav("in.wav", 16000, sound), "--depop", 0.7)
+        expected = [x - 0.7 * y for x, y in zip(sound, [0] + sound)]
+        self.assertEqual(len(out), len(expected))
+        self.assertLessEqual(max(abs(o - e) for o, e in zip(out, expected)), 0.51)
+
+    def test_the_corner_of_the_high_pass_lies_where_it_is_wanted_at_any_rate(self):
+        for rate in 8000, 16000, 48000:
+            for hertz, decibel in (300, -3.0), (75, -24.1), (3000, 0.0):
+                out = self.process(self.write_wav("in.wav", rate, tone(hertz, rate, 1, 20000)), "--highpass", 300)
+                settled = out[rate // 2 :]
+                self.assertAlmostEqual(decibels(rms(settled) * 32767 / 20000 * math.sqrt(2)), decibel, delta=0.15)
+
+    def test_the_gain_control_reaches_its_level_in_its_time_at_any_rate(self):
+        for rate in 8000, 11025, 48000:
+            quiet = self.write_wav("in.wav", rate, tone(440, rate, 3, 32767 * 10 ** (-30 / 20)))
+            out = self.process(quiet, "--agc", "-20:200")
+            self.assertAlmostEqual(decibels(rms(out[-rate:])), -20, delta=0.1)
+            # The gain goes from 1 to 4.47; after the time constant 63 % of the way lie behind it.
+            at = rate // 5
+            gain = rms(out[at - rate // 50 : at + rate // 50]) / (10 ** (-30 / 20) / math.sqrt(2))
+            self.assertAlmostEqual(gain, 1 + (1 - math.exp(-1)) * 3.47, delta=0.25)
+
+    def test_absurd_effects_are_refused(self):
+        self.listen_to(SPEECH)
+        for arguments in (
+            ["--highpass", "0"],
+            ["--highpass", "8000"],
+            ["--highpass", "100:0"],
+            ["--highpass", "nan"],
+            ["--highpass", "low"],
+            ["--agc", "3"],
+            ["--agc", "-20:-1"],
+            ["--agc", "-20:"],
+            ["--agc", "inf"],
+            ["--depop", "1.5"],
+            ["--depop", "-0.1"],
+        ):
+            with self.subTest(arguments=arguments):
+                self.assert_failed(self.record(*arguments, "--seconds", 1, self.file), USAGE, arguments[0])
+                self.assertFalse(self.file.exists())
+
+
+class Process(StreamTest):
+    def test_without_an_effect_nothing_changes(self):
+        generator = random.Random(3)
+        sound = [generator.randint(-32768, 32767) for _ in range(70000)]
+        self.assertEqual(self.process(self.write_wav("in.wav", 22050, sound)), sound)
+
+    def test_a_third_of_the_rate_takes_every_third_sample(self):
+        generator = random.Random(4)
+        sound = [generator.randint(-32768, 32767) for _ in range(200001)]
+        self.assertEqual(self.process(self.write_wav("in.wav", 48000, sound), "--rate", 16000), sound[::3])
+
+    def test_other_ratios_interpolate_across_the_whole_file(self):
+        generator = random.Random(5)
+        sound = [generator.randint(-20000, 20000) for _ in range(150000)]
+        for rate, wanted in (44100, 16000), (16000, 44100), (44100, 47999), (8000, 384000):
+            with self.subTest(rate=rate, wanted=wanted):
+                some = sound if wanted < 48000 else sound[:20000]
+                out = self.process(self.write_wav("in.wav", rate, some), "--rate", wanted)
+                self.assertAlmostEqual(len(out), len(some) * wanted / rate, delta=1.01)
+                for i in range(0, len(out), 7):
+                    left, over = divmod(i * rate, wanted)
+                    right = some[min(left + 1, len(some) - 1)]
+                    expected = some[left] + (right - some[left]) * over / wanted
+                    self.assertLessEqual(abs(out[i] - expected), 0.51, i)
+
+    def test_channels_are_mixed_and_it_is_said(self):
+        left, right = [1000, -2000, 30000], [3000, -4000, 30000]
+        out = self.folder / "mono.raw"
+        code, _, errors = self.host("process", self.write_wav("in.wav", 16000, left, right), out)
+        self.assertEqual((code, self.read_raw(out)), (FINE, [2000, -3000, 30000]))
+        self.assertEqual(errors, "wrapper-audio: 2 channels were mixed to one\n")
+
+    def test_levels_before_and_after_are_told_and_clipping_too(self):
+        source = self.write_wav("in.wav", 16000, tone(500, 16000, 1, 16384))
+        code, output, errors = self.host("process", source, self.file, "--agc", "0:0")
+        self.assertEqual(code, FINE)
+        self.assertRegex(output, r"before  1\.00 s at 16000 Hz, peak -6\.0 dBFS, RMS -9\.0 dBFS: .*in\.wav\n")
+        self.assertRegex(output, r"after   1\.00 s at 16000 Hz, peak 3\.0 dBFS, RMS 0\.0 dBFS: .*out\.wav\n")
+        self.assertRegex(errors, r"cut at full scale: its peak would be at 3\.0 dBFS")
+
+    def test_numbers_that_are_none_count_as_silence(self):
+        header = struct.pack("<4sI4s4sIHHIIHH4sI", b"RIFF", 52, b"WAVE", b"fmt ", 16, 3, 1, 8000, 32000, 4, 32, b"data", 16)
+        (self.folder / "odd.wav").write_bytes(header + struct.pack("<4f", 0.5, math.nan, math.inf, -0.25))
+        out = self.folder / "out.raw"
+        code, _, errors = self.host("process", "odd.wav", out)
+        self.assertEqual((code, self.read_raw(out)), (FINE, [16384, 0, 0, -8192]))
+        self.assertRegex(errors, "2 samples of odd.wav were no numbers")
+
+    def test_an_empty_recording_stays_empty(self):
+        self.assertEqual(self.process(self.write_wav("in.wav", 16000, []), *EFFECTS, "--rate", 8000), [])
+
+    def test_bad_input_is_reported(self):
+        (self.folder / "empty.wav").touch()
+        (self.folder / "text.wav").write_text("no sound at all\n" * 100)
+        good = self.write_wav("good.wav", 16000, tone(500, 16000, 1, 16384))
+        (self.folder / "short.wav").write_bytes(good.read_bytes()[:30])
+        for name in "empty.wav", "text.wav", "short.wav", "missing.wav", ".":
+            with self.subTest(name=name):
+                self.assert_failed(self.host("process", name, self.file), FILE_TROUBLE, rf"{name}\b|directory")
+                self.assertFalse(self.file.exists())
+        for rate in "0", "-1", "9", "1e9", "fast":
+            self.assert_failed(self.host("process", good, self.file, "--rate", rate), USAGE, "--rate")
+        self.assert_failed(self.host("process", good, good), USAGE, "same file")
+        self.assert_failed(self.host("process", good, self.folder), FILE_TROUBLE, "cannot create")
+        self.assert_failed(self.host("process", good, "/dev/full"), FILE_TROUBLE, "cannot write /dev/full")
+        self.assert_failed(self.host("process", good), USAGE, "OUT")
+        self.assert_failed(self.host("process", good, self.file, "--highpass", 9000), USAGE, "--highpass")
+
+    def test_a_truncated_file_gives_what_it_holds(self):
+        sound = tone(500, 16000, 1, 16384)
+        path = self.write_wav("in.wav", 16000, sound)
+        path.write_bytes(path.read_bytes()[: 44 + 2 * 5000])
+        self.assertEqual(self.process(path), sound[:5000])
+
+    def test_into_a_pipe(self):
+        sound = tone(500, 16000, 1, 16384)
+        code, output, errors = self.host("process", self.write_wav("in.wav", 16000, sound), "-", text=False)
+        self.assertEqual((code, list(struct.unpack("<16000h", output))), (FINE, sound))
+        self.assertRegex(errors, rb"\Abefore .*\nafter .*\n\Z")
+
+    def test_a_progress_bar_is_drawn_on_a_terminal_when_it_takes_long(self):
+        long = self.write_wav("in.wav", 8000, tone(500, 8000, 1, 16384) * 600)
+        code, shown = self.in_terminal("process", long, self.file, "--rate", 48000, *EFFECTS, columns=70)
+        self.assertEqual(code, FINE)
+        bars = [line for line in shown.split("\r") if line.startswith("[")]
+        self.assertTrue(bars, shown)
+        for line in bars:
+            self.assertRegex(line, r"\A\[=* *\] +\d+ %  \d+:\d\d\.\d of 10:00\.0 *\n?\Z")
+            self.assertLess(len(line.rstrip("\n")), 70)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -116,6 +116,7 @@ shown_text level_meter::line(const terminal& on, double now, const std::string& 
         shown.text += !clips ? "     " : on.colours ? fmt::format(" {}CLIP{}", red, plain) : " CLIP";
         shown.columns += 5;
     } else { // all ASCII here
+        if (head.empty()) shown = {decibel_text(peak), static_cast<int>(decibel_text(peak).size())};
         shown.text.resize(static_cast<std::size_t>(std::clamp(columns, 0, shown.columns)));
         shown.columns = static_cast<int>(shown.text.size());
     }

@@ -1,18 +1,12 @@
 # Completion for wrapper-audio in bash.
 
-# Device ids hold spaces and colons: whole words come out of this, quoted, and bash keeps what it has typed so far.
+# Device ids hold spaces and colons. After a colon bash completes only what follows it.
 _wrapper_audio_devices() {
-    local current=$1 id
+    local current=$1 id typed=
+    [[ $current == *:* && $COMP_WORDBREAKS == *:* ]] && typed=${current%"${current##*:}"}
     while IFS= read -r id; do
-        [[ ${id,,} == "${current,,}"* ]] && COMPREPLY+=("$(printf '%q' "$id")")
+        [[ ${id,,} == "${current,,}"* ]] && COMPREPLY+=("$(printf '%q' "${id:${#typed}}")")
     done < <(wrapper-audio devices --ids --quiet 2>/dev/null)
-    # After a colon bash completes only what follows it.
-    if [[ $current == *:* && $COMP_WORDBREAKS == *:* ]]; then
-        local typed=${current%"${current##*:}"} i
-        for i in "${!COMPREPLY[@]}"; do
-            COMPREPLY[i]=${COMPREPLY[i]#"$(printf '%q' "$typed")"}
-        done
-    fi
 }
 
 _wrapper_audio() {

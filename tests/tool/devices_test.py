@@ -1,0 +1,294 @@
+"""Choosing a device, metering it, and the doctor; in a pipe and in a terminal."""
+
+import fcntl
+import json
+import os
+import re
+import signal
+import subprocess
+import termios
+import time
+import unittest
+
+from host import (
+    FINE,
+    NO_DEVICE,
+    NO_INPUT_DEVICE,
+    OPEN_FAILED,
+    READ_FAILED,
+    ROOT,
+    SPEECH,
+    USAGE,
+    HostTest,
+)
+
+COMMANDS = ["devices", "meter", "record", "process", "doctor"]
+
+
+def without_colours(text):
+    return re.sub(r"\033\[\d*m", "", text)
+
+
+class Devices(HostTest):
+    def setUp(self):
+        super().setUp()
+        self.listen_to(SPEECH)
+
+    def add_device(self, name):
+        with open(self.folder / "microphone.conf", "a") as configuration:
+            configuration.write(f'pcm."{name}" {{ type plug slave.pcm "filemic" }}\n')
+
+    def test_a_table_marks_the_default(self):
+        code, output, errors = self.host("devices")
+        self.assertEqual((code, errors), (FINE, "wrapper-audio: * marks the default\n"))
+        self.assertEqual(
+            output,
+            "  ID            NAME     KIND\n"
+            "  ALSA:filemic  filemic  input\n"
+            "* ALSA:default  default  input\n",
+        )
+
+    def test_json_is_the_library_s_own(self):
+        code, output, errors = self.host("devices", "--json")
+        self.assertEqual((code, errors), (FINE, ""))
+        self.assertEqual([device["id"] for device in json.loads(output)], ["ALSA:filemic", "ALSA:default"])
+        self.assertEqual(self.host("devices", "--ids")[1], "ALSA:filemic\nALSA:default\n")
+
+    def test_outputs_are_shown_on_request(self):
+        with open(self.folder / "microphone.conf", "a") as configuration:
+            configuration.write('pcm.speaker { type plug slave.pcm { type file slave.pcm { type null } file "/dev/null" } }\n')
+        inputs, everything = self.host("devices", "--ids")[1], self.host("devices", "--ids", "--all")[1]
+        self.assertLessEqual(set(inputs.split("\n")), set(everything.split("\n")))
+        self.assertRegex(everything, "ALSA:speaker")
+
+    def test_names_keep_their_bytes_and_the_terminal_its_peace(self):
+        for name in "Küche", "caf\\xe9":
+            self.add_device(name.encode().decode("unicode_escape") if "\\" in name else name)
+        configuration = (self.folder / "microphone.conf").read_bytes().replace("caf\xe9".encode(), b"caf\xe9")
+        (self.folder / "microphone.conf").write_bytes(configuration)
+        code, output, _ = self.host("devices")
+        self.assertEqual(code, FINE)
+        self.assertRegex(output, r"\n  ALSA:Küche +Küche +input\n")
+        self.assertRegex(output, r"\n  ALSA:caf\? +caf\? +input\n")
+        self.assertIn(b"ALSA:caf\xe9\n", self.host("devices", "--ids", text=False)[1])
+        self.assertEqual(self.record("--device", "KÜCHE", "--seconds", 1, self.file)[0], FINE)
+        self.assertEqual(self.record("--device", b"caf\xe9".decode(errors="surrogateescape"), "--seconds", 1, self.file)[0], FINE)
+
+    def test_a_part_of_an_id_is_enough_when_only_one_device_has_it(self):
+        self.add_device("Kitchen")
+        self.add_device("Kitchen two")
+        for wanted in "FILE", "ALSA:filemic", "two", "ALSA:Kitchen":
+            with self.subTest(wanted=wanted):
+                code, _, errors = self.record("--device", wanted, "--seconds", 1, self.file)
+                self.assertEqual((code, errors), (FINE, ""))
+                self.file.unlink()
+        for wanted, candidates in ("kitchen", ["ALSA:Kitchen", "ALSA:Kitchen two"]), (
+            "cellar",
+            ["ALSA:filemic", "ALSA:Kitchen", "ALSA:Kitchen two", "ALSA:default"],
+        ):
+            for command in ["record", self.file], ["meter"]:
+                with self.subTest(wanted=wanted, command=command):
+                    result = self.host(*command, "--device", wanted)
+                    self.assert_failed(result, USAGE, rf"\Awrapper-audio: .*'{wanted}'")
+                    self.assertEqual(result[2].count("\n  "), len(candidates))
+                    for candidate in candidates:
+                        self.assertIn(f"\n  {candidate}\n", result[2])
+                    self.assertFalse(self.file.exists())
+
+    def test_no_input_device(self):
+        (self.folder / "microphone.conf").write_text(NO_DEVICE)
+        for command in ["devices"], ["meter"], ["record", self.file], ["meter", "--device", "x"]:
+            with self.subTest(command=command):
+                self.assert_failed(self.host(*command), NO_INPUT_DEVICE, "wrapper-audio: there is no input device")
+        code, output, _ = self.host("devices", "--json")
+        self.assertEqual((code, output), (NO_INPUT_DEVICE, "[]\n"))
+
+
+class Meter(HostTest):
+    def setUp(self):
+        super().setUp()
+        self.listen_to(SPEECH)
+
+    def test_a_pipe_gets_a_line_a_second(self):
+        code, output, errors = self.host("meter", "--seconds", 3)
+        self.assertEqual((code, errors), (FINE, ""))
+        lines = output.splitlines()
+        self.assertEqual([line.split()[0] for line in lines], ["0:01.0", "0:02.0", "0:03.0"])
+        for line in lines:
+            self.assertRegex(line, r"\A0:0\d\.0  RMS +-\d+\.\d  peak +-\d+\.\d dBFS\Z")
+
+    def test_levels_are_those_of_the_sound(self):
+        # A second of the meter is 34 of its blocks of 30 ms at first.
+        self.listen_to_samples([16384, -16384] * 24480 + [32767] * 100 + [0] * 96000)
+        _, output, _ = self.host("meter", "--seconds", 3)
+        lines = output.splitlines()
+        self.assertEqual(lines[0], "0:01.0  RMS  -6.0  peak  -6.0 dBFS")
+        self.assertRegex(lines[1], r"peak +0\.0 dBFS  CLIP\Z")
+        self.assertEqual(lines[2], "0:03.0  RMS  -inf  peak  -inf dBFS")
+
+    def test_a_terminal_gets_a_bar_that_fits(self):
+        for columns in 120, 80, 40, 20, 5:
+            with self.subTest(columns=columns):
+                code, shown = self.in_terminal("meter", "--seconds", 0.6, columns=columns, microphone={"MICROPHONE_PACED": "1"})
+                self.assertEqual((code, shown.count("\n")), (FINE, 1))
+                redraws = shown.rstrip("\r\n").split("\r")[1:]
+                self.assertGreater(len(redraws), 4)
+                self.assertLessEqual(len(redraws), 0.6 * 20 + 2)
+                for line in redraws:
+                    self.assertLess(len(without_colours(line)), columns)
+                if columns >= 40:
+                    self.assertRegex(without_colours(redraws[-1]), r"\A\[█*░* *┃? *\].* -\d+\.\d dBFS +\Z")
+
+    def test_it_is_redrawn_at_most_20_times_a_second(self):
+        begun = time.monotonic()
+        code, shown = self.in_terminal("meter", "--seconds", 600)  # not paced: as fast as it can
+        self.assertEqual(code, FINE)
+        self.assertLessEqual(shown.count("\r"), 20 * (time.monotonic() - begun) + 3)
+
+    def test_colours_follow_the_terminal(self):
+        for environment, coloured in ({}, True), ({"NO_COLOR": "1"}, False), ({"TERM": "dumb"}, False):
+            _, shown = self.in_terminal("meter", "--seconds", 0.1, environment=environment)
+            self.assertEqual("\033" in shown, coloured, environment)
+        _, shown = self.in_terminal("meter", "--seconds", 0.1, environment={"LC_ALL": "C", "NO_COLOR": "1"})
+        self.assertTrue(shown.isascii(), shown)
+
+    def test_ctrl_c_in_a_terminal_ends_it(self):
+        for command in ["meter"], ["record", self.file]:
+            with self.subTest(command=command[0]):
+                process, ours = self.start_in_terminal(
+                    *command,
+                    microphone={"MICROPHONE_PACED": "1"},
+                    start_new_session=True,
+                    preexec_fn=lambda: fcntl.ioctl(2, termios.TIOCSCTTY, 0),
+                )
+                shown = os.read(ours, 10000)
+                while shown.count(b"\r") < 5:
+                    shown += os.read(ours, 10000)
+                os.write(ours, b"\x03")
+                self.read_terminal(ours)
+                self.assertEqual(process.wait(timeout=10), FINE)
+        self.assertGreater(len(self.recorded(16000)), 0)
+
+    def test_signals_end_it_in_good_order(self):
+        for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
+            with self.subTest(signal=number.name):
+                process = self.start("meter", microphone={"MICROPHONE_PACED": "1"})
+                self.assertIn("RMS", process.stdout.readline())
+                process.send_signal(number)
+                _, errors = process.communicate(timeout=10)
+                self.assertEqual((process.returncode, errors), (FINE, ""))
+
+    def test_a_closed_pipe_ends_it_quietly(self):
+        process = self.start("meter")
+        self.assertIn("RMS", process.stdout.readline())
+        process.stdout.close()
+        self.assertEqual((process.wait(timeout=20), process.stderr.read()), (FINE, ""))
+
+    def test_failures(self):
+        self.assert_failed(self.host("meter", microphone={"MICROPHONE_REFUSES": "1"}), OPEN_FAILED, "could not be opened")
+        self.assert_failed(self.host("meter", microphone={"MICROPHONE_FAILS_AFTER": "5"}), READ_FAILED, "the input device failed")
+        for seconds in "0", "-1", "nan", "inf", "long":
+            self.assert_failed(self.host("meter", "--seconds", seconds), USAGE, "--seconds")
+
+
+class Doctor(HostTest):
+    def test_all_is_well(self):
+        self.listen_to(SPEECH)
+        code, output, errors = self.host("doctor")
+        self.assertEqual((code, errors), (FINE, ""))
+        for words in (
+            r"PortAudio V19\.\d",
+            r"/libwrapper_audio\.so\.\d+\.\d+\.\d+\n",
+            r"/librnnoise\.so\.",
+            "capabilities 3: at least one device can capture",
+            r"\* ALSA:default \(input\)",
+            "'default' opens and runs at 48000 Hz",
+            r"peak -\d+\.\d dBFS",
+            "denoise will run",
+        ):
+            self.assertRegex(output, words)
+
+    def test_denoising_that_cannot_run_is_explained(self):
+        self.listen_to(SPEECH, 44100)
+        code, output, _ = self.host("doctor", "--device", "file")
+        self.assertEqual(code, FINE)
+        self.assertIn("denoise inactive: the device runs at 44100 Hz, it needs 48000\n", self.host("doctor")[1])
+        for system in "ALSA", "PulseAudio", "PipeWire", "JACK":
+            self.assertRegex(self.host("doctor")[1], rf"\n    {system} +\S")
+
+    def test_silence_is_called_by_its_name(self):
+        self.listen_to_samples([0] * 10)
+        self.assertRegex(self.host("doctor")[1], "pure silence")
+
+    def test_what_does_not_work_is_told(self):
+        self.listen_to(SPEECH)
+        for microphone, ends, words in (
+            ({"MICROPHONE_REFUSES": "1"}, OPEN_FAILED, "Device unavailable"),
+            ({"MICROPHONE_FAILS_AFTER": "2"}, READ_FAILED, "reading from it fails"),
+            ({"MICROPHONE_STALLS_AFTER": "2"}, READ_FAILED, "no sound has come for 5 seconds"),
+        ):
+            with self.subTest(words=words):
+                code, output, errors = self.host("doctor", microphone=microphone)
+                self.assertEqual(code, ends)
+                self.assertRegex(errors, words)
+                self.assertIn("capabilities 3", output)
+        self.assertEqual(self.host("doctor", "--device", "cellar")[0], USAGE)
+        (self.folder / "microphone.conf").write_text(NO_DEVICE)
+        code, output, errors = self.host("doctor")
+        self.assertEqual(code, NO_INPUT_DEVICE)
+        self.assertIn("capabilities 1: PortAudio starts, but no device can capture", output)
+        self.assertRegex(errors, "there is no input device")
+
+
+class Documents(HostTest):
+    def options_of(self, command):
+        return set(re.findall(r"(?<!\S)(?:-\w,)?(--[a-z]+)", self.host(command, "--help")[1].split("Examples:")[0]))
+
+    def test_help_version_and_unknown_commands(self):
+        self.assertRegex(self.host("--version")[1], r"\Awrapper-audio \d+\.\d+\.\d+\n\Z")
+        for command in COMMANDS:
+            code, output, errors = self.host(command, "--help")
+            self.assertEqual((code, errors), (FINE, ""))
+            self.assertRegex(output, rf"(?s)Examples:\n  wrapper-audio {command}.*Exit codes:\n  0 ")
+            files = {"record": ["a"], "process": ["a", "b"]}.get(command, [])
+            self.assert_failed(self.host(command, *files, "--no-such"), USAGE, f"--no-such(?s:.*)wrapper-audio {command} --help")
+        self.assert_failed(self.host("recrod"), USAGE, "there is no command 'recrod'")
+        self.assert_failed(self.host(), USAGE, "--help")
+
+    def test_the_manual_page_and_the_completion_know_every_option(self):
+        manual = (ROOT / "tools/wrapper-audio/wrapper-audio.1").read_text()
+        completion = (ROOT / "tools/wrapper-audio/wrapper-audio.bash").read_text()
+        for command in COMMANDS:
+            options = self.options_of(command)
+            self.assertIn("--help", options)
+            for option in options:
+                self.assertIn(f"-{option[2:]}", re.findall(r"-[a-z]+", manual), option)
+                self.assertIn(option, self.complete(f"wrapper-audio {command} --"), completion and command)
+
+    def complete(self, line):
+        script = (
+            f"source '{ROOT}/tools/wrapper-audio/wrapper-audio.bash'; wrapper-audio() {{ \"$HOST\" \"$@\"; }};"
+            'COMP_WORDBREAKS=$IFS:;COMP_LINE=$1; COMP_POINT=${#1}; read -ra COMP_WORDS <<<"$1"; [[ $1 == *" " ]] && COMP_WORDS+=("");'
+            'COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _wrapper_audio; printf "%s\\n" "${COMPREPLY[@]}"'
+        )
+        done = subprocess.run(
+            ["bash", "-c", script, "bash", line],
+            cwd=self.folder,
+            env=self.environment(None),
+            stdout=subprocess.PIPE,
+            text=True,
+            check=True,
+        )
+        return done.stdout.split("\n")[:-1]
+
+    def test_completion_knows_commands_devices_and_files(self):
+        self.listen_to(SPEECH)
+        self.assertEqual(self.complete("wrapper-audio re"), ["record"])
+        self.assertEqual(self.complete("wrapper-audio meter --device ALSA"), ["ALSA:filemic", "ALSA:default"])
+        self.assertEqual(self.complete("wrapper-audio meter -d alsa:d"), ["default"])  # bash keeps what is before the colon
+        self.assertCountEqual(self.complete("wrapper-audio process micro"), ["microphone.conf", "microphone.f32"])
+        self.assertIn("48000", self.complete("wrapper-audio record --rate "))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -28,17 +28,17 @@
  * }
  * @endcode
  *
- * Build it with: cc record.c -lwrapper_audio
+ * Build it with: cc -I. record.c -Lbuild -lwrapper_audio -Wl,-rpath,$PWD/build
  *
  * Conventions
  *
  * - Samples handed out are signed 16-bit, mono, from -32767 to 32767. Levels are linear amplitudes from 0.0 to 1.0
  *   (full scale). Rates are in Hz, durations in milliseconds.
  * - Every capture call that takes a handle accepts NULL and then does nothing, and returns -1 where it returns an int.
- * - There is no error code to fetch: a failed call writes one line to standard error that begins with
- *   "[audio_wrapper] " and ends with the words of PortAudio where PortAudio failed; the signal functions begin theirs
- *   with "[dsp] ". PortAudio's own back ends also write there, about a hundred lines when they look for devices;
- *   those lines carry no such prefix.
+ * - There is no error code to fetch. What PortAudio or a device refuses writes one line to standard error that begins
+ *   with "[audio_wrapper] " and ends with PortAudio's words. Refused arguments and lack of memory for a small record
+ *   write nothing. PortAudio's own back ends also write there, about a hundred lines when they look for devices; those
+ *   lines carry no such prefix.
  *
  * Threads
  *
@@ -55,8 +55,7 @@
  * PortAudio looks for devices when the first context, meter or query of the process begins, and not again before the
  * last one has ended. To see a device that has been plugged in since, free every context and close every meter first.
  * A device that another program holds at that moment may be missing from the list. One that is busy when it is opened
- * is tried for about a second before the open fails. What a device that was unplugged held of PortAudio's memory is
- * lost to the process.
+ * is tried for about a second before the open fails. PortAudio never frees the stream of a device that was unplugged.
  */
 #ifndef WRAPPER_AUDIO_H
 #define WRAPPER_AUDIO_H
@@ -127,8 +126,8 @@ int wrapper_audio_open(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
  * Waits for `ms` milliseconds of sound and returns them: captured, denoised where that applies, converted to the
  * output rate, measured and rounded to 16 bits toward zero.
  *
- * Call it again and again; PortAudio buffers what arrives between two calls, and what it had to drop when the host
- * was late is dropped silently. A read allocates nothing. Whatever the capacity, it takes less than 8 KiB of stack, but
+ * Call it again and again. Between two calls PortAudio keeps what arrives, at least 30 ms of it; what it had to drop
+ * because the host came late is lost without a word. A read allocates nothing. Whatever the capacity, it takes less than 8 KiB of stack, but
  * RNNoise takes 66 KiB: a thread that reads with denoising needs a stack of 128 KiB or more.
  *
  * How many samples a read gives, with n = ms * device rate / 1000 rounded down, at most 100 ms:
@@ -144,6 +143,7 @@ int wrapper_audio_open(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
  *   (44100 to 16000) alias what lies above half the output rate.
  * - No sample is carried from one read to the next. Choose ms so that the counts come out whole.
  * - A read is at most 100 ms long, whatever `ms` says (480 samples on devices below 4800 Hz).
+ * - PortAudio 19.6 garbles the sound of JACK devices unless each read takes 30 ms.
  * - A device that falls silent without an error keeps the read waiting. PortAudio 19.6 also waits, and keeps a
  *   processor busy, when an ALSA device is unplugged while nothing of its sound is left to deliver. A host that must
  *   notice watches its reading thread from another one.
@@ -359,9 +359,11 @@ int32_t wrapper_audio_resample(const wrapper_audio_resampler *resampler, const f
                                int32_t max_out) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Releases a converter. No thread may be using it.
+ * Releases a converter.
  *
  * @param resampler  a converter or NULL
+ *
+ * Thread: any, when no other is using the converter.
  */
 void wrapper_audio_resampler_free(wrapper_audio_resampler *resampler) WRAPPER_AUDIO_NOEXCEPT;
 
@@ -373,7 +375,8 @@ void wrapper_audio_resampler_free(wrapper_audio_resampler *resampler) WRAPPER_AU
  * cutoff * 16000 / rate to have it where you want it.
  *
  * @param cutoff_hz  corner frequency in Hz, useful between 0 and 8000; not checked
- * @param q          quality factor, above 0 (0.707: no bump at the corner); not checked. 0 makes all later output NaN.
+ * @param q          quality factor, above 0 (0.707: no bump at the corner); not checked. With 0 the
+ *                   output is NaN from the third sample on.
  *
  * Thread: serialise with the filter's other calls.
  */
@@ -434,18 +437,22 @@ void wrapper_audio_agc_init(float target_db, float release_ms) WRAPPER_AUDIO_NOE
 void wrapper_audio_agc_process(const void *handle, float *samples, int32_t count) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * The signal-to-noise ratio in dB, -10.0 to 60.0.
+ * The signal-to-noise ratio.
  *
  * Trap: nothing feeds the metrics today, so this is -10.0 always.
+ *
+ * @return the ratio in dB, -10.0 to 60.0
  *
  * Thread: any; serialise with wrapper_audio_update_noise_profile() for a consistent answer.
  */
 float wrapper_audio_snr(void) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * The share of clipped samples (magnitude above 0.95), 0.0 to 1.0.
+ * The share of clipped samples, those with a magnitude above 0.95.
  *
  * Trap: nothing feeds the metrics today, so this is 0.0 always.
+ *
+ * @return the share, 0.0 to 1.0
  *
  * Thread: any; serialise with wrapper_audio_update_noise_profile() for a consistent answer.
  */
@@ -473,6 +480,7 @@ void wrapper_audio_update_noise_profile(const void *handle, int32_t freeze) WRAP
 int32_t wrapper_audio_denoise_stats(const void *handle, int32_t *out) WRAPPER_AUDIO_NOEXCEPT;
 
 #pragma GCC visibility pop
+#undef WRAPPER_AUDIO_NOEXCEPT
 
 #ifdef __cplusplus
 }

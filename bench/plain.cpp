@@ -28,10 +28,6 @@ void interpolate_linear(const float* in, std::int32_t in_count, double step, flo
     numeric::plain::interpolate_linear(in, in_count, step, 0, out, count);
 }
 
-void filter(numeric::biquad& section, float* samples, std::int32_t count) {
-    numeric::plain::filter(section, samples, count);
-}
-
 void gain_control(float* samples, std::int32_t count, float target, float keep, float& gain) {
     double sum = 0.0;
     for (std::int32_t i = 0; i < count; ++i)

@@ -1,7 +1,6 @@
 // The plain loops, as a compiler at -O2 makes them, and the bare chains of dependent operations that bound them.
 #pragma once
 
-#include "numeric/biquad.h"
 #include "numeric/levels.h"
 
 #include <cstdint>
@@ -13,7 +12,6 @@ std::int32_t count_beyond(const float* samples, std::int32_t count, float thresh
 void to_pcm16(const float* in, std::int32_t count, std::int16_t* out);
 void subtract_previous(float* samples, std::int32_t count, float coef);
 void interpolate_linear(const float* in, std::int32_t in_count, double step, float* out, std::int32_t count);
-void filter(numeric::biquad& section, float* samples, std::int32_t count);
 void gain_control(float* samples, std::int32_t count, float target, float keep, float& gain);
 
 // A whole read without denoising after Pa_ReadStream: copy, convert, measure, narrow, each in a pass of its own.

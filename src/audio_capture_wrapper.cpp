@@ -17,6 +17,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <type_traits>
 
 struct wrapper_audio_ctx {
     PaStream* stream;
@@ -128,6 +129,9 @@ PaError open_input_stream(PaStream** slot, PaDeviceIndex device_index, unsigned 
     return paNoError;
 }
 
+// PortAudio 19.6 writes twice the samples that were asked for when it reads from JACK. What it reads into has the room.
+constexpr int32_t read_room = 2;
+
 // A device that overran its buffer still delivered samples.
 bool delivered(PaError read_result) {
     return read_result == paNoError || read_result == paInputOverflowed;
@@ -139,12 +143,7 @@ Record* allocate_zeroed(int32_t count) {
 }
 
 template <auto destroy>
-struct deleter {
-    template <typename Record>
-    void operator()(Record* record) const {
-        destroy(record);
-    }
-};
+using deleter = std::integral_constant<decltype(destroy), destroy>;
 
 // ---- Capture context ----
 
@@ -190,7 +189,7 @@ wrapper_audio_ctx* ctx_create(int output_rate, int denoise, const char* device_i
     ctx->capture_rate = default_rate(ctx->device_index);
     ctx->capture_frames = std::max(480, frames_in(ctx->capture_rate, 100));
     ctx->out_capacity = ctx->capture_frames;
-    ctx->capture_buf = allocate_zeroed<float>(ctx->capture_frames);
+    ctx->capture_buf = allocate_zeroed<float>(read_room * ctx->capture_frames);
     ctx->out_buf = allocate_zeroed<float>(ctx->out_capacity);
     if (ctx->capture_buf == nullptr || ctx->out_buf == nullptr) {
         std::fputs("[audio_wrapper] calloc буферов ОШИБКА (OOM)\n", stderr);
@@ -458,7 +457,7 @@ wrapper_audio_meter* wrapper_audio_meter_open(const char* device_id) noexcept {
     }
     const int32_t rate = default_rate(device_index);
     meter->frames = std::max(64, frames_in(rate, buffer_ms));
-    meter->buf = allocate_zeroed<float>(meter->frames);
+    meter->buf = allocate_zeroed<float>(read_room * meter->frames);
     if (meter->buf == nullptr) return nullptr;
     error = open_input_stream(&meter->stream, device_index, static_cast<unsigned long>(meter->frames), rate);
     if (error != paNoError) {

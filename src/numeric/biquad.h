@@ -36,8 +36,6 @@ inline biquad high_pass(double cutoff_hz, double q, double rate_hz) {
     };
 }
 
-namespace plain {
-
 // Filters in place; only the output is rounded to single precision.
 inline void filter(biquad& section, float* samples, int32_t count) {
     const auto [b0, b1, b2, a1, a2, first, second] = section;
@@ -52,12 +50,6 @@ inline void filter(biquad& section, float* samples, int32_t count) {
     }
     section.z1 = z1;
     section.z2 = z2;
-}
-
-} // namespace plain
-
-inline void filter(biquad& section, float* samples, int32_t count) {
-    plain::filter(section, samples, count);
 }
 
 } // namespace numeric

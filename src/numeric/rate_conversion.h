@@ -98,7 +98,7 @@ inline void group_means(const float* in, int32_t ratio, float* out, int32_t coun
         group_means_in_lanes(in, 2, out, whole);
         break;
     case 3:
-        group_means_in_lanes(in, 3, out, whole);
+        means_of_three(in, out, whole);
         break;
     case 4:
         group_means_in_lanes(in, 4, out, whole);
@@ -170,9 +170,7 @@ inline bool is_whole_decimation(int32_t in_rate, int32_t out_rate) {
 // How many samples at `out_rate` a block of `in_count` at `in_rate` gives, at most `capacity`. Both rates are at least
 // 1. What a group or a step leaves over at the block's end is dropped.
 inline int32_t converted_count(int32_t in_rate, int32_t out_rate, int32_t in_count, int32_t capacity) {
-    const int64_t count = is_whole_decimation(in_rate, out_rate) ? in_count / (in_rate / out_rate)
-                                                                 : int64_t{out_rate} * in_count / in_rate;
-    return static_cast<int32_t>(std::min<int64_t>(count, capacity));
+    return static_cast<int32_t>(std::min<int64_t>(int64_t{out_rate} * in_count / in_rate, capacity));
 }
 
 // Makes outputs `first` to `first + count - 1` of the converted block, in as many pieces as the caller likes, and returns

@@ -68,23 +68,23 @@ TEST_F(context, arm_takes_everything_but_the_microphone) {
     wrapper_audio_ctx* ctx = wrapper_audio_arm(16000, 1, nullptr);
     ASSERT_NE(ctx, nullptr);
     EXPECT_THAT(calls(), ElementsAre("lock", "Pa_Initialize", "unlock", "calloc", "rnnoise_create",
-                                     "Pa_GetDefaultInputDevice", "Pa_GetDeviceInfo(0)", "calloc(4800, 4)",
+                                     "Pa_GetDefaultInputDevice", "Pa_GetDeviceInfo(0)", "calloc(9600, 4)",
                                      "calloc(4800, 4)", "Pa_GetDeviceInfo(0)", logged(ctx_line), logged(armed_line)));
     wrapper_audio_free(ctx);
-    EXPECT_THAT(calls(), ElementsAre("rnnoise_destroy", "free", "free", "free", "lock", "Pa_Terminate", "unlock",
-                                     logged(free_line)));
+    EXPECT_THAT(calls(), ElementsAre("rnnoise_destroy", "free(9600, 4)", "free(4800, 4)", "free", "lock",
+                                     "Pa_Terminate", "unlock", logged(free_line)));
 }
 
 TEST_F(context, init_takes_the_microphone_too) {
     wrapper_audio_ctx* ctx = wrapper_audio_init(16000, 1, nullptr);
     ASSERT_NE(ctx, nullptr);
     EXPECT_THAT(calls(), ElementsAre("lock", "Pa_Initialize", "unlock", "calloc", "rnnoise_create",
-                                     "Pa_GetDefaultInputDevice", "Pa_GetDeviceInfo(0)", "calloc(4800, 4)",
+                                     "Pa_GetDefaultInputDevice", "Pa_GetDeviceInfo(0)", "calloc(9600, 4)",
                                      "calloc(4800, 4)", "Pa_GetDeviceInfo(0)", logged(ctx_line), "Pa_GetDeviceInfo(0)",
                                      open_call, "Pa_StartStream(1)", logged(init_line)));
     wrapper_audio_free(ctx);
-    EXPECT_THAT(calls(), ElementsAre("Pa_StopStream(1)", "Pa_CloseStream(1)", "rnnoise_destroy", "free", "free", "free",
-                                     "lock", "Pa_Terminate", "unlock", logged(free_line)));
+    EXPECT_THAT(calls(), ElementsAre("Pa_StopStream(1)", "Pa_CloseStream(1)", "rnnoise_destroy", "free(9600, 4)",
+                                     "free(4800, 4)", "free", "lock", "Pa_Terminate", "unlock", logged(free_line)));
 }
 
 TEST_F(context, each_live_context_holds_one_initialisation) {
@@ -152,8 +152,8 @@ TEST_F(context, a_denoiser_is_made_even_when_denoising_is_off) {
 
 TEST_F(context, capture_rate_buffers_and_stream_follow_the_default_rate_of_the_device) {
     const auto expected = [](int frames, const std::string& rate, int per_buffer) {
-        const std::string buffer = "calloc(" + std::to_string(frames) + ", 4) ";
-        return buffer + buffer + "rate=" + rate + ", frames=" + std::to_string(per_buffer) + ", paClipOff)";
+        return "calloc(" + std::to_string(2 * frames) + ", 4) calloc(" + std::to_string(frames) + ", 4) rate=" + rate +
+               ", frames=" + std::to_string(per_buffer) + ", paClipOff)";
     };
     EXPECT_EQ(stream_and_buffers(48000), expected(4800, "48000", 1440));
     EXPECT_EQ(stream_and_buffers(44100), expected(4410, "44100", 1323));
@@ -174,7 +174,7 @@ TEST_F(context, capture_rate_buffers_and_stream_follow_the_default_rate_of_the_d
 }
 
 TEST_F(context, an_unknown_rate_counts_as_48000) {
-    const std::string unknown = "calloc(4800, 4) calloc(4800, 4) rate=48000, frames=1440, paClipOff)";
+    const std::string unknown = "calloc(9600, 4) calloc(4800, 4) rate=48000, frames=1440, paClipOff)";
     for (const double rate :
          {0.0, -0.0, -44100.0, std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::infinity()}) {
         EXPECT_EQ(stream_and_buffers(rate), unknown) << rate;
@@ -184,7 +184,7 @@ TEST_F(context, an_unknown_rate_counts_as_48000) {
 }
 
 TEST_F(context, a_rate_that_no_32_bit_integer_holds_counts_as_48000) {
-    const std::string unknown = "calloc(4800, 4) calloc(4800, 4) rate=48000, frames=1440, paClipOff)";
+    const std::string unknown = "calloc(9600, 4) calloc(4800, 4) rate=48000, frames=1440, paClipOff)";
     for (const double rate : {2147483647.5, 2147483648.0, 1e300, std::numeric_limits<double>::infinity()}) {
         EXPECT_EQ(stream_and_buffers(rate), unknown) << rate;
     }
@@ -194,12 +194,12 @@ TEST_F(context, the_largest_32_bit_rate_still_asks_for_100_and_30_ms) {
     world().failing_allocations = {2, 3};
     world().devices[0].rate = 2147483647.0;
     EXPECT_EQ(wrapper_audio_arm(16000, 0, nullptr), nullptr);
-    EXPECT_THAT(calls(), testing::IsSupersetOf({"calloc(214748364, 4)", "calloc(214748364, 4)"}));
+    EXPECT_THAT(calls(), testing::IsSupersetOf({"calloc(429496728, 4)", "calloc(214748364, 4)"}));
 }
 
 TEST_F(context, the_largest_32_bit_rate_still_opens_with_30_ms) {
     EXPECT_EQ(stream_and_buffers(2147483647.0),
-              "calloc(214748364, 4) calloc(214748364, 4) rate=2.14748e+09, frames=64424509, paClipOff)");
+              "calloc(429496728, 4) calloc(214748364, 4) rate=2.14748e+09, frames=64424509, paClipOff)");
 }
 
 TEST_F(context, the_stream_gets_the_low_input_latency_of_the_device_or_60_ms) {
@@ -213,6 +213,18 @@ TEST_F(context, the_stream_gets_the_low_input_latency_of_the_device_or_60_ms) {
     wrapper_audio_free(ctx);
 }
 
+TEST_F(context, every_line_tells_the_rate_of_its_device) {
+    world().devices[0].rate = 44100;
+    wrapper_audio_ctx* ctx = wrapper_audio_arm(16000, 0, nullptr);
+    EXPECT_THAT(log(), testing::EndsWith("arm: микрофон свободен до open (capture_rate=44100)\n"));
+    wrapper_audio_open(ctx);
+    EXPECT_THAT(log(), testing::EndsWith("open: микрофон захвачен (capture_rate=44100)\n"));
+    wrapper_audio_free(ctx);
+    ctx = wrapper_audio_init(16000, 0, nullptr);
+    EXPECT_THAT(log(), testing::EndsWith("init: поток открыт (capture_rate=44100)\n"));
+    wrapper_audio_free(ctx);
+}
+
 // ---- Creation fails ----
 
 TEST_F(context, no_initialisation_is_given_back_when_none_was_had) {
@@ -221,6 +233,14 @@ TEST_F(context, no_initialisation_is_given_back_when_none_was_had) {
         EXPECT_EQ(create(16000, 1, nullptr), nullptr);
         EXPECT_THAT(calls(), ElementsAre("lock", "Pa_Initialize", "unlock", "Pa_GetErrorText(-10000)",
                                          "log [audio_wrapper] Pa_Initialize ОШИБКА: error -10000"));
+    }
+}
+
+TEST_F(context, anything_but_no_error_is_a_failure) {
+    for (const char* step : {"Pa_Initialize", "Pa_OpenStream", "Pa_StartStream"}) {
+        fail_next(step, 1);
+        EXPECT_EQ(wrapper_audio_init(16000, 1, nullptr), nullptr) << step;
+        EXPECT_THAT(log(), testing::HasSubstr("ОШИБКА: error 1")) << step;
     }
 }
 
@@ -261,12 +281,13 @@ TEST_F(context, both_buffers_are_asked_for_before_either_is_missed) {
                                           "rnnoise_create",
                                           "Pa_GetDefaultInputDevice",
                                           "Pa_GetDeviceInfo(0)",
-                                          "calloc(4800, 4)",
+                                          "calloc(9600, 4)",
                                           "calloc(4800, 4)",
                                           "log [audio_wrapper] calloc буферов ОШИБКА (OOM)",
                                           "rnnoise_destroy"};
-        expected.insert(expected.end(), 3 - failing.size(), "free"); // the record, and the buffer that was obtained
-        expected.insert(expected.end(), {"lock", "Pa_Terminate", "unlock"});
+        if (failing == std::set<int>{3}) expected.emplace_back("free(9600, 4)");
+        if (failing == std::set<int>{2}) expected.emplace_back("free(4800, 4)");
+        expected.insert(expected.end(), {"free", "lock", "Pa_Terminate", "unlock"});
         EXPECT_EQ(calls(), expected);
     }
 }
@@ -280,7 +301,7 @@ TEST_F(context, a_refused_stream_fails_the_init_and_leaves_nothing_behind) {
     EXPECT_THAT(std::vector<std::string>(std::find(journal.begin(), journal.end(), open_call), journal.end()),
                 ElementsAre(open_call, "Pa_GetErrorText(-9985)",
                             "log [audio_wrapper] open_input_stream ОШИБКА: error -9985 (rate=48000)", "rnnoise_destroy",
-                            "free", "free", "free", "lock", "Pa_Terminate", "unlock"));
+                            "free(9600, 4)", "free(4800, 4)", "free", "lock", "Pa_Terminate", "unlock"));
 }
 
 TEST_F(context, a_stream_that_does_not_start_is_closed_and_its_start_error_reported) {
@@ -291,7 +312,7 @@ TEST_F(context, a_stream_that_does_not_start_is_closed_and_its_start_error_repor
     EXPECT_THAT(std::vector<std::string>(std::find(journal.begin(), journal.end(), open_call), journal.end()),
                 ElementsAre(open_call, "Pa_StartStream(1)", "Pa_CloseStream(1)", "Pa_GetErrorText(-9986)",
                             "log [audio_wrapper] open_input_stream ОШИБКА: error -9986 (rate=48000)", "rnnoise_destroy",
-                            "free", "free", "free", "lock", "Pa_Terminate", "unlock"));
+                            "free(9600, 4)", "free(4800, 4)", "free", "lock", "Pa_Terminate", "unlock"));
 }
 
 TEST_F(context, a_failed_open_leaves_the_context_armed) {
@@ -356,8 +377,8 @@ TEST_F(context, stop_keeps_the_stream_and_may_be_repeated) {
     EXPECT_THAT(calls(), ElementsAre("Pa_StopStream(1)", logged(stop_line)));
     EXPECT_EQ(world().open_streams.size(), 1U);
     wrapper_audio_free(ctx);
-    EXPECT_THAT(calls(), ElementsAre("Pa_CloseStream(1)", "rnnoise_destroy", "free", "free", "free", "lock",
-                                     "Pa_Terminate", "unlock", logged(free_line)));
+    EXPECT_THAT(calls(), ElementsAre("Pa_CloseStream(1)", "rnnoise_destroy", "free(9600, 4)", "free(4800, 4)", "free",
+                                     "lock", "Pa_Terminate", "unlock", logged(free_line)));
 }
 
 TEST_F(context, release_stops_a_stopped_stream_once_more_before_closing_it) {
@@ -377,8 +398,8 @@ TEST_F(context, opening_a_stopped_context_opens_a_second_stream_beside_the_first
     EXPECT_THAT(calls(), ElementsAre("Pa_GetDeviceInfo(0)", open_call, "Pa_StartStream(2)", logged(open_line)));
     EXPECT_EQ(world().open_streams.size(), 2U);
     wrapper_audio_free(ctx);
-    EXPECT_THAT(calls(), ElementsAre("Pa_StopStream(2)", "Pa_CloseStream(2)", "rnnoise_destroy", "free", "free", "free",
-                                     "lock", "Pa_Terminate", "unlock", logged(free_line)));
+    EXPECT_THAT(calls(), ElementsAre("Pa_StopStream(2)", "Pa_CloseStream(2)", "rnnoise_destroy", "free(9600, 4)",
+                                     "free(4800, 4)", "free", "lock", "Pa_Terminate", "unlock", logged(free_line)));
 }
 
 TEST_F(context, a_failed_open_of_a_stopped_context_leaves_it_armed_without_the_old_stream) {

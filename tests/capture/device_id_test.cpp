@@ -118,7 +118,7 @@ TEST_F(device_id, searches_in_index_order_and_stops_at_the_match) {
     wrapper_audio_free(ctx);
     const auto first = std::find(journal.begin(), journal.end(), "Pa_GetDeviceCount");
     ASSERT_NE(first, journal.end());
-    EXPECT_THAT(std::vector<std::string>(first, std::find(first, journal.end(), "calloc(4800, 4)")),
+    EXPECT_THAT(std::vector<std::string>(first, std::find(first, journal.end(), "calloc(9600, 4)")),
                 ElementsAre("Pa_GetDeviceCount", "Pa_GetDeviceInfo(0)", "Pa_GetHostApiInfo(0)", "Pa_GetDeviceInfo(1)",
                             "Pa_GetHostApiInfo(3)", "Pa_GetDeviceInfo(2)", "Pa_GetHostApiInfo(0)",
                             "Pa_GetDeviceInfo(2)"));

@@ -23,7 +23,6 @@ protected:
         return copy;
     }
 
-    // A list whose only device has a name of this many bytes of 'x' after `head`.
     static std::string list_with_name(const std::string& name) {
         world().devices = {device{name}};
         return list();
@@ -48,7 +47,7 @@ TEST_F(device_list, asks_in_this_order) {
                                      "log [audio_wrapper] list_devices: 2 устройств"));
     EXPECT_EQ(world().initialisations, 0);
     wrapper_audio_free_text(text);
-    EXPECT_THAT(calls(), ElementsAre("free"));
+    EXPECT_THAT(calls(), ElementsAre("free(65536)"));
 }
 
 TEST_F(device_list, of_a_machine_without_devices_is_empty_and_the_count_is_logged_as_it_came) {
@@ -62,7 +61,7 @@ TEST_F(device_list, of_a_machine_without_devices_is_empty_and_the_count_is_logge
 TEST_F(device_list, is_empty_and_silent_when_portaudio_does_not_start) {
     fail_next("Pa_Initialize", paInternalError);
     EXPECT_EQ(list(), "[]");
-    EXPECT_THAT(calls(), ElementsAre("malloc(65536)", "lock", "Pa_Initialize", "unlock", "free"));
+    EXPECT_THAT(calls(), ElementsAre("malloc(65536)", "lock", "Pa_Initialize", "unlock", "free(65536)"));
 }
 
 TEST_F(device_list, is_null_without_memory_before_anything_else) {
@@ -235,6 +234,11 @@ TEST_F(device_list, free_text_accepts_null) {
 class capabilities : public with_fakes {};
 
 TEST_F(capabilities, are_0_when_portaudio_does_not_start) {
+    fail_next("Pa_Initialize", paInternalError);
+    EXPECT_EQ(wrapper_audio_capabilities(), 0);
+    fail_next("Pa_Initialize", 1); // anything but no error
+    EXPECT_EQ(wrapper_audio_capabilities(), 0);
+    calls();
     fail_next("Pa_Initialize", paInternalError);
     EXPECT_EQ(wrapper_audio_capabilities(), 0);
     EXPECT_THAT(calls(), ElementsAre("lock", "Pa_Initialize", "unlock"));

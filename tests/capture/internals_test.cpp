@@ -51,6 +51,34 @@ TEST_F(internals, a_context_that_claims_to_run_without_a_stream_is_opened) {
     wrapper_audio_free(ctx);
 }
 
+TEST_F(internals, a_context_that_claims_to_run_without_a_stream_no_longer_does_once_stopped_or_released) {
+    for (const auto end : {wrapper_audio_stop, wrapper_audio_release_stream}) {
+        wrapper_audio_ctx ctx{};
+        ctx.running = 1;
+        end(&ctx);
+        EXPECT_EQ(ctx.running, 0);
+        EXPECT_THAT(calls(), IsEmpty());
+    }
+}
+
+template <typename... Fields>
+void expect_ascending(Fields... offsets) {
+    const std::vector<size_t> in_order{offsets...};
+    EXPECT_TRUE(std::is_sorted(in_order.begin(), in_order.end()));
+}
+
+TEST_F(internals, records_keep_their_fields_in_order) {
+    expect_ascending(offsetof(wrapper_audio_ctx, stream), offsetof(wrapper_audio_ctx, denoiser),
+                     offsetof(wrapper_audio_ctx, output_rate), offsetof(wrapper_audio_ctx, capture_rate),
+                     offsetof(wrapper_audio_ctx, denoise_enabled), offsetof(wrapper_audio_ctx, running),
+                     offsetof(wrapper_audio_ctx, device_index), offsetof(wrapper_audio_ctx, capture_buf),
+                     offsetof(wrapper_audio_ctx, capture_frames), offsetof(wrapper_audio_ctx, read_pos),
+                     offsetof(wrapper_audio_ctx, out_buf), offsetof(wrapper_audio_ctx, out_capacity),
+                     offsetof(wrapper_audio_ctx, out_count));
+    expect_ascending(offsetof(wrapper_audio_meter, stream), offsetof(wrapper_audio_meter, buf),
+                     offsetof(wrapper_audio_meter, frames), offsetof(wrapper_audio_meter, error_logged));
+}
+
 TEST_F(internals, destroying_no_context_gives_no_initialisation_back) {
     ctx_destroy(nullptr);
     EXPECT_THAT(calls(), IsEmpty());

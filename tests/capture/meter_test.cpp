@@ -58,13 +58,13 @@ TEST_F(meter, takes_an_initialisation_a_buffer_and_a_stream_and_gives_them_back)
     ASSERT_NE(opened, nullptr);
     EXPECT_THAT(calls(),
                 ElementsAre("lock", "Pa_Initialize", "unlock", "calloc", "Pa_GetDefaultInputDevice",
-                            "Pa_GetDeviceInfo(0)", "calloc(1440, 4)", "Pa_GetDeviceInfo(0)",
+                            "Pa_GetDeviceInfo(0)", "calloc(2880, 4)", "Pa_GetDeviceInfo(0)",
                             "Pa_OpenStream(device=0, channels=1, paFloat32, latency=0.01, rate=48000, frames=1440, "
                             "paClipOff)",
                             "Pa_StartStream(1)", std::string("log ") + opened_line));
     wrapper_audio_meter_close(opened);
-    EXPECT_THAT(calls(), ElementsAre("Pa_StopStream(1)", "Pa_CloseStream(1)", "free", "free", "lock", "Pa_Terminate",
-                                     "unlock", "log [audio_wrapper] meter_close"));
+    EXPECT_THAT(calls(), ElementsAre("Pa_StopStream(1)", "Pa_CloseStream(1)", "free(2880, 4)", "free", "lock",
+                                     "Pa_Terminate", "unlock", "log [audio_wrapper] meter_close"));
     EXPECT_EQ(log(), std::string(opened_line) + "\n[audio_wrapper] meter_close\n");
 }
 
@@ -137,7 +137,7 @@ TEST_F(meter, without_memory_says_nothing) {
         std::vector<std::string> expected{"lock", "Pa_Initialize", "unlock", "calloc"};
         if (failing == 2) {
             expected.insert(expected.end(),
-                            {"Pa_GetDefaultInputDevice", "Pa_GetDeviceInfo(0)", "calloc(1440, 4)", "free"});
+                            {"Pa_GetDefaultInputDevice", "Pa_GetDeviceInfo(0)", "calloc(2880, 4)", "free"});
         }
         expected.insert(expected.end(), {"lock", "Pa_Terminate", "unlock"});
         EXPECT_EQ(calls(), expected);
@@ -170,8 +170,8 @@ TEST_F(meter, gives_everything_back_when_the_stream_is_refused) {
     const auto journal = calls();
     EXPECT_THAT(std::vector<std::string>(journal.end() - 7, journal.end()),
                 ElementsAre("Pa_GetErrorText(-9985)",
-                            "log [audio_wrapper] meter_open: open_input_stream ОШИБКА: error -9985", "free", "free",
-                            "lock", "Pa_Terminate", "unlock"));
+                            "log [audio_wrapper] meter_open: open_input_stream ОШИБКА: error -9985", "free(2880, 4)",
+                            "free", "lock", "Pa_Terminate", "unlock"));
     fail_next("Pa_StartStream", paInternalError);
     EXPECT_EQ(wrapper_audio_meter_open(nullptr), nullptr);
     EXPECT_THAT(log(), testing::EndsWith("meter_open: open_input_stream ОШИБКА: error -9986\n"));

@@ -1,10 +1,10 @@
 // Reading: what is refused, what PortAudio and the denoiser are asked, and every number against the plain reference.
+#include "bits.h"
 #include "fixture.h"
 #include "guarded_buffer.h"
 #include "read_reference.h"
 #include "signals.h"
 
-#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -75,17 +75,12 @@ protected:
     }
 };
 
-// The floats' bits are compared, so that NaN equals NaN and -0.0 differs from 0.0.
 void expect_same(const reference::block& expected, int32_t count, const std::vector<int16_t>& pcm, float rms,
                  float peak, const std::string& what) {
     ASSERT_EQ(count, static_cast<int32_t>(expected.pcm.size())) << what;
     EXPECT_EQ(pcm, expected.pcm) << what;
-    if (std::isnan(expected.rms)) {
-        EXPECT_TRUE(std::isnan(rms)) << what;
-    } else {
-        EXPECT_EQ(std::bit_cast<uint32_t>(rms), std::bit_cast<uint32_t>(expected.rms)) << what;
-    }
-    EXPECT_EQ(std::bit_cast<uint32_t>(peak), std::bit_cast<uint32_t>(expected.peak)) << what;
+    EXPECT_TRUE(same(rms, expected.rms)) << what;
+    EXPECT_TRUE(same(peak, expected.peak)) << what;
 }
 
 // ---- Refusals ----
@@ -383,7 +378,7 @@ TEST_F(read, never_produces_minus_32768) {
     std::vector<float> samples;
     for (int i = -200; i <= 200; ++i)
         samples.push_back(std::nextafter(-1.0F, static_cast<float>(i)) + static_cast<float>(i) * 1e-6F);
-    EXPECT_THAT(pcm_of(std::vector<float>(samples.begin(), samples.begin() + 160)), Each(testing::Ge(-32767)));
+    EXPECT_THAT(pcm_of(std::vector<float>(samples.begin() + 120, samples.begin() + 280)), Each(testing::Ge(-32767)));
 }
 
 TEST_F(read, levels_stop_at_1) {
@@ -436,6 +431,18 @@ TEST_P(read_at_rates, equals_the_reference_bit_for_bit) {
 INSTANTIATE_TEST_SUITE_P(usual, read_at_rates,
                          testing::Values(8000, 11025, 16000, 22050, 24000, 32000, 44100, 48000, 96000, 192000));
 
+// ---- A back end that writes twice what it was asked for ----
+
+TEST_F(read, has_room_for_twice_the_samples_that_it_asks_for) {
+    world().doubled_reads = true; // the sanitizer, or the allocator's own checks, find what has no room
+    wrapper_audio_ctx* ctx = listening(48000, 16000, ramp(4800), 1);
+    EXPECT_EQ(read_once(ctx, 100, 1600).count, 1600);
+    wrapper_audio_free(ctx);
+    wrapper_audio_meter* meter = wrapper_audio_meter_open(nullptr);
+    EXPECT_EQ(wrapper_audio_meter_read(meter, nullptr, nullptr), 1440);
+    wrapper_audio_meter_close(meter);
+}
+
 // ---- Any capacity, on a small stack ----
 
 struct small_stack_read {
@@ -446,9 +453,10 @@ struct small_stack_read {
 };
 
 TEST_F(read, of_any_capacity_fits_on_a_stack_of_64_kib) {
-    wrapper_audio_ctx* ctx = listening(8000, 192000, ramp(800));
     guarded_buffer<int16_t> pcm(19200);
-    for (const int32_t capacity : {19200, int_max}) {
+    for (const int32_t capacity : {4800, 19200, int_max}) {
+        const bool denoise = capacity == 4800; // what RNNoise itself needs comes on top
+        wrapper_audio_ctx* ctx = denoise ? listening(48000, 48000, ramp(4800), 1) : listening(8000, 192000, ramp(800));
         small_stack_read job{ctx, pcm.data(), capacity, 0};
         pthread_attr_t attributes;
         pthread_attr_init(&attributes);
@@ -465,11 +473,12 @@ TEST_F(read, of_any_capacity_fits_on_a_stack_of_64_kib) {
                   0);
         pthread_join(thread, nullptr);
         pthread_attr_destroy(&attributes);
-        EXPECT_EQ(job.count, 19200);
-        EXPECT_EQ(std::vector<int16_t>(pcm.data(), pcm.data() + 19200),
-                  reference::measured(reference::at_rate(ramp(800), 8000, 192000, 19200)).pcm);
+        const auto expected =
+            denoise ? reference::denoised(ramp(4800), bend) : reference::at_rate(ramp(800), 8000, 192000, 19200);
+        EXPECT_EQ(job.count, static_cast<int32_t>(expected.size()));
+        EXPECT_EQ(std::vector<int16_t>(pcm.data(), pcm.data() + expected.size()), reference::measured(expected).pcm);
+        wrapper_audio_free(ctx);
     }
-    wrapper_audio_free(ctx);
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// What the header allows to run at once, run at once. The thread sanitizer is the judge.
+// More at once than a host may do with PortAudio: the library itself has to survive it. The thread sanitizer judges.
 #include "fixture.h"
 
 #include <thread>

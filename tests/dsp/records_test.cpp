@@ -342,7 +342,9 @@ TEST_F(metrics_update, the_snr_is_limited_to_minus_10_and_60_db) {
     EXPECT_EQ(snr(0.0F, 0.9e-10F), 60.0F);
     EXPECT_EQ(snr(nan, 0.0F), 60.0F);
     EXPECT_EQ(snr(1e-10F, 1e-10F), 0.0F) << "exactly the least noise power is not below it";
-    EXPECT_EQ(snr(0.5F, 0.001F), 10.0F * std::log10(0.5F / 0.001F));
+    for (const float signal : {0.5F, 0.002F, 0.003F, 0.016F}) {
+        EXPECT_EQ(snr(signal, 0.001F), 10.0F * std::log10(signal / 0.001F)) << signal;
+    }
     EXPECT_TRUE(std::isnan(snr(-1.0F, 0.001F)));
 }
 
@@ -350,6 +352,10 @@ TEST_F(metrics_update, the_clipping_ratio_divides_signed_counts) {
     g_clipping_count = 1;
     g_total_samples = 3;
     EXPECT_EQ(wrapper_audio_clipping_ratio(), 1.0F / 3.0F);
+    g_clipping_count = 16777371; // neither count is a float
+    g_total_samples = 33554697;
+    EXPECT_EQ(wrapper_audio_clipping_ratio(), static_cast<float>(16777371) / static_cast<float>(33554697));
+    g_clipping_count = 1;
     g_total_samples = -2;
     EXPECT_EQ(wrapper_audio_clipping_ratio(), -0.5F);
     g_total_samples = 0;
@@ -359,8 +365,10 @@ TEST_F(metrics_update, the_clipping_ratio_divides_signed_counts) {
 TEST_F(metrics_update, releasing_the_freeze_restarts_the_counters_and_freezing_does_not) {
     feed(std::vector<float>(10, 0.99F));
     const float signal = g_signal_power;
-    wrapper_audio_update_noise_profile(nullptr, 5);
-    EXPECT_EQ(wrapper_audio_clipping_ratio(), 1.0F);
+    for (const int32_t frozen : {5, -5}) {
+        wrapper_audio_update_noise_profile(nullptr, frozen);
+        EXPECT_EQ(wrapper_audio_clipping_ratio(), 1.0F);
+    }
     wrapper_audio_update_noise_profile(nullptr, 0);
     EXPECT_EQ(g_clipping_count, 0);
     EXPECT_EQ(g_total_samples, 0);

@@ -205,6 +205,7 @@ TEST_F(resampler, counts_that_32_bits_do_not_hold) {
     EXPECT_EQ(refused(1, int_max, 2, -9), int_min);
     EXPECT_EQ(refused(1, 2, -1073741824, 100), int_min); // exactly the lowest
     EXPECT_EQ(refused(2, -1, int_min, 0), 0);            // 1073741824, then no room
+    EXPECT_EQ(refused(1, 2, 1073741824, 100), int_min);  // one above the highest
     EXPECT_EQ(refused(1, 1, int_max, 0), 0);             // exactly the highest
     EXPECT_EQ(refused(-1, 1, int_max, 0), -int_max);
 }

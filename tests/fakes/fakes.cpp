@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <rnnoise.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -110,7 +111,7 @@ void* allocate(const std::string& entry, void* (*take)(size_t, size_t), size_t c
     note(entry);
     if (world().failing_allocations.count(++world().allocations) != 0) return nullptr;
     void* block = take(count, size);
-    if (block != nullptr) world().live_blocks.insert(block);
+    if (block != nullptr) world().live_blocks[block] = entry.substr(std::min(entry.find('('), entry.size()));
     return block;
 }
 
@@ -253,6 +254,7 @@ PaError Pa_ReadStream(PaStream* handle, void* buffer, unsigned long frames) {
     if (!stream->running) fake::violation("Pa_ReadStream on a stopped stream");
     const PaError result = fake::next_result("Pa_ReadStream");
     const auto microphone = world().microphone;
+    if (world().doubled_reads) frames *= 2;
     hold.unlock();
     auto* samples = static_cast<float*>(buffer);
     if (microphone) {
@@ -303,8 +305,9 @@ void* fake_malloc(size_t size) {
 void fake_free(void* block) {
     if (block != nullptr) {
         const std::lock_guard hold{world().guard};
-        note("free");
-        if (world().live_blocks.erase(block) == 0) fake::violation("free of a block that is not the library's");
+        const auto known = world().live_blocks.extract(block);
+        note("free" + (known ? known.mapped() : ""));
+        if (!known) fake::violation("free of a block that is not the library's");
     }
     std::free(block);
 }

@@ -46,6 +46,7 @@ struct state {
     std::map<std::string, std::deque<PaError>> results; // what the next calls return, by function; then paNoError
     std::set<int> failing_allocations;                  // by their number since the last reset, from 1
     bool denoiser_refused = false;
+    bool doubled_reads = false; // reads write twice the samples asked for, as PortAudio 19.6 does on JACK
     std::function<void(float* samples, unsigned long count)> microphone; // null: silence
     std::function<void(float* frame)> denoiser;                          // null: frames stay as they are
 
@@ -56,7 +57,7 @@ struct state {
     int allocations = 0;
     int initialisations = 0;
     std::set<PaStream*> open_streams;
-    std::set<const void*> live_blocks;
+    std::map<const void*, std::string> live_blocks; // with their sizes, as in the journal
     int live_denoisers = 0;
 
     // What the library holds pointers into.

@@ -131,7 +131,7 @@ class Meter(HostTest):
             with self.subTest(columns=columns):
                 code, shown = self.in_terminal("meter", "--seconds", 0.6, columns=columns, microphone={"MICROPHONE_PACED": "1"})
                 self.assertEqual((code, shown.count("\n")), (FINE, 1))
-                redraws = shown.rstrip("\r\n").split("\r")[1:]
+                redraws = [line for line in shown.rstrip("\r\n").split("\r") if line]
                 self.assertGreater(len(redraws), 4)
                 self.assertLessEqual(len(redraws), 0.6 * 20 + 2)
                 for line in redraws:
@@ -143,7 +143,7 @@ class Meter(HostTest):
         begun = time.monotonic()
         code, shown = self.in_terminal("meter", "--seconds", 600)  # not paced: as fast as it can
         self.assertEqual(code, FINE)
-        self.assertLessEqual(shown.count("\r"), 20 * (time.monotonic() - begun) + 3)
+        self.assertLessEqual(shown.count("RMS"), 20 * (time.monotonic() - begun) + 3)
 
     def test_colours_follow_the_terminal(self):
         for environment, coloured in ({}, True), ({"NO_COLOR": "1"}, False), ({"TERM": "dumb"}, False):

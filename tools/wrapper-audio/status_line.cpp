@@ -15,6 +15,7 @@
 namespace {
 
 int drawn_on = -1;
+std::string drawn_text;
 int drawn_columns = 0;
 std::chrono::steady_clock::time_point drawn_at;
 
@@ -48,8 +49,10 @@ void show(const terminal& on, const shown_text& line) {
     if (!on.redraws || !is_due()) return;
     // Spaces rather than an escape sequence clear what a longer line left: every terminal knows them.
     const int rest = std::min(std::max(drawn_columns - line.columns, 0), std::max(on.width() - line.columns, 0));
-    console::write_all(on.descriptor, fmt::format("\r{}{:{}}", line.text, "", rest));
+    // The cursor waits at the front: there the echo of Ctrl-C breaks no line.
+    console::write_all(on.descriptor, fmt::format("\r{}{:{}}\r", line.text, "", rest));
     drawn_on = on.descriptor;
+    drawn_text = line.text;
     drawn_columns = line.columns;
     drawn_at = std::chrono::steady_clock::now();
 }
@@ -63,7 +66,7 @@ void make_room() {
 
 void finish() {
     if (drawn_on < 0) return;
-    console::write_all(drawn_on, "\n");
+    console::write_all(drawn_on, fmt::format("\r{}\n", drawn_text)); // once more, over that echo
     drawn_on = -1;
     drawn_columns = 0;
 }

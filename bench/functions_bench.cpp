@@ -10,26 +10,14 @@
 #include <cmath>
 #include <functional>
 #include <memory>
-#include <random>
 
 namespace {
-
-constexpr int sizes[] = {160, 480, 1600, 4800, 65536};
-
-std::vector<float> noise(int count) {
-    std::mt19937 random(1);
-    std::normal_distribution<float> normal(0.0F, 0.1F);
-    std::vector<float> samples(static_cast<std::size_t>(count));
-    for (float& x : samples)
-        x = normal(random);
-    return samples;
-}
 
 // Registers `work`, called over and over with a block of this many samples.
 using block_function = std::function<void(float* samples, std::int32_t count)>;
 void add(const std::string& name, int count, const block_function& work) {
     benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
-        auto samples = noise(count);
+        auto samples = bench::noise(count);
         for (auto _ : state) {
             work(samples.data(), count);
             benchmark::ClobberMemory();
@@ -110,7 +98,7 @@ void register_high_pass(int count) {
     const std::string n = ", " + std::to_string(count);
     add("biquad chain" + n, count,
         [](float*, std::int32_t length) { benchmark::DoNotOptimize(bench::plain::biquad_chain(length)); });
-    const auto source = std::make_shared<std::vector<float>>(noise(count));
+    const auto source = std::make_shared<std::vector<float>>(bench::noise(count));
     add("high-pass" + n + ", signal", count, [source](float* samples, std::int32_t length) {
         std::copy(source->begin(), source->end(), samples);
         wrapper_audio_hpf_process(nullptr, samples, length);
@@ -125,7 +113,7 @@ void register_high_pass(int count) {
             const bench::quiet hush;
             wrapper_audio_hpf_init(100.0F, 0.707F);
         }
-        auto samples = noise(count);
+        auto samples = bench::noise(count);
         wrapper_audio_hpf_process(nullptr, samples.data(), count);
         std::vector<float> zeros(static_cast<std::size_t>(count));
         for (int i = 0; i < 64000; i += count) {
@@ -173,7 +161,7 @@ void bench::register_functions() {
         wrapper_audio_agc_init(-20.0F, 100.0F);
         wrapper_audio_hpf_init(100.0F, 0.707F);
     }
-    for (const int count : sizes) {
+    for (const int count : bench::sizes) {
         register_levels(count);
         register_in_place(count);
         register_high_pass(count);

@@ -20,20 +20,8 @@ extern "C" {
 
 #include <functional>
 #include <memory>
-#include <random>
 
 namespace {
-
-constexpr int sizes[] = {160, 480, 1600, 4800, 65536};
-
-std::vector<float> noise(int count) {
-    std::mt19937 random(2);
-    std::normal_distribution<float> normal(0.0F, 0.1F);
-    std::vector<float> samples(static_cast<std::size_t>(count));
-    for (float& x : samples)
-        x = normal(random);
-    return samples;
-}
 
 // ---- Resamplers: each is made once and then fed block after block, as a stream. ----
 
@@ -109,7 +97,7 @@ void register_resamplers(int count, int in_rate, int out_rate) {
         const std::string row = name + ", " + peer;
         benchmark::RegisterBenchmark(row.c_str(), [=, make = make](benchmark::State& state) {
             const converter convert = make();
-            const auto in = noise(count);
+            const auto in = bench::noise(count);
             std::vector<float> out(static_cast<std::size_t>(count) * 3 + 64);
             for (auto _ : state)
                 convert(in.data(), count, out.data(), static_cast<int>(out.size()));
@@ -128,7 +116,7 @@ void register_resamplers(int count, int in_rate, int out_rate) {
 void register_volk(int count) {
     const std::string n = ", " + std::to_string(count);
     benchmark::RegisterBenchmark(("dot product" + n + ", volk").c_str(), [=](benchmark::State& state) {
-        const auto in = noise(count);
+        const auto in = bench::noise(count);
         float sum = 0.0F;
         for (auto _ : state) {
             volk_32f_x2_dot_prod_32f(&sum, in.data(), in.data(), static_cast<unsigned>(count));
@@ -138,7 +126,7 @@ void register_volk(int count) {
     bench::show_gain("sum of squares" + n + ", volk (single precision, any order) against ours",
                      "dot product" + n + ", volk", "levels" + n + ", library");
     benchmark::RegisterBenchmark(("to 16 bits" + n + ", volk").c_str(), [=](benchmark::State& state) {
-        const auto in = noise(count);
+        const auto in = bench::noise(count);
         std::vector<std::int16_t> out(in.size());
         for (auto _ : state) {
             volk_32f_s32f_convert_16i(out.data(), in.data(), 32767.0F, static_cast<unsigned>(count));
@@ -212,7 +200,7 @@ void register_voice_processors() {
 } // namespace
 
 void bench::register_peers() {
-    for (const int count : sizes) {
+    for (const int count : bench::sizes) {
         for (const auto& [in_rate, out_rate] : {std::pair{44100, 16000}, {16000, 48000}, {48000, 16000}}) {
             register_resamplers(count, in_rate, out_rate);
         }

@@ -281,7 +281,7 @@ namespace {
 
 constexpr int32_t denoiser_rate = 48000;
 constexpr int32_t denoiser_frame = 480;
-constexpr int32_t conversion_block = 64;
+constexpr int32_t conversion_block = 64; // short enough for the processor to convert the next while it sums one
 
 // Fills `out_buf` with `frames` samples of `capture_buf`: whole denoiser frames denoised, everything else as
 // captured. The bounds by `out_capacity` are this stage's own; a read never asks for more.

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <stdexcept>
 
 namespace {
@@ -45,6 +46,15 @@ quiet::quiet() : saved_(dup(2)) {
 quiet::~quiet() {
     dup2(saved_, 2);
     close(saved_);
+}
+
+std::vector<float> noise(int count) {
+    std::mt19937 random(1);
+    std::normal_distribution<float> normal(0.0F, 0.1F);
+    std::vector<float> samples(static_cast<std::size_t>(count));
+    for (float& x : samples)
+        x = normal(random);
+    return samples;
 }
 
 std::vector<float> speech(const std::string& path) {

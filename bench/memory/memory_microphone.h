@@ -26,6 +26,10 @@ private:
     int saved_;
 };
 
+// The lengths of the blocks to measure with, and such a block of noise at -20 dB.
+inline constexpr int sizes[] = {160, 480, 1600, 4800, 65536};
+std::vector<float> noise(int count);
+
 // Six seconds of speech in noise, 48000 Hz.
 std::vector<float> speech(const std::string& path);
 

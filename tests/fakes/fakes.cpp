@@ -4,8 +4,10 @@
 #include <rnnoise.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <sstream>
 
@@ -33,24 +35,34 @@ void violation(const std::string& what) {
     world().violations.push_back(what);
 }
 
-// Every call but initialise, terminate and the unlock itself comes through here.
-void note(const std::string& entry) {
-    const std::lock_guard hold{world().guard};
+// What a call answers although nothing has gone wrong, when the script wants it to fail.
+using scripted_fault = std::optional<int>;
+
+scripted_fault write_down(const std::string& entry) {
+    const auto fault = world().faults.extract(world().journal.size());
     world().journal.push_back(entry);
-    if (t_calls_under_lock >= 0) violation("under the lock: " + entry);
+    return fault ? scripted_fault(fault.mapped()) : std::nullopt;
 }
 
-void note_locked_call(const std::string& entry) {
+// Every call but initialise, terminate and the unlock itself comes through here.
+scripted_fault note(const std::string& entry) {
     const std::lock_guard hold{world().guard};
-    world().journal.push_back(entry);
+    if (t_calls_under_lock >= 0) violation("under the lock: " + entry);
+    return write_down(entry);
+}
+
+scripted_fault note_locked_call(const std::string& entry) {
+    const std::lock_guard hold{world().guard};
     if (t_calls_under_lock < 0) {
         violation(entry + " without the lock");
     } else if (++t_calls_under_lock > 1) {
         violation(entry + " is the second call under one lock");
     }
+    return write_down(entry);
 }
 
-PaError next_result(const std::string& function) {
+PaError result_of(const std::string& function, scripted_fault fault) {
+    if (fault) return *fault;
     const std::lock_guard hold{world().guard};
     auto& script = world().results[function];
     if (script.empty()) return paNoError;
@@ -108,8 +120,8 @@ void build_tables(state& w) {
 
 void* allocate(const std::string& entry, void* (*take)(size_t, size_t), size_t count, size_t size) {
     const std::lock_guard hold{world().guard};
-    note(entry);
-    if (world().failing_allocations.count(++world().allocations) != 0) return nullptr;
+    const bool fails = note(entry).has_value();
+    if (world().failing_allocations.count(++world().allocations) != 0 || fails) return nullptr;
     void* block = take(count, size);
     if (block != nullptr) world().live_blocks[block] = entry.substr(std::min(entry.find('('), entry.size()));
     return block;
@@ -122,6 +134,7 @@ state& world() {
 }
 
 void reset() {
+    if (t_calls_under_lock >= 0) pthread_mutex_unlock(world().library_lock); // the test before has told of it
     g_world = std::make_unique<state>();
     t_calls_under_lock = -1;
     static FILE* const log = [] {
@@ -132,6 +145,10 @@ void reset() {
         return file;
     }();
     stderr = log;
+}
+
+bool lock_is_held() {
+    return t_calls_under_lock >= 0;
 }
 
 std::string error_text(PaError error) {
@@ -148,8 +165,7 @@ extern "C" {
 // ---- PortAudio ----
 
 PaError Pa_Initialize() {
-    fake::note_locked_call("Pa_Initialize");
-    const PaError result = fake::next_result("Pa_Initialize");
+    const PaError result = fake::result_of("Pa_Initialize", fake::note_locked_call("Pa_Initialize"));
     const std::lock_guard hold{world().guard};
     if (result == paNoError && world().initialisations++ == 0) fake::build_tables(world());
     return result;
@@ -157,7 +173,7 @@ PaError Pa_Initialize() {
 
 // The last one closes what is still open, as PortAudio does.
 PaError Pa_Terminate() {
-    fake::note_locked_call("Pa_Terminate");
+    const auto fault = fake::note_locked_call("Pa_Terminate");
     const std::lock_guard hold{world().guard};
     if (world().initialisations < 1) fake::violation("Pa_Terminate without an initialisation");
     if (--world().initialisations == 0) {
@@ -166,7 +182,7 @@ PaError Pa_Terminate() {
         }
         world().open_streams.clear();
     }
-    return fake::next_result("Pa_Terminate");
+    return fake::result_of("Pa_Terminate", fault);
 }
 
 const char* Pa_GetErrorText(PaError error) {
@@ -177,44 +193,47 @@ const char* Pa_GetErrorText(PaError error) {
 }
 
 PaDeviceIndex Pa_GetDeviceCount() {
-    note("Pa_GetDeviceCount");
+    const auto fault = note("Pa_GetDeviceCount");
     fake::require_initialised("Pa_GetDeviceCount");
+    if (fault) return *fault;
     return world().device_count.value_or(static_cast<int>(world().devices.size()));
 }
 
 PaDeviceIndex Pa_GetDefaultInputDevice() {
-    note("Pa_GetDefaultInputDevice");
+    const auto fault = note("Pa_GetDefaultInputDevice");
     fake::require_initialised("Pa_GetDefaultInputDevice");
-    return world().default_input;
+    return fault.value_or(world().default_input);
 }
 
 const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
-    note(fake::text("Pa_GetDeviceInfo(", index, ")"));
+    const auto fault = note(fake::text("Pa_GetDeviceInfo(", index, ")"));
     fake::require_initialised("Pa_GetDeviceInfo");
+    if (fault) return nullptr;
     const auto i = static_cast<size_t>(index);
     return index >= 0 && i < world().devices.size() && world().devices[i].has_info ? &world().device_infos[i] : nullptr;
 }
 
 const PaHostApiInfo* Pa_GetHostApiInfo(PaHostApiIndex index) {
-    note(fake::text("Pa_GetHostApiInfo(", index, ")"));
+    const auto fault = note(fake::text("Pa_GetHostApiInfo(", index, ")"));
     fake::require_initialised("Pa_GetHostApiInfo");
+    if (fault) return nullptr;
     const auto i = static_cast<size_t>(index);
     return index >= 0 && i < world().host_api_infos.size() ? &world().host_api_infos[i] : nullptr;
 }
 
 PaError Pa_OpenStream(PaStream** slot, const PaStreamParameters* input, const PaStreamParameters* output, double rate,
                       unsigned long frames, PaStreamFlags flags, PaStreamCallback* callback, void* user_data) {
-    note(fake::text("Pa_OpenStream(device=", input->device, ", channels=", input->channelCount,
-                    input->sampleFormat == paFloat32 ? ", paFloat32" : ", another format",
-                    ", latency=", input->suggestedLatency, ", rate=", rate, ", frames=", frames,
-                    flags == paClipOff ? ", paClipOff)" : ", other flags)"));
+    const auto fault = note(fake::text("Pa_OpenStream(device=", input->device, ", channels=", input->channelCount,
+                                       input->sampleFormat == paFloat32 ? ", paFloat32" : ", another format",
+                                       ", latency=", input->suggestedLatency, ", rate=", rate, ", frames=", frames,
+                                       flags == paClipOff ? ", paClipOff)" : ", other flags)"));
     fake::require_initialised("Pa_OpenStream");
     const std::lock_guard hold{world().guard};
     if (*slot != nullptr) fake::violation("Pa_OpenStream into a slot that is not null");
     if (output != nullptr) fake::violation("Pa_OpenStream with an output");
     if (input->hostApiSpecificStreamInfo != nullptr) fake::violation("Pa_OpenStream with host API specifics");
     if (callback != nullptr || user_data != nullptr) fake::violation("Pa_OpenStream with a callback or user data");
-    const PaError result = fake::next_result("Pa_OpenStream");
+    const PaError result = fake::result_of("Pa_OpenStream", fault);
     if (result != paNoError) return result;
     *slot = new fake::stream{++world().streams_opened};
     world().open_streams.insert(*slot);
@@ -224,8 +243,8 @@ PaError Pa_OpenStream(PaStream** slot, const PaStreamParameters* input, const Pa
 PaError Pa_StartStream(PaStream* handle) {
     const std::lock_guard hold{world().guard};
     fake::stream* stream = fake::require_open("Pa_StartStream", handle);
-    note(fake::text("Pa_StartStream(", stream->number, ")"));
-    const PaError result = fake::next_result("Pa_StartStream");
+    const auto fault = note(fake::text("Pa_StartStream(", stream->number, ")"));
+    const PaError result = fake::result_of("Pa_StartStream", fault);
     stream->running = result == paNoError;
     return result;
 }
@@ -233,26 +252,26 @@ PaError Pa_StartStream(PaStream* handle) {
 PaError Pa_StopStream(PaStream* handle) {
     const std::lock_guard hold{world().guard};
     fake::stream* stream = fake::require_open("Pa_StopStream", handle);
-    note(fake::text("Pa_StopStream(", stream->number, ")"));
+    const auto fault = note(fake::text("Pa_StopStream(", stream->number, ")"));
     stream->running = false;
-    return fake::next_result("Pa_StopStream");
+    return fake::result_of("Pa_StopStream", fault);
 }
 
 PaError Pa_CloseStream(PaStream* handle) {
     const std::lock_guard hold{world().guard};
     fake::stream* stream = fake::require_open("Pa_CloseStream", handle);
-    note(fake::text("Pa_CloseStream(", stream->number, ")"));
+    const auto fault = note(fake::text("Pa_CloseStream(", stream->number, ")"));
     world().open_streams.erase(handle);
     delete stream;
-    return fake::next_result("Pa_CloseStream");
+    return fake::result_of("Pa_CloseStream", fault);
 }
 
 PaError Pa_ReadStream(PaStream* handle, void* buffer, unsigned long frames) {
     std::unique_lock hold{world().guard};
     fake::stream* stream = fake::require_open("Pa_ReadStream", handle);
-    note(fake::text("Pa_ReadStream(", stream->number, ", ", frames, ")"));
+    const auto fault = note(fake::text("Pa_ReadStream(", stream->number, ", ", frames, ")"));
     if (!stream->running) fake::violation("Pa_ReadStream on a stopped stream");
-    const PaError result = fake::next_result("Pa_ReadStream");
+    const PaError result = fake::result_of("Pa_ReadStream", fault);
     const auto microphone = world().microphone;
     if (world().doubled_reads) frames *= 2;
     hold.unlock();
@@ -268,9 +287,9 @@ PaError Pa_ReadStream(PaStream* handle, void* buffer, unsigned long frames) {
 // ---- RNNoise ----
 
 DenoiseState* rnnoise_create(RNNModel* model) {
-    note(model == nullptr ? "rnnoise_create" : "rnnoise_create with a model");
+    const auto fault = note(model == nullptr ? "rnnoise_create" : "rnnoise_create with a model");
     const std::lock_guard hold{world().guard};
-    if (world().denoiser_refused) return nullptr;
+    if (world().denoiser_refused || fault) return nullptr;
     return new DenoiseState{++world().live_denoisers};
 }
 
@@ -282,12 +301,13 @@ void rnnoise_destroy(DenoiseState* denoiser) {
 }
 
 float rnnoise_process_frame(DenoiseState* denoiser, float* out, const float* in) {
-    note("rnnoise_process_frame");
+    const auto fault = note("rnnoise_process_frame");
     const std::lock_guard hold{world().guard};
     if (denoiser == nullptr) fake::violation("rnnoise_process_frame without a denoiser");
     if (out != in) fake::violation("rnnoise_process_frame with two buffers");
+    if (fault) std::fill_n(out, 480, std::numeric_limits<float>::quiet_NaN());
     if (world().denoiser) world().denoiser(out);
-    return 1.0F;
+    return fault ? static_cast<float>(*fault) : 1.0F;
 }
 
 // ---- Allocator and mutex, under the names that the library's objects are given for the tests ----
@@ -314,6 +334,7 @@ void fake_free(void* block) {
 
 int fake_pthread_mutex_lock(pthread_mutex_t* mutex) {
     note("lock");
+    if (fake::t_calls_under_lock >= 0) return EDEADLK; // noted, and waiting would end the test program instead
     const int result = pthread_mutex_lock(mutex);
     fake::t_calls_under_lock = 0;
     const std::lock_guard hold{world().guard};
@@ -325,7 +346,7 @@ int fake_pthread_mutex_lock(pthread_mutex_t* mutex) {
 int fake_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     {
         const std::lock_guard hold{world().guard};
-        world().journal.push_back("unlock");
+        fake::write_down("unlock");
         if (fake::t_calls_under_lock != 1) fake::violation("unlock after no call or without a lock");
     }
     fake::t_calls_under_lock = -1;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <portaudio.h>
+#include <pthread.h>
 
 #include <deque>
 #include <functional>
@@ -45,6 +46,10 @@ struct state {
     std::optional<int> device_count;                    // what Pa_GetDeviceCount says, instead of the truth
     std::map<std::string, std::deque<PaError>> results; // what the next calls return, by function; then paNoError
     std::set<int> failing_allocations;                  // by their number since the last reset, from 1
+    // What the call answers that becomes this entry of the journal: the number, or a null pointer where it gives a
+    // pointer. It takes nothing then, but what it has to give back it gives back all the same. A denoiser spoils its
+    // frame with NaN.
+    std::map<size_t, int> faults;
     bool denoiser_refused = false;
     bool doubled_reads = false; // reads write twice the samples asked for, as PortAudio 19.6 does on JACK
     std::function<void(float* samples, unsigned long count)> microphone; // null: silence
@@ -65,7 +70,7 @@ struct state {
     std::vector<PaHostApiInfo> host_api_infos;
     int streams_opened = 0;
     std::string pending_log;
-    const void* library_lock = nullptr;
+    pthread_mutex_t* library_lock = nullptr;
     std::recursive_mutex guard;
 };
 
@@ -73,6 +78,9 @@ state& world();
 
 // Forgets everything and puts one input device at 48000 Hz there. Takes over standard error.
 void reset();
+
+// Whether this thread has left the library with its lock.
+bool lock_is_held();
 
 // The text that Pa_GetErrorText gives for an error.
 std::string error_text(PaError error);

@@ -14,12 +14,15 @@ class with_fakes : public testing::Test {
 protected:
     void SetUp() override { fake::reset(); }
 
-    void TearDown() override {
+    void TearDown() override { expect_nothing_left_behind(); }
+
+    static void expect_nothing_left_behind() {
         EXPECT_THAT(fake::world().violations, testing::IsEmpty());
         EXPECT_EQ(fake::world().initialisations, 0) << "Pa_Initialize and Pa_Terminate are out of balance";
         EXPECT_THAT(fake::world().open_streams, testing::IsEmpty());
         EXPECT_THAT(fake::world().live_blocks, testing::IsEmpty());
         EXPECT_EQ(fake::world().live_denoisers, 0);
+        EXPECT_FALSE(fake::lock_is_held());
         EXPECT_EQ(fake::world().pending_log, "") << "a log line does not end";
     }
 

@@ -7,21 +7,32 @@
 
 #include <benchmark/benchmark.h>
 
+#include <emmintrin.h>
+
 #include <cmath>
-#include <functional>
 #include <memory>
 
 namespace {
 
-// Registers `work`, called over and over with a block of this many samples.
-using block_function = std::function<void(float* samples, std::int32_t count)>;
-void add(const std::string& name, int count, const block_function& work) {
-    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) {
+// Registers `work(samples, count)`, called over and over with a block of this many samples.
+template <typename Work>
+void add(const std::string& name, int count, Work work) {
+    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) mutable {
         auto samples = bench::noise(count);
         for (auto _ : state) {
             work(samples.data(), count);
             benchmark::ClobberMemory();
         }
+    });
+}
+
+// The same, each call waiting for the end of the one before. What is bound by a chain of additions would otherwise share
+// the processor with the next call's chain, as the calls of no host do.
+template <typename Work>
+void add_alone(const std::string& name, int count, Work work) {
+    add(name, count, [=](float* samples, std::int32_t length) mutable {
+        work(samples, length);
+        _mm_lfence();
     });
 }
 
@@ -35,14 +46,14 @@ double least_at(int count, double least) {
 
 void register_levels(int count) {
     const std::string n = ", " + std::to_string(count);
-    add("addition chain" + n, count,
-        [](float*, std::int32_t length) { benchmark::DoNotOptimize(bench::plain::addition_chain(length)); });
-    add("levels" + n + ", library", count, [](float* samples, std::int32_t length) {
+    add_alone("addition chain" + n, count,
+              [](float*, std::int32_t length) { benchmark::DoNotOptimize(bench::plain::addition_chain(length)); });
+    add_alone("levels" + n + ", library", count, [](float* samples, std::int32_t length) {
         numeric::level_sums sums;
         numeric::add_levels(sums, samples, length);
         benchmark::DoNotOptimize(sums);
     });
-    add("levels" + n + ", plain", count, [](float* samples, std::int32_t length) {
+    add_alone("levels" + n + ", plain", count, [](float* samples, std::int32_t length) {
         numeric::level_sums sums;
         bench::plain::add_levels(sums, samples, length);
         benchmark::DoNotOptimize(sums);
@@ -50,16 +61,16 @@ void register_levels(int count) {
     bench::show_gain("levels" + n + ", against plain", "levels" + n + ", plain", "levels" + n + ", library");
     bench::require_share("levels" + n + ", against the addition chain", "levels" + n + ", library",
                          "addition chain" + n, most_at(count, 1.15));
-    add("metrics" + n + ", library", count, [](float* samples, std::int32_t length) {
+    add_alone("metrics" + n + ", library", count, [](float* samples, std::int32_t length) {
         std::int32_t clipped = 0;
         benchmark::DoNotOptimize(numeric::sum_of_squares(samples, length, 0.95F, clipped));
         benchmark::DoNotOptimize(clipped);
     });
     bench::require_share("metrics" + n + ", against the addition chain", "metrics" + n + ", library",
                          "addition chain" + n, most_at(count, 1.15));
-    add("gain control" + n + ", library", count,
-        [](float* samples, std::int32_t length) { wrapper_audio_agc_process(nullptr, samples, length); });
-    add("gain control" + n + ", plain", count, [gain = 1.0F](float* samples, std::int32_t length) mutable {
+    add_alone("gain control" + n + ", library", count,
+              [](float* samples, std::int32_t length) { wrapper_audio_agc_process(nullptr, samples, length); });
+    add_alone("gain control" + n + ", plain", count, [gain = 1.0F](float* samples, std::int32_t length) mutable {
         bench::plain::gain_control(samples, length, 0.1F, 0.9F, gain);
     });
     bench::show_gain("gain control" + n + ", against plain", "gain control" + n + ", plain",

@@ -281,24 +281,24 @@ namespace {
 
 constexpr int32_t denoiser_rate = 48000;
 constexpr int32_t denoiser_frame = 480;
-constexpr int32_t conversion_block = 64; // short enough for the processor to convert the next while it sums one
+constexpr int32_t conversion_block = 32; // short enough for the processor to convert the next while it sums one
 
-// Fills `out_buf` with `frames` samples of `capture_buf`: whole denoiser frames denoised, everything else as
-// captured. The bounds by `out_capacity` are this stage's own; a read never asks for more.
-void denoise_or_copy(wrapper_audio_ctx& ctx, int32_t frames) {
-    const int32_t limit = std::min(frames, ctx.out_capacity);
-    ctx.out_count = 0;
-    if (ctx.denoise_enabled != 0 && ctx.denoiser != nullptr && ctx.capture_rate == denoiser_rate) {
+// Returns the samples of a capture of `frames`, of which there are then `out_count`: in `out_buf` with whole denoiser
+// frames denoised and the rest copied, or in `capture_buf` where nothing is to be denoised, which saves copying it all.
+// The bounds by `out_capacity` are this stage's own; a read never asks for more.
+const float* denoise_or_copy(wrapper_audio_ctx& ctx, int32_t frames) {
+    ctx.out_count = std::min(frames, ctx.out_capacity);
+    if (ctx.denoise_enabled == 0 || ctx.denoiser == nullptr || ctx.capture_rate != denoiser_rate)
+        return ctx.capture_buf;
+    int32_t done = 0;
+    for (; ctx.out_count - done >= denoiser_frame; done += denoiser_frame) {
         float frame[denoiser_frame];
-        while (limit - ctx.out_count >= denoiser_frame) {
-            numeric::scale_to_pcm16_range(ctx.capture_buf + ctx.out_count, denoiser_frame, frame);
-            rnnoise_process_frame(ctx.denoiser, frame, frame);
-            numeric::scale_from_pcm16_range(frame, denoiser_frame, ctx.out_buf + ctx.out_count);
-            ctx.out_count += denoiser_frame;
-        }
+        numeric::scale_to_pcm16_range(ctx.capture_buf + done, denoiser_frame, frame);
+        rnnoise_process_frame(ctx.denoiser, frame, frame);
+        numeric::scale_from_pcm16_range(frame, denoiser_frame, ctx.out_buf + done);
     }
-    std::copy(ctx.capture_buf + ctx.out_count, ctx.capture_buf + limit, ctx.out_buf + ctx.out_count);
-    ctx.out_count = limit;
+    std::copy(ctx.capture_buf + done, ctx.capture_buf + ctx.out_count, ctx.out_buf + done);
+    return ctx.out_buf;
 }
 
 } // namespace
@@ -314,7 +314,7 @@ int32_t wrapper_audio_read(wrapper_audio_ctx* ctx, int32_t ms, int16_t* pcm, int
         std::fprintf(stderr, "[audio_wrapper] Pa_ReadStream ОШИБКА: %s\n", Pa_GetErrorText(error));
         return -1;
     }
-    denoise_or_copy(*ctx, frames);
+    const float* samples = denoise_or_copy(*ctx, frames);
 
     // A device whose rate rounds to 0 gives no samples and ends here, before anything is divided by its rate.
     const int32_t count = ctx->out_count < 1
@@ -324,8 +324,8 @@ int32_t wrapper_audio_read(wrapper_audio_ctx* ctx, int32_t ms, int16_t* pcm, int
     for (int32_t first = 0; first < count;) {
         float room[conversion_block];
         const int32_t length = std::min(count - first, conversion_block);
-        const float* block = numeric::convert_rate(ctx->capture_rate, ctx->output_rate, ctx->out_buf, ctx->out_count,
-                                                   first, room, length);
+        const float* block =
+            numeric::convert_rate(ctx->capture_rate, ctx->output_rate, samples, ctx->out_count, first, room, length);
         numeric::measure_to_pcm16(sums, block, length, pcm + first);
         first += length;
     }

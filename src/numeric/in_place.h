@@ -18,27 +18,41 @@ inline void subtract_previous(float* samples, int32_t count, float coef) {
     }
 }
 
+inline void multiply(float* samples, int32_t count, float gain) {
+    for (int32_t i = 0; i < count; ++i) {
+        samples[i] *= gain;
+    }
+}
+
 } // namespace plain
 
 // From the end to the start no input is overwritten before it has been used.
 inline void subtract_previous(float* samples, int32_t count, float coef) {
     const __m128 coefs = _mm_set1_ps(coef);
     int32_t left = count;
-    for (; left > 8; left -= 8) {
-        float* last = samples + left - 8;
-        const __m128 low = _mm_mul_ps(_mm_loadu_ps(last - 1), coefs);
-        const __m128 high = _mm_mul_ps(_mm_loadu_ps(last + 3), coefs);
-        _mm_storeu_ps(last, _mm_sub_ps(_mm_loadu_ps(last), low));
-        _mm_storeu_ps(last + 4, _mm_sub_ps(_mm_loadu_ps(last + 4), high));
+    for (; left > 16; left -= 16) {
+        float* last = samples + left - 16;
+        __m128 filtered[4];
+        for (int i = 0; i < 4; ++i) {
+            const __m128 previous = _mm_loadu_ps(last + 4 * i - 1);
+            filtered[i] = _mm_sub_ps(_mm_loadu_ps(last + 4 * i), _mm_mul_ps(previous, coefs));
+        }
+        for (int i = 0; i < 4; ++i)
+            _mm_storeu_ps(last + 4 * i, filtered[i]);
     }
     plain::subtract_previous(samples, left, coef);
 }
 
-// The compiler makes vectors of this one by itself.
 inline void multiply(float* samples, int32_t count, float gain) {
-    for (int32_t i = 0; i < count; ++i) {
-        samples[i] *= gain;
+    const __m128 gains = _mm_set1_ps(gain);
+    int32_t first = 0;
+    for (; count - first >= 16; first += 16) {
+        for (int i = 0; i < 4; ++i) {
+            float* next = samples + first + 4 * i;
+            _mm_storeu_ps(next, _mm_mul_ps(_mm_loadu_ps(next), gains));
+        }
     }
+    plain::multiply(samples + first, count - first, gain);
 }
 
 } // namespace numeric

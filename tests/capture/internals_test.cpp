@@ -132,7 +132,7 @@ protected:
 
 TEST_F(denoise_stage, takes_a_frame_only_where_it_fits_whole) {
     ctx.out_capacity = 959;
-    denoise_or_copy(ctx, 1200);
+    EXPECT_EQ(denoise_or_copy(ctx, 1200), out);
     EXPECT_THAT(calls(), ElementsAre("rnnoise_process_frame"));
     EXPECT_EQ(ctx.out_count, 959);
     EXPECT_EQ(out[479], 1.0F);
@@ -141,21 +141,26 @@ TEST_F(denoise_stage, takes_a_frame_only_where_it_fits_whole) {
     EXPECT_EQ(out[959], -1.0F);
 }
 
-TEST_F(denoise_stage, copies_no_more_than_its_capacity) {
+TEST_F(denoise_stage, gives_no_more_than_its_capacity) {
     ctx.denoise_enabled = 0;
     ctx.out_capacity = 100;
-    denoise_or_copy(ctx, 1200);
+    EXPECT_EQ(denoise_or_copy(ctx, 1200), captured);
     EXPECT_EQ(ctx.out_count, 100);
-    EXPECT_EQ(out[99], 99.0F);
-    EXPECT_EQ(out[100], -1.0F);
 }
 
-TEST_F(denoise_stage, copies_without_a_denoiser) {
+TEST_F(denoise_stage, without_a_denoiser_gives_the_capture_itself) {
     std::swap(ctx.denoiser, spare);
-    denoise_or_copy(ctx, 480);
+    EXPECT_EQ(denoise_or_copy(ctx, 480), captured);
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_EQ(ctx.out_count, 480);
-    EXPECT_EQ(out[479], 479.0F);
+    EXPECT_EQ(out[0], -1.0F);
+}
+
+TEST_F(denoise_stage, at_another_rate_gives_the_capture_itself) {
+    ctx.capture_rate = 44100;
+    EXPECT_EQ(denoise_or_copy(ctx, 480), captured);
+    EXPECT_THAT(calls(), IsEmpty());
+    EXPECT_EQ(ctx.out_count, 480);
 }
 
 TEST_F(denoise_stage, of_no_frames_leaves_an_empty_output) {

@@ -201,4 +201,17 @@ TEST(subtracting_the_previous_sample, equals_its_definition) {
     }
 }
 
+TEST(multiplying, equals_its_definition) {
+    for (const float gain : {0.1F, -3.7F, 1e-40F, nan, infinity}) {
+        for_each_block(8, [gain](const float* samples, int32_t count) {
+            std::vector<float> expected(samples, samples + count);
+            guarded_buffer<float> block(expected.size());
+            std::copy(expected.begin(), expected.end(), block.data());
+            numeric::multiply(block.data(), count, gain);
+            numeric::plain::multiply(expected.data(), count, gain);
+            EXPECT_TRUE(same(block.data(), expected)) << gain << ", " << count;
+        });
+    }
+}
+
 } // namespace

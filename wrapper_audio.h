@@ -31,6 +31,7 @@
  * Build it with: cc -I. record.c -Lbuild -lwrapper_audio -Wl,-rpath,$PWD/build
  *
  * Conventions
+ * -----------
  *
  * - Samples handed out are signed 16-bit, mono, from -32767 to 32767. Levels are linear amplitudes from 0.0 to 1.0
  *   (full scale). Rates are in Hz, durations in milliseconds.
@@ -41,6 +42,7 @@
  *   lines carry no such prefix.
  *
  * Threads
+ * -------
  *
  * - The library starts none. A read blocks the thread that calls it.
  * - A context or a meter belongs to one thread at a time: nothing may run on it while another call on it has not
@@ -51,6 +53,7 @@
  *   serialised by the host. PortAudio's initialisation itself is serialised by the library.
  *
  * Devices that come and go
+ * ------------------------
  *
  * PortAudio looks for devices when the first context, meter or query of the process begins, and not again before the
  * last one has ended. To see a device that has been plugged in since, free every context and close every meter first.
@@ -71,7 +74,10 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/* ---- Capture ------------------------------------------------------------------------------------------------- */
+/**
+ * @name Capture
+ * @{
+ */
 
 /** One microphone, from creation to wrapper_audio_free(). It is armed (no stream), capturing, or stopped. */
 typedef struct wrapper_audio_ctx wrapper_audio_ctx;
@@ -127,14 +133,15 @@ int wrapper_audio_open(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
  * output rate, measured and rounded to 16 bits toward zero.
  *
  * Call it again and again. Between two calls PortAudio keeps what arrives, at least 30 ms of it; what it had to drop
- * because the host came late is lost without a word. A read allocates nothing. Whatever the capacity, it takes less than 8 KiB of stack, but
- * RNNoise takes 66 KiB: a thread that reads with denoising needs a stack of 128 KiB or more.
+ * because the host came late is lost without a word. A read allocates nothing. Whatever the capacity, it takes less
+ * than 8 KiB of stack, but RNNoise takes 66 KiB: a thread that reads with denoising needs a stack of 128 KiB or more.
  *
  * How many samples a read gives, with n = ms * device rate / 1000 rounded down, at most 100 ms:
  * - equal rates: n;
  * - the device rate is a whole multiple of the output rate: n / ratio, each the mean of `ratio` samples;
- * - otherwise: n * output rate / device rate, by linear interpolation;
- * each rounded down and at most `capacity`. What lies beyond the capacity is lost.
+ * - otherwise: n * output rate / device rate, by linear interpolation.
+ *
+ * Each is rounded down and at most `capacity`. What lies beyond the capacity is lost.
  *
  * Traps:
  * - Denoising works in frames of 10 ms that begin anew in each read. Samples beyond the last whole 10 ms of a read
@@ -226,7 +233,12 @@ int wrapper_audio_input_volume_set(WRAPPER_AUDIO_ANY_ARGUMENTS) WRAPPER_AUDIO_NO
 #endif
 #undef WRAPPER_AUDIO_ANY_ARGUMENTS
 
-/* ---- Devices ------------------------------------------------------------------------------------------------- */
+/** @} */
+
+/**
+ * @name Devices
+ * @{
+ */
 
 /**
  * Lists the machine's audio devices as JSON, for a device picker:
@@ -268,7 +280,12 @@ void wrapper_audio_free_text(char *text) WRAPPER_AUDIO_NOEXCEPT;
  */
 int wrapper_audio_capabilities(void) WRAPPER_AUDIO_NOEXCEPT;
 
-/* ---- Level meter --------------------------------------------------------------------------------------------- */
+/** @} */
+
+/**
+ * @name Level meter
+ * @{
+ */
 
 /** A light second way to listen to a microphone, for its level only, with a stream of its own. */
 typedef struct wrapper_audio_meter wrapper_audio_meter;
@@ -307,14 +324,18 @@ int wrapper_audio_meter_read(wrapper_audio_meter *meter, float *peak_out, float 
  */
 void wrapper_audio_meter_close(wrapper_audio_meter *meter) WRAPPER_AUDIO_NOEXCEPT;
 
-/* ---- Signal functions ---------------------------------------------------------------------------------------- */
-/*
+/** @} */
+
+/**
+ * @name Signal functions
+ *
  * These work on buffers of mono 32-bit floats that belong to the host, full scale 1.0. All but the resampler work in
  * place. They never allocate, and touch neither the floating-point control of the thread nor a device.
  *
  * There is one high-pass filter, one gain control and one set of metrics in the process, shared by all callers and
  * not locked: the host serialises each one's init and process calls. The `handle` that several calls take first is
  * never read; it may be NULL.
+ * @{
  */
 
 /** A pair of sample rates to convert between. */
@@ -478,6 +499,8 @@ void wrapper_audio_update_noise_profile(const void *handle, int32_t freeze) WRAP
  * Thread: any.
  */
 int32_t wrapper_audio_denoise_stats(const void *handle, int32_t *out) WRAPPER_AUDIO_NOEXCEPT;
+
+/** @} */
 
 #pragma GCC visibility pop
 #undef WRAPPER_AUDIO_NOEXCEPT

@@ -1,0 +1,75 @@
+'use strict';
+// Overhears what the library says on standard error, as it gives its reasons in no other way.
+//
+// While a stream opens, C's variable `stderr` points to a second stream on the same descriptor 2, one that writes at
+// each end of a line out of a buffer of ours. Every line goes where it would have gone, at once, whoever writes it, also
+// in a crash; and the last one can still be read in the buffer afterwards. Descriptor 2 itself is left alone: what other
+// threads and the processes started meanwhile print does not pass here, and neither does console.error.
+//
+// That the buffer keeps what has been written from it is a habit of glibc, not a promise of C. Where it does not hold,
+// or where C code on another thread printed a line in between, no reason is found and the error gets a text of its own.
+//
+// Reads are not listened to: they run on several threads at once, and which of them failed could not be told.
+
+const koffi = require('koffi');
+
+const STANDARD_ERROR = 2;
+const LINE_BUFFERED = 1; // glibc's _IOLBF
+const SIZE = 4096;
+const MARK = '[audio_wrapper] ';
+
+function connect() {
+  try {
+    // The whole program's symbols, not libc's own: the executable has a copy of the variable.
+    const program = koffi.load(null);
+    program.symbol('gnu_get_libc_version');
+    const calloc = program.func('void *calloc(size_t count, size_t size)');
+    const fdopen = program.func('void *fdopen(int file, const char *mode)');
+    const ears = {
+      stderr: program.symbol('stderr'),
+      fileno: program.func('int fileno(void *stream)'),
+      setvbuf: program.func('int setvbuf(void *stream, void *buffer, int mode, size_t size)'),
+      fflush: program.func('int fflush(void *stream)'),
+      // Never closed and never freed: another thread may be about to print.
+      ours: fdopen(STANDARD_ERROR, 'w'),
+      buffers: [calloc(SIZE, 1), calloc(SIZE, 1)],
+    };
+    return ears.ours && ears.buffers.every(Boolean) ? ears : null;
+  } catch {
+    return null;
+  }
+}
+
+let ears; // null: there is no way to listen
+
+/**
+ * Runs the task, which opens something, and returns [its result, the library's last line or null]. One at a time.
+ */
+async function overheard(task) {
+  if (ears === undefined) ears = connect();
+  const original = ears && koffi.decode(ears.stderr, 'void *');
+  // A host may have put a stream of its own there.
+  if (!original || ears.fileno(original) !== STANDARD_ERROR) return [await task(), null];
+
+  // An empty buffer, so that no line of an earlier call is found. The other one is still the stream's own until now.
+  ears.buffers.reverse();
+  const [buffer] = ears.buffers;
+  koffi.encode(buffer, 'char', 0);
+  if (ears.setvbuf(ears.ours, buffer, LINE_BUFFERED, SIZE) !== 0) return [await task(), null];
+  koffi.encode(ears.stderr, 'void *', ears.ours);
+  try {
+    return [await task(), lastLine(buffer)];
+  } finally {
+    koffi.encode(ears.stderr, 'void *', original);
+    ears.fflush(ears.ours);
+  }
+}
+
+function lastLine(buffer) {
+  const bytes = Buffer.from(koffi.decode(buffer, 'uint8_t', SIZE));
+  const end = bytes.indexOf('\n');
+  const line = bytes.toString('utf8', 0, Math.max(end, 0));
+  return line.startsWith(MARK) ? line : null;
+}
+
+module.exports = { overheard };

@@ -1,0 +1,135 @@
+'use strict';
+const assert = require('node:assert');
+const { test } = require('node:test');
+const { setTimeout: wait } = require('node:timers/promises');
+const { Worker } = require('node:worker_threads');
+const { Recorder } = require('..');
+const { exclusively } = require('../lib/exclusively');
+const { bytesOf, concatenated, heard, run } = require('./microphone');
+
+function worker(program, workerData) {
+  return new Worker(`const { parentPort, workerData } = require('node:worker_threads'); (async () => {${program}})()`, {
+    eval: true,
+    workerData: { folder: require.resolve('..'), ...workerData },
+  });
+}
+
+function message(from) {
+  return new Promise((resolve, reject) => from.once('message', resolve).once('error', reject));
+}
+
+test('three workers and the main thread record at once', async () => {
+  const program = `
+    const { Recorder } = require(workerData.folder);
+    for (let round = 0; round < 3; ++round) {
+      const mic = await Recorder.open({ rate: 48000, blockMs: 100 });
+      const blocks = [];
+      for await (const block of mic.blocks({ seconds: 0.5 })) blocks.push(block);
+      await mic.close();
+      parentPort.postMessage(blocks);
+    }`;
+  const workers = [1, 2, 3].map(() => worker(program));
+  const received = [];
+  const ended = workers.map((each) => {
+    each.on('message', (blocks) => received.push(concatenated(blocks.map((block) => Int16Array.from(block)))));
+    return new Promise((resolve, reject) => each.on('exit', resolve).on('error', reject));
+  });
+  const mic = await Recorder.open({ rate: 48000, blockMs: 100 });
+  const ours = [];
+  for await (const block of mic.blocks({ seconds: 0.5 })) ours.push(block);
+  await mic.close();
+  assert.deepStrictEqual(await Promise.all(ended), [0, 0, 0]);
+  assert.strictEqual(received.length, 9);
+  for (const sound of [concatenated(ours), ...received]) assert(sound.equals(bytesOf(heard.slice(0, 24000))));
+});
+
+test('what opens and closes does so alone in the process', async () => {
+  const inside = new Int32Array(new SharedArrayBuffer(8));
+  const task = async () => {
+    if (Atomics.add(inside, 0, 1) !== 0) throw new Error('two at once');
+    await wait(1);
+    Atomics.sub(inside, 0, 1);
+    Atomics.add(inside, 1, 1);
+  };
+  const program = `
+    const { exclusively } = require(require('node:path').join(workerData.folder, '..', 'lib', 'exclusively'));
+    const wait = require('node:timers/promises').setTimeout;
+    const { inside } = workerData;
+    const task = ${task};
+    for (let i = 0; i < 20; ++i) await exclusively(task);
+    parentPort.postMessage('done');`;
+  const workers = [1, 2, 3].map(() => message(worker(program, { inside })));
+  await Promise.all(Array.from({ length: 20 }, () => exclusively(task)));
+  await Promise.all(workers);
+  assert.strictEqual(inside[1], 80);
+});
+
+test('a failed task and a worker that ends in the midst of one make room', async () => {
+  await assert.rejects(exclusively(() => Promise.reject(new Error('no'))), /no/);
+  const program = `
+    const { exclusively } = require(require('node:path').join(workerData.folder, '..', 'lib', 'exclusively'));
+    exclusively(() => { parentPort.postMessage('inside'); return new Promise(() => setInterval(() => {}, 1000)); });`;
+  const stuck = worker(program);
+  await message(stuck);
+  let entered = false;
+  const next = exclusively(() => (entered = true));
+  await wait(50);
+  assert.strictEqual(entered, false);
+  await stuck.terminate();
+  await next;
+});
+
+// In processes of their own, which end by a signal where something is freed under a thread.
+const MICROPHONE = `
+  import { Recorder } from 'wrapper-audio';
+  import { setTimeout as wait } from 'node:timers/promises';
+  import { Worker } from 'node:worker_threads';
+  const reading = (start) => new Promise((resolve) => new Worker(\`
+    const { parentPort } = require('node:worker_threads');
+    require('wrapper-audio').Recorder.open({ blockMs: 100 }).then((mic) => {
+      mic.read();
+      parentPort.postMessage('reading');
+    })\`, { eval: true, execArgv: [] }).once('message', function () { resolve(this); }));`;
+
+test('a worker may be ended while it reads, and the library stays', async () => {
+  const { code, signal, stdout, stderr } = await run(
+    `${MICROPHONE}
+     for (let i = 0; i < 3; ++i) await (await reading()).terminate();
+     const mic = await Recorder.open();
+     console.log((await mic.read()).length);
+     await mic.close();`,
+    { env: { MICROPHONE_PACED: '1' } },
+  );
+  assert.deepStrictEqual([code, signal, stdout], [0, null, '480\n'], stderr);
+});
+
+test('the process may end while a read is under way', async () => {
+  for (const end of ['process.exit(3)', 'throw new Error("out")']) {
+    const { code, signal, stderr } = await run(
+      `${MICROPHONE}
+       const mic = await Recorder.open({ blockMs: 100 });
+       mic.read();
+       await wait(20);
+       ${end};`,
+      { env: { MICROPHONE_PACED: '1' } },
+    );
+    assert.deepStrictEqual([code, signal], [end === 'process.exit(3)' ? 3 : 1, null], stderr);
+  }
+});
+
+test('a recorder that is forgotten is closed with a warning', async () => {
+  const { code, stderr } = await run(
+    `${MICROPHONE}
+     await (async () => void (await Recorder.open()))();
+     for (let i = 0; i < 100 && !globalThis.warned; ++i) {
+       process.once('warning', () => (globalThis.warned = true));
+       gc();
+       await wait(10);
+     }
+     await wait(200);`,
+    { options: ['--expose-gc'] },
+  );
+  assert.strictEqual(code, 0, stderr);
+  assert.match(stderr, /ResourceWarning: a recorder was not closed/);
+  assert.match(stderr, /\[audio_wrapper\] Ресурсы освобождены/);
+});

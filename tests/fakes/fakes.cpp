@@ -122,6 +122,7 @@ void* allocate(const std::string& entry, void* (*take)(size_t, size_t), size_t c
     const std::lock_guard hold{world().guard};
     const bool fails = note(entry).has_value();
     if (world().failing_allocations.count(++world().allocations) != 0 || fails) return nullptr;
+    if (size != 0 && count > world().largest_block / size) return nullptr;
     void* block = take(count, size);
     if (block != nullptr) world().live_blocks[block] = entry.substr(std::min(entry.find('('), entry.size()));
     return block;

@@ -8,6 +8,8 @@
 #include <portaudio.h>
 #include <pthread.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -50,6 +52,7 @@ struct state {
     // pointer. It takes nothing then, but what it has to give back it gives back all the same. A denoiser spoils its
     // frame with NaN.
     std::map<size_t, int> faults;
+    size_t largest_block = SIZE_MAX; // larger ones cannot be allocated
     bool denoiser_refused = false;
     bool doubled_reads = false; // reads write twice the samples asked for, as PortAudio 19.6 does on JACK
     std::function<void(float* samples, unsigned long count)> microphone; // null: silence

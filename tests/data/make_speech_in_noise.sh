@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Makes speech_in_noise_48k.raw, next to this script or where the first argument says: six seconds of a synthetic voice
 # in steady noise with mains hum. With the same versions of espeak-ng and sox the result is the same to the last bit.
+# A second argument is another level of the noise, in dBFS.
 set -euo pipefail
 
 text='The window is open, and the street is loud. Can you still hear every word?'
 seconds=6       # in all
 lead_in=0.8     # seconds of noise alone before the voice
 voice_rms=-20   # dBFS, over the voice with its pauses
-noise_rms=-33   # dBFS, hum included: 13 dB below the voice
+noise_rms=${2:--33} # dBFS, hum included: 13 dB below the voice
 rate=48000      # Hz
 
 target=${1:-$(dirname "${BASH_SOURCE[0]}")/speech_in_noise_48k.raw}

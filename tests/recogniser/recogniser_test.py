@@ -1,0 +1,97 @@
+"""A recogniser as the host: what it understands of the noisy speech, as it is and denoised.
+
+The Python binding records at 16000 Hz from the file microphone, and Debian's pocketsphinx listens with its American
+English model. Prints a table, and fails when denoising costs words. Words are counted by alignment with what was said.
+
+    PYTHONPATH=bindings/python WRAPPER_AUDIO_LIBRARY=build/libwrapper_audio.so \\
+        python3 tests/recogniser/recogniser_test.py [RAWFILE]
+
+RAWFILE is another recording of the same sentences, as make_speech_in_noise.sh makes them.
+"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import wave
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+DATA = ROOT / "tests/data"
+MODEL = Path("/usr/share/pocketsphinx/model/en-us")
+
+
+def words_of(text):
+    return re.findall(r"[a-z']+", text.lower())
+
+
+def align(said, heard):
+    """(errors, words recognised) of the alignment with the fewest errors, and among those with the most words."""
+    row = [(j, 0) for j in range(len(heard) + 1)]  # (errors, -recognised), so that the least is the best
+    for i, word in enumerate(said, 1):
+        last, row = row, [(i, 0)]
+        for j, other in enumerate(heard, 1):
+            errors, recognised = last[j - 1]
+            through = (errors, recognised - 1) if word == other else (errors + 1, recognised)
+            missed = (last[j][0] + 1, last[j][1])
+            added = (row[j - 1][0] + 1, row[j - 1][1])
+            row.append(min(through, missed, added))
+    return row[-1][0], -row[-1][1]
+
+
+def check_alignment():
+    said = "the window is open".split()
+    for heard, expected in (
+        ("the window is open", (0, 4)),
+        ("", (4, 0)),
+        ("the window open", (1, 3)),
+        ("a window is wide open", (2, 3)),
+        ("open is window the", (4, 1)),  # the order counts
+        ("the the the the", (3, 1)),  # a word said once is recognised once
+    ):
+        assert align(said, heard.split()) == expected, (heard, align(said, heard.split()))
+
+
+def record(denoise, file):
+    import wrapper_audio
+
+    with wave.open(str(file), "wb") as out, wrapper_audio.Recorder(rate=16000, denoise=denoise) as recorder:
+        out.setparams((1, 2, 16000, 0, "NONE", ""))
+        for block in recorder.blocks(seconds=6):
+            out.writeframes(block.tobytes())
+
+
+def recognise(file):
+    heard = subprocess.run(
+        ["pocketsphinx_continuous", "-infile", file, "-hmm", MODEL / "en-us", "-lm", MODEL / "en-us.lm.bin"]
+        + ["-dict", MODEL / "cmudict-en-us.dict", "-logfn", "/dev/null"],
+        check=True,
+        stdout=subprocess.PIPE,
+        text=True,
+    )
+    return words_of(heard.stdout)
+
+
+def main(raw=DATA / "speech_in_noise_48k.raw"):
+    check_alignment()
+    script = (DATA / "make_speech_in_noise.sh").read_text()
+    said = words_of(re.search(r"^text='(.*)'$", script, re.MULTILINE)[1])
+    with tempfile.TemporaryDirectory(dir="/tmp") as folder:  # ALSA takes neither space nor colon in ALSA_CONFIG_PATH
+        made = subprocess.run([ROOT / "scripts/file-microphone", raw, folder], check=True, stdout=subprocess.PIPE, text=True)
+        os.environ["ALSA_CONFIG_PATH"] = made.stdout.strip()
+        os.environ["JACK_NO_START_SERVER"] = "1"
+        print(f"said: {' '.join(said)} ({len(said)} words)\n\n| denoising | recognised | errors | heard |\n|---|---|---|---|")
+        recognised = {}
+        for denoise in False, True:
+            file = Path(folder, "heard.wav")
+            record(denoise, file)
+            heard = recognise(file)
+            errors, recognised[denoise] = align(said, heard)
+            print(f"| {'on' if denoise else 'off'} | {recognised[denoise]} | {errors} | {' '.join(heard)} |", flush=True)
+    # a recogniser that understands nothing at all would prove nothing
+    return 0 if recognised[True] >= max(recognised[False], len(said) // 4) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))

@@ -55,7 +55,7 @@ private:
     void answer();
     void create(std::unique_ptr<capture>& slot, bool opens);
     void open(std::unique_ptr<capture>& slot);
-    void read(std::unique_ptr<capture>& slot);
+    void read(const std::unique_ptr<capture>& slot);
     void read_into(const capture& from, std::int32_t ms, std::int32_t capacity, unsigned nulls);
     void stop(std::unique_ptr<capture>& slot);
     void release(std::unique_ptr<capture>& slot);
@@ -242,7 +242,7 @@ void session::free(std::unique_ptr<capture>& slot) {
 
 // ---- Reads ----
 
-void session::read(std::unique_ptr<capture>& slot) {
+void session::read(const std::unique_ptr<capture>& slot) {
     constexpr std::int32_t usual_ms[] = {10, 20, 30, 100, 25, 1, 0, -1, 44739, 44740};
     constexpr std::int32_t usual_capacities[] = {1600, 480, 1,  160,
                                                  4800, 0,   -1, std::numeric_limits<std::int32_t>::max()};

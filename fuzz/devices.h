@@ -41,9 +41,9 @@ inline void read(script& bytes) {
     for (unsigned left = bytes.below(9); left > 0; --left)
         world.devices.push_back(read_device(bytes));
     world.default_input = bytes.number<std::int8_t>();
-    const int count = bytes.number<std::int8_t>();
+    const int told = bytes.number<std::int8_t>();
     world.device_count.reset();
-    if (count != 0) world.device_count = count;
+    if (told != 0) world.device_count = told;
 }
 
 inline int count() {
@@ -108,15 +108,15 @@ inline std::string escaped(const std::string& text) {
 
 // The whole list text, however long.
 inline std::string list() {
-    std::string text;
+    std::string entries;
     for (int index = 0; index < count(); ++index) {
         const fake::device* device = at(index);
         if (device == nullptr) continue;
-        text += (text.empty() ? R"({"id":")" : R"(,{"id":")") + escaped(id(*device)) + R"(","name":")" +
-                escaped(name(*device)) + R"(","kind":")" + (device->inputs > 0 ? "input" : "output") +
-                R"(","isDefault":)" + (index == fake::world().default_input ? "true" : "false") + "}";
+        entries += (entries.empty() ? R"({"id":")" : R"(,{"id":")") + escaped(id(*device)) + R"(","name":")" +
+                   escaped(name(*device)) + R"(","kind":")" + (device->inputs > 0 ? "input" : "output") +
+                   R"(","isDefault":)" + (index == fake::world().default_input ? "true" : "false") + "}";
     }
-    return "[" + text + "]";
+    return "[" + entries + "]";
 }
 
 constexpr std::size_t longest_list = 65535;

@@ -66,7 +66,7 @@ public:
         while (whole.size() < length && !unit.empty())
             whole += unit;
         whole.resize(std::min(length, whole.size()));
-        return whole.c_str();
+        return whole.substr(0, whole.find('\0'));
     }
 
 private:

@@ -59,7 +59,7 @@ std::vector<float> noise(int count) {
 
 std::vector<float> speech(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+    const std::vector<char> bytes(std::istreambuf_iterator<char>(file), {});
     if (bytes.empty()) throw std::runtime_error("cannot read " + path);
     std::vector<std::int16_t> samples(bytes.size() / sizeof(std::int16_t));
     std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(std::int16_t));

@@ -92,8 +92,8 @@ TEST_F(failures, a_microphone_that_another_program_holds_from_the_start_is_unkno
     const std::string file = sound_file(std::vector<int16_t>(48000, 1000));
     configure(microphone("lone", file, 48000, "exclusive yes") +
               microphone("default", sound_file(std::vector<int16_t>(48000, 2000)), 48000));
-    const int other_program = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(flock(other_program, LOCK_EX | LOCK_NB), 0);
+    std::unique_ptr<FILE, int (*)(FILE*)> other_program(std::fopen(file.c_str(), "re"), std::fclose);
+    ASSERT_EQ(flock(fileno(other_program.get()), LOCK_EX | LOCK_NB), 0);
 
     context ctx(wrapper_audio_init(48000, 0, "ALSA:lone"));
     ASSERT_NE(ctx, nullptr);
@@ -101,7 +101,7 @@ TEST_F(failures, a_microphone_that_another_program_holds_from_the_start_is_unkno
     expect_to_hear(ctx, 2000);
     ctx.reset();
 
-    close(other_program);
+    other_program.reset();
     ctx.reset(wrapper_audio_init(48000, 0, "ALSA:lone"));
     ASSERT_NE(ctx, nullptr);
     expect_to_hear(ctx, 1000);

@@ -29,6 +29,7 @@ refuses() { # what is wrong, then a perl expression that makes the header so
 refuses "a parameter without a word" 's/^ \* \@param capacity.*\n//m'
 refuses "a parameter that there is not" 's/\@param capacity/\@param size/'
 refuses "a result without a word" 's/ \* \@return the number of samples written, 0 \(then.*?\n \*\n/ *\n/s'
+# shellcheck disable=SC2016 # Perl's variables, not the shell's
 refuses "a function without a comment" 's/(.*)\/\*\*.*?\*\/\n(float wrapper_audio_snr)/$1$2/s'
 refuses "a link to nowhere" 's/wrapper_audio_free\(\)/\@ref wrapper_audio_end/'
 echo "ok"

@@ -106,8 +106,8 @@ void begin(loudness wanted) {
     const int copy = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
     memory = memfd_create("stderr", MFD_CLOEXEC);
     if (copy < 0 || memory < 0 || dup2(memory, STDERR_FILENO) < 0) { // then the user sees everything
-        close(copy);
-        close(memory);
+        if (copy >= 0) close(copy);
+        if (memory >= 0) close(memory);
         memory = -1;
         return;
     }

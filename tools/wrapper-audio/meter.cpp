@@ -48,7 +48,7 @@ public:
 private:
     open_meter meter;
     std::unique_ptr<microphone> context;
-    std::int16_t samples[48000 * block_ms / 1000];
+    std::int16_t samples[48000 * block_ms / 1000]{};
 };
 
 std::int64_t blocks_wanted(const std::optional<double>& seconds) {

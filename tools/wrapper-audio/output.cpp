@@ -37,7 +37,7 @@ public:
         sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
         sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
     }
-    ~sound_file() override { close(); }
+    ~sound_file() override { sound_file::close(); }
 
     std::size_t write(std::span<const std::int16_t> samples) override {
         const sf_count_t written = sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
@@ -75,7 +75,7 @@ private:
 class raw_samples : public output {
 public:
     explicit raw_samples(int to) : descriptor(to) {}
-    ~raw_samples() override { close(); }
+    ~raw_samples() override { raw_samples::close(); }
 
     std::size_t write(std::span<const std::int16_t> samples) override {
         const auto bytes = std::as_bytes(samples);

@@ -120,8 +120,8 @@ private:
 class progress {
 public:
     void show(double done, double all) {
-        using namespace std::chrono_literals;
-        if (!screen.redraws || console::is_quiet() || std::chrono::steady_clock::now() - begun < 500ms) return;
+        const bool due = std::chrono::steady_clock::now() - begun >= std::chrono::milliseconds(500);
+        if (!screen.redraws || console::is_quiet() || !due) return;
         const int bar = std::clamp(screen.width() - 40, 0, 40);
         const double share = all > 0 ? std::clamp(done / all, 0.0, 1.0) : 0.0;
         const auto filled = static_cast<std::size_t>(share * bar);

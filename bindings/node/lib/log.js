@@ -25,16 +25,14 @@ function connect() {
     program.symbol('gnu_get_libc_version');
     const calloc = program.func('void *calloc(size_t count, size_t size)');
     const fdopen = program.func('void *fdopen(int file, const char *mode)');
-    const ears = {
-      stderr: program.symbol('stderr'),
-      fileno: program.func('int fileno(void *stream)'),
-      setvbuf: program.func('int setvbuf(void *stream, void *buffer, int mode, size_t size)'),
-      fflush: program.func('int fflush(void *stream)'),
-      // Never closed and never freed: another thread may be about to print.
-      ours: fdopen(STANDARD_ERROR, 'w'),
-      buffers: [calloc(SIZE, 1), calloc(SIZE, 1)],
-    };
-    return ears.ours && ears.buffers.every(Boolean) ? ears : null;
+    const setvbuf = program.func('int setvbuf(void *stream, void *buffer, int mode, size_t size)');
+    const fileno = program.func('int fileno(void *stream)');
+    const fflush = program.func('int fflush(void *stream)');
+    // Never closed and never freed: another thread may be about to print.
+    const ours = fdopen(STANDARD_ERROR, 'w');
+    const buffer = calloc(SIZE, 1);
+    if (!ours || !buffer || setvbuf(ours, buffer, LINE_BUFFERED, SIZE) !== 0) return null;
+    return { stderr: program.symbol('stderr'), fileno, fflush, ours, buffer };
   } catch {
     return null;
   }
@@ -51,17 +49,13 @@ async function overheard(task) {
   // A host may have put a stream of its own there.
   if (!original || ears.fileno(original) !== STANDARD_ERROR) return [await task(), null];
 
-  // An empty buffer, so that no line of an earlier call is found. The other one is still the stream's own until now.
-  ears.buffers.reverse();
-  const [buffer] = ears.buffers;
-  koffi.encode(buffer, 'char', 0);
-  if (ears.setvbuf(ears.ours, buffer, LINE_BUFFERED, SIZE) !== 0) return [await task(), null];
+  koffi.encode(ears.buffer, 'char', 0); // so that no line of an earlier call is found
   koffi.encode(ears.stderr, 'void *', ears.ours);
   try {
-    return [await task(), lastLine(buffer)];
+    return [await task(), lastLine(ears.buffer)];
   } finally {
     koffi.encode(ears.stderr, 'void *', original);
-    ears.fflush(ears.ours);
+    ears.fflush(ears.ours); // half a line
   }
 }
 

@@ -14,6 +14,18 @@ const { bytesOf, concatenated, heard, script } = require('./microphone');
 const settled = (promises) =>
   Promise.allSettled(promises).then((all) => all.map(({ value, reason }) => reason?.constructor ?? value));
 
+/** How many streams of this process are open on the microphone. */
+function streams() {
+  const links = fs.readdirSync('/proc/self/fd').map((fd) => {
+    try {
+      return fs.readlinkSync(`/proc/self/fd/${fd}`);
+    } catch {
+      return ''; // the descriptor of the directory itself
+    }
+  });
+  return links.filter((link) => link.endsWith('/microphone.f32')).length;
+}
+
 async function recorder(t, options) {
   const opened = await Recorder.open(options);
   t.after(() => opened.close());
@@ -143,10 +155,14 @@ test('stop, release and open again, in any order', async (t) => {
     await mic.open();
     await mic.open();
     assert.deepStrictEqual(await mic.read(), heard.slice(0, 480), 'the file begins anew');
+    assert.strictEqual(streams(), 1);
     await pause();
     await assert.rejects(mic.read(), AudioError);
   }
+  assert.strictEqual(streams(), 0);
+  await mic.open();
   await mic.close();
+  assert.strictEqual(streams(), 0);
   assert.deepStrictEqual(await settled([mic.open(), mic.stop(), mic.release()]), Array(3).fill(ClosedError));
 });
 

@@ -1,0 +1,90 @@
+"""Runs an example as a process, on microphones that hear files."""
+
+import array
+import os
+import struct
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+EXAMPLES = Path(os.environ["EXAMPLES"])
+TEST_MICROPHONE = os.environ["TEST_MICROPHONE"]
+ROOT = Path(__file__).resolve().parents[2]
+SPEECH = ROOT / "tests/data/speech_in_noise_48k.raw"
+
+FINE, FAILED, USAGE = 0, 1, 2
+
+
+def pcm16(data):
+    """The samples in bytes."""
+    return array.array("h", data)
+
+
+def single(number):
+    """The nearest number in single precision."""
+    return struct.unpack("f", struct.pack("f", number))[0]
+
+
+def heard(sample):
+    """What a device at the wanted rate makes of a sample of its file."""
+    return int(single(sample / 32768 * 32767))
+
+
+class ExampleTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="wrapper-audio.", dir="/tmp")  # ALSA takes no space or colon
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        self.configuration = self.folder / "asound.conf"
+
+    def sound_file(self, samples):
+        file = self.folder / f"sound{len(list(self.folder.iterdir()))}.raw"
+        file.write_bytes(array.array("h", samples).tobytes())
+        return file
+
+    def listen_to(self, raw, rate=48000):
+        """Makes a file the only microphone of the examples started from now on."""
+        command = [ROOT / "scripts/file-microphone", raw, self.folder, str(rate)]
+        self.configuration = subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout.strip()
+
+    def configure(self, **devices):
+        """Makes devices; each hears samples, at 48000 Hz, and may have settings of the test microphone."""
+        text = f'pcm_type.test_microphone {{ lib "{TEST_MICROPHONE}" }}\n'
+        for name, (samples, settings) in devices.items():
+            text += f'pcm."{name}" {{ type test_microphone file "{self.sound_file(samples)}" rate 48000 {settings} }}\n'
+        self.configuration = self.folder / "asound.conf"
+        Path(self.configuration).write_text(text)
+
+    def no_device(self):
+        self.configuration = self.folder / "nothing.conf"
+        self.configuration.write_text("pcm.nothing { type hw card 99 }\n")  # PortAudio aborts without any definition
+
+    def start(self, *command, **options):
+        """Starts an example; its standard input is empty and its outputs are pipes, if nothing else is said."""
+        environment = dict(os.environ, ALSA_CONFIG_PATH=str(self.configuration), JACK_NO_START_SERVER="1")
+        environment["JACK_DEFAULT_SERVER"] = "wrapper_audio_test_without_jack"
+        options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
+        name, *arguments = map(str, command)
+        process = subprocess.Popen([EXAMPLES / name, *arguments], cwd=self.folder, env=environment, **options)
+        self.addCleanup(self.end, process)
+        return process
+
+    @staticmethod
+    def end(process):
+        if process.poll() is None:
+            process.kill()
+        process.communicate()
+
+    def run_example(self, *command, feed=None, **options):
+        """Returns (exit code, standard output in bytes, standard error as text)."""
+        if feed is not None:
+            options["stdin"] = subprocess.PIPE
+        process = self.start(*command, **options)
+        output, errors = process.communicate(feed, timeout=60)
+        return process.returncode, output, errors.decode()
+
+    def assert_refused(self, *command):
+        code, output, errors = self.run_example(*command)
+        self.assertEqual((code, output), (USAGE, b""), command)
+        self.assertRegex(errors, rf"\Ausage: {command[0]} .*\n\Z")

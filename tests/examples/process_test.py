@@ -1,0 +1,110 @@
+"""examples/c/process.c: its output against the same chain written down here, in double precision."""
+
+import math
+import random
+import subprocess
+import unittest
+
+from example import FAILED, FINE, ExampleTest, pcm16
+
+
+def rms(samples):
+    return math.sqrt(sum(s * s for s in samples) / len(samples))
+
+
+def high_pass(samples, cutoff, rate):
+    w = 2 * math.pi * cutoff / rate
+    alpha, cosine = math.sin(w) / (2 * 0.707), math.cos(w)
+    b0, b1 = (1 + cosine) / 2, -(1 + cosine)
+    a0, a1, a2 = 1 + alpha, -2 * cosine, 1 - alpha
+    x1 = x2 = y1 = y2 = 0.0
+    for x in samples:
+        y = (b0 * x + b1 * x1 + b0 * x2 - a1 * y1 - a2 * y2) / a0
+        x1, x2, y1, y2 = x, x1, y, y1
+        yield y
+
+
+def level_out(samples, rate, target=10 ** (-30 / 20), release_ms=200):
+    gain, keep, block = 1.0, math.exp(-10 / release_ms), rate // 100
+    for at in range(0, len(samples), block):
+        part = samples[at : at + block]
+        level = rms(part)
+        if level >= 1e-6:
+            gain = gain * keep + (1 - keep) * min(10, max(0.1, target / level))
+            part = [s * gain for s in part]
+        yield from part
+
+
+def chain(pcm, in_rate, out_rate):
+    filtered = list(high_pass([s / 32768 for s in pcm], 100, in_rate))
+    filtered = [s - 0.3 * before for s, before in zip(filtered, [0] + filtered)]
+    level = list(level_out(filtered, in_rate))
+    for i in range(int(len(level) / (in_rate / out_rate))):
+        at, part = divmod(i * in_rate, out_rate)
+        following = level[min(at + 1, len(level) - 1)]
+        yield level[at] + (following - level[at]) * part / out_rate
+
+
+class Process(ExampleTest):
+    def setUp(self):
+        super().setUp()
+        # Rumble, a tone, noise; a silence; the same, far too loud.
+        noise = random.Random(16000)
+        sound = [
+            3000 * math.sin(at / 300) + 2000 * math.sin(at / 9) + noise.uniform(-500, 500) + 1000 for at in range(12000)
+        ]
+        sound += [0.0] * 6000 + [4 * s for s in sound]
+        self.sound = [max(-32768, min(32767, round(s))) for s in sound]
+        self.file = self.sound_file(self.sound)
+
+    def test_gives_the_chain_sample_by_sample(self):
+        for in_rate, out_rate in (48000, 16000), (44100, 48000), (16000, 16000):
+            with self.subTest(in_rate=in_rate, out_rate=out_rate):
+                code, output, errors = self.run_example("process", in_rate, out_rate, self.file)
+                samples, expected = pcm16(output), list(chain(self.sound, in_rate, out_rate))
+                self.assertEqual((code, len(samples)), (FINE, len(expected)))
+                written = [max(-1, min(1, s)) * 32767 for s in expected]
+                self.assertLessEqual(max(abs(s - e) for s, e in zip(samples, written)), 0.6)
+                self.assertIn(self.metrics("before", [s / 32768 for s in self.sound]), errors)
+                self.assertIn(self.metrics("after", expected), errors)
+                self.assertTrue(errors.endswith("\nmetrics: signal-to-noise ratio -10.0 dB, clipped 0.0000\n"))
+
+    @staticmethod
+    def metrics(what, samples):
+        peak, beyond = max(map(abs, samples)), sum(abs(s) > 1 for s in samples)
+        return f"{what}: {len(samples)} samples, RMS {rms(samples):.4f}, peak {peak:.4f}, {beyond} beyond full scale\n"
+
+    def test_what_exceeds_full_scale_is_limited_and_counted(self):
+        loud = [0] * 1600 + [100 * (-1) ** (at // 20) for at in range(16000)] + [30000 * (-1) ** (at // 20) for at in range(160)]
+        code, output, errors = self.run_example("process", 16000, 16000, self.sound_file(loud))
+        samples, expected = pcm16(output), list(chain(loud, 16000, 16000))
+        self.assertEqual(code, FINE)
+        self.assertGreater(sum(abs(e) > 1 for e in expected), 100)
+        self.assertEqual({abs(s) for s, e in zip(samples, expected) if abs(e) > 1}, {32767})
+        self.assertIn(self.metrics("after", expected), errors)
+
+    def test_standard_input_is_as_good_as_a_file(self):
+        _, from_file, _ = self.run_example("process", 48000, 16000, self.file)
+        code, from_input, _ = self.run_example("process", 48000, 16000, feed=self.file.read_bytes())
+        self.assertEqual((code, from_input), (FINE, from_file))
+        self.assertGreater(len(from_file), 10000)
+
+    def test_nothing_to_read_is_a_failure(self):
+        for arguments in [], ["there/is/no/such.raw"], [self.folder], [self.sound_file([])]:
+            code, output, errors = self.run_example("process", 48000, 16000, *arguments)
+            self.assertEqual((code, output), (FAILED, b""))
+            self.assertEqual(errors, "process: no sound, or too much of it, to read\n")
+
+    def test_what_cannot_be_written_is_a_failure(self):
+        with open("/dev/full", "wb") as full:
+            code, _, errors = self.run_example("process", 48000, 16000, self.file, stdout=full, stderr=subprocess.PIPE)
+        self.assertEqual(code, FAILED)
+        self.assertTrue(errors.endswith("\nprocess: cannot convert or write\n"))
+
+    def test_bad_arguments_are_refused(self):
+        for arguments in [], ["48000"], ["7999", "16000"], ["48000", "192001"], ["x", "16000"], ["48000", "16000", "a", "b"]:
+            self.assert_refused("process", *arguments)
+
+
+if __name__ == "__main__":
+    unittest.main()

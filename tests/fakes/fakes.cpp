@@ -180,6 +180,7 @@ PaError Pa_Terminate() {
     if (--world().initialisations == 0) {
         for (PaStream* handle : world().open_streams) {
             delete static_cast<fake::stream*>(handle);
+            ++world().lost_streams;
         }
         world().open_streams.clear();
     }

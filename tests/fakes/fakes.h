@@ -65,6 +65,7 @@ struct state {
     int allocations = 0;
     int initialisations = 0;
     std::set<PaStream*> open_streams;
+    int lost_streams = 0;                           // that were open until the last Pa_Terminate
     std::map<const void*, std::string> live_blocks; // with their sizes, as in the journal
     int live_denoisers = 0;
 

@@ -129,6 +129,7 @@ protected:
         seen.after = state_of(held, w);
         EXPECT_EQ(seen, promised);
         expect_good_calls();
+        EXPECT_EQ(world().lost_streams, w.lost_streams) << "streams that only Pa_Terminate closed";
         expect_nothing_left_behind();
         return calls_made;
     }
@@ -153,6 +154,7 @@ protected:
         for (const std::string& line : seen.lines)
             EXPECT_TRUE(w.good.lines == seen.lines || faults::is_documented(line)) << line;
         expect_good_calls();
+        EXPECT_EQ(world().lost_streams, w.lost_streams) << "streams that only Pa_Terminate closed";
         expect_nothing_left_behind();
     }
 

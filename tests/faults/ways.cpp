@@ -152,6 +152,7 @@ void add_calls_on_contexts(std::vector<way>& ways) {
         std::string name;
         state before;
         std::function<void(handles&)> prepare;
+        int lost_streams = 0;
     };
     const std::vector<beginning> beginnings{
         {"armed", state::armed, [](handles& held) { held.ctx = wrapper_audio_arm(16000, 1, nullptr); }},
@@ -166,7 +167,8 @@ void add_calls_on_contexts(std::vector<way>& ways) {
              held.ctx = wrapper_audio_init(16000, 0, nullptr);
              wrapper_audio_stop(held.ctx);
              wrapper_audio_open(held.ctx);
-         }},
+         },
+         1},
         {"capturing again after a release", state::capturing,
          [](handles& held) {
              held.ctx = wrapper_audio_init(16000, 1, nullptr);
@@ -177,7 +179,9 @@ void add_calls_on_contexts(std::vector<way>& ways) {
     for (const beginning& from : beginnings) {
         const bool streaming = from.before != state::armed;
         const auto add = [&](const char* call, std::function<std::string(handles&)> run, outcome good) {
-            ways.push_back({call, from.name, many_devices, from.prepare, std::move(run), std::move(good)});
+            way& w =
+                ways.emplace_back(way{call, from.name, many_devices, from.prepare, std::move(run), std::move(good)});
+            w.lost_streams = from.lost_streams + (w.call == "open" && from.before == state::stopped ? 1 : 0);
         };
         add("open", [](handles& held) { return std::to_string(wrapper_audio_open(held.ctx)); },
             {"0", {"open: микрофон захвачен " + rate_of({})}, state::capturing});
@@ -210,8 +214,10 @@ void add_reads(std::vector<way>& ways) {
         int capture;
         int output;
     };
-    for (const auto [capture, output] :
-         {rates{48000, 16000}, {48000, 48000}, {48000, 44100}, {44100, 16000}, {44100, 44100}, {16000, 48000}}) {
+    for (const rates each : {rates{48000, 16000}, rates{48000, 48000}, rates{48000, 44100}, rates{44100, 16000},
+                             rates{44100, 44100}, rates{16000, 48000}}) {
+        const int capture = each.capture;
+        const int output = each.output;
         for (const int denoise : {0, 1}) {
             for (const int ms : {0, 5, 10, 25, 100, 250}) {
                 way w;

@@ -51,6 +51,8 @@ struct way {
 
     // What a read is asked for.
     int ms = 10;
+
+    int lost_streams = 0; // those of stopped contexts that are opened directly
 };
 
 std::vector<way> all_ways();

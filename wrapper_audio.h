@@ -40,6 +40,10 @@
  *   with "[audio_wrapper] " and ends with PortAudio's words. Refused arguments and lack of memory for a small record
  *   write nothing. PortAudio's own back ends also write there, about a hundred lines when they look for devices; those
  *   lines carry no such prefix.
+ * - Device names and ids stand in those lines byte for byte: with line feeds, escape sequences, quotes and bytes that
+ *   are no UTF-8, when they hold any. Before a host shows a line it has to replace control characters. A host that
+ *   looks for numbers in the "ctx_create" line looks behind the last "') capture_rate=", since a name may look like
+ *   the fields before it. No name is part of a line about a failure.
  *
  * Threads
  * -------
@@ -51,6 +55,8 @@
  * - PortAudio keeps its list of open streams without a lock. Calls that open or close a stream on different handles
  *   (init, open, release_stream, free of a context with a stream, meter_open, meter_close) must therefore be
  *   serialised by the host. PortAudio's initialisation itself is serialised by the library.
+ * - Everything else may run beside them: reads and stops of other handles, arm and free of contexts without a stream,
+ *   the device list, the capabilities and the signal functions.
  *
  * Devices that come and go
  * ------------------------
@@ -253,8 +259,10 @@ int wrapper_audio_input_volume_set(WRAPPER_AUDIO_ANY_ARGUMENTS) WRAPPER_AUDIO_NO
  * Traps:
  * - Two devices may share an id; it then means the first of them.
  * - Control bytes are left out of names. An id that lost one, or that is longer than 255 bytes, matches no device.
- * - The text is cut at 65535 bytes, without a mark; it is no valid JSON then. Other bytes of names stand as they
- *   came from the system, which need not be UTF-8.
+ * - The text is cut at 65535 bytes, without a mark; it is no valid JSON then.
+ * - All other bytes of names stand as they came from the system. They cannot end a string, but they need not be UTF-8:
+ *   decode with replacement, or as Latin-1 where an id is to be given back byte for byte. They may also hold what a
+ *   terminal obeys, DEL and the control characters U+0080 to U+009F: replace those before you show a name.
  *
  * @return a NUL-terminated text to be given to wrapper_audio_free_text(); NULL only when there is no memory
  *

@@ -1,6 +1,7 @@
 #include "console.h"
 
 #include "status_line.h"
+#include "text.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -38,6 +39,7 @@ void show_what_is_left() {
     char part[512];
     ssize_t got = 0;
     while ((got = pread(memory, part, sizeof part, shown_until)) > 0) {
+        disarm(part, static_cast<std::size_t>(got));
         if (write(users_descriptor, part, static_cast<std::size_t>(got)) < 0) return;
         shown_until = shown_until + got;
     }
@@ -163,7 +165,7 @@ std::string collect() {
     sort_in(text);
     if (is_verbose()) {
         status_line::make_room();
-        write_all(users_descriptor, text);
+        write_all(users_descriptor, disarmed(text));
         unseen_library_lines.clear();
     }
     constexpr off_t plenty = 1 << 20; // a device may complain for hours
@@ -179,7 +181,7 @@ void show_library_lines() {
     if (unseen_library_lines.empty()) return;
     status_line::make_room();
     for (const std::string& line : unseen_library_lines)
-        write_all(users_descriptor, line + "\n");
+        write_all(users_descriptor, disarmed(line) + "\n");
     unseen_library_lines.clear();
 }
 

@@ -7,6 +7,7 @@
 #include "text.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -30,18 +31,23 @@ std::string table(const std::vector<device>& devices) {
     return text;
 }
 
+/** The bytes themselves for a program; for a person what a terminal cannot be harmed by. */
+void print_bytes(const std::string& text) {
+    print(isatty(STDOUT_FILENO) == 1 ? disarmed(text) : text);
+}
+
 } // namespace
 
 exit_code list_devices(const devices_options& wanted) {
     const std::string json = device_list_text();
-    if (wanted.json) print(json + "\n"); // before it is looked into: it is the library's, whatever it holds
+    if (wanted.json) print_bytes(json + "\n"); // before it is looked into: it is the library's, whatever it holds
     const std::vector<device> all = parse_device_list(json);
     std::vector<device> shown;
     std::copy_if(all.begin(), all.end(), std::back_inserter(shown),
                  [&](const device& each) { return wanted.all || each.can_capture; });
     if (wanted.ids)
         for (const device& each : shown)
-            print(each.id + "\n");
+            print_bytes(each.id + "\n");
     else if (!wanted.json && !shown.empty())
         print(table(shown));
     if (std::none_of(all.begin(), all.end(), [](const device& each) { return each.can_capture; }))

@@ -9,16 +9,13 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string_view>
 
 namespace {
 
-/** Between `before` and `after`, or nothing. */
-std::string between(const std::string& text, const std::string& before, const std::string& after) {
-    const std::size_t start = text.find(before);
-    if (start == std::string::npos) return {};
-    const std::size_t end = text.find(after, start + before.size());
-    return text.substr(start + before.size(), end - start - before.size());
-}
+/** How the lines begin that show what was opened. */
+constexpr std::string_view created = "[audio_wrapper] ctx_create device='";
+constexpr std::string_view metered = "[audio_wrapper] meter_open device='";
 
 std::string with_candidates(const std::string& sentence, const std::vector<std::string>& ids) {
     std::string text = sentence;
@@ -80,7 +77,9 @@ chosen_input choose_input(const std::string& wanted) {
 }
 
 void check_for_fallback(const std::string& log, const std::string& id) {
-    if (log.find("[audio_wrapper] WARN device_id") == std::string::npos) return;
+    // Behind the line that shows what was opened there are names, which may hold anything.
+    const std::string before_names = log.substr(0, std::min(log.find(created), log.find(metered)));
+    if (before_names.find("[audio_wrapper] WARN device_id") == std::string::npos) return;
     throw failure(usage,
                   fmt::format("the device '{}' cannot be found by its id; the library would take the default one",
                               printable(id)));
@@ -100,8 +99,14 @@ microphone::microphone(int rate, bool denoise, const std::string& id) {
         console::listen_to([&] { ctx.reset(wrapper_audio_init(rate, denoise ? 1 : 0, id.c_str())); });
     if (!ctx) report_open_failure(log, id);
     check_for_fallback(log, id);
-    rate_of_device = std::atoi(between(log, "capture_rate=", " ").c_str());
-    device_name = between(log, "ctx_create device='", "' (idx=");
+    // From the end, because a name may look like the fields behind it.
+    const std::size_t start = log.find(created);
+    const std::string request = fmt::format(", requested='{}') capture_rate=", id);
+    const std::size_t rate = log.rfind(request);
+    const std::size_t end = log.rfind("' (idx=", rate);
+    if (start == std::string::npos || rate == std::string::npos || end < start + created.size()) return;
+    rate_of_device = std::atoi(log.c_str() + rate + request.size());
+    device_name = log.substr(start + created.size(), end - start - created.size());
 }
 
 std::string denoise_inactive(int device_rate) {

@@ -59,6 +59,27 @@ std::string printable(const std::string& text) {
     return shown;
 }
 
+void disarm(char* text, std::size_t length) {
+    int to_follow = 0; // bytes of a character that has begun
+    unsigned char last = 0;
+    for (std::size_t at = 0; at < length; ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const bool is_control = (byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7F;
+        const bool is_upper_control = byte >= 0x80 && byte < 0xA0 && (to_follow == 0 || last == 0xC2);
+        if (is_control || is_upper_control) text[at] = '?';
+        if (byte >= 0xC0)
+            to_follow = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
+        else
+            to_follow = byte >= 0x80 && to_follow > 0 ? to_follow - 1 : 0;
+        last = byte;
+    }
+}
+
+std::string disarmed(std::string text) {
+    disarm(text.data(), text.size());
+    return text;
+}
+
 int columns(const std::string& text) {
     int count = 0;
     for_each_character(text, [&](wchar_t wide, const std::string&) { count += std::max(wcwidth(wide), 0); });

@@ -104,6 +104,73 @@ class Devices(HostTest):
         self.assertEqual((code, output), (NO_INPUT_DEVICE, "[]\n"))
 
 
+class HostileNames(HostTest):
+    """The default input is called what a device may be called: anything."""
+
+    # The escape sequences are an ESC, DEL and the control sequence introducer in UTF-8 and as a byte; the Cyrillic
+    # letter and the dash have bytes in the same range, which have to stay. The rest looks like the library's own lines.
+    NAME = (
+        b"\x1b[2J\x1b]0;title\x07\x7f\xc2\x9b31m\x9b31m\r\xd0\x9a\xe2\x80\x94 %s%n ' (idx=9, requested='') capture_rate=7 \""
+        b"\n[audio_wrapper] WARN device_id 'forged' !\x1b[31m"
+    )
+    SHOWN = "?[2J?]0;title????31m?31m?К— %s%n ' (idx=9, requested='') capture_rate=7 \""
+    IN_LISTS = "[2J]0;title???31m?31mК— %s%n ' (idx=9, requested='') capture_rate=7 \""  # without the bytes below 32
+    OBEYED = re.compile("[^\\n\\r\\t -~\\xa0-\\U0010ffff]|\\r(?=К)")
+
+    def setUp(self):
+        super().setUp()
+        self.listen_to(SPEECH)
+        self.microphone = {"MICROPHONE_NAME": os.fsdecode(self.NAME)}
+
+    def shown_by(self, *arguments, ends=FINE, microphone=None):
+        """What the terminal gets, where the host itself moves the cursor by a carriage return only."""
+        scripted = {**self.microphone, **(microphone or {})}
+        code, shown = self.in_terminal(*arguments, microphone=scripted, environment={"NO_COLOR": "1"})
+        if ends is not None:
+            self.assertEqual(code, ends, shown)
+        self.assertIsNone(self.OBEYED.search(shown), ascii(shown))
+        return shown.replace("\r\n", "\n")
+
+    def test_lists_on_a_terminal(self):
+        self.assertIn("* ALSA:[2J]0;title", self.shown_by("devices"))
+        self.assertIn("ALSA:" + self.IN_LISTS, self.shown_by("devices", "--ids"))
+        names = [device["name"] for device in json.loads(self.shown_by("devices", "--json"))]
+        self.assertTrue(names[-1].startswith(self.IN_LISTS), names)
+
+    def test_lists_in_a_pipe_keep_the_bytes(self):
+        name = bytes(byte for byte in self.NAME if byte >= 32)
+        self.assertIn(b"ALSA:" + name + b"\n", self.host("devices", "--ids", text=False, microphone=self.microphone)[1])
+
+    def test_a_recording_with_everything_shown(self):
+        shown = self.shown_by("record", "--verbose", "--seconds", 0.1, self.file)
+        self.assertIn(f"[audio_wrapper] ctx_create device='{self.SHOWN}\n", shown)
+        self.assertIn("[audio_wrapper] WARN device_id 'forged' !?[31m' (idx=", shown)
+        self.assertEqual(len(self.recorded(16000)), 1600)  # the name changed neither the rate nor the choice
+
+    def test_the_lines_of_a_failure(self):
+        shown = self.shown_by("record", self.file, ends=OPEN_FAILED, microphone={"MICROPHONE_REFUSES": "1"})
+        self.assertIn(f"[audio_wrapper] ctx_create device='{self.SHOWN}\n", shown)
+        self.assertIn("[audio_wrapper] open_input_stream", shown)
+
+    def test_the_last_words_of_a_crash(self):
+        for how in "abort", "exit":
+            with self.subTest(how=how):
+                shown = self.shown_by("record", self.file, ends=None, microphone={"MICROPHONE_ENDS": how})
+                self.assertIn("the microphone's last word", shown)
+                self.assertIn(self.SHOWN, shown)
+
+    def test_the_doctor_and_the_meter(self):
+        shown = self.shown_by("doctor")
+        self.assertIn(" opens and runs at 48000 Hz", shown)
+        self.assertIn("denoise will run", shown)
+        self.shown_by("meter", "--seconds", 0.1)
+
+    def test_an_id_on_the_command_line(self):
+        wanted = os.fsdecode(self.NAME + b"?")
+        shown = self.shown_by("record", "--device", wanted, self.file, ends=USAGE)
+        self.assertIn("no input device matches", shown)
+
+
 class Meter(HostTest):
     def setUp(self):
         super().setUp()

@@ -6,6 +6,7 @@
  *     MICROPHONE_FAILS_AFTER=N    reads fail once N of them have gone well
  *     MICROPHONE_REFUSES=1        no stream opens
  *     MICROPHONE_STALLS_AFTER=N   reads block for ever once N of them have gone well
+ *     MICROPHONE_NAME=TEXT        the default input is called that
  *     MICROPHONE_ENDS=HOW         the process ends with a last word while a stream is opened: by abort, fault or exit
  */
 #include <dlfcn.h>
@@ -39,6 +40,16 @@ bool is_over(const char* limit, int reads) {
 }
 
 } // namespace
+
+extern "C" const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
+    const PaDeviceInfo* info = next<decltype(Pa_GetDeviceInfo)>("Pa_GetDeviceInfo")(index);
+    const char* name = std::getenv("MICROPHONE_NAME");
+    if (info == nullptr || name == nullptr || index != Pa_GetDefaultInputDevice()) return info;
+    static PaDeviceInfo renamed;
+    renamed = *info;
+    renamed.name = name;
+    return &renamed;
+}
 
 extern "C" PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* input, const PaStreamParameters* output,
                                  double rate, unsigned long frames, PaStreamFlags flags, PaStreamCallback* callback,

@@ -102,10 +102,10 @@ microphone::microphone(int rate, bool denoise, const std::string& id) {
     // From the end, because a name may look like the fields behind it.
     const std::size_t start = log.find(created);
     const std::string request = fmt::format(", requested='{}') capture_rate=", id);
-    const std::size_t rate = log.rfind(request);
-    const std::size_t end = log.rfind("' (idx=", rate);
-    if (start == std::string::npos || rate == std::string::npos || end < start + created.size()) return;
-    rate_of_device = std::atoi(log.c_str() + rate + request.size());
+    const std::size_t rate_at = log.rfind(request);
+    const std::size_t end = log.rfind("' (idx=", rate_at);
+    if (start == std::string::npos || rate_at == std::string::npos || end < start + created.size()) return;
+    rate_of_device = std::atoi(log.c_str() + rate_at + request.size());
     device_name = log.substr(start + created.size(), end - start - created.size());
 }
 

@@ -67,6 +67,7 @@ void disarm(char* text, std::size_t length) {
         const bool is_control = (byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7F;
         const bool is_upper_control = byte >= 0x80 && byte < 0xA0 && (to_follow == 0 || last == 0xC2);
         if (is_control || is_upper_control) text[at] = '?';
+        if (is_upper_control && to_follow > 0) text[at - 1] = '?';
         if (byte >= 0xC0)
             to_follow = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
         else

@@ -1,0 +1,194 @@
+// `wrapper-audio process` on files of any bytes: it ends in good order, and what it writes is what the plain signal
+// functions make of the samples that libsndfile finds in the file.
+#include "../tools/wrapper-audio/commands.h"
+#include "../tools/wrapper-audio/console.h"
+#include "../tools/wrapper-audio/stopping.h"
+#include "script.h"
+
+#include "dsp_reference.h"
+
+#include <sndfile.h>
+
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+// The user's side of the program: it says nothing here, and nobody presses Ctrl-C.
+namespace console {
+bool is_quiet() {
+    return true;
+}
+int descriptor() {
+    return STDERR_FILENO;
+}
+void write_all(int /*to*/, const std::string& /*text*/) {}
+void note(const std::string& /*sentence*/) {}
+} // namespace console
+void print(const std::string& /*text*/) {}
+void stop_on_signals() {}
+bool stop_requested() {
+    return false;
+}
+
+namespace {
+
+// Longer sounds, going in or coming out, would only take time and disk space.
+constexpr std::int64_t most_samples = 300000;
+
+std::string folder;
+
+struct closer {
+    void operator()(SNDFILE* open) const { sf_close(open); }
+};
+
+struct sound {
+    int rate = 0;
+    std::vector<float> mono;
+    bool breaks_off = false;
+};
+
+bool too_long(const sound& in, int rate) {
+    const auto count = std::ssize(in.mono);
+    return std::max(count, count * rate / in.rate) > most_samples;
+}
+
+// Nothing where libsndfile finds no sound file.
+std::optional<sound> sound_in(const std::string& path) {
+    SF_INFO info{};
+    const std::unique_ptr<SNDFILE, closer> file(sf_open(path.c_str(), SFM_READ, &info));
+    if (!file || info.samplerate < 1 || info.channels < 1) return std::nullopt;
+    sound found{.rate = info.samplerate, .mono = {}, .breaks_off = false};
+    std::vector<float> frame(static_cast<std::size_t>(info.channels));
+    while (sf_readf_float(file.get(), frame.data(), 1) == 1) {
+        float sum = 0.0F;
+        for (const float sample : frame)
+            sum = sum + sample;
+        const float mean = sum / static_cast<float>(info.channels);
+        found.mono.push_back(std::isfinite(mean) ? mean : 0.0F);
+        if (std::ssize(found.mono) > most_samples) return found;
+    }
+    found.breaks_off = sf_error(file.get()) != SF_ERR_NO_ERROR;
+    return found;
+}
+
+std::vector<float> in_blocks(reference::gain_control control, const std::vector<float>& in, int rate) {
+    const auto length = static_cast<std::size_t>(std::max(1L, std::lround(rate / 100.0)));
+    std::vector<float> out;
+    for (std::size_t at = 0; at < in.size(); at += length) {
+        const auto first = in.begin() + static_cast<std::ptrdiff_t>(at);
+        const auto last = in.begin() + static_cast<std::ptrdiff_t>(std::min(at + length, in.size()));
+        const std::vector<float> block = control({first, last});
+        out.insert(out.end(), block.begin(), block.end());
+    }
+    return out;
+}
+
+std::vector<std::int16_t> processed(const sound& in, const process_options& wanted) {
+    const int rate = wanted.rate.value_or(in.rate);
+    constexpr std::int32_t no_limit = 2147483647;
+    std::vector<float> samples = rate == in.rate ? in.mono : reference::resampled(in.rate, rate, in.mono, no_limit);
+    if (wanted.effects.depop) {
+        samples.insert(samples.begin(), 0.0F); // before the first sample there was silence
+        samples = reference::depopped(samples, *wanted.effects.depop);
+        samples.erase(samples.begin());
+    }
+    if (wanted.effects.highpass)
+        samples = reference::high_pass(wanted.effects.highpass->corner_hz * 16000.0F / static_cast<float>(rate),
+                                       wanted.effects.highpass->q)(samples);
+    if (wanted.effects.agc)
+        samples = in_blocks({wanted.effects.agc->target_db, wanted.effects.agc->release_ms}, samples, rate);
+    std::vector<std::int16_t> rounded;
+    for (const float sample : samples) {
+        const float scaled = sample * 32768.0F;
+        rounded.push_back(static_cast<std::int16_t>(scaled >= 32767.0F    ? 32767L
+                                                    : scaled <= -32768.0F ? -32768L
+                                                                          : std::lrint(scaled)));
+    }
+    return rounded;
+}
+
+std::vector<std::int16_t> samples_written(const process_options& wanted, int rate) {
+    SF_INFO info{};
+    const bool raw = wanted.out.ends_with(".raw");
+    if (raw)
+        info = {.frames = 0,
+                .samplerate = rate,
+                .channels = 1,
+                .format = SF_FORMAT_RAW | SF_FORMAT_PCM_16,
+                .sections = 0,
+                .seekable = 0};
+    const std::unique_ptr<SNDFILE, closer> file(sf_open(wanted.out.c_str(), SFM_READ, &info));
+    require(file != nullptr, "what was written can be read", sf_strerror(nullptr));
+    require(info.samplerate == rate && info.channels == 1, "the header of what was written");
+    std::vector<std::int16_t> samples(static_cast<std::size_t>(info.frames));
+    sf_readf_short(file.get(), samples.data(), info.frames);
+    return samples;
+}
+
+process_options read_options(script& bytes) {
+    constexpr int rates[] = {8000, 16000, 44100, 48000, 96000, 10, 384000};
+    constexpr const char* names[] = {"/out.raw", "/out.wav", "/out.flac"};
+    process_options wanted;
+    wanted.in = folder + "/in";
+    const unsigned rate = bytes.below(std::size(rates) + 1);
+    if (rate > 0) wanted.rate = rates[rate - 1];
+    const unsigned effects = bytes.below(8);
+    if ((effects & 1) != 0) wanted.effects.highpass = parse_high_pass("100:0.9");
+    if ((effects & 2) != 0) wanted.effects.depop = 0.95F;
+    if ((effects & 4) != 0) wanted.effects.agc = parse_gain_control("-20:150");
+    wanted.out = folder + names[bytes.below(std::size(names))];
+    return wanted;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* count, char*** arguments);
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size);
+
+// The library's lines would be all that one sees.
+extern "C" int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/) {
+    std::string name = (std::filesystem::temp_directory_path() / "wrapper-audio.XXXXXX").string();
+    require(mkdtemp(name.data()) != nullptr, "there is a temporary folder");
+    folder = name;
+    std::atexit([] { std::filesystem::remove_all(folder); });
+    stderr = std::fopen("/dev/null", "w");
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+    constexpr std::size_t option_bytes = 3;
+    script script(bytes, std::min(size, option_bytes));
+    const process_options wanted = read_options(script);
+    const std::size_t skipped = std::min(size, option_bytes);
+    std::ofstream(wanted.in, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes) + skipped, static_cast<std::streamsize>(size - skipped));
+    std::filesystem::remove(wanted.out);
+
+    const std::optional<sound> in = sound_in(wanted.in);
+    if (in && too_long(*in, wanted.rate.value_or(in->rate))) return 0;
+    bool good = false;
+    try {
+        good = process(wanted) == fine;
+        require(good, "the command succeeds or throws");
+    } catch (const failure& trouble) {
+        require(trouble.code == file_trouble || trouble.code == usage, "a failure of the file", trouble.what());
+        require(std::string(trouble.what()).find('\n') == std::string::npos, "one sentence", trouble.what());
+    }
+    require(in.has_value() || !good, "what is no sound file fails");
+    require(!in || !good || !in->breaks_off, "a file that breaks off fails");
+    if (!good) return 0;
+    const std::vector<std::int16_t> expected = processed(*in, wanted);
+    if (expected.empty() && wanted.out.ends_with(".flac")) return 0; // libsndfile writes no header then
+    const std::vector<std::int16_t> written = samples_written(wanted, wanted.rate.value_or(in->rate));
+    require(written.size() == expected.size(), "as many samples as one conversion of the whole gives",
+            std::to_string(written.size()) + " instead of " + std::to_string(expected.size()));
+    for (std::size_t i = 0; i < written.size(); ++i)
+        require(written[i] == expected[i], "the samples of the whole file in one go", std::to_string(i));
+    return 0;
+}

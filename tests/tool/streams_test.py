@@ -209,9 +209,9 @@ class Process(StreamTest):
     def test_other_ratios_interpolate_across_the_whole_file(self):
         generator = random.Random(5)
         sound = [generator.randint(-20000, 20000) for _ in range(150000)]
-        for rate, wanted in (44100, 16000), (16000, 44100), (44100, 47999), (8000, 384000):
+        for rate, wanted in (44100, 16000), (16000, 44100), (44100, 47999), (96000, 48000), (8000, 384000):
             with self.subTest(rate=rate, wanted=wanted):
-                some = sound if wanted < 48000 else sound[:20000]
+                some = sound if wanted <= 48000 else sound[:20000]
                 out = self.process(self.write_wav("in.wav", rate, some), "--rate", wanted)
                 self.assertAlmostEqual(len(out), len(some) * wanted / rate, delta=1.01)
                 for i in range(0, len(out), 7):

@@ -80,7 +80,8 @@ public:
     converter(int in_rate, int out_rate) : resampler(wrapper_audio_resampler_init(in_rate, out_rate, 0)) {
         if (!resampler) throw failure(unexpected, "not enough memory for the rate conversion");
         const int divisor = std::gcd(in_rate, out_rate);
-        const auto repeat = static_cast<std::size_t>(std::max(1, 48000 * divisor / std::max(in_rate, out_rate)));
+        const auto repeat = static_cast<std::size_t>(
+            std::max<std::int64_t>(1, std::int64_t{48000} * divisor / std::max(in_rate, out_rate)));
         in_block = static_cast<std::size_t>(in_rate / divisor) * repeat;
         out_block = static_cast<std::size_t>(out_rate / divisor) * repeat;
         longest_rest = 2 * out_block + 2;
@@ -147,6 +148,7 @@ public:
 
 private:
     bool write(std::span<const float> samples);
+    std::size_t samples_at_once() const;
     bool step(bool& at_end);
     void report() const;
 
@@ -163,9 +165,16 @@ private:
     std::vector<std::int16_t> rounded;
 };
 
+/** So many that neither their channels nor what a low rate is converted to take much memory. */
+std::size_t processing::samples_at_once() const {
+    constexpr std::int64_t plenty = 65536;
+    const std::int64_t growth = std::max(1, rate / in.rate());
+    return static_cast<std::size_t>(std::max<std::int64_t>(1, plenty / growth / in.channels()));
+}
+
 /** Reads a piece and writes what it gives. Returns false when the output failed. */
 bool processing::step(bool& at_end) {
-    constexpr std::size_t piece = 65536;
+    const std::size_t piece = samples_at_once();
     const std::size_t old = waiting.size();
     at_end = in.read(piece, waiting) < piece;
     before.add(std::span<const float>(waiting).subspan(old));

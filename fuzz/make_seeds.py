@@ -210,6 +210,25 @@ def aiff(samples, rate):
     return b"FORM" + struct.pack(">I", 4 + len(comm) + len(ssnd)) + b"AIFF" + comm + ssnd
 
 
+def crc(data, bits, polynomial):
+    value = 0
+    for byte in data:
+        value ^= byte << (bits - 8)
+        for _ in range(8):
+            value = (value << 1) ^ (polynomial if value >> (bits - 1) else 0)
+            value &= (1 << bits) - 1
+    return value.to_bytes(bits // 8, "big")
+
+
+def flac(samples, rate, subframe=b"\x02"):
+    """One mono frame of 16-bit samples, verbatim (2) or constant (0)."""
+    count = 5000 if subframe == b"\0" else len(samples) // 2
+    about = struct.pack(">HH", count, count) + bytes(6) + (rate << 44 | 15 << 36 | count).to_bytes(8, "big") + bytes(16)
+    head = b"\xff\xf8\x70\x08\0" + struct.pack(">H", count - 1)
+    frame = head + crc(head, 8, 0x07) + subframe + samples
+    return b"fLaC\x80\0\0\x22" + about + frame + crc(frame, 16, 0x8005)
+
+
 def options(rate=0, effects=0, out=0):
     return bytes([rate, effects, out])
 
@@ -243,5 +262,8 @@ write(
     wav_big_endian=options() + wav(wave, name=b"RIFX"),
     au_mu_law=options(2, 0, 0) + au(wave[:100], 8000, 1),
     au_16_bits=options(0, 0, 0) + au(wave, 8000, 3),
+    flac=options(0, 0, 0) + flac(wave, 8000),
+    flac_constant_into_flac=options(3, 4, 2) + flac(wave[:2], 8000, b"\0"),
+    flac_that_breaks_off=options(0, 0, 0) + flac(wave, 8000)[:-100],
     aiff=options(2, 0, 0) + aiff(wave, 22050),
 )

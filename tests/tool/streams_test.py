@@ -2,13 +2,15 @@
 
 import itertools
 import math
+import os
 import random
 import struct
+import subprocess
 import time
 import unittest
 import wave
 
-from host import FILE_TROUBLE, FINE, SPEECH, USAGE, HostTest, decibels, rms
+from host import FILE_TROUBLE, FINE, HOST, SPEECH, USAGE, HostTest, decibels, rms
 
 EFFECTS = ["--depop", "0.3", "--highpass", "100:0.8", "--agc", "-35:300"]
 
@@ -219,6 +221,16 @@ class Process(StreamTest):
                     right = some[min(left + 1, len(some) - 1)]
                     expected = some[left] + (right - some[left]) * over / wanted
                     self.assertLessEqual(abs(out[i] - expected), 0.51, i)
+
+    def test_a_conversion_to_a_much_higher_rate_takes_little_memory(self):
+        out = self.folder / "long.raw"
+        source = self.write_wav("in.wav", 1, [1000] * 100)
+        host = subprocess.Popen([HOST, "process", source, out, "--rate", "384000"], stdout=subprocess.DEVNULL)
+        _, status, used = os.wait4(host.pid, 0)
+        host.returncode = os.waitstatus_to_exitcode(status)
+        self.assertEqual(host.returncode, FINE)
+        self.assertEqual(out.stat().st_size, 100 * 384000 * 2)
+        self.assertLess(used.ru_maxrss, 200 * 1024)
 
     def test_channels_are_mixed_and_it_is_said(self):
         left, right = [1000, -2000, 30000], [3000, -4000, 30000]

@@ -1,0 +1,66 @@
+# The three Debian packages, a component each. scripts/package makes them.
+set(CPACK_GENERATOR DEB)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL library development program)
+set(CPACK_PACKAGE_CONTACT "wrapper_audio maintainers <maintainers@wrapper-audio.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}) # the program's library, which no package has yet
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libwrapper-audio${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SOURCE wrapper-audio)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "microphone capture with neural noise suppression (library)
+wrapper_audio gives any program microphone capture as mono 16-bit samples at
+the rate it wants, with optional neural noise suppression, a level meter, a
+list of devices as JSON, and signal functions for its own buffers.
+.
+This package contains the shared library.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libwrapper-audio-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SOURCE wrapper-audio)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+  "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), portaudio19-dev, librnnoise-dev")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "microphone capture with neural noise suppression (development)
+wrapper_audio gives any program microphone capture as mono 16-bit samples at
+the rate it wants, with optional neural noise suppression, a level meter, a
+list of devices as JSON, and signal functions for its own buffers.
+.
+This package contains what programs are built with: the header, which is the
+manual too, and the files by which pkg-config and CMake find the library.")
+
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME wrapper-audio)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION sound)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SUGGESTS libasound2-plugins)
+set(CPACK_COMPONENT_PROGRAM_DESCRIPTION "record clean speech from the command line
+wrapper-audio records a microphone as mono 16-bit samples into a file or a
+pipe, with neural noise suppression if you like, lists the devices, shows the
+level, and runs the same filters on files. Where a microphone does not work it
+looks for the reason.
+.
+With libasound2-plugins it hears PulseAudio and PipeWire too.")
+
+# The version stands in CMakeLists.txt; the changelog has to speak of the same one.
+set(changelog ${PROJECT_SOURCE_DIR}/cmake/packages/changelog)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${changelog})
+file(STRINGS ${changelog} newest LIMIT_COUNT 1)
+if(NOT newest MATCHES "^wrapper-audio \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "cmake/packages/changelog does not begin with an entry for ${PROJECT_VERSION}")
+endif()
+# Nobody but the packages installs these.
+foreach(component LIBRARY DEVELOPMENT PROGRAM)
+  string(TOLOWER ${component} lower_case)
+  install(FILES ${changelog} cmake/packages/copyright
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${component}_PACKAGE_NAME}
+    COMPONENT ${lower_case} EXCLUDE_FROM_ALL)
+endforeach()
+
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/packages/finish.cmake)
+include(CPack)

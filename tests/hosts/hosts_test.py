@@ -67,7 +67,7 @@ class Workshop:
     """A folder where the library is installed, and microphones that programs built there hear."""
 
     def __init__(self, folder, build):
-        self.folder, self.build = Path(folder), Path(build)
+        self.folder, self.build = Path(folder), Path(build).resolve()
         prefix = self.folder / "prefix"
         for component in "library", "development":
             self.succeed("cmake", "--install", self.build, "--prefix", prefix, "--component", component)
@@ -186,13 +186,13 @@ def need_java():
     for folder in [Path(shutil.which("java")).parent, *sorted(Path("/usr/lib/jvm").glob("*/bin"))]:
         told = subprocess.run([folder / "java", "-version"], stderr=subprocess.PIPE, text=True).stderr
         version = re.search(r'version "(\d+)', told)
-        if version and int(version[1]) >= 22:
+        if version and int(version[1]) >= 22 and (folder / "javac").exists():
             os.environ["PATH"] = f"{folder}:{os.environ['PATH']}"
             return
-    skip("java is on this machine, but none from version 22 on")
+    skip("java is on this machine, but no development kit from version 22 on")
 
 
-TOOLS = {"rust": ["rustc"], "go": ["go"], "csharp": ["mcs", "mono"], "java": ["java"]}
+TOOLS = {"rust": ["rustc"], "go": ["go"], "csharp": ["mcs", "mono"], "java": ["javac", "java"]}
 
 
 def main(part, build):

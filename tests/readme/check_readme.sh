@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The programs in README.md compile without a warning, run, and do what is said of them; and the twenty lines of the
-# header are the twenty lines of the README.
+# The programs in README.md and docs/hosts.md compile without a warning, run, and do what is said of them; and the
+# twenty lines of the header are the twenty lines of the README.
 # Usage: check_readme.sh SOURCE_FOLDER LIBRARY
 set -euo pipefail
 source=$1 library=$2
@@ -10,8 +10,8 @@ trap 'rm -rf "$folder"' EXIT
 fail() { echo "FAILED: $*"; exit 1; }
 
 awk -v folder="$folder" '/^```c$/ { file = folder "/program" ++n ".c"; next } /^```/ { file = "" } file { print > file }' \
-  "$source/README.md"
-[ "$(ls "$folder")" = $'program1.c\nprogram2.c' ] || fail "README.md does not have two programs"
+  "$source/README.md" "$source/docs/hosts.md"
+[ "$(ls "$folder")" = $'program1.c\nprogram2.c' ] || fail "README.md and docs/hosts.md do not have one program each"
 
 sed -n '/@code/,/@endcode/p' "$source/wrapper_audio.h" | sed -e '/@code/d' -e '/@endcode/d' -e 's/^ \* \{0,1\}//' |
   diff - "$folder/program1.c" || fail "the program in the header differs from the one in README.md"

@@ -84,6 +84,7 @@ private:
     int lost_streams_ = 0;                  // of stopped contexts that were opened again
     std::vector<std::string> stream_calls_; // that the call under test must make
     bool silent_ = false;                   // whether it must write no line
+    unsigned previous_call_ = 0;
 };
 
 // ---- What must hold after every call ----
@@ -362,6 +363,7 @@ void session::read_meter(std::unique_ptr<level_meter>& slot) {
         const bool fails = result != paNoError && result != paInputOverflowed;
         silent_ = !fails || slot->failing;
         slot->failing = fails;
+        slot->has_failed |= fails;
         if (!fails) {
             expected = slot->frames;
             const std::vector<float> samples = mic_.heard(reads_, slot->frames);
@@ -425,11 +427,19 @@ void session::answer() {
     }
 }
 
+// Beside the coverage the fuzzer collects which call came in which state, behind which other call.
+constexpr unsigned different_calls = 16;
+[[gnu::section("__libfuzzer_extra_counters")]] std::uint8_t g_ways[different_calls][different_calls][4][4];
+
 void session::step() {
-    const unsigned call = script_.below(16);
+    const unsigned call = script_.below(different_calls);
     const unsigned which = script_.number<std::uint8_t>();
     auto& slot = captures_[which % captures_.size()];
     auto& meter = meters_[which % meters_.size()];
+    const int slot_state = !slot ? 0 : slot->running ? 1 : slot->stream != 0 ? 2 : 3;
+    const int meter_state = !meter ? 0 : meter->failing ? 1 : 2 + meter->has_failed;
+    g_ways[previous_call_][call][slot_state][meter_state] = 1;
+    previous_call_ = call;
     switch (call) {
     case 0:
     case 1:

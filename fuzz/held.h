@@ -29,6 +29,7 @@ struct level_meter {
     std::int32_t frames;
     int stream;
     bool failing = false;
+    bool has_failed = false;
 };
 
 template <typename... Pieces>

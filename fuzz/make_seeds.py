@@ -135,6 +135,8 @@ write(
     call(METER_CLOSE) + call(FREE_TEXT),
     a_meter_that_fails_twice=ordinary + pattern + call(METER_OPEN) + b"\0" + answer(PA_READ, 1) + answer(PA_READ, 2) +
     (call(METER_READ) + b"\0") * 3 + call(METER_CLOSE),
+    a_meter_that_works_in_between=ordinary + call(METER_OPEN) + b"\0" + answer(PA_READ, 1) + answer(PA_READ, 3) +
+    answer(PA_READ, 1) + (call(METER_READ) + b"\0") * 3,
     four_contexts_and_three_meters=ordinary + b"".join(create(INIT, slot=i) for i in range(4)) + b"".join(
         call(METER_OPEN, i) + b"\0" for i in range(3)) + read(slot=3) + call(LIST) + call(CAPABILITIES),
     a_device_is_plugged_in=table(default=-1) + create(INIT) + call(LIST) + answer(DEVICES) + ordinary + create(INIT) + read(),
@@ -252,7 +254,8 @@ write(
     wav_8_bits=options(1, 2, 0) + wav(wave[:200], bits=8),
     wav_24_bits=options(1, 0, 0) + wav(wave[:300], bits=24),
     wav_a_law=options() + wav(wave[:100], bits=8, tag=6),
-    wav_at_one_hertz=options(1, 0, 0) + wav(wave[:10], rate=1),
+    wav_at_one_hertz=options(1, 0, 0) + wav(wave[:30], rate=1),
+    wav_at_one_hertz_to_48000=options(4, 0, 0) + wav(wave[:10], rate=1),
     wav_at_two_gigahertz=options(2, 0, 0) + wav(wave, rate=2147483647),
     wav_of_no_channels=options() + wav(wave, channels=0),
     wav_of_1024_channels=options() + wav(wave[:20], channels=1024),

@@ -70,6 +70,7 @@ class Record(ExampleTest):
             while not file.exists() or file.stat().st_size < 100000:
                 self.assertIsNone(process.poll(), "it has ended by itself")
                 self.assertLess(time.monotonic(), deadline, "nothing is recorded")
+                time.sleep(0.001)
             process.send_signal(sign)
             self.assertEqual(process.wait(timeout=30), FINE)
             process.communicate()

@@ -1,6 +1,8 @@
-// The device list of machines whose names are any bytes: its text, what a host decodes from it, and which device each
-// decoded id then means.
-#include "../tools/wrapper-audio/text.h"
+// The device list of machines whose names are any bytes: its text, what the program wrapper-audio reads from it, which
+// device each id then means, and what the program makes of the lines about that device.
+#include "../tools/wrapper-audio/console.h"
+#include "../tools/wrapper-audio/failure.h"
+#include "../tools/wrapper-audio/input.h"
 #include "devices.h"
 #include "script.h"
 
@@ -11,7 +13,13 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
+
+// What the program would find behind descriptor 2.
+std::string console::collect() {
+    return std::exchange(fake::world().log, {});
+}
 
 namespace {
 
@@ -48,7 +56,7 @@ opened open_by_id(const std::string& id) {
     std::string call;
     for (const std::string& entry : world.journal)
         if (entry.starts_with("Pa_OpenStream")) call = entry.substr(0, entry.find(','));
-    return {call, world.log.find("WARN") != std::string::npos};
+    return {call, world.log.starts_with("[audio_wrapper] WARN device_id")};
 }
 
 bool loses_bytes(const fake::device& device) {
@@ -56,7 +64,7 @@ bool loses_bytes(const fake::device& device) {
     return devices::without_control_bytes(id) != id;
 }
 
-// An id that a host found in the list means the first device that has it.
+// An id that the program found in the list means the first device that has it.
 void require_resolving(const std::string& decoded, const fake::device& shown) {
     const opened device = open_by_id(decoded);
     const int index = devices::resolve(decoded.c_str());
@@ -69,28 +77,37 @@ void require_resolving(const std::string& decoded, const fake::device& shown) {
         require(devices::id(*devices::at(index)).substr(0, 255) == decoded, "an id means a device of that id", decoded);
 }
 
-void require_decoding(const std::string& text) {
-    // Names are bytes of any encoding. As Latin-1 each of them survives the way through JSON, which is UTF-8.
-    const auto entries = nlohmann::json::parse(utf8_from_latin1(text), nullptr, false);
-    require(entries.is_array(), "a whole list is an array", text);
+// The program records from that device, or says that it cannot.
+void require_recording(const std::string& id, const fake::device& shown) {
+    const int index = devices::resolve(id.c_str());
+    fake::world().log.clear();
+    try {
+        const microphone opened(16000, true, id);
+        require(opened.device_rate() == 48000, "the program learns the rate", std::to_string(opened.device_rate()));
+        const std::string name = devices::at(index) != nullptr ? devices::name(*devices::at(index)) : "unknown";
+        require(opened.name() == name, "the program learns the name", opened.name() + " instead of " + name);
+    } catch (const failure& trouble) {
+        require(index == paNoDevice || id.size() > 255 || loses_bytes(shown), "ids of the list open", trouble.what());
+    }
+}
+
+void require_reading(const std::string& text) {
     require(nlohmann::json::accept(text) == is_utf8(text), "only other bytes than UTF-8 can spoil the JSON", text);
+    const std::vector<device> read = parse_device_list(text);
     std::size_t next = 0;
     for (int index = 0; index < devices::count(); ++index) {
         const fake::device* device = devices::at(index);
         if (device == nullptr) continue;
-        require(next < entries.size(), "each device has an entry", text);
-        const auto& entry = entries[next++];
-        require(entry.size() == 4, "an entry has four values", text);
-        const std::string id = latin1_from_utf8(entry.at("id").get<std::string>());
+        require(next < read.size(), "each device has an entry", text);
+        const auto& [id, name, can_capture, is_default] = read[next++];
         require(id == devices::without_control_bytes(devices::id(*device)), "the id, less control bytes", id);
-        require(latin1_from_utf8(entry.at("name").get<std::string>()) ==
-                    devices::without_control_bytes(devices::name(*device)),
-                "the name, less control bytes", id);
-        require(entry.at("kind") == (device->inputs > 0 ? "input" : "output"), "the kind", id);
-        require(entry.at("isDefault") == (index == fake::world().default_input), "the default", id);
+        require(name == devices::without_control_bytes(devices::name(*device)), "the name, less control bytes", name);
+        require(can_capture == (device->inputs > 0), "the kind", id);
+        require(is_default == (index == fake::world().default_input), "the default", id);
         require_resolving(id, *device);
+        require_recording(id, *device);
     }
-    require(next == entries.size(), "there are no other entries", text);
+    require(next == read.size(), "there are no other entries", text);
 }
 
 } // namespace
@@ -108,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     require(list != nullptr, "there is a list");
     const std::string text = list.get();
     devices::require_list(text);
-    if (devices::list().size() <= devices::longest_list) require_decoding(text);
+    if (devices::list().size() <= devices::longest_list) require_reading(text);
     require(fake::world().violations.empty(), "nothing forbidden");
     return 0;
 }

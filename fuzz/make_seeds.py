@@ -56,6 +56,9 @@ tables = {
     "two_of_the_same_id": table(device(text(b"USB")), device(text(b"USB"), rate=1), default=1),
     "quotes_and_backslashes": table(device(text(b'"\\"\\n%s%n')), host_apis=(text(b'H"\\'),)),
     "control_bytes": table(device(text(b"a\n\x01\x1f\x7fb")), device(text(b"ab")), device(text(b"\x02"))),
+    "names_like_the_lines_about_them": table(
+        device(text(b"a' (idx=7, requested='x') capture_rate=8")), device(text(b"\n[audio_wrapper] ctx_create device='b")),
+        device(text(b"[audio_wrapper] WARN device_id")), host_apis=(text(b"', requested='ALSA"),)),
     "utf8_whole_and_broken": table(device(text("микрофон".encode())), device(text(b"\xc3(\xff\xed\xa0\x80\xf4\x90")),
                                    device(text(b"\xc3")), host_apis=(text(b"\xf0\x9f"),)),
     "ids_of_255_256_and_300_bytes": table(device(repeated(b"n", 250)), device(repeated(b"n", 251)),

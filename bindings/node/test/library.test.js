@@ -95,12 +95,25 @@ test('load() names a library, once', async () => {
 
 test('a program that has used koffi before may still denoise', async () => {
   const { code, signal, stdout, stderr } = await run(
-    `import koffi from 'koffi';
+    `import { createRequire } from 'node:module';
+     const koffi = createRequire(process.cwd() + '/')('koffi'); // import would give a koffi with settings of its own
      koffi.load('libc.so.6');
      const { Recorder } = await import('wrapper-audio');
      const mic = await Recorder.open({ denoise: true });
      for await (const block of mic.blocks({ seconds: 1 })) console.log(block.length);
-     await mic.close();`,
+     await mic.close();
+     console.log(koffi.config().async_stack_size);`,
   );
-  assert.deepStrictEqual([code, signal, stdout], [0, null, '480\n'.repeat(34)], stderr);
+  assert.deepStrictEqual([code, signal, stdout], [0, null, `${'480\n'.repeat(34)}131072\n`], stderr);
+});
+
+test('less stack for calls on threads than a denoised read needs is refused', async () => {
+  const { stdout } = await run(
+    `import { createRequire } from 'node:module';
+     const koffi = createRequire(process.cwd() + '/')('koffi');
+     koffi.config({ async_stack_size: 65536 });
+     koffi.load('libc.so.6');
+     await import('wrapper-audio').then(({ load }) => load()).catch((error) => console.log(String(error)));`,
+  );
+  assert.strictEqual(stdout, 'LibraryError: koffi.config() gives calls on threads less than 128 KiB of stack\n');
 });

@@ -9,9 +9,9 @@
  * Levels are linear amplitudes from 0 to 1 (full scale), rates are in Hz, durations in milliseconds where nothing else
  * is said.
  *
- * Whatever waits for a device runs on a thread of Node's pool and gives a promise; the event loop goes on meanwhile. The
- * pool has four threads unless UV_THREADPOOL_SIZE says otherwise, and files and name look-ups need it too: a recorder or
- * meter that is being read takes one of them.
+ * Whatever waits for a device runs on a thread of Node's pool and gives a promise; the event loop goes on meanwhile.
+ * The pool has four threads unless UV_THREADPOOL_SIZE says otherwise, and files and name look-ups need it too: a
+ * recorder or meter that is being read takes one of them.
  */
 
 import type { Readable } from 'node:stream';
@@ -84,8 +84,8 @@ export function capability(): Promise<Capability>;
 
 export interface RecorderOptions {
   /**
-   * A device or its id; null or '' is the default input device. An id that matches none is reported on standard error,
-   * and the default device is taken.
+   * A device or its id; null or '' is the default input device. An id that matches none is reported on standard
+   * error, and the default device is taken.
    */
   device?: Device | string | null;
   /**
@@ -112,8 +112,8 @@ export interface BlockOptions {
 /**
  * A microphone: blocks of mono 16-bit samples, -32767 to 32767, at the rate you want.
  *
- * Calls on a recorder run one after the other, in the order in which they were made, so that a second read waits for the
- * first. Read without long pauses: PortAudio keeps at least 30 ms, and what it had to drop is lost without a word.
+ * Calls on a recorder run one after the other, in the order in which they were made, so that a second read waits for
+ * the first. Read without long pauses: PortAudio keeps at least 30 ms, and what it had to drop is lost without a word.
  *
  * Close it, also before a worker ends: the process would keep the device otherwise.
  */
@@ -203,14 +203,14 @@ export class Meter implements AsyncIterable<Level> {
 
 // ---- Signal functions ----
 //
-// A block is a Float32Array of mono samples, full scale 1.0. All but Resampler work in place, and all at once: they take
-// microseconds.
+// A block is a Float32Array of mono samples, full scale 1.0. All but Resampler work in place, and all return when they
+// are done: they take microseconds.
 
 /**
  * Converts blocks from one sample rate to another, by linear interpolation.
  *
- * Nothing is filtered, so that a lower rate aliases: 48000 to 16000 gives every third sample. Each block starts anew, so
- * that a stream converted in blocks is not the stream converted in one piece.
+ * Nothing is filtered, so that a lower rate aliases: 48000 to 16000 gives every third sample. Each block starts anew,
+ * so that a stream converted in blocks is not the stream converted in one piece.
  */
 export class Resampler {
   /** Rates in Hz, 1 to 768000. */
@@ -230,8 +230,9 @@ export interface BlockRate {
 /**
  * THE high-pass filter of the process, a second-order section against rumble and DC.
  *
- * The library has one, with one memory. Making a HighPass takes it over and puts it at rest; an older HighPass is then of
- * no use any more and throws ReplacedError. Workers share it too, and no lock keeps them apart: use it in one of them.
+ * The library has one, with one memory. Making a HighPass takes it over and puts it at rest; an older HighPass is then
+ * of no use any more and throws ReplacedError. Workers share it too, and no lock keeps them apart: use it in one of
+ * them.
  */
 export class HighPass {
   /**
@@ -246,8 +247,8 @@ export class HighPass {
 /**
  * THE automatic gain control of the process: steers the RMS level towards a target.
  *
- * The library has one, with one gain. Making a GainControl takes it over and puts the gain back to 1; an older GainControl
- * then throws ReplacedError. Workers share it as they share the high-pass.
+ * The library has one, with one gain. Making a GainControl takes it over and puts the gain back to 1; an older
+ * GainControl then throws ReplacedError. Workers share it as they share the high-pass.
  */
 export class GainControl {
   /**

@@ -2,9 +2,9 @@
 // Overhears what the library says on standard error, as it gives its reasons in no other way.
 //
 // While a stream opens, C's variable `stderr` points to a second stream on the same descriptor 2, one that writes at
-// each end of a line out of a buffer of ours. Every line goes where it would have gone, at once, whoever writes it, also
-// in a crash; and the last one can still be read in the buffer afterwards. Descriptor 2 itself is left alone: what other
-// threads and the processes started meanwhile print does not pass here, and neither does console.error.
+// each end of a line out of a buffer of ours. Every line goes where it would have gone, at once, whoever writes it and
+// in a crash too; and the last one can still be read in the buffer afterwards. Descriptor 2 itself is left alone: what
+// other threads and the processes started meanwhile print does not pass here, and neither does console.error.
 //
 // That the buffer keeps what has been written from it is a habit of glibc, not a promise of C. Where it does not hold,
 // or where C code on another thread printed a line in between, no reason is found and the error gets a text of its own.

@@ -39,5 +39,9 @@ test('without an input device nothing opens, and the text says so', async () => 
     'OpenError: [audio_wrapper] meter_open: нет устройства ввода',
     '',
   ]);
-  assert.match(stderr, /\[audio_wrapper\] нет устройства ввода \(resolve → paNoDevice\)\n/, 'the line appears as always');
+  assert.match(
+    stderr,
+    /\[audio_wrapper\] нет устройства ввода \(resolve → paNoDevice\)\n/,
+    'the line appears as always',
+  );
 });

@@ -14,7 +14,7 @@ const TRY = `import { depop } from 'wrapper-audio';
              try { depop(new Float32Array(1), 1); console.log('found'); }
              catch (error) { console.log(error.name + '\\n' + error.message); }`;
 
-test('every signature is the header\'s', () => {
+test("every signature is the header's", () => {
   const header = read(ROOT, 'wrapper_audio.h').replace(/\/\*[^]*?\*\//g, '');
   const declared = header.match(/^[a-z][^;{}#]*\bwrapper_audio_\w+\([^;]*\)\s*WRAPPER_AUDIO_NOEXCEPT;/gm).map((text) =>
     text
@@ -27,7 +27,9 @@ test('every signature is the header\'s', () => {
 });
 
 test('the types declare what the module has', () => {
-  const declared = [...read(folder, 'index.d.ts').matchAll(/^export (?:class|function|const) (\w+)/gm)].map(([, name]) => name);
+  const declared = [...read(folder, 'index.d.ts').matchAll(/^export (?:class|function|const) (\w+)/gm)].map(
+    ([, name]) => name,
+  );
   assert.deepStrictEqual(declared.sort(), Object.keys(require('..')).sort());
 });
 
@@ -41,7 +43,10 @@ test('the package file names no server', () => {
 
 test('a library that is named is the only one tried', async () => {
   const { stdout } = await run(TRY, { env: { WRAPPER_AUDIO_LIBRARY: '/nowhere/lib.so' } });
-  assert.match(stdout, /^LibraryError\nthe library wrapper_audio was not found. Tried:\n {2}\/nowhere\/lib\.so: .*No such file/);
+  assert.match(
+    stdout,
+    /^LibraryError\nthe library wrapper_audio was not found. Tried:\n {2}\/nowhere\/lib\.so: .*No such file/,
+  );
   assert.match(stdout, /libwrapper-audio1[^]*WRAPPER_AUDIO_LIBRARY=[^]*librnnoise0/);
   assert.doesNotMatch(stdout, /libwrapper_audio\.so:/);
 });
@@ -49,7 +54,8 @@ test('a library that is named is the only one tried', async () => {
 test('otherwise it is looked for beside the package and in the system', async (t) => {
   const copy = fs.mkdtempSync(path.join(os.tmpdir(), 'wrapper audio '));
   t.after(() => fs.rmSync(copy, { recursive: true }));
-  for (const name of ['package.json', 'index.js', 'lib']) fs.cpSync(path.join(folder, name), path.join(copy, name), { recursive: true });
+  for (const name of ['package.json', 'index.js', 'lib'])
+    fs.cpSync(path.join(folder, name), path.join(copy, name), { recursive: true });
   fs.symlinkSync(path.join(folder, 'node_modules'), path.join(copy, 'node_modules'));
 
   const env = { WRAPPER_AUDIO_LIBRARY: '' };
@@ -66,7 +72,12 @@ test('otherwise it is looked for beside the package and in the system', async (t
   fs.rmSync(path.join(copy, 'libwrapper_audio.so'));
   const { stdout } = await run(TRY, { env: { ...env, LD_LIBRARY_PATH: '' }, cwd: copy });
   if (stdout === 'found\n') return t.diagnostic('the system has the library installed');
-  for (const tried of [`${copy}/libwrapper_audio.so.1: `, `${copy}/libwrapper_audio.so: `, ' libwrapper_audio.so.1: ', ' libwrapper_audio.so: '])
+  for (const tried of [
+    `${copy}/libwrapper_audio.so.1: `,
+    `${copy}/libwrapper_audio.so: `,
+    ' libwrapper_audio.so.1: ',
+    ' libwrapper_audio.so: ',
+  ])
     assert(stdout.includes(tried), `${tried} is not in ${stdout}`);
 });
 

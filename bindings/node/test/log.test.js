@@ -10,7 +10,7 @@ const fputs = program.func('int fputs(const char *text, void *stream)');
 const stream = () => koffi.decode(program.symbol('stderr'), 'void *');
 const say = (...lines) => overheard(async () => (lines.forEach((line) => fputs(`${line}\n`, stream())), 'done'));
 
-test('the last line is heard if it is the library\'s, and only in its own call', async () => {
+test("the last line is heard if it is the library's, and only in its own call", async () => {
   const heard = ['done', '[audio_wrapper] нет'];
   assert.deepStrictEqual(await say('[audio_wrapper] a longer line before', '[audio_wrapper] нет'), heard);
   for (let i = 0; i < 3; ++i) assert.deepStrictEqual(await say(), ['done', null]);
@@ -19,9 +19,12 @@ test('the last line is heard if it is the library\'s, and only in its own call',
   assert.deepStrictEqual(await say('[audio_wrapper] нет'), heard);
 });
 
-test('a task that fails leaves C\'s stderr as it was', async () => {
+test("a task that fails leaves C's stderr as it was", async () => {
   const before = stream();
-  await assert.rejects(overheard(() => Promise.reject(new Error(`other: ${stream() !== before}`))), /other: true/);
+  await assert.rejects(
+    overheard(() => Promise.reject(new Error(`other: ${stream() !== before}`))),
+    /other: true/,
+  );
   assert.strictEqual(stream(), before);
 });
 

@@ -32,8 +32,12 @@ function script(test, variables) {
 function run(program, { options = [], env = {}, cwd = path.join(__dirname, '..') } = {}) {
   return new Promise((resolve) => {
     const child = ['--input-type=module', ...options, '-e', program];
-    execFile(process.execPath, child, { cwd, env: { ...process.env, ...env }, timeout: 30000 }, (error, stdout, stderr) =>
-      resolve({ code: error ? error.code : 0, signal: error ? error.signal : null, stdout, stderr }),
+    execFile(
+      process.execPath,
+      child,
+      { cwd, env: { ...process.env, ...env }, timeout: 30000 },
+      (error, stdout, stderr) =>
+        resolve({ code: error ? error.code : 0, signal: error ? error.signal : null, stdout, stderr }),
     );
   });
 }

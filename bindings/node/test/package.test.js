@@ -33,13 +33,13 @@ test('the README installs it, and its program records five seconds', async (t) =
   const [npm, ...options] = install.split(' ');
   await execute(npm, [...options, folder, '--prefer-offline', '--no-audit', '--no-fund'], { cwd: project });
   const installed = path.join(project, 'node_modules', 'wrapper-audio');
-  assert.deepStrictEqual(fs.readdirSync(installed).filter((name) => name !== 'node_modules').sort(), [
-    'README.md',
-    'index.d.ts',
-    'index.js',
-    'lib',
-    'package.json',
-  ]);
+  assert.deepStrictEqual(
+    fs
+      .readdirSync(installed)
+      .filter((name) => name !== 'node_modules')
+      .sort(),
+    ['README.md', 'index.d.ts', 'index.js', 'lib', 'package.json'],
+  );
 
   fs.writeFileSync(path.join(project, 'program.js'), program);
   const { stdout } = await execute(process.execPath, ['program.js'], { cwd: project });

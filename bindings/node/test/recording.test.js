@@ -139,12 +139,22 @@ test('closing waits for the read that is under way and turns the others away', a
   const mic = await recorder(t, { rate: 48000, blockMs: 100 });
   const order = [];
   const reads = [mic.read(), mic.read()];
-  reads.forEach((read, index) => read.then(() => order.push(`read ${index}`), () => order.push(`refused ${index}`)));
+  reads.forEach((read, index) =>
+    read.then(
+      () => order.push(`read ${index}`),
+      () => order.push(`refused ${index}`),
+    ),
+  );
   await wait(30);
   const closing = mic.close().then(() => order.push('closed'));
   assert.strictEqual(mic.closed, true);
   assert.strictEqual(mic.close(), mic.close());
-  assert.deepStrictEqual(await settled([...reads, closing, mic.read()]), [heard.slice(0, 4800), ClosedError, 3, ClosedError]);
+  assert.deepStrictEqual(await settled([...reads, closing, mic.read()]), [
+    heard.slice(0, 4800),
+    ClosedError,
+    3,
+    ClosedError,
+  ]);
   assert.deepStrictEqual(order, ['read 0', 'refused 1', 'closed']);
 });
 
@@ -166,13 +176,16 @@ test('stop, release and open again, in any order', async (t) => {
   assert.deepStrictEqual(await settled([mic.open(), mic.stop(), mic.release()]), Array(3).fill(ClosedError));
 });
 
-test('a device that refuses is an OpenError with the library\'s line', async (t) => {
+test("a device that refuses is an OpenError with the library's line", async (t) => {
   const mic = await recorder(t, { armed: true });
   script(t, { MICROPHONE_REFUSES: '1' });
   const line = '[audio_wrapper] open_input_stream ОШИБКА: Device unavailable (rate=48000)';
   await assert.rejects(Recorder.open(), new OpenError(line));
   await assert.rejects(mic.open(), new OpenError(line));
-  await assert.rejects(Meter.open(), new OpenError('[audio_wrapper] meter_open: open_input_stream ОШИБКА: Device unavailable'));
+  await assert.rejects(
+    Meter.open(),
+    new OpenError('[audio_wrapper] meter_open: open_input_stream ОШИБКА: Device unavailable'),
+  );
   delete process.env.MICROPHONE_REFUSES;
   await mic.open();
   assert.strictEqual((await mic.read()).length, 480);
@@ -193,7 +206,14 @@ test('a device that fails is a ReadError, and may recover', async (t) => {
 });
 
 test('wrong arguments are refused before anything opens', async (t) => {
-  for (const options of [{ rate: 0 }, { rate: 16000.5 }, { rate: 1e9 }, { blockMs: 0 }, { blockMs: 101 }, { blockMs: NaN }]) {
+  for (const options of [
+    { rate: 0 },
+    { rate: 16000.5 },
+    { rate: 1e9 },
+    { blockMs: 0 },
+    { blockMs: 101 },
+    { blockMs: NaN },
+  ]) {
     await assert.rejects(Recorder.open(options), RangeError, JSON.stringify(options));
   }
   await assert.rejects(Recorder.open({ denoise: true, blockMs: 25 }), RangeError);
@@ -223,8 +243,12 @@ test('a meter measures 30 ms at a time', async () => {
   await assert.rejects(meter.read(), ClosedError);
 });
 
-test('objects dispose of themselves', { skip: Symbol.asyncDispose ? false : 'this Node has no Symbol.asyncDispose' }, async () => {
-  const mic = await Recorder.open();
-  await mic[Symbol.asyncDispose]();
-  assert.strictEqual(mic.closed, true);
-});
+test(
+  'objects dispose of themselves',
+  { skip: Symbol.asyncDispose ? false : 'this Node has no Symbol.asyncDispose' },
+  async () => {
+    const mic = await Recorder.open();
+    await mic[Symbol.asyncDispose]();
+    assert.strictEqual(mic.closed, true);
+  },
+);

@@ -24,7 +24,7 @@ function assertSameBits(actual, expected) {
   assert.deepStrictEqual(new Uint32Array(actual.slice().buffer), new Uint32Array(Float32Array.from(expected).buffer));
 }
 
-test('the high-pass is the cookbook\'s, at the rate of the blocks', () => {
+test("the high-pass is the cookbook's, at the rate of the blocks", () => {
   const w0 = (2 * Math.PI * f(120 / 3)) / 16000;
   const alpha = Math.sin(w0) / (2 * f(0.707));
   const a0 = 1 + alpha;
@@ -61,7 +61,10 @@ test('the gain control works in steps of 10 ms', () => {
 test('de-pop subtracts a share of the sample before', () => {
   const block = hum(100);
   depop(block, 0.97);
-  assertSameBits(block, Array.from(hum(100), (x, i) => (i === 0 ? x : x - f(f(0.97) * hum(100)[i - 1]))));
+  assertSameBits(
+    block,
+    Array.from(hum(100), (x, i) => (i === 0 ? x : x - f(f(0.97) * hum(100)[i - 1]))),
+  );
 });
 
 test('the resampler interpolates', () => {
@@ -75,7 +78,10 @@ test('the resampler interpolates', () => {
   });
   assertSameBits(resampler.process(input), expected);
   assert.strictEqual(resampler.process(new Float32Array(0)).length, 0);
-  assertSameBits(new Resampler(16000, 48000).process(Float32Array.of(0, 3)), [0, 1, 2, 3, 3, 3].map((x) => f(x)));
+  assertSameBits(
+    new Resampler(16000, 48000).process(Float32Array.of(0, 3)),
+    [0, 1, 2, 3, 3, 3].map((x) => f(x)),
+  );
   resampler.close();
   resampler.close();
   assert.throws(() => resampler.process(input), ClosedError);

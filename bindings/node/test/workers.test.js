@@ -65,7 +65,10 @@ test('what opens and closes does so alone in the process', async () => {
 });
 
 test('a failed task and a worker that ends in the midst of one make room', async () => {
-  await assert.rejects(exclusively(() => Promise.reject(new Error('no'))), /no/);
+  await assert.rejects(
+    exclusively(() => Promise.reject(new Error('no'))),
+    /no/,
+  );
   const program = `
     const { exclusively } = require(require('node:path').join(workerData.folder, '..', 'lib', 'exclusively'));
     exclusively(() => { parentPort.postMessage('inside'); return new Promise(() => setInterval(() => {}, 1000)); });`;

@@ -47,6 +47,23 @@ class Failures(support.ProcessTest):
             output, "[audio_wrapper] open_input_stream ОШИБКА: Device unavailable (rate=48000)\n480\n"
         )
 
+    def test_a_stopped_stream_is_released_before_the_next_one_opens(self) -> None:
+        # the library would lose it
+        _, errors = self.check(
+            """
+            import wrapper_audio
+            with wrapper_audio.Recorder() as recorder:
+                recorder.stop()
+                recorder.open()
+                recorder.open()
+            """
+        )
+        lines = [line for line in errors.splitlines() if line.startswith("[audio_wrapper]")]
+        starts = ["ctx_create", "init", "Запись остановлена", "release_stream", "open", "open", "Ресурсы освобождены"]
+        self.assertEqual(len(lines), len(starts), lines)
+        for line, start in zip(lines, starts):
+            self.assertTrue(line.startswith("[audio_wrapper] " + start), (line, start))
+
     def test_the_reason_of_a_failed_read_is_the_text_of_the_error(self) -> None:
         output, errors = self.check(
             """

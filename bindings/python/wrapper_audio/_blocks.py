@@ -31,11 +31,12 @@ def new_float32(count: int) -> Float32Block:
 
 
 def _as_view(block: Any, code: str, what: str) -> memoryview:
+    """Rows with gaps between the samples are left to ctypes, which refuses them with a TypeError too."""
     try:
         view = memoryview(block)
     except TypeError:
         view = None
-    if view is None or view.format not in (code, "<" + code) or view.ndim != 1 or not view.c_contiguous:
+    if view is None or view.format not in (code, "<" + code) or view.ndim != 1:
         raise TypeError(f"a block is one row of {what}: a numpy array of that type, or an array('{code}')")
     return view
 

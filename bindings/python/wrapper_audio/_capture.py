@@ -118,7 +118,7 @@ class _Stream:
 
     def __init__(self, noun: str, free: Callable[[Optional[int]], Any]) -> None:
         self._handle = Handle(noun, free)
-        self._forgotten = weakref.finalize(self, self._handle.abandon)
+        weakref.finalize(self, self._handle.abandon)
 
     def _make(self, function: Callable[..., Optional[int]], *arguments: Any) -> None:
         try:
@@ -136,7 +136,6 @@ class _Stream:
         ever on a device that delivers nothing.
         """
         self._handle.close()
-        self._forgotten.detach()
 
     @property
     def closed(self) -> bool:

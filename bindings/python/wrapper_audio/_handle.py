@@ -47,19 +47,11 @@ class Handle:
             raise ClosedError(f"the {self._noun} is closed")
         return pointer
 
-    def close(self, patience: float = -1) -> None:
+    def close(self) -> None:
         """Waits until the call that another thread has on the handle is over, then frees it."""
         self.closed = True  # before the wait, so that the other thread does not start another call
-        if not self.lock.acquire(timeout=patience):
-            return
-        try:
-            if opening_and_closing.acquire(timeout=patience):
-                try:
-                    self._free_all()
-                finally:
-                    opening_and_closing.release()
-        finally:
-            self.lock.release()
+        with self.lock, opening_and_closing:
+            self._free_all()
 
     def abandon(self) -> None:
         """What weakref.finalize calls: nobody has the object any more, or the interpreter ends.
@@ -72,4 +64,9 @@ class Handle:
         try:
             warnings.warn(f"a {self._noun} was not closed", ResourceWarning, stacklevel=2)
         finally:
-            self.close(patience=_PATIENCE_AT_EXIT)
+            self.closed = True
+            if self.lock.acquire(timeout=_PATIENCE_AT_EXIT):
+                if opening_and_closing.acquire(timeout=_PATIENCE_AT_EXIT):
+                    self._free_all()
+                    opening_and_closing.release()
+                self.lock.release()

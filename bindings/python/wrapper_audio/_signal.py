@@ -46,7 +46,7 @@ class Resampler:
         self._ratio = in_rate / out_rate
         self._library = load()
         self._handle = Handle("resampler", self._library.wrapper_audio_resampler_free)
-        self._forgotten = weakref.finalize(self, self._handle.abandon)
+        weakref.finalize(self, self._handle.abandon)
         if not self._handle.make(self._library.wrapper_audio_resampler_init, in_rate, out_rate, 0):
             self.close()
             raise MemoryError("no memory for a resampler")
@@ -66,7 +66,6 @@ class Resampler:
     def close(self) -> None:
         """Frees it. May be called again."""
         self._handle.close()
-        self._forgotten.detach()
 
     def __enter__(self) -> Resampler:
         return self

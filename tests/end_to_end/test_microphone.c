@@ -1,10 +1,12 @@
-// An ALSA plugin for tests: a microphone that hears a file as fast as it is read, and silence behind its end.
+// An ALSA plugin for tests: a microphone that hears a file as fast as it is read, and silence behind its end or the file
+// again.
 //
 //     pcm_type.test_microphone { lib "/…/libasound_module_pcm_test_microphone.so" }
 //     pcm.mic { type test_microphone file "/…/sound.raw" rate 48000 }
 //
 // file             signed 16-bit samples, mono, no header
 // rate             the only rate of the device, in Hz
+// repeated         yes: behind its end the file begins anew
 // exclusive        yes: while one stream is open on the file, another one finds the device busy
 // unplugged_after  how many samples a stream delivers before the device is gone
 //
@@ -26,6 +28,7 @@
 struct settings {
     const char* file;
     long rate;
+    int repeated;
     int exclusive;
     long unplugged_after;
 };
@@ -33,6 +36,7 @@ struct settings {
 struct microphone {
     snd_pcm_ioplug_t io;
     int file;
+    snd_pcm_uframes_t lap; // samples until the file begins anew
     snd_pcm_uframes_t unplugged_after;
 };
 
@@ -58,11 +62,19 @@ static snd_pcm_sframes_t captured(snd_pcm_ioplug_t* io) {
 static snd_pcm_sframes_t fetch(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t* areas, snd_pcm_uframes_t offset,
                                snd_pcm_uframes_t count) {
     const struct microphone* mic = io->private_data;
-    char* const bytes = (char*)areas->addr + (areas->first + areas->step * offset) / CHAR_BIT;
-    const size_t size = count * sizeof(int16_t);
-    const ssize_t heard = pread(mic->file, bytes, size, (off_t)(io->appl_ptr * sizeof(int16_t)));
-    if (heard < 0) return -errno;
-    memset(bytes + heard, 0, size - (size_t)heard);
+    char* bytes = (char*)areas->addr + (areas->first + areas->step * offset) / CHAR_BIT;
+    snd_pcm_uframes_t position = io->appl_ptr;
+    for (snd_pcm_uframes_t left = count; left > 0;) {
+        const snd_pcm_uframes_t in_lap = position % mic->lap;
+        const snd_pcm_uframes_t piece = left < mic->lap - in_lap ? left : mic->lap - in_lap;
+        const size_t size = piece * sizeof(int16_t);
+        const ssize_t heard = pread(mic->file, bytes, size, (off_t)(in_lap * sizeof(int16_t)));
+        if (heard < 0) return -errno;
+        memset(bytes + heard, 0, size - (size_t)heard);
+        bytes += size;
+        position += piece;
+        left -= piece;
+    }
     return (snd_pcm_sframes_t)count;
 }
 
@@ -95,6 +107,8 @@ static int read_settings(snd_config_t* conf, struct settings* settings) {
             error = snd_config_get_integer(entry, &settings->rate);
         } else if (strcmp(key, "unplugged_after") == 0) {
             error = snd_config_get_integer(entry, &settings->unplugged_after);
+        } else if (strcmp(key, "repeated") == 0) {
+            settings->repeated = error = snd_config_get_bool(entry);
         } else if (strcmp(key, "exclusive") == 0) {
             settings->exclusive = error = snd_config_get_bool(entry);
         } else if (strcmp(key, "type") != 0) {
@@ -140,12 +154,15 @@ SND_PCM_PLUGIN_DEFINE_FUNC(test_microphone) {
 
     const int file = open_file(&settings);
     if (file < 0) return file;
+    const off_t samples = lseek(file, 0, SEEK_END) / (off_t)sizeof(int16_t);
+    const snd_pcm_uframes_t lap = settings.repeated && samples > 0 ? (snd_pcm_uframes_t)samples : LONG_MAX;
     struct microphone* mic = calloc(1, sizeof *mic);
     if (mic == NULL) {
         close(file);
         return -ENOMEM;
     }
     mic->file = file;
+    mic->lap = lap;
     mic->unplugged_after = (snd_pcm_uframes_t)settings.unplugged_after;
     mic->io.version = SND_PCM_IOPLUG_VERSION;
     mic->io.name = "Test microphone";

@@ -77,11 +77,11 @@ bool series::report(const figures& bound) const {
     if (samples_ < 10) throw std::logic_error(name_ + ": too few samples");
     print(&bound);
     if (RUNNING_ON_VALGRIND) return true;
-    const figures growth = this->growth();
+    const figures grown = growth();
     bool good = true;
     for (std::size_t i = 0; i < figure_count; ++i) {
-        if (growth[i] <= bound[i]) continue;
-        std::printf("soak: FAILED: %s: %s grew by %ld\n", name_.c_str(), names[i], growth[i]);
+        if (grown[i] <= bound[i]) continue;
+        std::printf("soak: FAILED: %s: %s grew by %ld\n", name_.c_str(), names[i], grown[i]);
         good = false;
     }
     return good;
@@ -101,10 +101,10 @@ void series::print(const figures* bound) const {
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin_;
     std::printf("\n%s (%.1f s, %d samples)\n%-18s%12s%12s%12s%12s%12s%12s\n", name_.c_str(), taken.count(), samples_,
                 "", "start", "warm", "highest", "end", "growth", "allowed");
-    const figures growth = this->growth();
+    const figures grown = growth();
     for (std::size_t i = 0; i < figure_count; ++i) {
         std::printf("%-18s%12ld%12ld%12ld%12ld%12ld%12s\n", names[i], start_[i], warm_[i], highest_[i], end_[i],
-                    growth[i], bound != nullptr ? std::to_string((*bound)[i]).c_str() : "-");
+                    grown[i], bound != nullptr ? std::to_string((*bound)[i]).c_str() : "-");
     }
     std::fflush(stdout);
 }

@@ -139,9 +139,9 @@ bool soak_reads(long count, const soak::figures& start) {
 
     const bool flat = figures.report();
     long milliseconds = 0;
-    for (const checked_capture& capture : captures) {
-        require(capture.heard_something(), "a microphone was silent");
-        milliseconds += capture.milliseconds();
+    for (const checked_capture& each : captures) {
+        require(each.heard_something(), "a microphone was silent");
+        milliseconds += each.milliseconds();
     }
     std::printf("%ld of them denoised; %.1f hours of sound\n", denoised, static_cast<double>(milliseconds) / 3.6e6);
     return flat;

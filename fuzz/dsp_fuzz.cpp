@@ -317,11 +317,11 @@ void session::interpolate() {
         in.count() == 0 ? 0 : numeric::converted_count(in_rate, out_rate, in.count(), longest_output);
     const std::int32_t first = all == 0 ? 0 : script_.number<std::uint16_t>() % all;
     const std::int32_t count = all - first;
-    const double step = static_cast<double>(in_rate) / static_cast<double>(out_rate);
+    const double distance = static_cast<double>(in_rate) / static_cast<double>(out_rate);
     block actual(std::vector<float>(static_cast<std::size_t>(count)), 0);
     std::vector<float> expected(static_cast<std::size_t>(count));
-    numeric::interpolate_linear(in.data(), in.count(), step, first, actual.data(), count);
-    numeric::plain::interpolate_linear(in.data(), in.count(), step, first, expected.data(), count);
+    numeric::interpolate_linear(in.data(), in.count(), distance, first, actual.data(), count);
+    numeric::plain::interpolate_linear(in.data(), in.count(), distance, first, expected.data(), count);
     actual.require_holds("linear interpolation", expected);
 }
 

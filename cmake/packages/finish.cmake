@@ -1,5 +1,5 @@
 # What Debian wants of a package and CPack does not do: compressed manual pages and changelogs, a trigger where CPack
-# writes scripts that call ldconfig, Multi-Arch, and no remarks of the compiler.
+# writes scripts that call ldconfig, Multi-Arch, no remarks of the compiler, and one time for all files.
 function(run)
   execute_process(COMMAND ${ARGN} COMMAND_ERROR_IS_FATAL ANY OUTPUT_QUIET)
 endfunction()
@@ -33,6 +33,9 @@ foreach(package IN LISTS CPACK_PACKAGE_FILES)
   execute_process(COMMAND find usr -type f -exec md5sum {} + COMMAND sort -k 2 WORKING_DIRECTORY ${folder}
     OUTPUT_FILE ${folder}/DEBIAN/md5sums COMMAND_ERROR_IS_FATAL ANY)
   run(chmod -R u=rwX,go=rX ${folder})
+  if(DEFINED ENV{SOURCE_DATE_EPOCH})
+    run(find ${folder} -exec touch --no-dereference --date=@$ENV{SOURCE_DATE_EPOCH} {} +)
+  endif()
 
   run(dpkg-deb --root-owner-group -Zxz --build ${folder} ${package})
   file(REMOVE_RECURSE ${folder})

@@ -55,6 +55,9 @@ libdir=lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 for package in "$library" "$development" "$program"; do
   dpkg-deb -c "$package" | awk '!/^d/ { $1 = $2 = $3 = $4 = $5 = ""; sub(/^ +/, ""); print }'
 done | LC_ALL=C sort | diff "$folder/expected" - || fail "the packages hold other files"
+expect "the times of all files" "$(date -u -d "$(dpkg-parsechangelog --file "$source/cmake/packages/changelog" \
+  --show-field Date)" '+%F %R')" "$(for package in "$packages"/*.deb; do TZ=UTC dpkg-deb -c "$package"; done |
+  awk '{ print $4, $5 }' | sort -u)"
 mkdir "$folder/root"
 for package in "$library" "$development" "$program"; do
   dpkg-deb -x "$package" "$folder/root"

@@ -4,6 +4,8 @@
 #include <emmintrin.h>
 #include <stdint.h>
 
+#include <cstddef>
+
 namespace numeric {
 
 namespace plain {
@@ -33,11 +35,11 @@ inline void subtract_previous(float* samples, int32_t count, float coef) {
     for (; left > 16; left -= 16) {
         float* last = samples + left - 16;
         __m128 filtered[4];
-        for (int i = 0; i < 4; ++i) {
+        for (std::ptrdiff_t i = 0; i < 4; ++i) {
             const __m128 previous = _mm_loadu_ps(last + 4 * i - 1);
             filtered[i] = _mm_sub_ps(_mm_loadu_ps(last + 4 * i), _mm_mul_ps(previous, coefs));
         }
-        for (int i = 0; i < 4; ++i)
+        for (std::ptrdiff_t i = 0; i < 4; ++i)
             _mm_storeu_ps(last + 4 * i, filtered[i]);
     }
     plain::subtract_previous(samples, left, coef);
@@ -47,7 +49,7 @@ inline void multiply(float* samples, int32_t count, float gain) {
     const __m128 gains = _mm_set1_ps(gain);
     int32_t first = 0;
     for (; count - first >= 16; first += 16) {
-        for (int i = 0; i < 4; ++i) {
+        for (std::ptrdiff_t i = 0; i < 4; ++i) {
             float* next = samples + first + 4 * i;
             _mm_storeu_ps(next, _mm_mul_ps(_mm_loadu_ps(next), gains));
         }

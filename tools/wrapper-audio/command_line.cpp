@@ -28,8 +28,8 @@ public:
 
 private:
     CLI::App* add(const std::string& name, const std::string& description, const std::string& examples);
-    void add_device(CLI::App* command, std::string& device);
-    void add_effects(CLI::App* command, effect_options& effects);
+    static void add_device(CLI::App* command, std::string& device);
+    static void add_effects(CLI::App* command, effect_options& effects);
     void add_devices();
     void add_meter();
     void add_record();

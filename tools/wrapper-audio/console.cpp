@@ -16,6 +16,7 @@
 #include <sstream>
 
 // The sanitizers' way to write elsewhere than to descriptor 2. Null in a build without them.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming): the name is theirs
 extern "C" [[gnu::weak]] void __sanitizer_set_report_fd(void* descriptor);
 
 namespace {
@@ -49,7 +50,7 @@ void show_what_is_left() {
 constexpr int crashes[] = {SIGABRT, SIGSEGV, SIGBUS, SIGILL, SIGFPE};
 struct sigaction former_actions[std::size(crashes)];
 
-extern "C" void on_crash(int number, siginfo_t* info, void*) {
+extern "C" void on_crash(int number, siginfo_t* info, void* /*context*/) {
     show_what_is_left();
     for (std::size_t i = 0; i < std::size(crashes); ++i)
         if (crashes[i] == number) sigaction(number, &former_actions[i], nullptr);
@@ -116,6 +117,7 @@ void begin(loudness wanted) {
     users_descriptor = copy;
     watch_for_crashes();
     if (__sanitizer_set_report_fd != nullptr)
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): so they want their descriptor
         __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(copy)));
 }
 

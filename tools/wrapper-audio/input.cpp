@@ -105,7 +105,7 @@ microphone::microphone(int rate, bool denoise, const std::string& id) {
     const std::size_t rate_at = log.rfind(request);
     const std::size_t end = log.rfind("' (idx=", rate_at);
     if (start == std::string::npos || rate_at == std::string::npos || end < start + created.size()) return;
-    rate_of_device = std::atoi(log.c_str() + rate_at + request.size());
+    rate_of_device = static_cast<int>(std::strtol(log.c_str() + rate_at + request.size(), nullptr, 10));
     device_name = log.substr(start + created.size(), end - start - created.size());
 }
 

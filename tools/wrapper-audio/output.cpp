@@ -37,6 +37,8 @@ public:
         sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
         sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
     }
+    sound_file(const sound_file&) = delete;
+    sound_file& operator=(const sound_file&) = delete;
     ~sound_file() override { sound_file::close(); }
 
     std::size_t write(std::span<const std::int16_t> samples) override {
@@ -75,6 +77,8 @@ private:
 class raw_samples : public output {
 public:
     explicit raw_samples(int to) : descriptor(to) {}
+    raw_samples(const raw_samples&) = delete;
+    raw_samples& operator=(const raw_samples&) = delete;
     ~raw_samples() override { raw_samples::close(); }
 
     std::size_t write(std::span<const std::int16_t> samples) override {

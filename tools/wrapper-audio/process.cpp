@@ -45,7 +45,7 @@ public:
             const auto first = frames.begin() + static_cast<std::ptrdiff_t>(frame * info.channels);
             const float sample =
                 std::accumulate(first, first + info.channels, 0.0F) / static_cast<float>(info.channels);
-            spoilt += !std::isfinite(sample);
+            spoilt += std::isfinite(sample) ? 0 : 1;
             mono.push_back(std::isfinite(sample) ? sample : 0.0F); // one of those would spoil the filters for good
         }
         return static_cast<std::size_t>(got);

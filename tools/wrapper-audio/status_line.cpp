@@ -17,7 +17,8 @@ namespace {
 int drawn_on = -1;
 std::string drawn_text;
 int drawn_columns = 0;
-std::chrono::steady_clock::time_point drawn_at;
+// NOLINTNEXTLINE(cert-err58-cpp): made by the compiler, not at run time
+constinit std::chrono::steady_clock::time_point drawn_at;
 
 bool is_set(const char* variable) {
     const char* value = std::getenv(variable);
@@ -26,11 +27,10 @@ bool is_set(const char* variable) {
 
 } // namespace
 
-terminal::terminal(int to) : descriptor(to) {
+terminal::terminal(int to)
+    : redraws(isatty(to) == 1), utf8(std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0), descriptor(to) {
     const char* kind = std::getenv("TERM");
-    redraws = isatty(to) == 1;
     colours = redraws && !is_set("NO_COLOR") && kind != nullptr && std::strcmp(kind, "dumb") != 0;
-    utf8 = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
 }
 
 int terminal::width() const {

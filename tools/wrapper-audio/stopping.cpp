@@ -11,7 +11,7 @@ namespace {
 
 volatile std::sig_atomic_t requested = 0;
 
-extern "C" void request_stop(int) {
+extern "C" void request_stop(int /*number*/) {
     requested = 1;
 }
 

@@ -54,7 +54,7 @@ std::string latin1_from_utf8(const std::string& text) {
 std::string printable(const std::string& text) {
     std::string shown;
     for_each_character(text, [&](wchar_t wide, const std::string& bytes) {
-        shown += wide != 0 && std::iswprint(static_cast<std::wint_t>(wide)) ? bytes : "?";
+        shown += wide != 0 && std::iswprint(static_cast<std::wint_t>(wide)) != 0 ? bytes : "?";
     });
     return shown;
 }

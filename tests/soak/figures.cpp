@@ -112,7 +112,7 @@ void series::print(const figures* bound) const {
 figures allowed_beside(const series& bare) {
     figures allowed = bare.growth();
     for (std::size_t i = 0; i < figure_count; ++i)
-        allowed[i] += allowed[i] / 100 + bounds[i];
+        allowed[i] += bounds[i];
     return allowed;
 }
 

@@ -53,8 +53,7 @@ private:
     int samples_ = 0;
 };
 
-// What a run may lose of which PortAudio loses as much when it is called alone, just as often. The hundredth more is for
-// malloc, which does not cut all blocks alike.
+// What a run may grow where PortAudio grows as well when it is called alone, just as often.
 figures allowed_beside(const series& bare);
 
 } // namespace soak

@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
-"""Writes the inputs that fuzzing starts from, in the forms that the targets read: fuzz/make_seeds.py"""
+"""Writes the inputs that fuzzing starts from, in the forms that the targets read: fuzz/make_seeds.py
+
+Those whose names begin with found_ are what the fuzzer found itself.
+"""
 import pathlib
 import struct
 

@@ -73,7 +73,8 @@ private:
 /**
  * The library's resampler on a file of any length. Each of its calls begins at position 0, so a block must end where
  * an output falls exactly on an input: after in/gcd inputs, which give out/gcd outputs. One sample of the next block
- * goes along as the right-hand neighbour of the last outputs. So the result is that of one call for the whole file.
+ * goes along as the right-hand neighbour of the last outputs. So the result is that of one call for the whole file, but
+ * for the last bit here and there: each block rounds its positions anew.
  */
 class converter {
 public:

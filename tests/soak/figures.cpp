@@ -111,6 +111,8 @@ void series::print(const figures* bound) const {
 
 figures allowed_beside(const series& bare) {
     figures allowed = bare.growth();
+    // The bare run came first, and may have found room that was resident already.
+    allowed[resident] = std::max(allowed[resident], allowed[allocated] / 1024);
     for (std::size_t i = 0; i < figure_count; ++i)
         allowed[i] += bounds[i];
     return allowed;

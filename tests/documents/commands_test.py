@@ -1,0 +1,136 @@
+"""Runs the commands that the documents give: commands_test.py BUILD_FOLDER.
+
+Commands stand in fences marked sh and in indented blocks. Each is run as it stands, in a folder that looks like the
+checkout, on a microphone that hears a file; what it writes stays in that folder. Those that another test runs, or that
+would run this one, are listed with the file that does, and that file is looked at.
+"""
+import os
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(sys.argv[1]).resolve()
+
+# A command, the file that runs it or a shorter form of it, and what is said there.
+ELSEWHERE = {
+    r"scripts/setup": ("scripts/test", "\nscripts/setup\n"),
+    r"scripts/test.*": (".ci/run", "scripts/test"),
+    r"scripts/soak": ("scripts/test", "scripts/soak --short"),
+    r"scripts/fuzz.*": ("scripts/test", "scripts/fuzz 60"),
+    r"scripts/mutate.*": ("scripts/test", "scripts/mutate --sample"),
+    r"scripts/bench": ("docs/performance.md", "    scripts/bench --benchmark_filter="),
+    r"scripts/package.*": ("scripts/test", "scripts/package"),
+    r"cmake --preset tsan .*": ("scripts/test", "tsan"),
+}
+# The hosts in other languages are run by their own test, which takes them and their commands out of the document.
+HOSTS = re.compile(r"## A host in your language\n.*", re.DOTALL)
+# Until Ctrl-C.
+ENDLESS = ("wrapper-audio meter", "wrapper-audio record --denoise speech.flac",
+           "wrapper-audio record --denoise - | recogniser")
+MAY_MISS_GOALS = "scripts/bench"  # on a busy machine, which is no failure of the command
+
+
+def commands(text):
+    """The commands in a document's text, continued lines joined and comments taken off."""
+    found, fence = [], None
+    for line in HOSTS.sub("", text).splitlines():
+        mark = re.match(r"```(\w*)", line)
+        if mark:
+            fence = mark[1] if fence is None else None
+        elif fence == "sh" or (fence is None and line.startswith("    ")):
+            if found and found[-1].endswith("\\"):
+                found[-1] = found[-1][:-1] + line.strip()
+            else:
+                found.append(re.sub(r"\s+# .*", "", line.strip()))
+    return [command for command in found if command]
+
+
+def programs(text):
+    """C programs in a document, under the name that its compiler's command uses."""
+    return dict(zip(re.findall(r"\bcc (?:-\S+ )*(\w+\.c)", text), re.findall(r"```c\n(.*?)```", text, re.DOTALL)))
+
+
+class Checkout:
+    """A folder that looks like the checkout and is built like it, with a microphone and an empty /opt."""
+
+    def __init__(self, folder):
+        self.folder = Path(folder)
+        for entry in ROOT.iterdir():
+            if entry.name in ("bindings", "tests"):  # written to
+                shutil.copytree(entry, self.folder / entry.name, ignore=shutil.ignore_patterns("node_modules"))
+            elif entry.is_dir() or entry.suffix in (".md", ".h"):
+                (self.folder / entry.name).symlink_to(BUILD if entry.name == "build" else entry)
+        (self.folder / "bin").mkdir()
+        (self.folder / "bin/recogniser").write_text("#!/bin/sh\ntrap '' INT\nexec wc -c\n")
+        (self.folder / "bin/recogniser").chmod(0o755)
+        (self.folder / "bin/wrapper-audio").symlink_to(BUILD / "wrapper-audio")
+        subprocess.run(["/usr/bin/python3", "-m", "venv", self.folder / "venv"], check=True)
+        microphone = subprocess.run(
+            [ROOT / "scripts/file-microphone", ROOT / "tests/data/speech_in_noise_48k.raw", self.folder],
+            check=True, capture_output=True, text=True).stdout.strip()
+        self.environment = dict(
+            os.environ, ALSA_CONFIG_PATH=microphone, JACK_NO_START_SERVER="1", LC_ALL="C.UTF-8", PIP_NO_INDEX="1",
+            PATH=f"{self.folder}/bin:{self.folder}/venv/bin:{os.environ['PATH']}")
+        self.run(Path("."), "wrapper-audio record --seconds 1 in.wav", [])
+
+    def run(self, where, command, exports):
+        """Returns what went wrong, or nothing."""
+        # CMake knows its folders by name, and writes nothing but these.
+        place = ROOT if command.startswith(("cmake ", "ctest ")) else self.folder / where
+        words = "\n".join(["set -eo pipefail", *exports, command])
+        words = words.replace("/opt/wrapper_audio", f"{self.folder}/opt").replace("/tmp/", f"{self.folder}/")
+        process = subprocess.Popen(["bash", "-c", words], cwd=place, env=self.environment, stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace",
+                                   start_new_session=True)
+        endless = command in ENDLESS
+        try:
+            output, _ = process.communicate(timeout=2 if endless else 600)
+        except subprocess.TimeoutExpired:
+            os.killpg(process.pid, signal.SIGINT if endless else signal.SIGKILL)
+            output, _ = process.communicate(timeout=20)
+            if not endless:
+                return f"did not end:\n{output[-2000:]}"
+        if process.returncode == 1 and command.startswith(MAY_MISS_GOALS) and "requirements missed" in output:
+            return None
+        return None if process.returncode == 0 else f"exit code {process.returncode}:\n{output[-2000:]}"
+
+
+def main():
+    listed = subprocess.run(["git", "ls-files", "*.md"], cwd=ROOT, capture_output=True, text=True, check=True).stdout
+    ran, wrong = 0, []
+    with tempfile.TemporaryDirectory(dir="/tmp") as folder:  # ALSA_CONFIG_PATH takes neither space nor colon
+        checkout = Checkout(folder)
+        for name in sorted(listed.split()):
+            text = (ROOT / name).read_text()
+            where = Path(name).parent if Path(name).parent != Path("docs") else Path(".")
+            for file, program in programs(HOSTS.sub("", text)).items():
+                (checkout.folder / where / file).write_text(program)
+            exports = []
+            for command in commands(text):
+                elsewhere = [place for pattern, place in ELSEWHERE.items() if re.fullmatch(pattern, command)]
+                if command.startswith("export "):
+                    exports.append(command)
+                    continue
+                if elsewhere:
+                    [(file, said)] = elsewhere
+                    trouble = None if said in (ROOT / file).read_text() else f"{file} does not run it"
+                else:
+                    print(f"{name}: {command}", flush=True)
+                    trouble = checkout.run(where, command, exports)
+                    ran += 1
+                if trouble:
+                    wrong.append(f"{name}: {command}\n{trouble}")
+    print(f"{ran} commands ran")
+    if ran < 20:
+        wrong.append("the documents hardly have commands")
+    for trouble in wrong:
+        print(f"FAILED: {trouble}")
+    sys.exit(1 if wrong else 0)
+
+
+main()

@@ -481,4 +481,13 @@ TEST_F(read, of_any_capacity_fits_on_a_stack_of_64_kib) {
     }
 }
 
+TEST_F(read, of_a_single_sample_gives_it) {
+    wrapper_audio_ctx* ctx = listening(1000, 1000, {-0.5F});
+    const outcome result = read_once(ctx, 1, 4);
+    EXPECT_EQ(result.pcm, std::vector<int16_t>{-16383});
+    EXPECT_EQ(result.rms, 0.5F);
+    EXPECT_EQ(result.peak, 0.5F);
+    wrapper_audio_free(ctx);
+}
+
 } // namespace

@@ -92,6 +92,7 @@ TEST_F(gain_control, does_nothing_without_samples) {
     }
     wrapper_audio_agc_process(nullptr, nullptr, 2);
     EXPECT_THAT(samples, Each(0.5F));
+    EXPECT_FLOAT_EQ(gain_on(0.5F), 0.2F) << "the gain was left alone too";
 }
 
 TEST_F(gain_control, is_spoilt_by_nan_until_the_next_init_but_not_by_infinity) {

@@ -335,7 +335,9 @@ TEST_F(metrics_update, the_snr_is_limited_to_minus_10_and_60_db) {
     };
     EXPECT_EQ(snr(0.0F, 0.001F), -10.0F);
     EXPECT_EQ(snr(0.00001F, 0.001F), -10.0F);
+    EXPECT_EQ(snr(0.00009F, 0.001F), -10.0F) << "barely below";
     EXPECT_EQ(snr(0.001F, 0.001F), 0.0F);
+    EXPECT_EQ(snr(1050.0F, 0.001F), 60.0F) << "barely above";
     EXPECT_FLOAT_EQ(snr(0.1F, 0.001F), 20.0F);
     EXPECT_EQ(snr(1e10F, 0.001F), 60.0F);
     EXPECT_EQ(snr(infinity, 0.001F), 60.0F);

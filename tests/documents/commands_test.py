@@ -1,8 +1,9 @@
 """Runs the commands that the documents give: commands_test.py BUILD_FOLDER.
 
-Commands stand in fences marked sh and in indented blocks. Each is run as it stands, in a folder that looks like the
+Commands stand in fences marked sh and in indented blocks, or are scripts named in the text. Each is run as it stands, in a folder that looks like the
 checkout, on a microphone that hears a file; what it writes stays in that folder. Those that another test runs, or that
-would run this one, are listed with the file that does, and that file is looked at.
+would run this one, are listed with the file that does, and that file is looked at. A comment that says what a command
+prints is held to it.
 """
 import os
 import re
@@ -20,7 +21,8 @@ BUILD = Path(sys.argv[1]).resolve()
 ELSEWHERE = {
     r"scripts/setup": ("scripts/test", "\nscripts/setup\n"),
     r"scripts/test.*": (".ci/run", "scripts/test"),
-    r"scripts/soak": ("scripts/test", "scripts/soak --short"),
+    r"scripts/lint": ("scripts/test", "scripts/lint"),
+    r"scripts/soak.*": ("scripts/test", "scripts/soak --short"),
     r"scripts/fuzz.*": ("scripts/test", "scripts/fuzz 60"),
     r"scripts/mutate.*": ("scripts/test", "scripts/mutate --sample"),
     r"scripts/bench": ("docs/performance.md", "    scripts/bench --benchmark_filter="),
@@ -36,7 +38,7 @@ MAY_MISS_GOALS = "scripts/bench"  # on a busy machine, which is no failure of th
 
 
 def commands(text):
-    """The commands in a document's text, continued lines joined and comments taken off."""
+    """The commands in a document's text, continued lines joined, each with its comment."""
     found, fence = [], None
     for line in HOSTS.sub("", text).splitlines():
         mark = re.match(r"```(\w*)", line)
@@ -46,8 +48,9 @@ def commands(text):
             if found and found[-1].endswith("\\"):
                 found[-1] = found[-1][:-1] + line.strip()
             else:
-                found.append(re.sub(r"\s+# .*", "", line.strip()))
-    return [command for command in found if command]
+                found.append(line.strip())
+    mentioned = [span for span in re.findall(r"`(scripts/[^`]+)`", text) if not any(span in line for line in found)]
+    return [(*re.split(r"\s+# ", command, maxsplit=1), "")[:2] for command in found + mentioned if command]
 
 
 def programs(text):
@@ -75,15 +78,17 @@ class Checkout:
             check=True, capture_output=True, text=True).stdout.strip()
         self.environment = dict(
             os.environ, ALSA_CONFIG_PATH=microphone, JACK_NO_START_SERVER="1", LC_ALL="C.UTF-8", PIP_NO_INDEX="1",
+            LD_LIBRARY_PATH=str(BUILD),  # as if it were installed
             PATH=f"{self.folder}/bin:{self.folder}/venv/bin:{os.environ['PATH']}")
         self.run(Path("."), "wrapper-audio record --seconds 1 in.wav", [])
 
-    def run(self, where, command, exports):
+    def run(self, where, command, exports, comment=""):
         """Returns what went wrong, or nothing."""
         # CMake knows its folders by name, and writes nothing but these.
         place = ROOT if command.startswith(("cmake ", "ctest ")) else self.folder / where
         words = "\n".join(["set -eo pipefail", *exports, command])
-        words = words.replace("/opt/wrapper_audio", f"{self.folder}/opt").replace("/tmp/", f"{self.folder}/")
+        for real, here in ("/tmp", ""), ("/opt/wrapper_audio", "/opt"), ("~/recording", "/recording"):
+            words = words.replace(real, f"{self.folder}{here}")
         process = subprocess.Popen(["bash", "-c", words], cwd=place, env=self.environment, stdin=subprocess.DEVNULL,
                                    stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace",
                                    start_new_session=True)
@@ -97,12 +102,15 @@ class Checkout:
                 return f"did not end:\n{output[-2000:]}"
         if process.returncode == 1 and command.startswith(MAY_MISS_GOALS) and "requirements missed" in output:
             return None
-        return None if process.returncode == 0 else f"exit code {process.returncode}:\n{output[-2000:]}"
+        if process.returncode != 0:
+            return f"exit code {process.returncode}:\n{output[-2000:]}"
+        prints = re.fullmatch(r"prints (.*)", comment)
+        return f"prints {output!r}" if prints and output.strip() != prints[1] else None
 
 
 def main():
     listed = subprocess.run(["git", "ls-files", "*.md"], cwd=ROOT, capture_output=True, text=True, check=True).stdout
-    ran, wrong = 0, []
+    ran, wrong = set(), []
     with tempfile.TemporaryDirectory(dir="/tmp") as folder:  # ALSA_CONFIG_PATH takes neither space nor colon
         checkout = Checkout(folder)
         for name in sorted(listed.split()):
@@ -111,22 +119,24 @@ def main():
             for file, program in programs(HOSTS.sub("", text)).items():
                 (checkout.folder / where / file).write_text(program)
             exports = []
-            for command in commands(text):
+            for command, comment in commands(text):
                 elsewhere = [place for pattern, place in ELSEWHERE.items() if re.fullmatch(pattern, command)]
                 if command.startswith("export "):
                     exports.append(command)
+                    continue
+                if (where, command) in ran:
                     continue
                 if elsewhere:
                     [(file, said)] = elsewhere
                     trouble = None if said in (ROOT / file).read_text() else f"{file} does not run it"
                 else:
                     print(f"{name}: {command}", flush=True)
-                    trouble = checkout.run(where, command, exports)
-                    ran += 1
+                    trouble = checkout.run(Path(".") if "./bindings" in command else where, command, exports, comment)
+                    ran.add((where, command))
                 if trouble:
                     wrong.append(f"{name}: {command}\n{trouble}")
-    print(f"{ran} commands ran")
-    if ran < 20:
+    print(f"{len(ran)} commands ran")
+    if len(ran) < 20:
         wrong.append("the documents hardly have commands")
     for trouble in wrong:
         print(f"FAILED: {trouble}")

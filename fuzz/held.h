@@ -10,7 +10,7 @@
 #include <string>
 
 // More memory there is not, so that no device's rate makes an input slow.
-constexpr std::size_t largest_block = 256 * 1024;
+constexpr std::size_t largest_block = std::size_t{256} * 1024;
 
 struct capture {
     wrapper_audio_ctx* handle;
@@ -47,7 +47,7 @@ inline PaError next_result(const std::string& function) {
 // Whether the allocation after `earlier` others will fail.
 inline bool no_memory(int earlier, std::size_t bytes) {
     const fake::state& world = fake::world();
-    return bytes > largest_block || world.failing_allocations.count(world.allocations + earlier + 1) != 0;
+    return bytes > largest_block || world.failing_allocations.contains(world.allocations + earlier + 1);
 }
 
 inline std::int32_t frames_in(std::int32_t rate, int ms) {

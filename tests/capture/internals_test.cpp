@@ -5,8 +5,10 @@
 
 extern "C" int fake_pthread_mutex_lock(pthread_mutex_t* mutex);
 extern "C" int fake_pthread_mutex_unlock(pthread_mutex_t* mutex);
+// NOLINTBEGIN(readability-identifier-naming): the names are the system's
 #define pthread_mutex_lock fake_pthread_mutex_lock
 #define pthread_mutex_unlock fake_pthread_mutex_unlock
+// NOLINTEND(readability-identifier-naming)
 #include "../../src/audio_capture_wrapper.cpp"
 #undef pthread_mutex_lock
 #undef pthread_mutex_unlock

@@ -40,8 +40,9 @@ protected:
         ASSERT_FLOAT_EQ(peak, t_sound);
         ASSERT_FLOAT_EQ(rms, t_sound);
         const int expected = static_cast<int>(t_sound * 32767.0F);
-        ASSERT_NEAR(*std::min_element(pcm, pcm + output_rate / 10), expected, 1);
-        ASSERT_NEAR(*std::max_element(pcm, pcm + output_rate / 10), expected, 1);
+        const int count = output_rate / 10;
+        ASSERT_NEAR(*std::min_element(pcm, pcm + count), expected, 1);
+        ASSERT_NEAR(*std::max_element(pcm, pcm + count), expected, 1);
     }
 
     static void measure(wrapper_audio_meter* meter, int count) {

@@ -78,7 +78,7 @@ void require_initialised(const char* function) {
 
 stream* require_open(const char* function, PaStream* handle) {
     const std::lock_guard hold{world().guard};
-    if (world().open_streams.count(handle) != 0) return static_cast<stream*>(handle);
+    if (world().open_streams.contains(handle)) return static_cast<stream*>(handle);
     violation(text(function, " on a stream that is not open"));
     std::fflush(nullptr);
     std::abort(); // the handle cannot be looked into
@@ -121,7 +121,7 @@ void build_tables(state& w) {
 void* allocate(const std::string& entry, void* (*take)(size_t, size_t), size_t count, size_t size) {
     const std::lock_guard hold{world().guard};
     const bool fails = note(entry).has_value();
-    if (world().failing_allocations.count(++world().allocations) != 0 || fails) return nullptr;
+    if (world().failing_allocations.contains(++world().allocations) || fails) return nullptr;
     if (size != 0 && count > world().largest_block / size) return nullptr;
     void* block = take(count, size);
     if (block != nullptr) world().live_blocks[block] = entry.substr(std::min(entry.find('('), entry.size()));

@@ -80,7 +80,7 @@ protected:
         if (!was_capturing) {
             EXPECT_EQ(log(), "") << "a refused read says something";
             wrapper_audio_release_stream(held.ctx);
-            had_stream = log() != "";
+            had_stream = !log().empty();
             EXPECT_EQ(wrapper_audio_open(held.ctx), 0) << "the context does not open any more";
             EXPECT_THAT(log(), testing::StartsWith("[audio_wrapper] open: микрофон захвачен (capture_rate="));
             EXPECT_TRUE(reads(held.ctx, w)) << "the context does not capture any more";

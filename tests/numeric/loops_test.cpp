@@ -180,8 +180,10 @@ TEST(resampling, equals_the_definition_of_interpolation) {
                 if (outputs < 1 || outputs > 100000) return;
                 guarded_buffer<float> out(static_cast<size_t>(outputs));
                 std::vector<float> expected(static_cast<size_t>(outputs));
+                // NOLINTBEGIN(readability-suspicious-call-argument): the functions call `count` what they make
                 numeric::resample(samples, count, step, out.data(), outputs);
                 numeric::plain::interpolate_linear(samples, count, step, 0, expected.data(), outputs);
+                // NOLINTEND(readability-suspicious-call-argument)
                 EXPECT_TRUE(same(out.data(), expected)) << step << ", " << count;
             }
         });

@@ -3,6 +3,7 @@
 import itertools
 import math
 import os
+import pathlib
 import random
 import struct
 import subprocess
@@ -280,6 +281,13 @@ class Process(StreamTest):
         path = self.write_wav("in.wav", 16000, sound)
         path.write_bytes(path.read_bytes()[: 44 + 2 * 5000])
         self.assertEqual(self.process(path), sound[:5000])
+
+    def test_damage_with_sound_behind_it_is_reported(self):
+        seed = pathlib.Path(__file__).parents[2] / "fuzz/seeds/files/found_damage_with_sound_behind_it"
+        (self.folder / "damaged.flac").write_bytes(seed.read_bytes()[3:])
+        code, _, errors = self.host("process", "damaged.flac", self.file, "--rate", 44100)
+        self.assertEqual(code, FILE_TROUBLE)
+        self.assertRegex(errors, r"damaged\.flac breaks off after 0:0")
 
     def test_into_a_pipe(self):
         sound = tone(500, 16000, 1, 16384)

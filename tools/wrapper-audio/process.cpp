@@ -177,7 +177,8 @@ std::size_t processing::samples_at_once() const {
 bool processing::step(bool& at_end) {
     const std::size_t piece = samples_at_once();
     const std::size_t old = waiting.size();
-    at_end = in.read(piece, waiting) < piece;
+    // Some damaged files could be read on, but the next read would forget the error.
+    at_end = in.read(piece, waiting) < piece || in.failed();
     before.add(std::span<const float>(waiting).subspan(old));
     converted.clear();
     if (conversion)

@@ -28,10 +28,7 @@
  * }
  * @endcode
  *
- * Build it with: cc -I. record.c -Lbuild -lwrapper_audio -Wl,-rpath,$PWD/build
- *
- * Conventions
- * -----------
+ * ## Conventions
  *
  * - Samples handed out are signed 16-bit, mono, from -32767 to 32767. Levels are linear amplitudes from 0.0 to 1.0
  *   (full scale). Rates are in Hz, durations in milliseconds.
@@ -40,13 +37,11 @@
  *   with "[audio_wrapper] " and ends with PortAudio's words. Refused arguments and lack of memory for a small record
  *   write nothing. PortAudio's own back ends also write there, about a hundred lines when they look for devices; those
  *   lines carry no such prefix.
- * - Device names and ids stand in those lines byte for byte: with line feeds, escape sequences, quotes and bytes that
- *   are no UTF-8, when they hold any. Before a host shows a line it has to replace control characters. A host that
- *   looks for numbers in the "ctx_create" line looks behind the last "') capture_rate=", since a name may look like
- *   the fields before it. No name is part of a line about a failure.
+ * - Device names and ids stand in those lines byte for byte, line feeds and escape sequences too: replace control
+ *   characters before you show a line. The numbers of the "ctx_create" line stand behind its last "') capture_rate=",
+ *   since a name may look like the fields before it. No name is part of a line about a failure.
  *
- * Threads
- * -------
+ * ## Threads
  *
  * - The library starts none. A read blocks the thread that calls it.
  * - A context or a meter belongs to one thread at a time: nothing may run on it while another call on it has not
@@ -58,8 +53,7 @@
  * - Everything else may run beside them: reads and stops of other handles, arm and free of contexts without a stream,
  *   the device list, the capabilities and the signal functions.
  *
- * Devices that come and go
- * ------------------------
+ * ## Devices that come and go
  *
  * PortAudio looks for devices when the first context, meter or query of the process begins, and not again before the
  * last one has ended. To see a device that has been plugged in since, free every context and close every meter first.
@@ -80,18 +74,14 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/**
- * @name Capture
- * @{
- */
+/** @name Capture */ /** @{ */
 
 /** One microphone, from creation to wrapper_audio_free(). It is armed (no stream), capturing, or stopped. */
 typedef struct wrapper_audio_ctx wrapper_audio_ctx;
 
 /**
- * Creates a context and takes the microphone at once: wrapper_audio_arm() and wrapper_audio_open() in one.
- *
- * The device is opened mono at its own default rate; wrapper_audio_read() converts.
+ * Creates a context and takes the microphone at once: wrapper_audio_arm() and wrapper_audio_open() in one. The device
+ * is opened mono at its own default rate; wrapper_audio_read() converts.
  *
  * Trap: denoising runs only on a device whose default rate, rounded, is exactly 48000 Hz. On any other device it is
  * skipped and nothing says so. The line "ctx_create ... capture_rate=" on standard error tells the rate.
@@ -205,9 +195,7 @@ void wrapper_audio_stop(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
  */
 void wrapper_audio_free(wrapper_audio_ctx *ctx) WRAPPER_AUDIO_NOEXCEPT;
 
-/*
- * The two calls below accept any arguments. C before C23 says that with an empty list, C++ and C23 with an ellipsis.
- */
+/* The two calls below accept any arguments. C before C23 says that with an empty list, C++ and C23 with an ellipsis. */
 #if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 202311L)
 #define WRAPPER_AUDIO_ANY_ARGUMENTS ...
 #else
@@ -241,10 +229,7 @@ int wrapper_audio_input_volume_set(WRAPPER_AUDIO_ANY_ARGUMENTS) WRAPPER_AUDIO_NO
 
 /** @} */
 
-/**
- * @name Devices
- * @{
- */
+/** @name Devices */ /** @{ */
 
 /**
  * Lists the machine's audio devices as JSON, for a device picker:
@@ -260,9 +245,8 @@ int wrapper_audio_input_volume_set(WRAPPER_AUDIO_ANY_ARGUMENTS) WRAPPER_AUDIO_NO
  * - Two devices may share an id; it then means the first of them.
  * - Control bytes are left out of names. An id that lost one, or that is longer than 255 bytes, matches no device.
  * - The text is cut at 65535 bytes, without a mark; it is no valid JSON then.
- * - All other bytes of names stand as they came from the system. They cannot end a string, but they need not be UTF-8:
- *   decode with replacement, or as Latin-1 where an id is to be given back byte for byte. They may also hold what a
- *   terminal obeys, DEL and the control characters U+0080 to U+009F: replace those before you show a name.
+ * - All other bytes of names stand as they came from the system. They need not be UTF-8: decode with replacement, or as
+ *   Latin-1 where an id is to be given back byte for byte. Before you show a name, replace DEL and U+0080 to U+009F.
  *
  * @return a NUL-terminated text to be given to wrapper_audio_free_text(); NULL only when there is no memory
  *
@@ -290,10 +274,7 @@ int wrapper_audio_capabilities(void) WRAPPER_AUDIO_NOEXCEPT;
 
 /** @} */
 
-/**
- * @name Level meter
- * @{
- */
+/** @name Level meter */ /** @{ */
 
 /** A light second way to listen to a microphone, for its level only, with a stream of its own. */
 typedef struct wrapper_audio_meter wrapper_audio_meter;
@@ -509,7 +490,6 @@ void wrapper_audio_update_noise_profile(const void *handle, int32_t freeze) WRAP
 int32_t wrapper_audio_denoise_stats(const void *handle, int32_t *out) WRAPPER_AUDIO_NOEXCEPT;
 
 /** @} */
-
 #pragma GCC visibility pop
 #undef WRAPPER_AUDIO_NOEXCEPT
 

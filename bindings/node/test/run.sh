@@ -32,6 +32,6 @@ ALSA_CONFIG_PATH=$("$root/scripts/file-microphone" "$root/tests/data/speech_in_n
 export ALSA_CONFIG_PATH JACK_NO_START_SERVER=1 LC_ALL=C.UTF-8
 # What the library and PortAudio's back ends print is of interest when something failed.
 code=0
-LD_PRELOAD=$SCRIPTED_MICROPHONE node --test --test-reporter=spec test/*.test.js 2>"$folder/stderr" || code=$?
+LD_PRELOAD=$SCRIPTED_MICROPHONE node --test --test-reporter=tap test/*.test.js 2>"$folder/stderr" || code=$?
 [ "$code" -eq 0 ] || { echo "---- standard error, its last lines:"; tail -n 60 "$folder/stderr"; }
 exit "$code"

@@ -216,4 +216,19 @@ TEST(multiplying, equals_its_definition) {
     }
 }
 
+TEST(scaling_to_the_range_of_16_bits, stays_within_its_buffers_and_comes_back) {
+    for (const int32_t count : {0, 1, 7, 480}) {
+        guarded_buffer<float> in(static_cast<size_t>(count));
+        guarded_buffer<float> out(static_cast<size_t>(count));
+        for (int32_t i = 0; i < count; ++i)
+            in.data()[i] = static_cast<float>(i) / -512.0F;
+        numeric::scale_to_pcm16_range(in.data(), count, out.data());
+        for (int32_t i = 0; i < count; ++i)
+            EXPECT_EQ(out.data()[i], in.data()[i] * 32767.0F);
+        numeric::scale_from_pcm16_range(out.data(), count, out.data());
+        for (int32_t i = 0; i < count; ++i)
+            EXPECT_EQ(out.data()[i], in.data()[i] * 32767.0F / 32767.0F);
+    }
+}
+
 } // namespace

@@ -185,8 +185,9 @@ typedef struct wrapper_audio_block {
     uint64_t position;        /**< of the first sample, in samples since the recorder was opened; those that were
                                    dropped count too */
     uint32_t count;           /**< samples returned */
-    uint32_t dropped;         /**< samples that were lost before `count` was full, because the host or the process came
-                                   too late */
+    uint32_t dropped;         /**< samples that were lost before `count` was full: because reads came too late, or
+                                   inside the system. The latter shows by the clock, half a second later and from
+                                   0.1 s on. */
     uint32_t dropped_at;      /**< how many of the samples returned came before the loss */
     uint32_t clipped;         /**< samples of the device that were at full scale in this time */
     float rms;                /**< root mean square of the samples returned */

@@ -323,6 +323,8 @@ uint32_t wrapper_audio_abandoned_threads(void) WRAPPER_AUDIO_NOEXCEPT;
  * @name Signal processors
  *
  * A processor takes a stream of samples in pieces of any size and gives a stream back. Each has a state of its own.
+ * Samples that are infinite or no number count as silence, and others are limited to a magnitude of 100, 40 dB above full
+ * scale, so that nothing a host puts in can spoil what comes later.
  * @{
  */
 
@@ -341,7 +343,7 @@ typedef struct wrapper_audio_voice_options {
 /**
  * Makes the chain that a recorder has: conversion to 48000 Hz, noise suppression, conversion to another rate; of these
  * what is needed. Output sample i belongs to the time i / out_rate of the input: the delay is taken out. In all it gives
- * in * out_rate / in_rate samples, rounded to the nearest. Samples that are infinite or no number count as silence.
+ * in * out_rate / in_rate samples, rounded to the nearest.
  *
  * @param processor  receives the chain; NULL on failure
  * @param options    what it is to do

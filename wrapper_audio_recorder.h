@@ -243,7 +243,7 @@ wrapper_audio_status wrapper_audio_recorder_create(wrapper_audio_recorder **reco
  *
  * @param recorder   a recorder that is not open
  * @param device_id  the `id` of a wrapper_audio_device, compared byte for byte; NULL or "": the default input device
- * @return OK; INVALID_STATE when it is open; NO_AUDIO_SYSTEM, NO_INPUT_DEVICE, UNKNOWN_DEVICE, NOT_AN_INPUT,
+ * @return OK; STOPPED when another thread stopped it meanwhile; INVALID_STATE when it is open; NO_AUDIO_SYSTEM, NO_INPUT_DEVICE, UNKNOWN_DEVICE, NOT_AN_INPUT,
  *         DEVICE_REFUSED, AUDIO_SYSTEM_STUCK (after 10 s), OUT_OF_MEMORY, INVALID_ARGUMENT. After a failure the recorder
  *         is not open, and nothing of the device is held.
  */

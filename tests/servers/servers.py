@@ -1,0 +1,276 @@
+"""PipeWire, PulseAudio and JACK of our own, each with a microphone that hears what is played into it.
+
+scripts/fetch-servers has unpacked them into build-servers; nothing of the system's or the user's sound is touched.
+
+    with servers.PulseAudio(folder) as server:
+        server.play("speech.wav")
+        subprocess.run([program], env={**os.environ, **server.environment})
+"""
+
+import os
+import re
+import shutil
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+UNPACKED = ROOT / "build-servers"
+TIMEOUT = 20
+
+
+class Unavailable(Exception):
+    """This server cannot run here; says why."""
+
+
+def _libraries():
+    """The folder of this architecture's libraries."""
+    found = [path.parent for path in UNPACKED.glob("usr/lib/*/alsa-lib")]
+    if not (UNPACKED / "complete").exists() or not found:
+        raise Unavailable("no sound servers in build-servers: run scripts/fetch-servers")
+    return found[0]
+
+
+class Server:
+    """What the servers have in common. `folder` is an existing one of the caller's, which is kept private and holds
+    the server's home, sockets and logs; it is to be another one for each server, and its path short (a socket's may
+    have 107 bytes)."""
+
+    def __init__(self, folder):
+        self.folder = Path(folder).resolve()
+        self.libraries = _libraries()
+        self.processes = []
+        runtime = self.folder / "run"
+        if len(str(runtime)) > 80:
+            raise Unavailable(f"the path is too long for sockets: {runtime}")
+        for path in self.folder, runtime:
+            path.mkdir(mode=0o700, exist_ok=True)
+            path.chmod(0o700)
+        libraries = [self.libraries, self.libraries / "pulseaudio"]
+        self.environment = {
+            "HOME": str(self.folder),
+            "XDG_RUNTIME_DIR": str(runtime),
+            "XDG_CONFIG_HOME": str(self.folder / ".config"),
+            "XDG_STATE_HOME": str(self.folder / ".state"),
+            "XDG_CONFIG_DIRS": str(self.folder),
+            "LD_LIBRARY_PATH": os.pathsep.join(map(str, libraries)),
+            # No bus of the user's or the system's, on which other servers could be found or asked to make room.
+            "DBUS_SESSION_BUS_ADDRESS": "disabled:",
+            "DBUS_SYSTEM_BUS_ADDRESS": "disabled:",
+            "JACK_NO_START_SERVER": "1",
+            "JACK_DEFAULT_SERVER": f"private-{os.getpid()}-{self.folder.name}",
+            "LC_ALL": "C.UTF-8",
+        }
+
+    def __enter__(self):
+        try:
+            self._start()
+        except BaseException:
+            self.close()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        """Ends the server and everything that was started beside it."""
+        for process in reversed(self.processes):
+            if process.poll() is None:
+                process.send_signal(signal.SIGCONT)
+                process.terminate()
+                try:
+                    process.wait(timeout=5)
+                except subprocess.TimeoutExpired:
+                    process.kill()
+                    process.wait()
+        self.processes.clear()
+
+    def program_environment(self):
+        """The caller's environment with the server's, and without what would lead elsewhere."""
+        kept = {name: value for name, value in os.environ.items() if not re.match("PULSE_|PIPEWIRE_|JACK_|ALSA_", name)}
+        return {**kept, **self.environment}
+
+    def start(self, *command, **options):
+        """Starts a program on this server, to be ended with it at the latest."""
+        name = Path(command[0]).name
+        program = UNPACKED / "usr/bin" / name
+        with open(self.folder / f"{name}.log", "ab") as log:
+            options = {"stdin": subprocess.DEVNULL, "stdout": log, "stderr": log, **options}
+            process = subprocess.Popen(
+                [program if program.exists() else command[0], *map(str, command[1:])],
+                cwd=self.folder,
+                env=self.program_environment(),
+                **options,
+            )
+        self.processes.append(process)
+        return process
+
+    def output(self, *command):
+        """What a program on this server prints; nothing when it fails."""
+        process = self.start(*command, stdout=subprocess.PIPE, text=True)
+        try:
+            return process.communicate(timeout=TIMEOUT)[0] if process.wait(timeout=TIMEOUT) == 0 else ""
+        finally:
+            self.processes.remove(process)
+
+    def wait_for(self, condition, what):
+        deadline = time.monotonic() + TIMEOUT
+        while not condition():
+            for process in self.servers:
+                if process.poll() is not None:
+                    raise Unavailable(f"{Path(process.args[0]).name} ended by itself: {self.log(process)}")
+            if time.monotonic() > deadline:
+                raise Unavailable(f"{what} does not appear: {self.log(self.servers[0])}")
+            time.sleep(0.02)
+
+    def log(self, process):
+        path = self.folder / f"{Path(process.args[0]).name}.log"
+        return " / ".join(path.read_text(errors="replace").splitlines()[-5:])
+
+    def suspend(self):
+        for process in self.servers:
+            process.send_signal(signal.SIGSTOP)
+
+    def resume(self):
+        for process in self.servers:
+            process.send_signal(signal.SIGCONT)
+
+    def kill(self):
+        for process in self.servers:
+            process.kill()
+        for process in self.servers:
+            process.wait()
+
+    def write_alsa(self, *definitions):
+        """Makes these all that ALSA knows. Its plug-ins are named by their path, since ALSA looks in one folder only."""
+        path = self.folder / "alsa.conf"
+        plugins = [
+            f'{kind}_type.{name} {{ lib "{self.libraries}/alsa-lib/libasound_module_{kind}_{name}.so" }}'
+            for kind in ("pcm", "ctl")
+            for name in ("pulse", "pipewire")
+        ]
+        path.write_text("\n".join([*plugins, *definitions, ""]))
+        self.environment["ALSA_CONFIG_PATH"] = str(path)
+
+
+class PulseAudio(Server):
+    """PulseAudio, whose ALSA devices are `pulse` and `default`."""
+
+    def __init__(self, folder, rate=48000):
+        super().__init__(folder)
+        self.rate = rate
+        self.write_alsa(
+            "pcm.pulse { type pulse hint { show on description PulseAudio } }",
+            "ctl.pulse { type pulse }",
+            "pcm.default { type pulse hint { show on description Default } }",
+            "ctl.default { type pulse }",
+        )
+
+    def _start(self):
+        modules = next(UNPACKED.glob("usr/lib/**/pulse-*/modules"))
+        self.servers = [
+            self.start(
+                *("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no", "--disable-shm=yes"),
+                *("--high-priority=no", f"--dl-search-path={modules}", "-L", "module-native-protocol-unix"),
+                *("-L", f"module-null-sink sink_name=mic rate={self.rate} channels=1"),
+            )
+        ]
+        self.wait_for(lambda: "mic.monitor" in self.output("pactl", "list", "short", "sources"), "the microphone")
+
+    def play(self, wav):
+        return self.start("paplay", "--device=mic", wav)
+
+
+class Jack(Server):
+    """JACK with its dummy driver. Its microphones are the players; the first is an input device "jack-play-PID"."""
+
+    def __init__(self, folder, rate=48000):
+        super().__init__(folder)
+        self.rate = rate
+        self.environment["JACK_DRIVER_DIR"] = str(self.libraries / "jack")
+        self.write_alsa("pcm.nothing { type hw card 99 }")  # PortAudio aborts when there is no definition at all
+
+    def _start(self):
+        self.servers = [
+            self.start(
+                *("jackd", "-n", self.environment["JACK_DEFAULT_SERVER"], "-r", "--no-mlock"),
+                *("-d", "dummy", "-r", self.rate, "-C", "2", "-P", "2", "-p", "1024"),
+            )
+        ]
+        self.wait_for(lambda: "system:capture_1" in self.output("jack_lsp"), "the server")
+
+    def play(self, wav):
+        player = self.start("jack-play", wav)
+        self.wait_for(lambda: f"jack-play-{player.pid}" in self.output("jack_lsp"), "the player")
+        return player
+
+
+class PipeWire(Server):
+    """PipeWire with WirePlumber and its PulseAudio server. Its ALSA devices are `pipewire`, `default` and `pulse`."""
+
+    def __init__(self, folder, rate=48000):
+        super().__init__(folder)
+        self.rate = rate
+        shared = UNPACKED / "usr/share"
+        configuration = self.folder / "pipewire"
+        self.environment.update(
+            PIPEWIRE_MODULE_DIR=str(self.libraries / "pipewire-0.3"),
+            SPA_PLUGIN_DIR=str(self.libraries / "spa-0.2"),
+            PIPEWIRE_CONFIG_DIR=str(configuration),
+            WIREPLUMBER_MODULE_DIR=str(self.libraries / "wireplumber-0.4"),
+            WIREPLUMBER_CONFIG_DIR=str(self.folder / "wireplumber"),
+            WIREPLUMBER_DATA_DIR=str(shared / "wireplumber"),
+        )
+        shutil.copytree(shared / "pipewire", configuration)
+        self._write("pipewire/pipewire.conf.d/private.conf", f"""\
+context.properties = {{
+    support.dbus = false
+    default.clock.rate = {rate}
+    default.clock.allowed-rates = [ {rate} ]
+}}
+context.objects = [
+    {{ factory = adapter
+      args = {{
+          factory.name = support.null-audio-sink
+          node.name = mic
+          media.class = Audio/Duplex
+          audio.position = [ MONO ]
+          object.linger = true
+      }}
+    }}
+]
+""")
+        shutil.copytree(shared / "wireplumber", self.folder / "wireplumber")
+        (self.folder / "wireplumber/wireplumber.conf").write_text(
+            re.sub(r".*bluetooth\.lua.*\n", "", (shared / "wireplumber/wireplumber.conf").read_text())
+        )
+        # No hardware: it belongs to the user's own server.
+        self._write("wireplumber/main.lua.d/89-private.lua", """\
+alsa_monitor.enabled = false
+v4l2_monitor.enabled = false
+libcamera_monitor.enabled = false
+default_access.properties["enable-flatpak-portal"] = false
+""")
+        self.write_alsa(
+            f"<{shared}/alsa/alsa.conf.d/50-pipewire.conf>",
+            f"<{shared}/alsa/alsa.conf.d/99-pipewire-default.conf>",
+            "pcm.pulse { type pulse hint { show on description PulseAudio } }",
+            "ctl.pulse { type pulse }",
+        )
+
+    def _write(self, name, text):
+        path = self.folder / name
+        path.parent.mkdir(exist_ok=True)
+        path.write_text(text)
+
+    def _start(self):
+        self.servers = [self.start("pipewire")]
+        self.wait_for(lambda: (self.folder / "run/pipewire-0").exists(), "the server's socket")
+        self.servers.append(self.start("wireplumber"))
+        self.servers.append(self.start("pipewire-pulse"))
+        self.wait_for(lambda: "mic" in self.output("pactl", "list", "short", "sources"), "the microphone")
+
+    def play(self, wav):
+        return self.start("pw-cat", "--playback", "--target=mic", wav)

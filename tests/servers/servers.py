@@ -7,6 +7,7 @@ scripts/fetch-servers has unpacked them into build-servers; nothing of the syste
         subprocess.run([program], env={**os.environ, **server.environment})
 """
 
+import itertools
 import os
 import re
 import shutil
@@ -21,29 +22,39 @@ TIMEOUT = 20
 
 
 class Unavailable(Exception):
-    """This server cannot run here; says why."""
+    """This server is not to be had here; says why. A server that is there and fails raises another exception."""
+
+
+_numbers = itertools.count(1)
 
 
 def _libraries():
     """The folder of this architecture's libraries."""
     found = [path.parent for path in UNPACKED.glob("usr/lib/*/alsa-lib")]
     if not (UNPACKED / "complete").exists() or not found:
-        raise Unavailable("no sound servers in build-servers: run scripts/fetch-servers")
+        raise Unavailable("there are no sound servers in build-servers; scripts/fetch-servers fetches them")
     return found[0]
 
 
 class Server:
-    """What the servers have in common. `folder` is an existing one of the caller's, which is kept private and holds
-    the server's home, sockets and logs; it is to be another one for each server, and its path short (a socket's may
-    have 107 bytes)."""
+    """What the servers have in common. Each takes a folder of its own, for its home, sockets and logs.
+
+    environment: for programs that are to use this server, in addition to their own; see also program_environment()
+    play(wav): plays a sound file into the microphone and returns the process, which nobody needs to end
+    suspend(), resume(): the server stops answering, as in a crash that does not end it, and goes on
+    kill(): the server is gone, without a farewell
+    """
 
     def __init__(self, folder):
         self.folder = Path(folder).resolve()
         self.libraries = _libraries()
         self.processes = []
+        self.servers = []
         runtime = self.folder / "run"
         if len(str(runtime)) > 80:
-            raise Unavailable(f"the path is too long for sockets: {runtime}")
+            raise ValueError(f"the path is too long for sockets: {runtime}")
+        if re.search(r"[\s:]", str(self.folder)):
+            raise ValueError(f"ALSA would take this path for several: {self.folder}")
         for path in self.folder, runtime:
             path.mkdir(mode=0o700, exist_ok=True)
             path.chmod(0o700)
@@ -59,7 +70,7 @@ class Server:
             "DBUS_SESSION_BUS_ADDRESS": "disabled:",
             "DBUS_SYSTEM_BUS_ADDRESS": "disabled:",
             "JACK_NO_START_SERVER": "1",
-            "JACK_DEFAULT_SERVER": f"private-{os.getpid()}-{self.folder.name}",
+            "JACK_DEFAULT_SERVER": f"private-{os.getpid()}-{next(_numbers)}",
             "LC_ALL": "C.UTF-8",
         }
 
@@ -76,15 +87,14 @@ class Server:
 
     def close(self):
         """Ends the server and everything that was started beside it."""
+        self.resume()
         for process in reversed(self.processes):
-            if process.poll() is None:
-                process.send_signal(signal.SIGCONT)
-                process.terminate()
-                try:
-                    process.wait(timeout=5)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait()
+            process.terminate()
+            try:
+                process.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
         self.processes.clear()
 
     def program_environment(self):
@@ -93,13 +103,11 @@ class Server:
         return {**kept, **self.environment}
 
     def start(self, *command, **options):
-        """Starts a program on this server, to be ended with it at the latest."""
-        name = Path(command[0]).name
-        program = UNPACKED / "usr/bin" / name
-        with open(self.folder / f"{name}.log", "ab") as log:
+        """Starts one of the unpacked programs on this server, to be ended with it at the latest."""
+        with open(self.folder / f"{command[0]}.log", "ab") as log:
             options = {"stdin": subprocess.DEVNULL, "stdout": log, "stderr": log, **options}
             process = subprocess.Popen(
-                [program if program.exists() else command[0], *map(str, command[1:])],
+                [UNPACKED / "usr/bin" / command[0], *map(str, command[1:])],
                 cwd=self.folder,
                 env=self.program_environment(),
                 **options,
@@ -110,19 +118,18 @@ class Server:
     def output(self, *command):
         """What a program on this server prints; nothing when it fails."""
         process = self.start(*command, stdout=subprocess.PIPE, text=True)
-        try:
-            return process.communicate(timeout=TIMEOUT)[0] if process.wait(timeout=TIMEOUT) == 0 else ""
-        finally:
-            self.processes.remove(process)
+        text = process.communicate(timeout=TIMEOUT)[0]
+        self.processes.remove(process)
+        return text if process.returncode == 0 else ""
 
     def wait_for(self, condition, what):
         deadline = time.monotonic() + TIMEOUT
         while not condition():
             for process in self.servers:
                 if process.poll() is not None:
-                    raise Unavailable(f"{Path(process.args[0]).name} ended by itself: {self.log(process)}")
+                    raise RuntimeError(f"{Path(process.args[0]).name} ended by itself: {self.log(process)}")
             if time.monotonic() > deadline:
-                raise Unavailable(f"{what} does not appear: {self.log(self.servers[0])}")
+                raise RuntimeError(f"{what} does not appear: {self.log(self.servers[0])}")
             time.sleep(0.02)
 
     def log(self, process):
@@ -174,17 +181,18 @@ class PulseAudio(Server):
             self.start(
                 *("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no", "--disable-shm=yes"),
                 *("--high-priority=no", f"--dl-search-path={modules}", "-L", "module-native-protocol-unix"),
-                *("-L", f"module-null-sink sink_name=mic rate={self.rate} channels=1"),
+                # norewinds: in blocks of 50 ms, where it would otherwise keep a new recorder waiting for up to 2 s.
+                *("-L", f"module-null-sink sink_name=mic rate={self.rate} channels=1 norewinds=1"),
             )
         ]
         self.wait_for(lambda: "mic.monitor" in self.output("pactl", "list", "short", "sources"), "the microphone")
 
     def play(self, wav):
-        return self.start("paplay", "--device=mic", wav)
+        return self.start("paplay", "--device=mic", Path(wav).resolve())
 
 
 class Jack(Server):
-    """JACK with its dummy driver. Its microphones are the players; the first is an input device "jack-play-PID"."""
+    """JACK with its dummy driver. Its microphones are the players: input devices `jack-play-PID`."""
 
     def __init__(self, folder, rate=48000):
         super().__init__(folder)
@@ -201,8 +209,17 @@ class Jack(Server):
         ]
         self.wait_for(lambda: "system:capture_1" in self.output("jack_lsp"), "the server")
 
+    def close(self):
+        killed = any(process.returncode == -signal.SIGKILL for process in self.servers)
+        super().close()
+        if killed:  # it has left 100 MB in shared memory, which the next one of its name clears away
+            self._start()
+            super().close()
+        for path in Path("/dev/shm").glob(f"jack*_{self.environment['JACK_DEFAULT_SERVER']}_*"):
+            path.unlink()
+
     def play(self, wav):
-        player = self.start("jack-play", wav)
+        player = self.start("jack-play", Path(wav).resolve())
         self.wait_for(lambda: f"jack-play-{player.pid}" in self.output("jack_lsp"), "the player")
         return player
 
@@ -273,4 +290,4 @@ default_access.properties["enable-flatpak-portal"] = false
         self.wait_for(lambda: "mic" in self.output("pactl", "list", "short", "sources"), "the microphone")
 
     def play(self, wav):
-        return self.start("pw-cat", "--playback", "--target=mic", wav)
+        return self.start("pw-cat", "--playback", "--target=mic", Path(wav).resolve())

@@ -58,7 +58,9 @@ class Server:
         for path in self.folder, runtime:
             path.mkdir(mode=0o700, exist_ok=True)
             path.chmod(0o700)
-        libraries = [self.libraries, self.libraries / "pulseaudio"]
+        self.pulse_modules = next(UNPACKED.glob("usr/lib/**/pulse*/modules"))
+        libraries = [self.libraries, UNPACKED / "lib" / self.libraries.name, self.libraries / "pulseaudio"]
+        libraries.append(self.pulse_modules)  # they need each other
         self.environment = {
             "HOME": str(self.folder),
             "XDG_RUNTIME_DIR": str(runtime),
@@ -176,16 +178,15 @@ class PulseAudio(Server):
         )
 
     def _start(self):
-        modules = next(UNPACKED.glob("usr/lib/**/pulse-*/modules"))
         self.servers = [
             self.start(
                 *("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no", "--disable-shm=yes"),
-                *("--high-priority=no", f"--dl-search-path={modules}", "-L", "module-native-protocol-unix"),
+                *("--high-priority=no", f"--dl-search-path={self.pulse_modules}", "-L", "module-native-protocol-unix"),
                 # norewinds: in blocks of 50 ms, where it would otherwise keep a new recorder waiting for up to 2 s.
                 *("-L", f"module-null-sink sink_name=mic rate={self.rate} channels=1 norewinds=1"),
             )
         ]
-        self.wait_for(lambda: "mic.monitor" in self.output("pactl", "list", "short", "sources"), "the microphone")
+        self.wait_for(lambda: self.output("pactl", "get-default-source") == "mic.monitor\n", "the microphone")
 
     def play(self, wav):
         return self.start("paplay", "--device=mic", Path(wav).resolve())
@@ -287,7 +288,7 @@ default_access.properties["enable-flatpak-portal"] = false
         self.wait_for(lambda: (self.folder / "run/pipewire-0").exists(), "the server's socket")
         self.servers.append(self.start("wireplumber"))
         self.servers.append(self.start("pipewire-pulse"))
-        self.wait_for(lambda: "mic" in self.output("pactl", "list", "short", "sources"), "the microphone")
+        self.wait_for(lambda: self.output("pactl", "get-default-source") == "mic\n", "the microphone")
 
     def play(self, wav):
         return self.start("pw-cat", "--playback", "--target=mic", Path(wav).resolve())

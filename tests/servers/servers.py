@@ -13,6 +13,7 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -23,6 +24,15 @@ TIMEOUT = 20
 
 class Unavailable(Exception):
     """This server is not to be had here; says why. A server that is there and fails raises another exception."""
+
+
+def skip_unless_available():
+    """For a test that needs them all: ends the process with the exit code that means skipped."""
+    try:
+        _libraries()
+    except Unavailable as reason:
+        print("skipped:", reason)
+        sys.exit(77)
 
 
 _numbers = itertools.count(1)
@@ -99,9 +109,9 @@ class Server:
                 process.wait()
         self.processes.clear()
 
-    def program_environment(self):
-        """The caller's environment with the server's, and without what would lead elsewhere."""
-        kept = {name: value for name, value in os.environ.items() if not re.match("PULSE_|PIPEWIRE_|JACK_|ALSA_", name)}
+    def program_environment(self, base=os.environ):
+        """An environment with the server's variables, and without what would lead elsewhere."""
+        kept = {name: value for name, value in base.items() if not re.match("PULSE_|PIPEWIRE_|JACK_|ALSA_", name)}
         return {**kept, **self.environment}
 
     def start(self, *command, **options):

@@ -53,6 +53,7 @@ class Server:
     play(wav): plays a sound file into the microphone and returns the process, which nobody needs to end
     suspend(), resume(): the server stops answering, as in a crash that does not end it, and goes on
     kill(): the server is gone, without a farewell
+    restart(): it is there again; players are to be started anew
     """
 
     def __init__(self, folder):
@@ -161,6 +162,13 @@ class Server:
             process.kill()
         for process in self.servers:
             process.wait()
+
+    def restart(self):
+        self.kill()
+        runtime = Path(self.environment["XDG_RUNTIME_DIR"])
+        shutil.rmtree(runtime)
+        runtime.mkdir(mode=0o700)
+        self._start()
 
     def write_alsa(self, *definitions):
         """Makes these all that ALSA knows. Its plug-ins are named by their path, since ALSA looks in one folder only."""

@@ -138,7 +138,9 @@ void capture::open() {
     std::unique_lock hold{mutex_};
     thread_ = start_thread([self = shared_from_this()] { self->run(); });
     const auto patience = opening_patience + stopping_patience;
-    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || (left_behind_ && state_ == state::ended); };
+    const auto is_over = [&] {
+        return state_ == state::recording || thread_gone_ || (left_behind_ && state_ == state::ended);
+    };
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();

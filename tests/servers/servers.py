@@ -43,6 +43,7 @@ class Server:
     play(wav): plays a sound file into the microphone and returns the process, which nobody needs to end
     suspend(), resume(): the server stops answering, as in a crash that does not end it, and goes on
     kill(): the server is gone, without a farewell
+    unplug(): the microphone is gone, the server is not; on JACK, end the player instead
     restart(): it is there again; players are to be started anew
     """
 
@@ -199,6 +200,9 @@ class PulseAudio(Server):
     def play(self, wav):
         return self.start("paplay", "--device=mic", Path(wav).resolve())
 
+    def unplug(self):
+        self.output("pactl", "unload-module", "module-null-sink")
+
 
 class Jack(Server):
     """JACK with its dummy driver. Its microphones are the players: input devices `jack-play-PID`."""
@@ -302,3 +306,6 @@ default_access.properties["enable-flatpak-portal"] = false
 
     def play(self, wav):
         return self.start("pw-cat", "--playback", "--target=mic", Path(wav).resolve())
+
+    def unplug(self):
+        self.output("pw-cli", "destroy", "mic")

@@ -136,6 +136,9 @@ class Server:
                 raise RuntimeError(f"{what} does not appear: {self.log(self.servers[0])}")
             time.sleep(0.02)
 
+    def wait_for_no_microphone(self):
+        self.wait_for(lambda: "mic" not in self.output("pactl", "list", "short", "sources"), "the end of the microphone")
+
     def log(self, process):
         path = self.folder / f"{Path(process.args[0]).name}.log"
         return " / ".join(path.read_text(errors="replace").splitlines()[-5:])
@@ -202,6 +205,7 @@ class PulseAudio(Server):
 
     def unplug(self):
         self.output("pactl", "unload-module", "module-null-sink")
+        self.wait_for_no_microphone()
 
 
 class Jack(Server):
@@ -309,3 +313,4 @@ default_access.properties["enable-flatpak-portal"] = false
 
     def unplug(self):
         self.output("pw-cli", "destroy", "mic")
+        self.wait_for_no_microphone()

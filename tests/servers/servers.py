@@ -50,6 +50,9 @@ class Server:
     def __init__(self, folder):
         self.folder = Path(folder).resolve()
         self.libraries = _libraries()
+        for program in self.programs:
+            if not (UNPACKED / "usr/bin" / program).exists():
+                raise Unavailable(f"this system has no {program} to be fetched")
         self.processes = []
         self.servers = []
         runtime = self.folder / "run"
@@ -179,6 +182,8 @@ class Server:
 class PulseAudio(Server):
     """PulseAudio, whose ALSA devices are `pulse` and `default`."""
 
+    programs = ("pulseaudio", "pactl", "paplay")
+
     def __init__(self, folder, rate=48000):
         super().__init__(folder)
         self.rate = rate
@@ -210,6 +215,8 @@ class PulseAudio(Server):
 
 class Jack(Server):
     """JACK with its dummy driver. Its microphones are the players: input devices `jack-play-PID`."""
+
+    programs = ("jackd", "jack_lsp", "jack-play")
 
     def __init__(self, folder, rate=48000):
         super().__init__(folder)
@@ -244,18 +251,18 @@ class Jack(Server):
 class PipeWire(Server):
     """PipeWire with WirePlumber and its PulseAudio server. Its ALSA devices are `pipewire`, `default` and `pulse`."""
 
+    programs = ("pipewire", "wireplumber", "pipewire-pulse", "pw-cat", "pw-cli", "pactl")
+
     def __init__(self, folder, rate=48000):
         super().__init__(folder)
         self.rate = rate
         shared = UNPACKED / "usr/share"
-        if not (shared / "wireplumber/main.lua.d").exists():
-            raise Unavailable("this WirePlumber is not configured in Lua, and nothing else keeps it off the hardware yet")
         configuration = self.folder / "pipewire"
         self.environment.update(
             PIPEWIRE_MODULE_DIR=str(self.libraries / "pipewire-0.3"),
             SPA_PLUGIN_DIR=str(self.libraries / "spa-0.2"),
             PIPEWIRE_CONFIG_DIR=str(configuration),
-            WIREPLUMBER_MODULE_DIR=str(self.libraries / "wireplumber-0.4"),
+            WIREPLUMBER_MODULE_DIR=str(next(self.libraries.glob("wireplumber-0.*"))),
             WIREPLUMBER_CONFIG_DIR=str(self.folder / "wireplumber"),
             WIREPLUMBER_DATA_DIR=str(shared / "wireplumber"),
         )
@@ -282,8 +289,14 @@ context.objects = [
         (self.folder / "wireplumber/wireplumber.conf").write_text(
             re.sub(r".*bluetooth\.lua.*\n", "", (shared / "wireplumber/wireplumber.conf").read_text())
         )
-        # No hardware: it belongs to the user's own server.
-        self._write("wireplumber/main.lua.d/89-private.lua", """\
+        # No hardware: it belongs to the user's own server. WirePlumber is told so in Lua before 0.5, and otherwise since.
+        self._write("wireplumber/wireplumber.conf.d/private.conf", """\
+wireplumber.profiles = {
+    main = { hardware.audio = disabled, hardware.bluetooth = disabled, hardware.video-capture = disabled }
+}
+""")
+        if (shared / "wireplumber/main.lua.d").exists():
+            self._write("wireplumber/main.lua.d/89-private.lua", """\
 alsa_monitor.enabled = false
 v4l2_monitor.enabled = false
 libcamera_monitor.enabled = false

@@ -85,7 +85,7 @@ class Converter(Processor):
     """Converts a stream from one sample rate to another."""
 
     def __init__(self, in_rate: int, out_rate: int, *, converter: str = "clean") -> None:
-        """Rates are 100 to 768000 Hz. "clean" is soxr's high quality; "linear" is quick, has no delay, and aliases."""
+        """Rates are 100 to 768000 Hz. "clean" is soxr's high quality; "linear" is quick, and aliases."""
         options = VoiceOptions(int32("in_rate", in_rate), int32("out_rate", out_rate), 0.0, 0, conversion(converter))
         super().__init__("wrapper_audio_voice_create", byref(options), ratio=out_rate / in_rate)
 

@@ -50,7 +50,7 @@ class Interface(unittest.TestCase):
         program = self.folder / "claims.c"
         lines = [f'_Static_assert({claim}, "{claim}");' for claim in claims]
         program.write_text("\n".join(["#include <stddef.h>", "#include <wrapper_audio_recorder.h>", *lines]) + "\n")
-        compile_it = ["cc", "-std=c11", "-fsyntax-only", f"-I{support.ROOT}", program]
+        compile_it = ["cc", "-std=c11", "-fsyntax-only", f"-I{support.ROOT}", str(program)]
         done = subprocess.run(compile_it, capture_output=True, text=True)
         self.assertEqual(done.returncode, 0, done.stderr)
 
@@ -62,7 +62,7 @@ class Interface(unittest.TestCase):
         recorder = Path(support.LIBRARY)
         core = recorder.with_name(recorder.name.replace("_recorder", ""))
         for library, table in (recorder, _interface.FUNCTIONS), (core, _interface.CORE_FUNCTIONS):
-            list_symbols = ["nm", "--dynamic", "--defined-only", "--format=posix", library]
+            list_symbols = ["nm", "--dynamic", "--defined-only", "--format=posix", str(library)]
             symbols = subprocess.run(list_symbols, check=True, capture_output=True, text=True).stdout
             self.assertEqual({line.split()[0].split("@")[0] for line in symbols.splitlines()}, set(table), library)
 

@@ -4,7 +4,7 @@ import math
 import threading
 import unittest
 from array import array
-from typing import Any, Iterable, List
+from typing import Any, Callable, Iterable, List
 
 import support
 from wrapper_audio import AudioError, ClosedError, Converter, Denoiser, DePop, GainControl, HighPass, Processor
@@ -113,7 +113,7 @@ class Streams(unittest.TestCase):
                     use()
 
     def test_settings_out_of_range_are_refused(self) -> None:
-        for make in (
+        refused: List[Callable[[], Processor]] = [
             lambda: Converter(0, 16000),
             lambda: Converter(16000, 99),
             lambda: Converter(2**32 + 48000, 16000),
@@ -132,7 +132,8 @@ class Streams(unittest.TestCase):
             lambda: GainControl(rate=99),
             lambda: DePop(1.1),
             lambda: DePop(math.nan),
-        ):
+        ]
+        for make in refused:
             with self.assertRaises(ValueError) as caught:
                 make()
             self.assertIsInstance(caught.exception, AudioError)

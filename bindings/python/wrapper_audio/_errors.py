@@ -11,13 +11,13 @@ class AudioError(Exception):
     """The base of all errors of this package. Its text is an English sentence or more."""
 
     status: Optional[Status] = None
-    """What the library answered, or None where it was not asked."""
+    """What the library answered; None where it was not asked, and for numbers of a newer library."""
     log_line: Optional[str] = None
     """The line that the capture library wrote to its log about it, or None."""
 
     def __init__(self, text: str, status: Optional[int] = None, log_line: Optional[str] = None) -> None:
         super().__init__(text)
-        self.status = None if status is None else Status(status)
+        self.status = Status(status) if status in list(Status) else None
         self.log_line = log_line
 
 

@@ -7,7 +7,7 @@ import os
 import threading
 from ctypes import c_int32, c_void_p
 from pathlib import Path
-from typing import Any, List, Optional, Sequence, Type, TypeVar, Union
+from typing import Any, Dict, List, Optional, Sequence, Type, TypeVar, Union
 
 from ._errors import AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError, UnknownDeviceError
 from ._interface import CORE_FUNCTIONS, FUNCTIONS, Status
@@ -112,7 +112,7 @@ class Closing:
         self.close()
 
 
-_KINDS = {
+_KINDS: Dict[int, Type[AudioError]] = {
     Status.INVALID_ARGUMENT: ArgumentError,
     Status.UNKNOWN_DEVICE: UnknownDeviceError,
     Status.AMBIGUOUS_DEVICE: AmbiguousDeviceError,
@@ -131,7 +131,7 @@ def check(
         text = reason or load().wrapper_audio_status_text(status).decode()
         if given:
             text += f": {', '.join(map(_shown, given))}"
-        raise _KINDS.get(Status(status), kind)(text, status, log_line)
+        raise _KINDS.get(status, kind)(text, status, log_line)
 
 
 def _shown(argument: Any) -> str:

@@ -16,7 +16,7 @@ from ._blocks import Float32Block, Int16Block, new_block, samples_of
 from ._devices import Device
 from ._errors import ArgumentError, AudioError, ClosedError, OpenError, ReadError, ReadTimeout
 from ._interface import Block, Denoising, RecorderInfo, RecorderOptions, RecorderTextKind, Status
-from ._library import Closing, Handle, bytes_of, check, int32, load, make
+from ._library import Closing, bytes_of, check, int32, load, make
 from ._signal import conversion, take_speech
 
 _SLICE = 0.2  # seconds; Python looks for Ctrl-C when a call has returned
@@ -134,7 +134,7 @@ class Recorder(Closing):
             raise ArgumentError(f"the timeout is {timeout}; it must be 0 or more")
         end = math.inf if timeout is None else time.monotonic() + timeout
         code, samples = samples_of(block, "hf", written=True)
-        read = getattr(self._library, {"h": "wrapper_audio_recorder_read_s16", "f": "wrapper_audio_recorder_read_f32"}[code])
+        read = getattr(self._library, "wrapper_audio_recorder_read_" + {"h": "s16", "f": "f32"}[code])
         handle, whole, part = self._pointer(), Block(), Block()
         while True:
             left = math.ceil(1000 * max(0, min(_SLICE, end - time.monotonic())))

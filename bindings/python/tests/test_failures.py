@@ -248,7 +248,7 @@ class Waiting(SilentTest):
 
 class Interrupts(SilentTest):
     def interrupt(self, program: str, **script: str) -> Tuple[str, float]:
-        """Sends Ctrl-C soon after the program says that it is ready; returns what it says then, and how long it took."""
+        """Sends Ctrl-C soon after the program is ready; returns what it says then, and how long that took."""
         process = subprocess.Popen(
             support.python("-c", textwrap.dedent(program)),
             env=support.environment(scripted=True, **script),

@@ -60,8 +60,8 @@ class Finding(support.ProcessTest):
 
     def test_a_named_library_that_is_not_there_is_not_replaced_by_another(self) -> None:
         folder = str(Path(support.LIBRARY).parent)
-        output, _ = self.check(FAIL, WRAPPER_AUDIO_LIBRARY="/nowhere/libwrapper_audio_recorder.so", LD_LIBRARY_PATH=folder)
-        self.assertIn("  /nowhere/libwrapper_audio_recorder.so: ", output)
+        output, _ = self.check(FAIL, WRAPPER_AUDIO_LIBRARY="/nowhere/recorder.so", LD_LIBRARY_PATH=folder)
+        self.assertIn("  /nowhere/recorder.so: ", output)
         self.assertEqual(output.count("cannot open shared object"), 1)
 
     def test_another_library_is_told_by_what_it_lacks(self) -> None:

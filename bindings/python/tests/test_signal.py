@@ -179,12 +179,12 @@ class Denoising(unittest.TestCase):
         speech = to_float32(array("h", support.samples_of(support.SPEECH)))
         pause = slice(int(5.4 * 48000), int(5.8 * 48000))
         before = rms(speech[pause])
-        for strength, least, most in (1.0, 0.0, before / 30), (0.5, before * 0.45, before * 0.55), (0.0, before, before):
+        for strength, lowest, highest in (1.0, 0.0, 1 / 30), (0.5, 0.45, 0.55), (0.0, 1.0, 1.0):
             with Denoiser(48000, strength) as denoiser:
                 made = [*denoiser.process(speech), *denoiser.flush()]
                 probabilities = denoiser.speech_probabilities()
             self.assertEqual((len(made), len(probabilities)), (len(speech), len(speech) // 480))
-            self.assertTrue(least <= rms(made[pause]) <= most, strength)
+            self.assertTrue(lowest <= rms(made[pause]) / before <= highest, strength)
             self.assertGreater(max(probabilities), 0.9)
             self.assertLess(max(probabilities[545:575]), 0.3)
 

@@ -1,5 +1,5 @@
 # Made by scripts/generate-bindings from wrapper_audio.h and wrapper_audio_recorder.h; do not edit.
-"""The interface of the library: its enums, its structs, and the result and arguments of its functions.
+"""The interface of the library: its enums, its structs, and the types of its functions.
 
 Handles are plain addresses, and so is a text that has to be given back.
 """

@@ -224,6 +224,24 @@ class Waiting(SilentTest):
         self.assertGreater(lasted, 0.8)
         self.assertGreater(ticks, 100)
 
+    def test_a_meter_that_waits_ends_when_another_thread_closes_it(self) -> None:
+        output = self.scripted(
+            """
+            import threading, wrapper_audio
+            meter = wrapper_audio.Meter()
+            meter.read()
+            closer = threading.Timer(0.2, meter.close)
+            closer.start()
+            try:
+                meter.read()
+            except wrapper_audio.ClosedError as error:
+                print(error)
+            closer.join()
+            """,
+            MICROPHONE_STALLS_AFTER="1",
+        )
+        self.assertEqual(output, "the Meter is closed\n")
+
     def test_a_waiting_read_ends_when_another_thread_stops_or_closes(self) -> None:
         output = self.scripted(
             """

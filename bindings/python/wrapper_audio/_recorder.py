@@ -292,7 +292,8 @@ class Meter(Closing):
     def read(self, timeout: Optional[float] = None) -> Level:
         """Waits for the next 30 ms of sound and measures them, with the errors of Recorder.read()."""
         self._pointer()
-        self._recorder.read(timeout=timeout)
+        if len(self._recorder.read(timeout=timeout)) == 0:
+            raise ClosedError("the Meter is closed")  # by another thread, while this one waited
         return Level(self._recorder.captured_peak, self._recorder.captured_rms)
 
     def __iter__(self) -> Iterator[Level]:

@@ -75,7 +75,7 @@ class Recorder(Closing):
         self._code = {"int16": "h", "float32": "f"}[dtype]
         self._length = max(int32("block_ms", block_ms) * int32("rate", rate) // 1000, 1)
         self._device_id = bytes_of(device.id if isinstance(device, Device) else device or "")
-        self._last = Block(speech_probability=-1.0)
+        self._last, self._stalled = Block(speech_probability=-1.0), False
         self.rate, self.block_ms = rate, block_ms
         late = int32("buffer_ms", buffer_ms), int32("stall_ms", stall_ms)
         options = RecorderOptions(rate, denoise, speech, conversion(converter), *late)
@@ -132,6 +132,9 @@ class Recorder(Closing):
         """As read(), into a block of yours, of 16-bit samples or of floats. Returns how many samples came."""
         if timeout is not None and not timeout >= 0:
             raise ArgumentError(f"the timeout is {timeout}; it must be 0 or more")
+        stalled, self._stalled = self._stalled, False
+        if stalled and self.available == 0:
+            self._check(Status.NO_DATA, ReadError)
         end = math.inf if timeout is None else time.monotonic() + timeout
         code, samples = samples_of(block, "hf", written=True)
         read = getattr(self._library, "wrapper_audio_recorder_read_" + {"h": "s16", "f": "f32"}[code])
@@ -143,7 +146,7 @@ class Recorder(Closing):
             _append(whole, part)
             if status != Status.TIMEOUT or time.monotonic() >= end:
                 break
-        self._last = whole
+        self._last, self._stalled = whole, whole.count > 0 and status == Status.NO_DATA  # told by the next read
         if whole.count == 0 and status != Status.STOPPED:
             if status == Status.TIMEOUT:
                 raise ReadTimeout(f"no sample came within {timeout} s", status)

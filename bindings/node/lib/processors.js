@@ -1,0 +1,143 @@
+'use strict';
+// Signal processors for blocks of floats, and 16-bit samples as floats. Each has a state of its own.
+
+const { types } = require('node:util');
+const { ClosedError } = require('./errors');
+const lib = require('./library');
+
+const MOST_SPEECH = 1024;
+const forgotten = new FinalizationRegistry((pointer) => lib.call('processor_free', pointer));
+
+function demandFloat32(block) {
+  if (!types.isFloat32Array(block)) throw new TypeError('a block of floats is a Float32Array');
+}
+
+function toFloat32(block) {
+  if (!types.isInt16Array(block)) throw new TypeError('a block of 16-bit samples is an Int16Array');
+  const floats = new Float32Array(block.length);
+  lib.check(lib.call('s16_to_f32', block, block.length, floats));
+  return floats;
+}
+
+function toInt16(block) {
+  demandFloat32(block);
+  const samples = new Int16Array(block.length);
+  lib.check(lib.call('f32_to_s16', block, block.length, samples));
+  return samples;
+}
+
+function concatenated(blocks) {
+  if (blocks.length === 1) return blocks[0];
+  const all = new Float32Array(blocks.reduce((sum, { length }) => sum + length, 0));
+  blocks.reduce((start, block) => (all.set(block, start), start + block.length), 0);
+  return all;
+}
+
+class Processor {
+  #pointer;
+  #ratio;
+
+  constructor(pointer, ratio = 1) {
+    this.#pointer = pointer;
+    this.#ratio = ratio;
+    forgotten.register(this, pointer, this);
+  }
+
+  get #open() {
+    if (this.#pointer === null) throw new ClosedError('the processor is closed');
+    return this.#pointer;
+  }
+
+  get delay() {
+    return lib.call('processor_delay', this.#open);
+  }
+
+  process(block) {
+    demandFloat32(block);
+    return this.#taken(Math.ceil(block.length * this.#ratio), 'processor_process', block);
+  }
+
+  flush() {
+    return this.#taken(0, 'processor_flush');
+  }
+
+  /** All that a function gives, whose first call has the input. */
+  #taken(expected, name, ...input) {
+    const blocks = [];
+    for (let full = true; full; ) {
+      const out = new Float32Array(expected + this.delay + 1);
+      const count = [0];
+      lib.check(lib.call(name, this.#open, ...input.flatMap((block) => [block, block.length]), out, out.length, count));
+      input = input.map(() => new Float32Array(0));
+      full = count[0] === out.length;
+      blocks.push(full ? out : out.slice(0, count[0]));
+    }
+    return concatenated(blocks);
+  }
+
+  reset() {
+    lib.check(lib.call('processor_reset', this.#open));
+  }
+
+  speechProbabilities() {
+    const blocks = [];
+    do {
+      const taken = new Float32Array(MOST_SPEECH);
+      blocks.push(taken.slice(0, lib.call('processor_take_speech', this.#open, taken, MOST_SPEECH)));
+    } while (blocks.at(-1).length === MOST_SPEECH);
+    return concatenated(blocks);
+  }
+
+  close() {
+    if (this.#pointer === null) return;
+    forgotten.unregister(this);
+    lib.call('processor_free', this.#pointer);
+    this.#pointer = null;
+  }
+}
+
+if (Symbol.dispose) Processor.prototype[Symbol.dispose] = Processor.prototype.close;
+
+function voice(inRate, outRate, denoise, speech, converter) {
+  lib.demandWholeNumbers({ inRate, outRate });
+  lib.demandNumbers({ denoise });
+  const conversion = lib.numberOf('Conversion', converter);
+  return lib.make('voice_create', { inRate, outRate, denoise, speech, conversion });
+}
+
+class Converter extends Processor {
+  constructor(inRate, outRate, { converter = 'clean' } = {}) {
+    super(voice(inRate, outRate, 0, 0, converter), outRate / inRate);
+  }
+}
+
+class Denoiser extends Processor {
+  constructor(rate, { outRate = rate, strength = 1, converter = 'clean' } = {}) {
+    super(voice(rate, outRate, strength, 1, converter), outRate / rate);
+  }
+}
+
+class HighPass extends Processor {
+  constructor(cutoffHz, q = 0.707, { rate = 16000 } = {}) {
+    lib.demandWholeNumbers({ rate });
+    lib.demandNumbers({ cutoffHz, q });
+    super(lib.make('high_pass_create', rate, cutoffHz, q));
+  }
+}
+
+class GainControl extends Processor {
+  constructor(targetDb = -20, releaseMs = 100, { rate = 16000 } = {}) {
+    lib.demandWholeNumbers({ rate });
+    lib.demandNumbers({ targetDb, releaseMs });
+    super(lib.make('gain_control_create', rate, targetDb, releaseMs));
+  }
+}
+
+class DePop extends Processor {
+  constructor(coef) {
+    lib.demandNumbers({ coef });
+    super(lib.make('depop_create', coef));
+  }
+}
+
+module.exports = { Converter, DePop, Denoiser, GainControl, HighPass, toFloat32, toInt16 };

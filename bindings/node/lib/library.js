@@ -32,15 +32,13 @@ function openFirst(files) {
 // All who use koffi share its types by their names: another copy of this package may be among them.
 const ours = (prototype) => prototype.replace(/\bwrapper_audio_\w+(?= \*)/g, `$&_${UNIQUE}`);
 
-/** With members in camel case, and an id, which is bytes, as the address that koffi would make text of. */
-function declareStructs() {
-  for (const [name, members] of Object.entries(structs)) {
-    const camel = Object.entries(members).map(([member, type]) => [
-      member.replace(/_(\w)/g, (_, letter) => letter.toUpperCase()),
-      member === 'id' ? 'const void *' : type,
-    ]);
-    koffi.struct(`${name}_${UNIQUE}`, Object.fromEntries(camel));
-  }
+// With members in camel case, and an id, which is bytes, as the address that koffi would make text of.
+for (const [name, members] of Object.entries(structs)) {
+  const camel = Object.entries(members).map(([member, type]) => [
+    member.replace(/_(\w)/g, (_, letter) => letter.toUpperCase()),
+    member === 'id' ? 'const void *' : type,
+  ]);
+  koffi.struct(`${name}_${UNIQUE}`, Object.fromEntries(camel));
 }
 
 let loadedFrom = null;
@@ -64,7 +62,6 @@ function load(named) {
   const candidates = only ? [only] : [...NAMES.map((name) => path.join(__dirname, '..', name)), ...NAMES];
   reserveStack();
   const [opened, file] = openFirst(candidates);
-  declareStructs();
   for (const prototype of functions) {
     const [, name] = /wrapper_audio_(\w+)\(/.exec(prototype);
     try {

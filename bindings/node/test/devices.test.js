@@ -65,10 +65,15 @@ test('an unknown id is refused with the candidates, and a part of one finds a de
 
 test('two devices with one id are told apart', async (t) => {
   script(t, { MICROPHONE_NAME: 'filemic' });
-  assert.deepStrictEqual((await devices()).map(({ id }) => id), ['ALSA:filemic', 'ALSA:filemic#2']);
+  const found = (await devices()).map(({ id, defaultRate }) => [id, defaultRate]);
+  assert.deepStrictEqual(found, [
+    ['ALSA:filemic', 44100],
+    ['ALSA:filemic#2', 48000],
+  ]);
   for (const device of await devices()) {
-    const mic = await Recorder.open({ device, rate: 48000, blockMs: 10 });
-    assert.deepStrictEqual(await mic.read(), heard.slice(0, 480), device.id);
+    const mic = await Recorder.open({ device, rate: device.defaultRate, blockMs: 10 });
+    assert.deepStrictEqual(await mic.read(), heard.slice(0, device.defaultRate / 100), device.id);
+    assert.strictEqual(mic.deviceRate, device.defaultRate); // in which these two differ
     await mic.close();
   }
 });

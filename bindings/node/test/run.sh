@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Fetches what the Node binding needs if it is not there yet, and runs its tests on a microphone that hears a file. The
-# environment names what was built: WRAPPER_AUDIO_LIBRARY, HOST, and SCRIPTED_MICROPHONE of tests/tool.
+# environment names what was built: WRAPPER_AUDIO_LIBRARY, and SCRIPTED_MICROPHONE of tests/tool.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(cd ../.. && pwd)

@@ -91,7 +91,9 @@ function callOnThread(name, ...values) {
 // In strings, a byte that is no UTF-8 is U+DC00 and the byte: a surrogate by itself, which no UTF-8 has.
 
 function decode(bytes) {
-  let text = '';
+  let text = bytes.toString();
+  if (Buffer.from(text).equals(bytes)) return text;
+  text = '';
   for (let i = 0; i < bytes.length; ) {
     const starts = [1, 2, 3, 4].map((length) => bytes.subarray(i, i + length));
     const valid = starts.find((start) => Buffer.from(start.toString()).equals(start));

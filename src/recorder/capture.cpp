@@ -79,6 +79,18 @@ void history::add_speech(std::span<const float> probabilities) {
         speech_[speech_count_++ % speech_.size()] = probability;
 }
 
+void history::add_lost(uint64_t count) {
+    const auto rate = static_cast<uint64_t>(rate_);
+    const uint64_t before = captured_ * 100 / rate;
+    captured_ += count;
+    const uint64_t after = captured_ * 100 / rate;
+    for (uint64_t number = after - std::min<uint64_t>(after - before, levels_.size()); number < after; ++number)
+        levels_[(number + 1) % levels_.size()] = {};
+    for (uint64_t left = std::min<uint64_t>(after - before, speech_.size()); left > 0; --left)
+        speech_[(speech_count_ + after - before - left) % speech_.size()] = 0.0F;
+    speech_count_ += after - before;
+}
+
 void history::report(uint64_t end, wrapper_audio_block& block) {
     block.speech_probability = -1.0F;
     const uint64_t known = divided_up(captured_ * 100, static_cast<uint64_t>(rate_));
@@ -182,6 +194,7 @@ void capture::begin(const microphone& opened) {
     const std::size_t capacity = in_samples(options_.buffer_ms) + largest_step_;
     buffer_.emplace(capacity);
     history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
+    loss_watch_.emplace(opened.rate());
     began_ = clock::now();
     if (stop_requested_) return;
     state_ = state::recording;
@@ -208,6 +221,7 @@ bool capture::may_read() {
 }
 
 void capture::keep(std::span<const int16_t> pcm) {
+    const auto now = clock::now();
     const std::lock_guard chain{chain_mutex_};
     {
         const std::lock_guard hold{mutex_};
@@ -215,11 +229,15 @@ void capture::keep(std::span<const int16_t> pcm) {
         if (state_ == state::ended) return; // stopped while this thread hung in the device
         if (info_.captured == 0) {
             const auto length = std::chrono::nanoseconds(1s) * pcm.size() / info_.device_rate;
-            const auto first = clock::now().time_since_epoch() - length;
+            const auto first = now.time_since_epoch() - length;
             info_.first_sample_time = std::chrono::duration_cast<std::chrono::nanoseconds>(first).count();
         }
         info_.captured += pcm.size();
         history_.add_captured(pcm);
+        const std::chrono::duration<double> elapsed = now - began_;
+        const uint64_t lost = is_file_ ? 0 : loss_watch_->add(elapsed.count(), pcm.size());
+        buffer_->lose(lost * static_cast<uint64_t>(options_.rate) / static_cast<uint64_t>(info_.device_rate));
+        history_.add_lost(lost);
     }
     captured_.resize(pcm.size());
     std::transform(pcm.begin(), pcm.end(), captured_.begin(), from_s16);

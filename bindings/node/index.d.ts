@@ -116,7 +116,7 @@ export interface RecorderOptions<Format extends SampleFormat = SampleFormat> {
   blockMs?: number;
   /** Sound that is kept for a program that reads late, 100 to 60000; 5000 if not given. */
   bufferMs?: number;
-  /** A device that delivers nothing for so long is an error, 100 to 60000; 1500 if not given. */
+  /** A device that delivers nothing for so long, before its first sound twice, is an error: 100 to 60000; 1500. */
   stallMs?: number;
   /** Leaves the microphone alone until open(). */
   armed?: boolean;
@@ -177,7 +177,11 @@ export class Recorder<Samples extends Int16Array | Float32Array = Int16Array> im
 
   /** Takes the microphone, also again after stop(): it begins anew, and what had not been read is lost. */
   open(): Promise<void>;
-  /** Gives the microphone back, within a second. What was recorded before can still be read. */
+  /**
+   * Gives the microphone back, within a second. What was recorded before can still be read.
+   *
+   * @throws {AudioError} 'AUDIO_SYSTEM_STUCK' when the device hangs and its thread was left behind
+   */
   stop(): Promise<void>;
 
   /**

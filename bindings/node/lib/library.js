@@ -4,7 +4,7 @@
 const koffi = require('koffi');
 const { randomUUID } = require('node:crypto');
 const path = require('node:path');
-const { promisify } = require('node:util');
+const { inspect, promisify } = require('node:util');
 const { AmbiguousDeviceError, AudioError, LibraryError, UnknownDeviceError } = require('./errors');
 const { enums, functions, structs } = require('./interface');
 
@@ -116,6 +116,14 @@ function copied(name, ...values) {
   return decode(buffer.subarray(0, buffer.indexOf(0)));
 }
 
+/** The probabilities of speech that a function takes out of a recorder or processor. */
+function speechTaken(name, pointer) {
+  const all = [];
+  const some = new Float32Array(1000);
+  for (let count; (count = call(name, pointer, some, some.length)) > 0; ) all.push(...some.subarray(0, count));
+  return Float32Array.from(all);
+}
+
 /** A struct at an address. */
 function structAt(address, type) {
   const found = koffi.decode(address, `${type}_${UNIQUE}`);
@@ -125,7 +133,7 @@ function structAt(address, type) {
 
 // ---- Arguments and statuses ----
 
-/** koffi makes other numbers of these, or ends the process. */
+/** koffi makes other numbers of what is none, or ends the process. */
 function demandWholeNumbers(values) {
   for (const [name, value] of Object.entries(values)) {
     if (value !== (value | 0)) throw new RangeError(`${name} is ${String(value)}; it must be a whole number`);
@@ -138,13 +146,13 @@ function demandNumbers(values) {
   }
 }
 
-/** The name of an enumerator in small letters, and back. */
 const nameOf = (type, number) => Object.keys(enums[type]).find((name) => enums[type][name] === number);
-const numberOf = (type, name) => {
-  const number = enums[type][String(name).toUpperCase()];
-  if (typeof number !== 'number') throw new RangeError(`there is no ${type.toLowerCase()} ${String(name)}`);
+
+function conversion(name) {
+  const number = { clean: enums.Conversion.CLEAN, linear: enums.Conversion.LINEAR }[name];
+  if (number === undefined) throw new RangeError(`there is no converter ${String(name)}; there are clean and linear`);
   return number;
-};
+}
 
 const KINDS = {
   INVALID_ARGUMENT: RangeError,
@@ -162,22 +170,13 @@ function check(status, { Kind = AudioError, reason = '', logLine = '' } = {}) {
 /** The address of what a function makes. */
 function make(name, ...values) {
   const made = [null];
-  check(call(name, made, ...values));
+  const status = call(name, made, ...values);
+  const given = values.map((value) => inspect(value, { breakLength: Infinity })).join(', ');
+  check(status, { reason: status === enums.Status.INVALID_ARGUMENT ? `out of range: ${given}` : '' });
   return made[0];
 }
 
 module.exports = {
-  call,
-  callOnThread,
-  check,
-  copied,
-  decode,
-  demandNumbers,
-  demandWholeNumbers,
-  encode,
-  load,
-  make,
-  nameOf,
-  numberOf,
-  structAt,
+  call, callOnThread, check, conversion, copied, decode, demandNumbers, demandWholeNumbers, encode, load, make, nameOf,
+  speechTaken, structAt,
 };

@@ -5,7 +5,6 @@ const { types } = require('node:util');
 const { ClosedError } = require('./errors');
 const lib = require('./library');
 
-const MOST_SPEECH = 1024;
 const forgotten = new FinalizationRegistry((pointer) => lib.call('processor_free', pointer));
 
 function demandFloat32(block) {
@@ -24,13 +23,6 @@ function toInt16(block) {
   const samples = new Int16Array(block.length);
   lib.check(lib.call('f32_to_s16', block, block.length, samples));
   return samples;
-}
-
-function concatenated(blocks) {
-  if (blocks.length === 1) return blocks[0];
-  const all = new Float32Array(blocks.reduce((sum, { length }) => sum + length, 0));
-  blocks.reduce((start, block) => (all.set(block, start), start + block.length), 0);
-  return all;
 }
 
 class Processor {
@@ -54,25 +46,19 @@ class Processor {
 
   process(block) {
     demandFloat32(block);
-    return this.#taken(Math.ceil(block.length * this.#ratio), 'processor_process', block);
+    return this.#taken(Math.ceil(block.length * this.#ratio), 'processor_process', block, block.length);
   }
 
   flush() {
     return this.#taken(0, 'processor_flush');
   }
 
-  /** All that a function gives, whose first call has the input. */
+  /** What a function gives: no more than what it kept inside and what the input makes. */
   #taken(expected, name, ...input) {
-    const blocks = [];
-    for (let full = true; full; ) {
-      const out = new Float32Array(expected + this.delay + 1);
-      const count = [0];
-      lib.check(lib.call(name, this.#open, ...input.flatMap((block) => [block, block.length]), out, out.length, count));
-      input = input.map(() => new Float32Array(0));
-      full = count[0] === out.length;
-      blocks.push(full ? out : out.slice(0, count[0]));
-    }
-    return concatenated(blocks);
+    const out = new Float32Array(expected + this.delay + 1);
+    const count = [0];
+    lib.check(lib.call(name, this.#open, ...input, out, out.length, count));
+    return out.slice(0, count[0]);
   }
 
   reset() {
@@ -80,12 +66,7 @@ class Processor {
   }
 
   speechProbabilities() {
-    const blocks = [];
-    do {
-      const taken = new Float32Array(MOST_SPEECH);
-      blocks.push(taken.slice(0, lib.call('processor_take_speech', this.#open, taken, MOST_SPEECH)));
-    } while (blocks.at(-1).length === MOST_SPEECH);
-    return concatenated(blocks);
+    return lib.speechTaken('processor_take_speech', this.#open);
   }
 
   close() {
@@ -98,22 +79,25 @@ class Processor {
 
 if (Symbol.dispose) Processor.prototype[Symbol.dispose] = Processor.prototype.close;
 
-function voice(inRate, outRate, denoise, speech, converter) {
-  lib.demandWholeNumbers({ inRate, outRate });
-  lib.demandNumbers({ denoise });
-  const conversion = lib.numberOf('Conversion', converter);
-  return lib.make('voice_create', { inRate, outRate, denoise, speech, conversion });
-}
-
-class Converter extends Processor {
-  constructor(inRate, outRate, { converter = 'clean' } = {}) {
-    super(voice(inRate, outRate, 0, 0, converter), outRate / inRate);
+/** The chain that a recorder has, of which these two are parts. */
+class Voice extends Processor {
+  constructor(inRate, outRate, denoise, speech, converter = 'clean') {
+    lib.demandWholeNumbers({ inRate, outRate });
+    lib.demandNumbers({ strength: denoise });
+    const options = { inRate, outRate, denoise, speech, conversion: lib.conversion(converter) };
+    super(lib.make('voice_create', options), outRate / inRate);
   }
 }
 
-class Denoiser extends Processor {
-  constructor(rate, { outRate = rate, strength = 1, converter = 'clean' } = {}) {
-    super(voice(rate, outRate, strength, 1, converter), outRate / rate);
+class Converter extends Voice {
+  constructor(inRate, outRate, { converter } = {}) {
+    super(inRate, outRate, 0, 0, converter);
+  }
+}
+
+class Denoiser extends Voice {
+  constructor(rate, { outRate = rate, strength = 1, converter } = {}) {
+    super(rate, outRate, strength, 1, converter);
   }
 }
 

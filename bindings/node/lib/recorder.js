@@ -8,7 +8,6 @@ const { enums } = require('./interface');
 const lib = require('./library');
 
 const WAIT_MS = 200; // at most, so that files and other recorders get Node's threads meanwhile
-const MOST_SPEECH = 6000; // probabilities that the library keeps: a minute
 
 const FORMATS = {
   int16: { Samples: Int16Array, read: 'recorder_read_s16' },
@@ -76,7 +75,7 @@ class Recorder {
       rate,
       denoise: strength,
       speech: Number(Boolean(speech)),
-      conversion: lib.numberOf('Conversion', converter),
+      conversion: lib.conversion(converter),
       bufferMs,
       stallMs,
     });
@@ -113,8 +112,7 @@ class Recorder {
 
   speechProbabilities() {
     this.#demandOpen();
-    const taken = new Float32Array(MOST_SPEECH);
-    return taken.slice(0, lib.call('recorder_take_speech', this.#pointer, taken, MOST_SPEECH));
+    return lib.speechTaken('recorder_take_speech', this.#pointer);
   }
 
   // ---- Recording ----
@@ -141,7 +139,8 @@ class Recorder {
 
   open() {
     return this.#inTurn(async () => {
-      this.#check(await lib.callOnThread('recorder_open', this.#pointer, this.#id), OpenError);
+      const status = await lib.callOnThread('recorder_open', this.#pointer, this.#id);
+      if (this.#check(status, OpenError) === 'STOPPED') throw new ClosedError('the recorder was stopped meanwhile');
     });
   }
 

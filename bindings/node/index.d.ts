@@ -38,18 +38,8 @@ export class ReadError extends AudioError {}
 export class ClosedError extends AudioError {}
 
 export type Status =
-  | ''
-  | 'INVALID_STATE'
-  | 'OUT_OF_MEMORY'
-  | 'NO_AUDIO_SYSTEM'
-  | 'NO_INPUT_DEVICE'
-  | 'UNKNOWN_DEVICE'
-  | 'AMBIGUOUS_DEVICE'
-  | 'NOT_AN_INPUT'
-  | 'DEVICE_REFUSED'
-  | 'DEVICE_FAILED'
-  | 'NO_DATA'
-  | 'AUDIO_SYSTEM_STUCK';
+  | '' | 'INVALID_STATE' | 'OUT_OF_MEMORY' | 'NO_AUDIO_SYSTEM' | 'NO_INPUT_DEVICE' | 'UNKNOWN_DEVICE' | 'AMBIGUOUS_DEVICE'
+  | 'NOT_AN_INPUT' | 'DEVICE_REFUSED' | 'DEVICE_FAILED' | 'NO_DATA' | 'AUDIO_SYSTEM_STUCK';
 
 /**
  * Loads the shared library; without a call of yours the first object does. It is looked for at `file`, at the

@@ -4,7 +4,7 @@
 const { OpenError } = require('./errors');
 const { call, callOnThread, check, decode, encode, nameOf, structAt } = require('./library');
 
-const REASON_BYTES = 1 << 16;
+const MOST_BYTES = 1 << 16; // of a text
 
 /** Lists the devices, and gives the list to a function of ours while it exists. */
 async function listed(use) {
@@ -28,11 +28,11 @@ function devices() {
 }
 
 async function findDevice(wanted) {
-  if (typeof wanted !== 'string') throw new TypeError('findDevice() takes an id or a part of one');
+  const id = idOf(wanted);
   return listed((list) => {
     const index = [0];
-    const reason = Buffer.alloc(REASON_BYTES);
-    const status = call('device_list_find', list, encode(wanted), index, reason, reason.length);
+    const reason = Buffer.alloc(MOST_BYTES);
+    const status = call('device_list_find', list, id, index, reason, reason.length);
     check(status, { Kind: OpenError, reason: decode(reason.subarray(0, reason.indexOf(0))) });
     return deviceAt(list, index[0]);
   });
@@ -59,8 +59,7 @@ async function capability() {
 }
 
 function logLines() {
-  const buffer = Buffer.alloc(1 << 16);
-  const english = Buffer.alloc(1 << 12);
+  const [buffer, english] = [Buffer.alloc(MOST_BYTES), Buffer.alloc(MOST_BYTES)];
   const lines = [];
   for (let taken; (taken = call('log_take', buffer, buffer.length)) > 0; ) {
     for (const line of decode(buffer.subarray(0, taken - 1)).split('\n')) {

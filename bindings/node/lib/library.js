@@ -8,13 +8,12 @@ const { inspect, promisify } = require('node:util');
 const { AmbiguousDeviceError, AudioError, LibraryError, UnknownDeviceError } = require('./errors');
 const { enums, functions, structs } = require('./interface');
 
-const NAMES = ['libwrapper_audio_recorder.so.1', 'libwrapper_audio_recorder.so'];
-
+const NAME = 'libwrapper_audio_recorder.so.1';
 const UNIQUE = randomUUID().replaceAll('-', '');
 
 const ADVICE = `\
 Install the package libwrapper-audio1, or build wrapper_audio and name the file:
-  export WRAPPER_AUDIO_LIBRARY=/path/to/libwrapper_audio_recorder.so.1
+  export WRAPPER_AUDIO_LIBRARY=/path/to/${NAME}
 It needs PortAudio, RNNoise and soxr (packages libportaudio2, librnnoise0 and libsoxr0).`;
 
 function openFirst(files) {
@@ -59,7 +58,7 @@ function load(named) {
     throw new LibraryError(`${loadedFrom} is loaded already, so ${named} cannot be`);
   }
   const only = named ?? process.env.WRAPPER_AUDIO_LIBRARY;
-  const candidates = only ? [only] : [...NAMES.map((name) => path.join(__dirname, '..', name)), ...NAMES];
+  const candidates = only ? [only] : [path.join(__dirname, '..', NAME), NAME];
   reserveStack();
   const [opened, file] = openFirst(candidates);
   for (const prototype of functions) {

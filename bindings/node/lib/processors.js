@@ -104,7 +104,6 @@ class Denoiser extends Voice {
 class HighPass extends Processor {
   constructor(cutoffHz, q = 0.707, { rate = 16000 } = {}) {
     lib.demandWholeNumbers({ rate });
-    lib.demandNumbers({ cutoffHz, q });
     super(lib.make('high_pass_create', rate, cutoffHz, q));
   }
 }
@@ -112,14 +111,12 @@ class HighPass extends Processor {
 class GainControl extends Processor {
   constructor(targetDb = -20, releaseMs = 100, { rate = 16000 } = {}) {
     lib.demandWholeNumbers({ rate });
-    lib.demandNumbers({ targetDb, releaseMs });
     super(lib.make('gain_control_create', rate, targetDb, releaseMs));
   }
 }
 
 class DePop extends Processor {
   constructor(coef) {
-    lib.demandNumbers({ coef });
     super(lib.make('depop_create', coef));
   }
 }

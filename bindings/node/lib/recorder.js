@@ -183,13 +183,9 @@ class Recorder {
     return Math.max(1, Math.round((this.rate * this.#blockMs) / 1000));
   }
 
-  blocks({ seconds = Infinity } = {}) {
+  async *blocks({ seconds = Infinity } = {}) {
     if (!(seconds >= 0)) throw new RangeError(`seconds is ${seconds}; it must be 0 or more`);
-    return this.#blocks(Math.round(seconds * this.rate));
-  }
-
-  async *#blocks(left) {
-    for (let block; left > 0; left -= block.length) {
+    for (let left = Math.round(seconds * this.rate), block; left > 0; left -= block.length) {
       try {
         block = await this.read(Math.min(left, this.#blockLength));
       } catch (error) {
@@ -243,17 +239,18 @@ class Meter {
 
   get closed() { return this.#recorder.closed; }
 
-  async read() {
-    await this.#recorder.read();
+  get #level() {
     const { capturedPeak: peak, capturedRms: rms, clipped } = this.#recorder;
     return { peak, rms, clipped };
   }
 
+  async read() {
+    await this.#recorder.read();
+    return this.#level;
+  }
+
   async *[Symbol.asyncIterator]() {
-    for await (const _ of this.#recorder) {
-      const { capturedPeak: peak, capturedRms: rms, clipped } = this.#recorder;
-      yield { peak, rms, clipped };
-    }
+    for await (const _ of this.#recorder) yield this.#level;
   }
 
   close() {

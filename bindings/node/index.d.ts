@@ -1,13 +1,14 @@
 /**
- * Microphone capture as mono samples at the rate you want, with neural noise suppression on every device, a level meter,
- * a device list, and signal processors for your own buffers.
+ * Microphone capture as mono samples at the rate you want, with neural noise suppression on every device, a level
+ * meter, a device list, and signal processors for your own buffers.
  *
  *     const recorder = await Recorder.open({ rate: 16000, denoise: true });
  *     for await (const block of recorder.blocks({ seconds: 5 })) console.log(block.length, recorder.peak);
  *     await recorder.close();
  *
- * 16-bit samples go from -32767 to 32767, and floats have full scale 1.0, which is the same. Levels are linear amplitudes
- * from 0 to 1, rates are in Hz, lengths in samples, times in milliseconds. An argument out of range is a RangeError.
+ * 16-bit samples go from -32767 to 32767, and floats have full scale 1.0, which is the same. Levels are linear
+ * amplitudes from 0 to 1, rates are in Hz, lengths in samples, times in milliseconds. An argument out of range is a
+ * RangeError.
  *
  * The library records on threads of its own. Whatever may wait runs on a thread of Node's pool, a fifth of a second at
  * most where it waits for sound, and gives a promise; the event loop goes on meanwhile. Nothing is printed.
@@ -38,8 +39,8 @@ export class ReadError extends AudioError {}
 export class ClosedError extends AudioError {}
 
 export type Status =
-  | '' | 'INVALID_STATE' | 'OUT_OF_MEMORY' | 'NO_AUDIO_SYSTEM' | 'NO_INPUT_DEVICE' | 'UNKNOWN_DEVICE' | 'AMBIGUOUS_DEVICE'
-  | 'NOT_AN_INPUT' | 'DEVICE_REFUSED' | 'DEVICE_FAILED' | 'NO_DATA' | 'AUDIO_SYSTEM_STUCK';
+  | '' | 'INVALID_STATE' | 'OUT_OF_MEMORY' | 'NO_AUDIO_SYSTEM' | 'NO_INPUT_DEVICE' | 'UNKNOWN_DEVICE'
+  | 'AMBIGUOUS_DEVICE' | 'NOT_AN_INPUT' | 'DEVICE_REFUSED' | 'DEVICE_FAILED' | 'NO_DATA' | 'AUDIO_SYSTEM_STUCK';
 
 /**
  * Loads the shared library; without a call of yours the first object does. It is looked for at `file`, at the
@@ -176,8 +177,8 @@ export class Recorder<Samples extends Int16Array | Float32Array = Int16Array> im
 
   /**
    * Waits until `count` samples have come; without a count, a block of `blockMs`. It returns fewer when the time runs
-   * out, the recorder is stopped or closed, or the device fails. After a stop, once everything has been read, it returns
-   * none; after a failure it throws then.
+   * out, the recorder is stopped or closed, or the device fails. Once everything before a stop has been read, it
+   * returns none; once everything before a failure has, it throws.
    *
    * @throws {ReadError}
    */
@@ -228,8 +229,8 @@ export function logEcho(on?: boolean): void;
 // ---- Signal processors ----
 
 /**
- * A processor takes a stream of samples, full scale 1.0, in blocks of any length and gives a stream back. It works on the
- * thread that calls it: put minutes of sound into a worker.
+ * A processor takes a stream of samples, full scale 1.0, in blocks of any length and gives a stream back. It works on
+ * the thread that calls it: put minutes of sound into a worker.
  */
 declare abstract class Processor {
   /** The most samples that it may keep inside before it gives them. */
@@ -245,7 +246,7 @@ declare abstract class Processor {
   [Symbol.dispose](): void;
 }
 
-/** Converts rates, 100 to 768000 Hz. In all it gives in * outRate / inRate samples, rounded, without delay between them. */
+/** Converts rates, 100 to 768000 Hz. In all it gives in * outRate / inRate samples, and the first belongs to the first. */
 export class Converter extends Processor {
   constructor(inRate: number, outRate: number, options?: { converter?: Conversion });
 }
@@ -268,8 +269,8 @@ export class HighPass extends Processor {
 }
 
 /**
- * Steers the RMS level towards -60 to 0 dB against full scale (-20 if not given), by 20 dB at most, with a time constant
- * of 0 to 60000 ms (100). There is no limiter: the result may exceed 1.
+ * Steers the RMS level towards -60 to 0 dB against full scale (-20 if not given), by 20 dB at most, with a time
+ * constant of 0 to 60000 ms (100). There is no limiter: the result may exceed 1.
  */
 export class GainControl extends Processor {
   constructor(targetDb?: number, releaseMs?: number, options?: BlockRate);

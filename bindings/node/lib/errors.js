@@ -19,4 +19,6 @@ class AmbiguousDeviceError extends OpenError {}
 class ReadError extends AudioError {}
 class ClosedError extends AudioError {}
 
-module.exports = { AmbiguousDeviceError, AudioError, ClosedError, LibraryError, OpenError, ReadError, UnknownDeviceError };
+module.exports = {
+  AmbiguousDeviceError, AudioError, ClosedError, LibraryError, OpenError, ReadError, UnknownDeviceError,
+};

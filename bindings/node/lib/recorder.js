@@ -155,7 +155,7 @@ class Recorder {
   async read(count = this.#blockLength, { timeout = Infinity } = {}) {
     lib.demandWholeNumbers({ count });
     if (count < 0) throw new RangeError(`count is ${count}; it must be 0 or more`);
-    if (!(typeof timeout === 'number' && timeout >= 0)) throw new RangeError(`timeout is ${timeout}; it must be 0 or more`);
+    if (typeof timeout !== 'number' || !(timeout >= 0)) throw new RangeError(`timeout is ${timeout}; it must be >= 0`);
     return this.#inTurn(async () => {
       const samples = new this.#format.Samples(count);
       const end = performance.now() + timeout;

@@ -17,7 +17,7 @@ const {
 const { decode, encode } = require('../lib/library');
 const { heard, run, script } = require('./microphone');
 
-const ONE = { kind: 'input', hostApi: 'ALSA', inputChannels: 1, outputChannels: 1, denoising: 'native' };
+const FIELDS = 'defaultRate denoising hostApi id inputChannels isDefault kind name outputChannels'.split(' ');
 
 test('the list has the two devices of the file microphone', async () => {
   const found = await devices();
@@ -30,7 +30,7 @@ test('the list has the two devices of the file microphone', async () => {
   );
   assert.strictEqual(found[1].defaultRate, 48000);
   assert(found.every(({ inputChannels, outputChannels }) => inputChannels > 0 && outputChannels >= 0));
-  assert.deepStrictEqual(Object.keys(found[0]).sort(), [...Object.keys(ONE), 'id', 'name', 'defaultRate', 'isDefault'].sort());
+  assert.deepStrictEqual(Object.keys(found[0]).sort(), FIELDS);
   assert.strictEqual(await capability(), Capability.INPUT);
 });
 
@@ -80,9 +80,9 @@ test('two devices with one id are told apart', async (t) => {
 
 test('any bytes go through a string and come back', () => {
   const all = Buffer.from(Array.from({ length: 255 }, (_, i) => i + 1));
-  const hostile = [all, 'é€😀', '\u{10ffff}', '\ufeff', '\ufffd'].map((text) => Buffer.from(text));
-  hostile.push(...['c080', 'eda080', 'f4908080', 'e282', 'f09f98', 'ff', 'e2c3a9', ''].map((hex) => Buffer.from(hex, 'hex')));
-  for (const bytes of hostile) {
+  const valid = ['é€😀', '\u{10ffff}', '\ufeff', '\ufffd', ''].map((text) => Buffer.from(text));
+  const invalid = ['c080', 'eda080', 'f4908080', 'e282', 'f09f98', 'ff', 'e2c3a9'];
+  for (const bytes of [all, ...valid, ...invalid.map((hex) => Buffer.from(hex, 'hex'))]) {
     assert.deepStrictEqual(encode(decode(bytes)), Buffer.concat([bytes, Buffer.of(0)]), bytes.toString('hex'));
   }
   assert.strictEqual(decode(Buffer.from('mic é')), 'mic é');

@@ -46,8 +46,8 @@ test('otherwise it is looked for beside the package and in the system', async (t
   const env = { WRAPPER_AUDIO_LIBRARY: '' };
   const library = fs.realpathSync(process.env.WRAPPER_AUDIO_LIBRARY);
   const install = (place) => {
-    fs.copyFileSync(library, path.join(place, 'libwrapper_audio_recorder.so.1'));
-    fs.copyFileSync(path.join(path.dirname(library), 'libwrapper_audio.so.1'), path.join(place, 'libwrapper_audio.so.1'));
+    for (const name of ['libwrapper_audio_recorder.so.1', 'libwrapper_audio.so.1'])
+      fs.copyFileSync(path.join(path.dirname(library), name), path.join(place, name));
   };
   const system = path.join(copy, 'system');
   fs.mkdirSync(system);

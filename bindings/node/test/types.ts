@@ -60,7 +60,8 @@ export async function record(): Promise<number> {
   await recorder.open();
   const block: Int16Array = await recorder.read(320, { timeout: 100 });
   await recorder.close();
-  return total + block.length + speech.length + recorder.dropped + recorder.deviceRate + (how === 'off' ? 0 : 1) + Number(began);
+  total += recorder.dropped + recorder.deviceRate + (how === 'off' ? 0 : 1) + Number(began);
+  return total + block.length + speech.length;
 }
 
 export async function floats(): Promise<Float32Array> {

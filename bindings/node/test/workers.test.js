@@ -87,8 +87,8 @@ test('a recorder that is forgotten is closed with a warning', async () => {
        await wait(10);
      }
      await wait(500);
-     const links = readdirSync('/proc/self/fd').map((fd) => { try { return readlinkSync('/proc/self/fd/' + fd); } catch { return ''; } });
-     console.log(links.filter((link) => link.endsWith('/microphone.f32')).length);`,
+     const target = (fd) => { try { return readlinkSync('/proc/self/fd/' + fd); } catch { return ''; } };
+     console.log(readdirSync('/proc/self/fd').filter((fd) => target(fd).endsWith('/microphone.f32')).length);`,
     { options: ['--expose-gc'] },
   );
   assert.deepStrictEqual([code, stdout], [0, '0\n'], stderr);

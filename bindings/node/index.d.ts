@@ -246,7 +246,7 @@ declare abstract class Processor {
   [Symbol.dispose](): void;
 }
 
-/** Converts rates, 100 to 768000 Hz. In all it gives in * outRate / inRate samples, and the first belongs to the first. */
+/** Converts rates, 100 to 768000 Hz. In all it gives in * outRate / inRate samples; the delay is taken out. */
 export class Converter extends Processor {
   constructor(inRate: number, outRate: number, options?: { converter?: Conversion });
 }

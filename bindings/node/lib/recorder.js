@@ -47,6 +47,7 @@ class Recorder {
   #blockMs;
   #info = {};
   #block = NOTHING;
+  #failed = enums.Status.OK; // or why the last read returned fewer samples, which the next one tells
   #last = Promise.resolve();
   #closing = null;
 
@@ -139,6 +140,7 @@ class Recorder {
 
   open() {
     return this.#inTurn(async () => {
+      this.#failed = enums.Status.OK;
       const status = await lib.callOnThread('recorder_open', this.#pointer, this.#id);
       if (this.#check(status, OpenError) === 'STOPPED') throw new ClosedError('the recorder was stopped meanwhile');
     });
@@ -157,6 +159,9 @@ class Recorder {
     if (count < 0) throw new RangeError(`count is ${count}; it must be 0 or more`);
     if (typeof timeout !== 'number' || !(timeout >= 0)) throw new RangeError(`timeout is ${timeout}; it must be >= 0`);
     return this.#inTurn(async () => {
+      const before = this.#failed;
+      this.#failed = enums.Status.OK;
+      this.#check(before, ReadError);
       const samples = new this.#format.Samples(count);
       const end = performance.now() + timeout;
       let read = NOTHING;
@@ -174,6 +179,7 @@ class Recorder {
         this.#check(status, ReadError);
         return samples.slice(0, 0);
       }
+      if (status < 0) this.#failed = status;
       this.#block = read;
       return read.count < count ? samples.slice(0, read.count) : samples;
     });

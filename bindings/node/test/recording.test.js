@@ -223,6 +223,20 @@ test('a device that delivers nothing is an error after a while', async (t) => {
   assert(elapsed < 1500, `it took ${elapsed} ms`);
 });
 
+test('a device that falls silent gives what came before, and is an error then', async (t) => {
+  script(t, { MICROPHONE_PACED: '1' });
+  const mic = await recorder(t, { rate: 48000, stallMs: 1000 });
+  const reading = mic.read(480000);
+  await wait(300);
+  script(t, { MICROPHONE_STALLS_AFTER: '0' });
+  const some = await reading;
+  assert(some.length > 4800 && some.length < 48000, `${some.length} samples`);
+  assert.deepStrictEqual(some, heard.slice(0, some.length));
+  const silent = (error) => error instanceof ReadError && error.status === 'NO_DATA';
+  assert((await took(() => assert.rejects(mic.read(), silent))) < 200, 'the next read tells at once');
+  assert((await took(() => assert.rejects(mic.read(), silent))) > 800, 'and the one after waits anew');
+});
+
 test('closing ends a read that waits and turns the others away', async (t) => {
   script(t, { MICROPHONE_PACED: '1' });
   const mic = await recorder(t, { rate: 48000 });

@@ -19,6 +19,9 @@ using namespace std::chrono_literals;
 
 constexpr auto stopping_patience = 900ms;
 
+// Of the core's samples: the largest positive sample of a 16-bit device is a 32768th short of full scale.
+constexpr int full_scale = 32766;
+
 std::atomic<uint32_t> g_abandoned_threads{0};
 
 // With all signals blocked, so that they reach the host's own threads.
@@ -66,7 +69,7 @@ void history::add_captured(std::span<const int16_t> pcm) {
             const float x = from_s16(sample);
             levels.peak = std::max(levels.peak, std::fabs(x));
             levels.squares += static_cast<double>(x * x);
-            levels.clipped += std::abs(sample) == 32767 ? 1 : 0;
+            levels.clipped += std::abs(sample) >= full_scale ? 1 : 0;
         }
         levels.count += static_cast<int32_t>(part.size());
         captured_ += part.size();

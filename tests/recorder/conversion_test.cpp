@@ -6,8 +6,6 @@
 #include "signals.h"
 
 #include <cmath>
-#include <complex>
-#include <limits>
 #include <numbers>
 #include <random>
 
@@ -229,50 +227,6 @@ TEST(linear_conversion, by_hand) {
     EXPECT_EQ(whole(twice, std::vector{1.0F, 2.0F, 4.0F}), (std::vector{1.0F, 1.5F, 2.0F, 3.0F, 4.0F, 4.0F}));
     const wrapper_audio_voice_options two_thirds{300, 200, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR};
     EXPECT_EQ(whole(two_thirds, std::vector{1.0F, 2.0F, 4.0F, 8.0F}), (std::vector{1.0F, 3.0F, 8.0F}));
-}
-
-// ---- Samples that are none ----
-
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
-
-const std::vector<wrapper_audio_voice_options> every_kind = {
-    {44100, 44100, 0.0F, 0, 0}, {44100, 16000, 0.0F, 0, 0}, {16000, 48000, 0.0F, 0, 1}, {48000, 16000, 0.0F, 0, 1},
-    {48000, 48000, 1.0F, 0, 0}, {48000, 48000, 0.0F, 1, 0}, {44100, 16000, 1.0F, 0, 0}, {8000, 11025, 0.5F, 0, 1}};
-
-TEST(strange_samples, those_that_are_no_number_count_as_silence) {
-    std::mt19937 random(8);
-    for (const auto& options : every_kind) {
-        auto in = signals::noise(random, 9000, 0.5F);
-        auto silenced = in;
-        for (std::size_t i = 0; i < in.size(); i += random() % 300 + 1) {
-            const float strange[] = {nan, -nan, infinity, -infinity};
-            in[i] = strange[random() % 4];
-            silenced[i] = 0.0F;
-        }
-        in.back() = nan; // which is drawn on where lines are drawn
-        silenced.back() = 0.0F;
-        const auto processor = voice(options);
-        const auto out = whole(processor, in);
-        const auto speech = take_speech(processor);
-        const auto expected = whole(processor, silenced);
-        ASSERT_EQ(out.size(), expected.size());
-        EXPECT_TRUE(same(out.data(), expected)) << options;
-        EXPECT_EQ(speech, take_speech(processor)) << options;
-        EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](float x) { return std::isfinite(x); })) << options;
-    }
-}
-
-TEST(strange_samples, denormal_ones_and_full_scale_squares_give_ordinary_numbers) {
-    for (const auto& options : every_kind) {
-        std::vector<float> in(9000, std::numeric_limits<float>::denorm_min());
-        for (const float x : whole(options, in))
-            EXPECT_LE(std::abs(x), 1e-6F) << options;
-        for (std::size_t i = 0; i < in.size(); ++i)
-            in[i] = i / 37 % 2 == 0 ? 1.0F : -1.0F;
-        for (const float x : whole(options, in))
-            EXPECT_LE(std::abs(x), 1.5F) << options;
-    }
 }
 
 } // namespace

@@ -188,41 +188,44 @@ TEST(speech, tells_sentences_from_the_noise_around_them) {
                 sum += static_cast<double>(speech[i]);
             return sum / static_cast<double>(last - first);
         };
-        printf("%d: %g %g %g\n", rate, mean(0, 75), mean(90, 240), mean(550, 600));
-        EXPECT_LT(mean(0, 75), 0.2) << rate;
+        EXPECT_LT(mean(0, 75), 0.3) << rate;
         EXPECT_GT(mean(90, 240), 0.8) << rate;
-        EXPECT_LT(mean(550, 600), 0.2) << rate;
+        EXPECT_LT(mean(550, 600), 0.01) << rate;
     }
 }
 
 // ---- At every other rate ----
 
+// There is no recording of the voice alone, so the yardstick is what the noise suppression makes of the same sound at
+// 48000 Hz. A ratio of 60 dB says that a thousandth of its amplitude differs: next to what is wrong with any denoised
+// voice (13 dB of noise before, some 20 dB of distortion after) the way through 44100 Hz changes less than 0.1 dB.
 TEST(denoising, at_44100_is_that_of_48000) {
-    // There is no recording of the voice alone; so the yardstick is what the noise suppression makes of the sound at
-    // 48000 Hz. 0.5 dB off would leave a ratio of 25 dB.
     const auto in = speech_in_noise();
     const auto native = whole({48000, 48000, 1.0F, 0, 0}, in);
-    const auto out = whole({44100, 48000, 1.0F, 0, 0}, converted(in, 48000, 44100));
+    const auto at_44100 = converted(in, 48000, 44100);
+    const auto out = whole({44100, 48000, 1.0F, 0, 0}, at_44100);
     ASSERT_EQ(out.size(), native.size());
-    printf("si_sdr %g\n", si_sdr(out, native));
-    EXPECT_GT(si_sdr(out, native), 20.0);
-    const auto both = whole({44100, 44100, 1.0F, 0, 0}, converted(in, 48000, 44100));
-    printf("si_sdr %g\n", si_sdr(both, converted(native, 48000, 44100)));
-    EXPECT_GT(si_sdr(both, converted(native, 48000, 44100)), 20.0);
+    EXPECT_GT(si_sdr(out, native), 55.0); // 62.9 was measured
+    EXPECT_GT(si_sdr(whole({44100, 44100, 1.0F, 0, 0}, at_44100), converted(native, 48000, 44100)), 55.0);
+    EXPECT_LT(si_sdr(in, native), 30.0); // which a chain that did nothing would have
 }
 
 TEST(denoising, silences_the_pauses_and_leaves_the_voice_at_every_rate) {
     const auto in = speech_in_noise();
     for (const int32_t rate : {48000, 44100, 22050, 16000, 8000}) {
-        for (const int32_t conversion : {0, 1}) {
+        for (const int32_t conversion : {WRAPPER_AUDIO_CONVERSION_CLEAN, WRAPPER_AUDIO_CONVERSION_LINEAR}) {
+            if (rate == 48000 && conversion == WRAPPER_AUDIO_CONVERSION_LINEAR) continue; // nothing is converted
             const auto before = rate == 48000 ? in : converted(in, 48000, rate);
             const auto out = whole({rate, rate, 1.0F, 0, conversion}, before);
             ASSERT_EQ(out.size(), before.size());
-            printf("%d: pause %.1f %.1f dB, voice %.2f dB, %.2f lag %d\n", rate,
-                   level_db(before, rate, 0.3, 0.75) - level_db(out, rate, 0.3, 0.75),
-                   level_db(before, rate, 5.5, 6.0) - level_db(out, rate, 5.5, 6.0),
-                   level_db(before, rate, 0.9, 2.4) - level_db(out, rate, 0.9, 2.4),
-                   level_db(before, rate, 3.0, 5.0) - level_db(out, rate, 3.0, 5.0), lag(out, before, 100));
+            const auto falls = [&](double from, double to) {
+                return level_db(before, rate, from, to) - level_db(out, rate, from, to);
+            };
+            EXPECT_GT(falls(0.3, 0.75), 30.0) << rate << ", conversion " << conversion;
+            EXPECT_GT(falls(5.5, 6.0), 30.0) << rate << ", conversion " << conversion;
+            EXPECT_NEAR(falls(0.9, 2.4), 0.0, 1.5) << rate << ", conversion " << conversion;
+            EXPECT_NEAR(falls(3.0, 5.0), 0.0, 1.5) << rate << ", conversion " << conversion;
+            EXPECT_EQ(lag(out, before, 50), 0) << rate << ", conversion " << conversion;
         }
     }
 }

@@ -10,7 +10,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <limits>
-#include <thread>
 
 namespace recorder {
 
@@ -24,18 +23,19 @@ std::atomic<uint32_t> g_abandoned_threads{0};
 
 // With all signals blocked, so that they reach the host's own threads.
 template <typename Action>
-void start_thread(Action action) {
+std::thread start_thread(Action action) {
     sigset_t all;
     sigset_t former;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &former);
     try {
-        std::thread(std::move(action)).detach();
+        std::thread started(std::move(action));
+        pthread_sigmask(SIG_SETMASK, &former, nullptr);
+        return started;
     } catch (...) {
         pthread_sigmask(SIG_SETMASK, &former, nullptr);
         throw;
     }
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
 }
 
 uint64_t divided_up(uint64_t a, uint64_t b) {
@@ -122,17 +122,30 @@ std::size_t history::take_speech(float* probabilities, std::size_t capacity) {
 
 // ---- Opening ----
 
+capture::~capture() {
+    if (thread_.joinable()) thread_.detach(); // it may be this one
+}
+
+// The thread has nothing left to do. Leaves the lock for a moment.
+void capture::join(std::unique_lock<std::mutex>& hold) {
+    std::thread thread = std::move(thread_);
+    hold.unlock();
+    if (thread.joinable()) thread.join();
+    hold.lock();
+}
+
 void capture::open() {
-    start_thread([self = shared_from_this()] { self->run(); });
     std::unique_lock hold{mutex_};
+    thread_ = start_thread([self = shared_from_this()] { self->run(); });
     const auto patience = opening_patience + stopping_patience;
-    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || left_behind_; };
+    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || (left_behind_ && state_ == state::ended); };
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();
         throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a device has not opened "
                                                         "within 10 seconds"};
     }
+    if (thread_gone_) join(hold);
     if (stop_requested_) throw failure{WRAPPER_AUDIO_STOPPED};
     if (!buffer_) throw ended_by_;
 }
@@ -144,7 +157,10 @@ void capture::run() noexcept {
     try {
         {
             const audio_system_lock lock{opening_patience};
-            opened.emplace(device_id_, options_.denoise > 0.0F || options_.speech != 0, log);
+            // A device at the rate that is wanted needs no conversion. Any other is best taken at 48000 Hz: sound servers
+            // run at it, and would convert themselves, and less cleanly.
+            const bool denoises = options_.denoise > 0.0F || options_.speech != 0;
+            opened.emplace(device_id_, denoises ? denoiser_rate : options_.rate, log);
         }
         begin(*opened);
         std::vector<int16_t> pcm(static_cast<std::size_t>(int64_t{opened->rate()} * microphone::block_ms / 1000 + 1));
@@ -306,6 +322,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
             constexpr uint64_t most = std::numeric_limits<uint32_t>::max();
             block.dropped = static_cast<uint32_t>(std::min(block.dropped + piece.lost, most));
             if (piece.count == 0) break;
+            if (!pcm.empty()) std::transform(samples, samples + piece.count, samples, to_full_scale);
             numeric::add_levels(sums, samples, static_cast<int32_t>(piece.count));
             if (!pcm.empty())
                 std::transform(samples, samples + piece.count, pcm.data() + done, to_s16);
@@ -323,7 +340,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
             status = ended_by_.status;
         } else if (stall && now >= *stall) {
             status = WRAPPER_AUDIO_NO_DATA;
-            waits_since_ = now;
+            if (done == 0) waits_since_ = now; // otherwise the next read tells it again, at once
         } else if (now >= deadline) {
             status = WRAPPER_AUDIO_TIMEOUT;
         }
@@ -351,7 +368,10 @@ wrapper_audio_status capture::stop() {
         stopped_ = true;
         stop_requested_ = true;
         changed_.notify_all();
-        if (changed_.wait_for(hold, stopping_patience, [&] { return thread_gone_; })) return WRAPPER_AUDIO_OK;
+        if (changed_.wait_for(hold, stopping_patience, [&] { return thread_gone_; })) {
+            join(hold);
+            return WRAPPER_AUDIO_OK;
+        }
         leave_behind();
     }
     end({WRAPPER_AUDIO_STOPPED});

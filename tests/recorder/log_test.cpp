@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -311,31 +310,44 @@ std::string in_english(const std::string& line) {
     return text;
 }
 
-// Every text in a source that begins as a line of the core, its pieces put together.
+// The text at a quotation mark and those that follow upon it, put together.
+std::string literal(std::string_view code) {
+    std::string text;
+    while (code.front() == '"') {
+        for (code.remove_prefix(1); code.front() != '"'; code.remove_prefix(1)) {
+            const bool escape = code.front() == '\\';
+            if (escape) code.remove_prefix(1);
+            text += escape && code.front() == 'n' ? '\n' : code.front();
+        }
+        code.remove_prefix(code.find_first_not_of(" \n", 1));
+    }
+    return text;
+}
+
+// Every text in a source that begins as a line of the core does.
 std::vector<std::string> formats(const std::string& source) {
     std::ifstream file(source);
     const std::string code{std::istreambuf_iterator<char>(file), {}};
     std::vector<std::string> all;
-    const std::regex begin(R"re("\[(audio_wrapper|dsp)\] )re");
-    for (std::sregex_iterator found(code.begin(), code.end(), begin), end; found != end; ++found) {
-        std::string text;
-        for (auto at = static_cast<std::size_t>(found->position()); code[at] == '"';) {
-            for (++at; code[at] != '"'; ++at) {
-                const bool escape = code[at] == '\\';
-                at += escape ? 1 : 0;
-                text += escape && code[at] == 'n' ? '\n' : code[at];
-            }
-            at = code.find_first_not_of(" \n", at + 1);
-        }
-        all.push_back(text);
+    for (std::size_t at = code.find("\"["); at != std::string::npos; at = code.find("\"[", at + 1)) {
+        const std::string text = literal(std::string_view(code).substr(at));
+        if (text.starts_with("[audio_wrapper] ") || text.starts_with("[dsp] ")) all.push_back(text);
     }
     return all;
 }
 
 // With something plain for every argument.
-std::string filled_in(const std::string& format) {
-    const std::string texts = std::regex_replace(format, std::regex("%s"), "Some words (2)");
-    return std::regex_replace(texts, std::regex(R"(%(\.\d)?[df])"), "48000");
+std::string filled_in(std::string_view format) {
+    std::string line;
+    for (; !format.empty(); format.remove_prefix(1)) {
+        if (format.front() != '%') {
+            line += format.front();
+            continue;
+        }
+        format.remove_prefix(format.find_first_of("sdf"));
+        line += format.front() == 's' ? "Some words (2)" : "48000";
+    }
+    return line;
 }
 
 TEST(english, is_there_for_every_line_of_the_core) {

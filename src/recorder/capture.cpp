@@ -10,7 +10,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <limits>
-#include <thread>
 
 namespace recorder {
 
@@ -24,18 +23,19 @@ std::atomic<uint32_t> g_abandoned_threads{0};
 
 // With all signals blocked, so that they reach the host's own threads.
 template <typename Action>
-void start_thread(Action action) {
+std::thread start_thread(Action action) {
     sigset_t all;
     sigset_t former;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &former);
     try {
-        std::thread(std::move(action)).detach();
+        std::thread started(std::move(action));
+        pthread_sigmask(SIG_SETMASK, &former, nullptr);
+        return started;
     } catch (...) {
         pthread_sigmask(SIG_SETMASK, &former, nullptr);
         throw;
     }
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
 }
 
 uint64_t divided_up(uint64_t a, uint64_t b) {
@@ -96,6 +96,7 @@ void history::report(uint64_t end, wrapper_audio_block& block) {
     const uint64_t known = divided_up(captured_ * 100, static_cast<uint64_t>(rate_));
     end = std::min(end, known);
     if (reported_ < end) last_ = {};
+    reported_ = std::max(reported_, known - std::min<uint64_t>(known, levels_.size())); // what is still kept
     for (; reported_ < end; ++reported_) {
         const captured_levels& levels = levels_[reported_ % levels_.size()];
         last_.peak = std::max(last_.peak, levels.peak);
@@ -121,20 +122,32 @@ std::size_t history::take_speech(float* probabilities, std::size_t capacity) {
 
 // ---- Opening ----
 
+capture::~capture() {
+    if (thread_.joinable()) thread_.detach(); // it may be this one
+}
+
+// The thread has nothing left to do. Leaves the lock for a moment.
+void capture::join(std::unique_lock<std::mutex>& hold) {
+    std::thread thread = std::move(thread_);
+    hold.unlock();
+    if (thread.joinable()) thread.join();
+    hold.lock();
+}
+
 void capture::open() {
-    start_thread([self = shared_from_this()] { self->run(); });
     std::unique_lock hold{mutex_};
+    thread_ = start_thread([self = shared_from_this()] { self->run(); });
     const auto patience = opening_patience + stopping_patience;
-    const auto is_over = [&] { return state_ == state::recording || thread_gone_; };
+    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || left_behind_; };
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();
         throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a device has not opened "
                                                         "within 10 seconds"};
     }
-    const bool has_recorded = buffer_.has_value();
-    if (!has_recorded) throw ended_by_;
+    if (thread_gone_) join(hold);
     if (stop_requested_) throw failure{WRAPPER_AUDIO_STOPPED};
+    if (!buffer_) throw ended_by_;
 }
 
 void capture::run() noexcept {
@@ -152,12 +165,12 @@ void capture::run() noexcept {
             const auto count = static_cast<std::size_t>(opened->read(pcm, log));
             keep(std::span(pcm).first(count));
         }
-    } catch (const failure& failed) {
-        reason = failed;
+    } catch (failure& failed) {
+        reason = std::move(failed);
     } catch (const std::bad_alloc&) {
         reason.status = WRAPPER_AUDIO_OUT_OF_MEMORY;
     }
-    end(reason);
+    end(std::move(reason));
     if (opened) {
         const audio_system_lock lock;
         opened.reset();
@@ -195,7 +208,7 @@ void capture::begin(const microphone& opened) {
     buffer_.emplace(capacity);
     history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
     loss_watch_.emplace(opened.rate());
-    began_ = clock::now();
+    began_ = opened.opened_at();
     if (stop_requested_) return;
     state_ = state::recording;
     changed_.notify_all();
@@ -254,20 +267,20 @@ void capture::store(std::span<const float> samples) {
     changed_.notify_all();
 }
 
-void capture::end(const failure& reason) {
+void capture::end(failure reason) {
     const std::lock_guard chain{chain_mutex_};
     if (chain_ != nullptr && !has_ended()) {
+        processed_.clear();
         try {
-            processed_.clear();
             chain_->flush(processed_);
-            store(processed_);
-        } catch (const std::bad_alloc&) { // what is inside is lost
+        } catch (const std::bad_alloc&) { // what has not come by then is lost
         }
+        store(processed_);
     }
     const std::lock_guard hold{mutex_};
     if (state_ == state::ended) return;
     state_ = state::ended;
-    ended_by_ = reason;
+    ended_by_ = std::move(reason);
     changed_.notify_all();
 }
 
@@ -277,6 +290,7 @@ void capture::leave_behind() {
     if (left_behind_) return;
     left_behind_ = true;
     ++g_abandoned_threads;
+    changed_.notify_all();
 }
 
 std::optional<capture::clock::time_point> capture::stalls_at() const {
@@ -292,7 +306,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
     numeric::level_sums sums;
     std::size_t done = 0;
     std::unique_lock hold{mutex_};
-    if (state_ == state::opening) return WRAPPER_AUDIO_INVALID_STATE;
+    if (!buffer_) return WRAPPER_AUDIO_INVALID_STATE;
     block.position = buffer_->position();
 
     const auto take = [&] {
@@ -350,7 +364,10 @@ wrapper_audio_status capture::stop() {
         stopped_ = true;
         stop_requested_ = true;
         changed_.notify_all();
-        if (changed_.wait_for(hold, stopping_patience, [&] { return thread_gone_; })) return WRAPPER_AUDIO_OK;
+        if (changed_.wait_for(hold, stopping_patience, [&] { return thread_gone_; })) {
+            join(hold);
+            return WRAPPER_AUDIO_OK;
+        }
         leave_behind();
     }
     end({WRAPPER_AUDIO_STOPPED});

@@ -15,6 +15,7 @@ constexpr int64_t second = 1'000'000'000;
 std::atomic<bool> g_frozen{false};
 std::atomic<bool> g_waits_pass{false};
 std::atomic<int64_t> g_time{0}; // while it stands still
+std::atomic<int> g_waiting{0};
 
 int64_t machines_time() {
     timespec time{};
@@ -61,6 +62,10 @@ void let_waits_pass(bool pass) {
     g_waits_pass = pass;
 }
 
+int waiting() {
+    return g_waiting;
+}
+
 } // namespace test_clock
 
 using namespace test_clock;
@@ -80,7 +85,9 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
                                   const timespec* end) {
     if (!g_frozen) return __real_pthread_cond_clockwait(condition, mutex, clock, end);
     const timespec soon = as_timespec(machines_time() + second / 100);
+    ++g_waiting;
     const int result = __real_pthread_cond_clockwait(condition, mutex, clock, &soon);
+    --g_waiting;
     return result != ETIMEDOUT ? result : is_over(from_timespec(*end)) ? ETIMEDOUT : 0;
 }
 

@@ -20,4 +20,7 @@ void skip(nanoseconds time);
 // While it stands still: what waits until a time and is not woken soon, has waited until then.
 void let_waits_pass(bool pass);
 
+// How many threads wait until a time.
+int waiting();
+
 } // namespace test_clock

@@ -138,7 +138,7 @@ void capture::open() {
     std::unique_lock hold{mutex_};
     thread_ = start_thread([self = shared_from_this()] { self->run(); });
     const auto patience = opening_patience + stopping_patience;
-    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || left_behind_; };
+    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || (left_behind_ && state_ == state::ended); };
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();
@@ -322,6 +322,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
             constexpr uint64_t most = std::numeric_limits<uint32_t>::max();
             block.dropped = static_cast<uint32_t>(std::min(block.dropped + piece.lost, most));
             if (piece.count == 0) break;
+            if (!pcm.empty()) std::transform(samples, samples + piece.count, samples, to_full_scale);
             numeric::add_levels(sums, samples, static_cast<int32_t>(piece.count));
             if (!pcm.empty())
                 std::transform(samples, samples + piece.count, pcm.data() + done, to_s16);

@@ -78,12 +78,12 @@ PaError result_of(const std::string& function, scripted_fault fault) {
 class alone {
 public:
     explicit alone(const char* function) {
-        {
-            const std::lock_guard hold{world().guard};
-            if (world().layered && world().opening_or_closing++ > 0)
-                violation(text(function, " while another thread opens or closes"));
-        }
-        if (world().entering) world().entering(function);
+        std::unique_lock hold{world().guard};
+        if (world().layered && world().opening_or_closing++ > 0)
+            violation(text(function, " while another thread opens or closes"));
+        const auto entering = world().entering;
+        hold.unlock();
+        if (entering) entering(function);
     }
     ~alone() {
         const std::lock_guard hold{world().guard};

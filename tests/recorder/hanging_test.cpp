@@ -30,9 +30,9 @@ protected:
 
     // A call of this function hangs until `place` is opened.
     void hang_in(const std::string& function) {
-        world().entering = [=, this](const std::string& called) {
+        before_each([=, this](const std::string& called) {
             if (called == function) place.pass();
-        };
+        });
     }
 
     gate place;
@@ -129,7 +129,7 @@ TEST_F(hanging_device, may_hang_while_it_is_given_back) {
         EXPECT_EQ(wrapper_audio_device_list_create(&list), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
         EXPECT_EQ(list, nullptr);
         test_clock::let_waits_pass(false);
-        world().entering = nullptr;
+        before_each(nullptr);
         place.open();
         EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
         EXPECT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_OK);
@@ -162,7 +162,7 @@ TEST_F(hanging_device, that_does_not_open_is_left_behind_after_10_seconds) {
     wrapper_audio_recorder_free(other);
 
     test_clock::let_waits_pass(false);
-    world().entering = nullptr;
+    before_each(nullptr);
     place.open();
     EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
     EXPECT_TRUE(soon(no_device_is_held)) << "a device that opens too late is given back";
@@ -186,7 +186,7 @@ TEST_F(hanging_device, that_opens_late_can_be_stopped_by_another_thread) {
     opener.join();
     EXPECT_TRUE(opened == WRAPPER_AUDIO_STOPPED || opened == WRAPPER_AUDIO_OK) << opened;
     EXPECT_TRUE(soon(no_device_is_held));
-    world().entering = nullptr;
+    before_each(nullptr);
     EXPECT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_OK);
 }
 
@@ -223,10 +223,6 @@ protected:
     void deliver(uint64_t end) {
         microphone.hang_after(end);
         ASSERT_TRUE(has_captured(end));
-        ASSERT_TRUE(soon([&] { return info().captured == end; }));
-        // The last of it is stored a little later.
-        const reading nothing = read(0);
-        ASSERT_EQ(nothing.status, WRAPPER_AUDIO_OK);
     }
 };
 
@@ -242,7 +238,6 @@ TEST_F(late_host, loses_samples_of_a_device_and_learns_which) {
     microphone.hang_after(0);
     record({.rate = 16000, .buffer_ms = 100});
     deliver(16320);
-    ASSERT_TRUE(soon([&] { return info().available > 1600; }));
     const uint64_t kept = info().available;
     EXPECT_GE(kept, 1600U) << "100 ms are kept at least";
     EXPECT_LE(kept, 1600U + 2 * 480U);
@@ -278,7 +273,6 @@ TEST_F(late_host, learns_of_a_loss_before_the_first_sample_of_a_read) {
     microphone.hang_after(0);
     record({.rate = 16000, .buffer_ms = 100});
     deliver(16320);
-    ASSERT_TRUE(soon([&] { return info().available > 1600; }));
     const uint64_t kept = info().available;
     read(kept);
     const reading late = read(1, 0);
@@ -327,7 +321,6 @@ TEST_F(late_host, is_told_the_levels_and_the_speech_of_what_it_reads) {
     microphone.hang_after(0);
     record({.rate = 48000, .buffer_ms = 100});
     deliver(667 * block);
-    ASSERT_TRUE(soon([&] { return info().available > 4800; }));
     read(info().available);
     microphone.hang_after(669 * block);
     const reading got = read(480);

@@ -186,6 +186,22 @@ TEST_F(reading_samples, converts_as_the_voice_chain_does) {
 
 // ---- Levels and speech ----
 
+TEST_F(reading_samples, tells_the_levels_of_what_it_returns) {
+    world().denoiser = [](float* frame) { std::for_each_n(frame, 480, [](float& x) { x *= 4.0F; }); };
+    microphone.sound = [](uint64_t n) { return n % 2 == 0 ? 0.5F : -0.5F; };
+    record({.rate = 48000, .denoise = 1.0F});
+    const reading got = read(960);
+    EXPECT_THAT(got.pcm, Each(testing::AnyOf(32767, -32767)));
+    EXPECT_EQ(got.block.peak, 1.0F);
+    EXPECT_EQ(got.block.rms, 1.0F);
+    EXPECT_EQ(got.block.clipped, 0U) << "the device is at half of full scale";
+    float floats[960];
+    wrapper_audio_block told;
+    ASSERT_EQ(wrapper_audio_recorder_read_f32(recorder, floats, 960, -1, &told), WRAPPER_AUDIO_OK);
+    EXPECT_NEAR(told.peak, 2.0F, 1e-3F) << "floats are not limited";
+    EXPECT_NEAR(told.rms, 2.0F, 1e-3F);
+}
+
 TEST_F(reading_samples, tells_the_levels_before_and_after_denoising) {
     world().denoiser = [](float* frame) { std::fill_n(frame, 480, 0.0F); };
     // 20 ms at half of full scale, then 10 ms at a quarter, in turn.

@@ -32,6 +32,12 @@ public:
     }
     void go_on() { hang_after(UINT64_MAX); }
 
+    // Whether somebody hangs in it, with everything before in the layer's hands.
+    bool hangs() {
+        const std::lock_guard hold{mutex_};
+        return hanging_ > 0;
+    }
+
     // It is pulled out once it has delivered so many samples.
     void fail_after(uint64_t samples) { fails_at_ = samples; }
 
@@ -46,7 +52,9 @@ public:
     PaError operator()(const fake::stream& from, float* samples, unsigned long count) {
         {
             std::unique_lock hold{mutex_};
+            ++hanging_;
             changed_.wait(hold, [&] { return from.delivered + count <= limit_; });
+            --hanging_;
         }
         if (from.delivered + count > fails_at_) return paUnanticipatedHostError;
         if (keeps_time)
@@ -61,6 +69,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     uint64_t limit_ = UINT64_MAX;
+    int hanging_ = 0;
     std::atomic<uint64_t> fails_at_{UINT64_MAX};
 };
 
@@ -206,8 +215,15 @@ protected:
         return copied;
     }
 
-    bool has_captured(uint64_t samples) const {
-        return soon([&] { return info().captured >= samples; });
+    // Waits until the microphone has delivered so many samples, and hangs.
+    bool has_captured(uint64_t samples) {
+        return soon([&] { return info().captured == samples && microphone.hangs(); });
+    }
+
+    // What calls into PortAudio that open or close do first.
+    static void before_each(std::function<void(const std::string& function)> action) {
+        const std::lock_guard hold{fake::world().guard};
+        fake::world().entering = std::move(action);
     }
 
     scripted_microphone microphone;

@@ -245,15 +245,17 @@ TEST_F(reading_samples, tells_levels_where_10_ms_are_no_whole_number_of_samples)
 TEST_F(reading_samples, counts_what_is_at_full_scale_on_either_side) {
     microphone.sound = [](uint64_t n) {
         const uint64_t at = n % 4800;
-        return at == 10 ? 1.0F : at == 479 ? -1.5F : at == 480 ? 1.0F : at == 481 ? 32766.5F / 32767.0F : 0.5F;
+        if (at == 481) return as_float(32766); // the largest sample of a 16-bit device
+        if (at == 482) return as_float(-32765);
+        return at == 10 ? 1.0F : at == 479 ? -1.5F : at == 480 ? -1.0F : 0.5F;
     };
     record({.rate = 48000, .denoise = 1.0F});
     EXPECT_EQ(read(480).block.clipped, 2U);
-    EXPECT_EQ(read(480).block.clipped, 1U);
+    EXPECT_EQ(read(480).block.clipped, 2U);
     EXPECT_EQ(read(3840).block.clipped, 0U);
     EXPECT_EQ(read(1).block.clipped, 2U) << "the 10 ms have begun";
     EXPECT_EQ(read(479).block.clipped, 0U);
-    EXPECT_EQ(read(480).block.clipped, 1U);
+    EXPECT_EQ(read(480).block.clipped, 2U);
 }
 
 TEST_F(reading_samples, does_not_know_of_speech_unless_it_is_asked) {

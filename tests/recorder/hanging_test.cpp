@@ -370,8 +370,8 @@ TEST_F(late_host, has_no_stall_while_a_file_waits_for_it) {
 
 TEST_F(late_host, learns_of_what_was_lost_inside_the_system) {
     microphone.keeps_time = true;
-    record({.rate = 16000});
     microphone.hang_after(32640);
+    record({.rate = 16000});
     ASSERT_EQ(read(32000).status, WRAPPER_AUDIO_OK);
     test_clock::skip(milliseconds(500)); // nobody will ever hear these
     uint64_t dropped = 0;

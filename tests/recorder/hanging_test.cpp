@@ -381,7 +381,6 @@ TEST_F(late_host, learns_of_what_was_lost_inside_the_system) {
     EXPECT_NEAR(static_cast<double>(dropped), 8000.0, 100.0);
     EXPECT_EQ(info().dropped, dropped);
     EXPECT_EQ(info().read, 64000U);
-    wrapper_audio_recorder_stop(recorder);
 }
 
 } // namespace

@@ -333,6 +333,7 @@ TEST_F(reading_samples, returns_what_there_is_when_the_time_runs_out) {
     EXPECT_EQ(late.block.position, block);
     EXPECT_EQ(late.block.rms, 0.0F);
     EXPECT_EQ(std::chrono::steady_clock::now() - before, milliseconds(250));
+    test_clock::let_waits_pass(false);
     microphone.go_on();
     EXPECT_EQ(read(100).status, WRAPPER_AUDIO_OK);
 }
@@ -356,6 +357,7 @@ TEST_F(reading_samples, tells_that_no_data_come_over_any_number_of_reads) {
         EXPECT_EQ(std::chrono::steady_clock::now() - before, milliseconds(100));
     }
     EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_REASON), "") << "the recording goes on";
+    test_clock::let_waits_pass(false);
     microphone.go_on();
     const reading again = read(100);
     EXPECT_EQ(again.status, WRAPPER_AUDIO_OK);

@@ -151,6 +151,7 @@ TEST_F(hanging_device, that_does_not_open_is_left_behind_after_10_seconds) {
     EXPECT_GE(now() - before, milliseconds(10000));
     EXPECT_LE(now() - before, milliseconds(11000));
     EXPECT_THAT(text(WRAPPER_AUDIO_TEXT_REASON), HasSubstr("10 seconds"));
+    place.wait_for_somebody();
     EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
     EXPECT_EQ(read(1).status, WRAPPER_AUDIO_INVALID_STATE);
 

@@ -96,6 +96,7 @@ void history::report(uint64_t end, wrapper_audio_block& block) {
     const uint64_t known = divided_up(captured_ * 100, static_cast<uint64_t>(rate_));
     end = std::min(end, known);
     if (reported_ < end) last_ = {};
+    reported_ = std::max(reported_, known - std::min<uint64_t>(known, levels_.size())); // what is still kept
     for (; reported_ < end; ++reported_) {
         const captured_levels& levels = levels_[reported_ % levels_.size()];
         last_.peak = std::max(last_.peak, levels.peak);
@@ -125,16 +126,15 @@ void capture::open() {
     start_thread([self = shared_from_this()] { self->run(); });
     std::unique_lock hold{mutex_};
     const auto patience = opening_patience + stopping_patience;
-    const auto is_over = [&] { return state_ == state::recording || thread_gone_; };
+    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || left_behind_; };
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();
         throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a device has not opened "
                                                         "within 10 seconds"};
     }
-    const bool has_recorded = buffer_.has_value();
-    if (!has_recorded) throw ended_by_;
     if (stop_requested_) throw failure{WRAPPER_AUDIO_STOPPED};
+    if (!buffer_) throw ended_by_;
 }
 
 void capture::run() noexcept {
@@ -152,12 +152,12 @@ void capture::run() noexcept {
             const auto count = static_cast<std::size_t>(opened->read(pcm, log));
             keep(std::span(pcm).first(count));
         }
-    } catch (const failure& failed) {
-        reason = failed;
+    } catch (failure& failed) {
+        reason = std::move(failed);
     } catch (const std::bad_alloc&) {
         reason.status = WRAPPER_AUDIO_OUT_OF_MEMORY;
     }
-    end(reason);
+    end(std::move(reason));
     if (opened) {
         const audio_system_lock lock;
         opened.reset();
@@ -195,7 +195,7 @@ void capture::begin(const microphone& opened) {
     buffer_.emplace(capacity);
     history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
     loss_watch_.emplace(opened.rate());
-    began_ = clock::now();
+    began_ = opened.opened_at();
     if (stop_requested_) return;
     state_ = state::recording;
     changed_.notify_all();
@@ -254,20 +254,20 @@ void capture::store(std::span<const float> samples) {
     changed_.notify_all();
 }
 
-void capture::end(const failure& reason) {
+void capture::end(failure reason) {
     const std::lock_guard chain{chain_mutex_};
     if (chain_ != nullptr && !has_ended()) {
+        processed_.clear();
         try {
-            processed_.clear();
             chain_->flush(processed_);
-            store(processed_);
-        } catch (const std::bad_alloc&) { // what is inside is lost
+        } catch (const std::bad_alloc&) { // what has not come by then is lost
         }
+        store(processed_);
     }
     const std::lock_guard hold{mutex_};
     if (state_ == state::ended) return;
     state_ = state::ended;
-    ended_by_ = reason;
+    ended_by_ = std::move(reason);
     changed_.notify_all();
 }
 
@@ -277,6 +277,7 @@ void capture::leave_behind() {
     if (left_behind_) return;
     left_behind_ = true;
     ++g_abandoned_threads;
+    changed_.notify_all();
 }
 
 std::optional<capture::clock::time_point> capture::stalls_at() const {
@@ -292,7 +293,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
     numeric::level_sums sums;
     std::size_t done = 0;
     std::unique_lock hold{mutex_};
-    if (state_ == state::opening) return WRAPPER_AUDIO_INVALID_STATE;
+    if (!buffer_) return WRAPPER_AUDIO_INVALID_STATE;
     block.position = buffer_->position();
 
     const auto take = [&] {

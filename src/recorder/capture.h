@@ -77,7 +77,7 @@ private:
     bool may_read();
     void keep(std::span<const int16_t> pcm);
     void store(std::span<const float> samples);
-    void end(const failure& reason);
+    void end(failure reason);
     void leave_behind();
     bool runs_ahead() const;
     std::optional<clock::time_point> stalls_at() const;

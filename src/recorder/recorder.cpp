@@ -128,6 +128,7 @@ wrapper_audio_status wrapper_audio_device_list_find(const wrapper_audio_device_l
                                                     std::size_t* index, char* reason, std::size_t capacity) noexcept {
     copy_out("", reason, capacity);
     if (list == nullptr || wanted == nullptr || index == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    // cppcheck-suppress throwInNoexceptFunction ; guarded() lets nothing through
     return guarded([&] {
         try {
             *index = find(list->devices, wanted);
@@ -154,6 +155,7 @@ struct wrapper_audio_recorder {
     std::shared_ptr<capture> current;
     failure failed_open;
     int calls = 0;
+    bool closing = false;
 };
 
 namespace {
@@ -181,11 +183,7 @@ bool is_valid(const wrapper_audio_recorder_options& options) {
 // A call on a recorder, which is not released before it is over, and the recording it is about.
 class call {
 public:
-    explicit call(wrapper_audio_recorder& recorder) : recorder_(recorder) {
-        const std::lock_guard hold{recorder_.mutex};
-        ++recorder_.calls;
-        current_ = recorder_.current;
-    }
+    explicit call(wrapper_audio_recorder& recorder) : recorder_(recorder), current_(entered(recorder)) {}
     ~call() {
         const std::lock_guard hold{recorder_.mutex};
         if (--recorder_.calls == 0) recorder_.idle.notify_all();
@@ -196,8 +194,14 @@ public:
     const std::shared_ptr<capture>& current() const { return current_; }
 
 private:
+    static std::shared_ptr<capture> entered(wrapper_audio_recorder& recorder) {
+        const std::lock_guard hold{recorder.mutex};
+        ++recorder.calls;
+        return recorder.current;
+    }
+
     wrapper_audio_recorder& recorder_;
-    std::shared_ptr<capture> current_;
+    const std::shared_ptr<capture> current_;
 };
 
 wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& device_id) {
@@ -206,7 +210,8 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
     const auto made = std::make_shared<capture>(recorder.options, device_id);
     {
         const std::lock_guard hold{recorder.mutex};
-        if (recorder.current != nullptr && !recorder.current->has_ended()) return WRAPPER_AUDIO_INVALID_STATE;
+        const bool is_open = recorder.current != nullptr && !recorder.current->has_ended();
+        if (is_open || recorder.closing) return WRAPPER_AUDIO_INVALID_STATE;
         recorder.current = made; // so that another thread may stop what is just opening
         recorder.failed_open = {};
     }
@@ -214,16 +219,16 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
     try {
         made->open();
         return WRAPPER_AUDIO_OK;
-    } catch (const failure& reason) {
-        failed = reason;
+    } catch (failure& reason) {
+        failed = std::move(reason);
     } catch (const std::system_error&) { // no further thread
     } catch (const std::bad_alloc&) {
     }
-    if (failed.reason.empty()) failed.reason = wrapper_audio_status_text(failed.status);
+    const wrapper_audio_status status = failed.status;
     const std::lock_guard hold{recorder.mutex};
-    recorder.current = nullptr;
-    recorder.failed_open = failed;
-    return failed.status;
+    if (recorder.current == made) recorder.current = nullptr;
+    recorder.failed_open = std::move(failed);
+    return status;
 }
 
 wrapper_audio_status read(wrapper_audio_recorder* recorder, std::span<float> floats, std::span<int16_t> pcm,
@@ -247,7 +252,7 @@ wrapper_audio_status wrapper_audio_recorder_create(wrapper_audio_recorder** reco
     const wrapper_audio_recorder_options wanted = with_defaults(options);
     if (!is_valid(wanted)) return WRAPPER_AUDIO_INVALID_ARGUMENT;
     return guarded([&] {
-        *recorder = new wrapper_audio_recorder(wanted);
+        *recorder = std::make_unique<wrapper_audio_recorder>(wanted).release();
         return WRAPPER_AUDIO_OK;
     });
 }
@@ -298,6 +303,7 @@ std::size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder* recorder, wr
             const std::lock_guard hold{recorder->mutex};
             failed = recorder->failed_open;
         }
+        if (failed.status < 0 && failed.reason.empty()) failed.reason = wrapper_audio_status_text(failed.status);
         const device device = current != nullptr ? current->device() : recorder::device{};
         switch (kind) {
         case WRAPPER_AUDIO_TEXT_DEVICE_ID:
@@ -328,6 +334,10 @@ wrapper_audio_status wrapper_audio_recorder_stop(wrapper_audio_recorder* recorde
 
 void wrapper_audio_recorder_free(wrapper_audio_recorder* recorder) noexcept {
     if (recorder == nullptr) return;
+    {
+        const std::lock_guard hold{recorder->mutex};
+        recorder->closing = true;
+    }
     wrapper_audio_recorder_stop(recorder);
     {
         std::unique_lock hold{recorder->mutex};

@@ -69,7 +69,6 @@ for host in stranger recorder; do
   [ "$(stat -c %s microphone/heard)" -eq 32000 ] && [ "$(tr -d '\0' <microphone/heard | wc -c)" -gt 10000 ] ||
     fail "the $host hears next to nothing"
 done
-cmp microphone/program microphone/heard || fail "the host of the recorder layer hears another sound than the program"
 echo "ok: hosts in C, built with libwrapper-audio-dev"
 
 quietly inside apt-get -qq purge -y 'libwrapper-audio*' wrapper-audio

@@ -94,5 +94,4 @@ for heard in program stranger recorder; do
   expect "a second, heard by the $heard" 32000 "$(stat -c %s "$folder/$heard")"
   [ "$(tr -d '\0' <"$folder/$heard" | wc -c)" -gt 10000 ] || fail "the $heard hears next to nothing"
 done
-cmp "$folder/program" "$folder/recorder" || fail "the host of the recorder layer hears another sound than the program"
 echo "ok: the program, and hosts in C"

@@ -93,7 +93,7 @@ TEST(denoising, at_48000_is_rnnoise_to_the_last_bit) {
 }
 
 TEST(denoising, lies_where_the_original_lay) {
-    const auto in = some_speech();
+    const auto in = part(some_speech(), 0, 48000);
     EXPECT_EQ(lag(whole({48000, 48000, 1.0F, 0, 0}, in), in, 1000), 0);
 }
 

@@ -45,9 +45,11 @@ extern "C" const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
     const PaDeviceInfo* info = next<decltype(Pa_GetDeviceInfo)>("Pa_GetDeviceInfo")(index);
     const char* name = std::getenv("MICROPHONE_NAME");
     if (info == nullptr || name == nullptr || index != Pa_GetDefaultInputDevice()) return info;
-    static PaDeviceInfo renamed;
-    renamed = *info;
-    renamed.name = name;
+    static PaDeviceInfo renamed = [&] { // once, since a host may write to it
+        PaDeviceInfo copy = *info;
+        copy.name = name;
+        return copy;
+    }();
     return &renamed;
 }
 

@@ -1,0 +1,217 @@
+#include "audio_system.h"
+
+#include "text.h"
+
+#include <portaudio.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace recorder {
+
+namespace {
+
+// Never destroyed: a thread that was left behind may still hold it when the process ends.
+std::timed_mutex& mutex() {
+    static auto* const lock = new std::timed_mutex;
+    return *lock;
+}
+
+const char* text_or(const char* text, const char* otherwise) {
+    return text != nullptr ? text : otherwise;
+}
+
+std::string host_api_name(const PaDeviceInfo& info) {
+    const PaHostApiInfo* host_api = Pa_GetHostApiInfo(info.hostApi);
+    return host_api == nullptr ? "?" : text_or(host_api->name, "");
+}
+
+std::string core_id(const PaDeviceInfo& info) {
+    return host_api_name(info) + ":" + text_or(info.name, "");
+}
+
+// The default rate as the core takes it.
+int32_t rounded_rate(double rate) {
+    constexpr double limit = 2147483648.0;
+    const double rounded = rate > 0.0 ? rate + 0.5 : limit;
+    return rounded < limit ? static_cast<int32_t>(rounded) : 48000;
+}
+
+// What PortAudio says of a device, changed as long as this lives. The core opens a device at the default rate and finds
+// it by its name; both are read from PortAudio's table, which is memory of PortAudio's own, and not constant. PortAudio
+// itself looks at neither when it opens an ALSA device, and at the name of a JACK device, so that this must be over by
+// then. So a device can be opened at another rate, and whatever its name is, also when it shares it with others.
+class table_entry {
+public:
+    explicit table_entry(int index)
+        : info_(const_cast<PaDeviceInfo*>(Pa_GetDeviceInfo(index))), name_(info_->name),
+          rate_(info_->defaultSampleRate) {}
+    ~table_entry() {
+        info_->name = name_;
+        info_->defaultSampleRate = rate_;
+    }
+    table_entry(const table_entry&) = delete;
+    table_entry& operator=(const table_entry&) = delete;
+
+    // Returns the id by which the core finds this device and no other.
+    std::string set(double rate, std::string& unique_name) {
+        unique_name = std::string(text_or(name_, "")).substr(0, 150);
+        while (is_taken(host_api_name(*info_) + ":" + unique_name))
+            unique_name += '\'';
+        info_->name = unique_name.c_str();
+        info_->defaultSampleRate = rate;
+        return core_id(*info_);
+    }
+
+private:
+    bool is_taken(const std::string& id) const {
+        const int count = Pa_GetDeviceCount();
+        for (int other = 0; other < count; ++other) {
+            const PaDeviceInfo* const info = Pa_GetDeviceInfo(other);
+            if (info != nullptr && info != info_ && core_id(*info) == id) return true;
+        }
+        return false;
+    }
+
+    PaDeviceInfo* const info_;
+    const char* const name_;
+    const double rate_;
+};
+
+// The words behind the last colon of the core's line that are PortAudio's.
+std::string with_words(const std::string& sentence, const std::string& log_line) {
+    const std::string english = log::in_english(log_line);
+    const std::size_t words = english.find(": ");
+    return words == std::string::npos ? sentence : sentence + english.substr(words);
+}
+
+} // namespace
+
+audio_system_lock::audio_system_lock() {
+    mutex().lock();
+}
+
+audio_system_lock::audio_system_lock(std::chrono::milliseconds patience) {
+    if (!mutex().try_lock_for(patience))
+        throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a call into it has not "
+                                                        "returned"};
+}
+
+audio_system_lock::~audio_system_lock() {
+    mutex().unlock();
+}
+
+audio_system::audio_system() {
+    const PaError error = Pa_Initialize();
+    if (error != paNoError)
+        throw failure{WRAPPER_AUDIO_NO_AUDIO_SYSTEM,
+                      "PortAudio does not start: " + valid_utf8(text_or(Pa_GetErrorText(error), "it tells no reason"))};
+}
+
+audio_system::~audio_system() {
+    Pa_Terminate();
+}
+
+std::vector<device> read_devices() {
+    std::vector<device> devices;
+    const int count = Pa_GetDeviceCount();
+    const int default_input = Pa_GetDefaultInputDevice();
+    for (int index = 0; index < count; ++index) {
+        const PaDeviceInfo* const info = Pa_GetDeviceInfo(index);
+        if (info == nullptr) continue;
+        device found{.index = index,
+                     .id = core_id(*info),
+                     .name = valid_utf8(text_or(info->name, "")),
+                     .host_api = valid_utf8(host_api_name(*info)),
+                     .default_rate = rounded_rate(info->defaultSampleRate),
+                     .input_channels = info->maxInputChannels,
+                     .output_channels = info->maxOutputChannels,
+                     .is_default = index == default_input};
+        const auto is_taken = [&](const std::string& id) {
+            return std::any_of(devices.begin(), devices.end(), [&](const device& other) { return other.id == id; });
+        };
+        const std::string shared = found.id;
+        for (int number = 2; is_taken(found.id); ++number)
+            found.id = shared + "#" + std::to_string(number);
+        devices.push_back(std::move(found));
+    }
+    return devices;
+}
+
+// PortAudio's default rate of an ALSA device is the one nearest to 44100 Hz that the hardware has. If that is farther away
+// than 48000, the hardware has no 48000, and ALSA would make it up by linear interpolation.
+bool runs_at_48000(const device& device) {
+    constexpr int32_t portaudios_rate = 44100;
+    if (device.input_channels < 1) return false;
+    if (device.default_rate == denoiser_rate) return true;
+    if (std::abs(device.default_rate - portaudios_rate) > denoiser_rate - portaudios_rate) return false;
+    const PaDeviceInfo* const info = Pa_GetDeviceInfo(device.index);
+    PaStreamParameters input{};
+    input.device = device.index;
+    input.channelCount = 1;
+    input.sampleFormat = paFloat32;
+    input.suggestedLatency = info != nullptr ? info->defaultLowInputLatency : 0.0;
+    return Pa_IsFormatSupported(&input, nullptr, denoiser_rate) == paFormatIsSupported;
+}
+
+std::string candidates(const std::vector<const device*>& devices) {
+    std::string text;
+    for (const device* each : devices)
+        text += "\n  " + valid_utf8(each->id);
+    return text;
+}
+
+namespace {
+
+device choose(const std::string& id) {
+    const std::vector<device> devices = read_devices();
+    std::vector<const device*> inputs;
+    for (const device& each : devices)
+        if (each.input_channels > 0) inputs.push_back(&each);
+    if (inputs.empty()) throw failure{WRAPPER_AUDIO_NO_INPUT_DEVICE, "there is no input device"};
+    const auto chosen = std::find_if(devices.begin(), devices.end(),
+                                     [&](const device& each) { return id.empty() ? each.is_default : each.id == id; });
+    if (chosen == devices.end() && id.empty())
+        throw failure{WRAPPER_AUDIO_NO_INPUT_DEVICE,
+                      "there is no default input device. There are:" + candidates(inputs)};
+    if (chosen == devices.end())
+        throw failure{WRAPPER_AUDIO_UNKNOWN_DEVICE,
+                      "no device has the id '" + valid_utf8(id) + "'. There are:" + candidates(inputs)};
+    if (chosen->input_channels < 1) throw failure{WRAPPER_AUDIO_NOT_AN_INPUT, "'" + valid_utf8(id) + "' cannot record"};
+    return *chosen;
+}
+
+} // namespace
+
+microphone::microphone(const std::string& id, bool at_48000, log::scope& log) : device_(choose(id)) {
+    log.take_failure();
+    const bool prefers_48000 = at_48000 && device_.default_rate != denoiser_rate && runs_at_48000(device_);
+    if (prefers_48000 && open(denoiser_rate)) return;
+    if (open(device_.default_rate)) return;
+    const std::string line = log.take_failure();
+    throw failure{context_ == nullptr ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_DEVICE_REFUSED,
+                  with_words(valid_utf8(device_.id) + " did not open", line), line};
+}
+
+bool microphone::open(int32_t rate) {
+    {
+        table_entry entry{device_.index};
+        std::string unique_name;
+        const std::string core_id = entry.set(rate, unique_name);
+        context_.reset(wrapper_audio_arm(rate, 0, core_id.c_str()));
+    }
+    rate_ = rate;
+    return context_ != nullptr && wrapper_audio_open(context_.get()) == 0;
+}
+
+int32_t microphone::read(std::vector<int16_t>& samples, log::scope& log) {
+    const auto room = static_cast<int32_t>(samples.size());
+    const int32_t count = wrapper_audio_read(context_.get(), block_ms, samples.data(), room, nullptr, nullptr);
+    if (count > 0) return count;
+    const std::string line = log.take_failure();
+    throw failure{WRAPPER_AUDIO_DEVICE_FAILED, with_words(valid_utf8(device_.id) + " failed", line), line};
+}
+
+} // namespace recorder

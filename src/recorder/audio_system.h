@@ -1,0 +1,88 @@
+// PortAudio as a table of devices, and the core's contexts on any of them.
+#pragma once
+
+#include "failure.h"
+#include "log.h"
+#include "wrapper_audio.h"
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace recorder {
+
+constexpr int32_t denoiser_rate = 48000;
+
+// PortAudio keeps its tables and its list of streams without a lock. Whoever opens or closes holds this one; a call
+// into PortAudio that never returns holds it for ever.
+class audio_system_lock {
+public:
+    audio_system_lock();
+    // Throws AUDIO_SYSTEM_STUCK when the lock is not to be had in that time.
+    explicit audio_system_lock(std::chrono::milliseconds patience);
+    ~audio_system_lock();
+    audio_system_lock(const audio_system_lock&) = delete;
+    audio_system_lock& operator=(const audio_system_lock&) = delete;
+};
+
+constexpr std::chrono::seconds opening_patience{10};
+
+// One initialisation of PortAudio, under which its table of devices stays as it is. Needs the lock at both ends.
+class audio_system {
+public:
+    audio_system(); // throws NO_AUDIO_SYSTEM
+    ~audio_system();
+    audio_system(const audio_system&) = delete;
+    audio_system& operator=(const audio_system&) = delete;
+};
+
+struct device {
+    int index = 0; // PortAudio's
+    std::string id;
+    std::string name;
+    std::string host_api;
+    int32_t default_rate = 0;
+    int32_t input_channels = 0;
+    int32_t output_channels = 0;
+    bool is_default = false;
+};
+
+// The devices of an initialisation, each with an id of its own.
+std::vector<device> read_devices();
+
+// Whether a device records mono floats at 48000 Hz by itself.
+bool runs_at_48000(const device& device);
+
+// The candidates of a choice that failed, each on a line of its own.
+std::string candidates(const std::vector<const device*>& devices);
+
+// A device that records. Needs the lock at both ends of its life.
+class microphone {
+public:
+    // Takes the device of that id, or the default one for "". It is opened at 48000 Hz where that is wanted and the
+    // device can, otherwise at its default rate. Throws a failure.
+    microphone(const std::string& id, bool at_48000, log::scope& log);
+
+    const recorder::device& device() const { return device_; }
+    int32_t rate() const { return rate_; }
+
+    // Waits for the next block of the core. Returns how many samples came. Throws DEVICE_FAILED.
+    int32_t read(std::vector<int16_t>& samples, log::scope& log);
+
+    // PortAudio 19.6 garbles JACK devices in blocks of any other length, and others have no use for one.
+    static constexpr int32_t block_ms = 30;
+
+private:
+    struct release {
+        void operator()(wrapper_audio_ctx* context) const { wrapper_audio_free(context); }
+    };
+    bool open(int32_t rate);
+
+    audio_system system_;
+    recorder::device device_;
+    std::unique_ptr<wrapper_audio_ctx, release> context_;
+    int32_t rate_ = 0;
+};
+
+} // namespace recorder

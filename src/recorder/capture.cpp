@@ -1,0 +1,369 @@
+#include "capture.h"
+
+#include "numeric/levels.h"
+#include "sample_format.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <limits>
+#include <thread>
+
+namespace recorder {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto stopping_patience = 900ms;
+
+std::atomic<uint32_t> g_abandoned_threads{0};
+
+// With all signals blocked, so that they reach the host's own threads.
+template <typename Action>
+void start_thread(Action action) {
+    sigset_t all;
+    sigset_t former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    try {
+        std::thread(std::move(action)).detach();
+    } catch (...) {
+        pthread_sigmask(SIG_SETMASK, &former, nullptr);
+        throw;
+    }
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+}
+
+uint64_t divided_up(uint64_t a, uint64_t b) {
+    return a / b + (a % b != 0 ? 1 : 0);
+}
+
+float root_mean_square(double squares, uint64_t count) {
+    return count == 0 ? 0.0F : static_cast<float>(std::sqrt(squares / static_cast<double>(count)));
+}
+
+} // namespace
+
+uint32_t abandoned_threads() {
+    return g_abandoned_threads;
+}
+
+// ---- History ----
+
+void history::add_captured(std::span<const int16_t> pcm) {
+    const auto rate = static_cast<uint64_t>(rate_);
+    while (!pcm.empty()) {
+        const uint64_t number = captured_ * 100 / rate;
+        const uint64_t end = divided_up((number + 1) * rate, 100);
+        const auto part = pcm.first(static_cast<std::size_t>(std::min<uint64_t>(pcm.size(), end - captured_)));
+        captured_levels& levels = levels_[number % levels_.size()];
+        if (captured_ == divided_up(number * rate, 100)) levels = {};
+        for (const int16_t sample : part) {
+            const float x = from_s16(sample);
+            levels.peak = std::max(levels.peak, std::fabs(x));
+            levels.squares += static_cast<double>(x * x);
+            levels.clipped += std::abs(sample) == 32767 ? 1 : 0;
+        }
+        levels.count += static_cast<int32_t>(part.size());
+        captured_ += part.size();
+        pcm = pcm.subspan(part.size());
+    }
+}
+
+void history::add_speech(std::span<const float> probabilities) {
+    for (const float probability : probabilities)
+        speech_[speech_count_++ % speech_.size()] = probability;
+}
+
+void history::report(uint64_t end, wrapper_audio_block& block) {
+    block.speech_probability = -1.0F;
+    const uint64_t known = divided_up(captured_ * 100, static_cast<uint64_t>(rate_));
+    end = std::min(end, known);
+    if (reported_ < end) last_ = {};
+    for (; reported_ < end; ++reported_) {
+        const captured_levels& levels = levels_[reported_ % levels_.size()];
+        last_.peak = std::max(last_.peak, levels.peak);
+        last_.squares += levels.squares;
+        last_.count += levels.count;
+        block.clipped += levels.clipped;
+        if (reported_ < speech_count_)
+            block.speech_probability = std::max(block.speech_probability, speech_[reported_ % speech_.size()]);
+    }
+    block.captured_peak = last_.peak; // of the 10 ms before, where none began
+    block.captured_rms = root_mean_square(last_.squares, static_cast<uint64_t>(last_.count));
+}
+
+std::size_t history::take_speech(float* probabilities, std::size_t capacity) {
+    const uint64_t end = std::min(reported_, speech_count_);
+    const uint64_t oldest = speech_count_ - std::min<uint64_t>(speech_count_, speech_.size());
+    speech_taken_ = std::max(speech_taken_, oldest);
+    std::size_t count = 0;
+    for (; count < capacity && speech_taken_ < end; ++count)
+        probabilities[count] = speech_[speech_taken_++ % speech_.size()];
+    return count;
+}
+
+// ---- Opening ----
+
+void capture::open() {
+    start_thread([self = shared_from_this()] { self->run(); });
+    std::unique_lock hold{mutex_};
+    const auto patience = opening_patience + stopping_patience;
+    const auto is_over = [&] { return state_ == state::recording || thread_gone_; };
+    if (!changed_.wait_for(hold, patience, is_over)) {
+        stop_requested_ = true;
+        leave_behind();
+        throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a device has not opened "
+                                                        "within 10 seconds"};
+    }
+    const bool has_recorded = buffer_.has_value();
+    if (!has_recorded) throw ended_by_;
+    if (stop_requested_) throw failure{WRAPPER_AUDIO_STOPPED};
+}
+
+void capture::run() noexcept {
+    log::scope log;
+    std::optional<microphone> opened;
+    failure reason{WRAPPER_AUDIO_STOPPED};
+    try {
+        {
+            const audio_system_lock lock{opening_patience};
+            opened.emplace(device_id_, options_.denoise > 0.0F || options_.speech != 0, log);
+        }
+        begin(*opened);
+        std::vector<int16_t> pcm(static_cast<std::size_t>(int64_t{opened->rate()} * microphone::block_ms / 1000 + 1));
+        while (may_read()) {
+            const auto count = static_cast<std::size_t>(opened->read(pcm, log));
+            keep(std::span(pcm).first(count));
+        }
+    } catch (const failure& failed) {
+        reason = failed;
+    } catch (const std::bad_alloc&) {
+        reason.status = WRAPPER_AUDIO_OUT_OF_MEMORY;
+    }
+    end(reason);
+    if (opened) {
+        const audio_system_lock lock;
+        opened.reset();
+    }
+    const std::lock_guard hold{mutex_};
+    thread_gone_ = true;
+    if (left_behind_) --g_abandoned_threads;
+    changed_.notify_all();
+}
+
+void capture::begin(const microphone& opened) {
+    const wrapper_audio_voice_options wanted{.in_rate = opened.rate(),
+                                             .out_rate = options_.rate,
+                                             .denoise = options_.denoise,
+                                             .speech = options_.speech,
+                                             .conversion = options_.conversion};
+    if (!voice_chain::is_valid(wanted))
+        throw failure{WRAPPER_AUDIO_DEVICE_REFUSED,
+                      "the device runs at " + std::to_string(opened.rate()) + " Hz, which cannot be converted"};
+    const auto rate = static_cast<uint64_t>(options_.rate);
+    const auto in_samples = [&](int32_t ms) {
+        return static_cast<std::size_t>(divided_up(rate * static_cast<uint64_t>(ms), 1000));
+    };
+    const std::lock_guard chain{chain_mutex_};
+    chain_ = std::make_unique<voice_chain>(wanted);
+    const std::lock_guard hold{mutex_};
+    device_ = opened.device();
+    info_.device_rate = opened.rate();
+    info_.delay = static_cast<int32_t>(chain_->delay());
+    info_.denoising = options_.denoise <= 0.0F         ? WRAPPER_AUDIO_DENOISING_OFF
+                      : opened.rate() == denoiser_rate ? WRAPPER_AUDIO_DENOISING_NATIVE
+                                                       : WRAPPER_AUDIO_DENOISING_CONVERTED;
+    largest_step_ = in_samples(microphone::block_ms) + chain_->delay() + 1;
+    const std::size_t capacity = in_samples(options_.buffer_ms) + largest_step_;
+    buffer_.emplace(capacity);
+    history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
+    began_ = clock::now();
+    if (stop_requested_) return;
+    state_ = state::recording;
+    changed_.notify_all();
+}
+
+// ---- The thread ----
+
+// A device keeps to the clock, but for the accuracy of either; a file is read as fast as the processor can.
+bool capture::runs_ahead() const {
+    const std::chrono::duration<double> elapsed = clock::now() - began_;
+    const double delivered = static_cast<double>(info_.captured) / info_.device_rate;
+    return delivered > elapsed.count() * 1.01 + 0.05;
+}
+
+// Whether to read on. What comes from a file waits for the host; nothing else does.
+bool capture::may_read() {
+    std::unique_lock hold{mutex_};
+    const auto has_room = [&] { return buffer_->room() >= largest_step_; };
+    is_file_ = is_file_ || (!has_room() && runs_ahead());
+    if (is_file_) changed_.wait(hold, [&] { return stop_requested_ || has_room(); });
+    waits_since_ = clock::now();
+    return !stop_requested_;
+}
+
+void capture::keep(std::span<const int16_t> pcm) {
+    const std::lock_guard chain{chain_mutex_};
+    {
+        const std::lock_guard hold{mutex_};
+        waits_since_.reset();
+        if (state_ == state::ended) return; // stopped while this thread hung in the device
+        if (info_.captured == 0) {
+            const auto length = std::chrono::nanoseconds(1s) * pcm.size() / info_.device_rate;
+            const auto first = clock::now().time_since_epoch() - length;
+            info_.first_sample_time = std::chrono::duration_cast<std::chrono::nanoseconds>(first).count();
+        }
+        info_.captured += pcm.size();
+        history_.add_captured(pcm);
+    }
+    captured_.resize(pcm.size());
+    std::transform(pcm.begin(), pcm.end(), captured_.begin(), from_s16);
+    processed_.clear();
+    chain_->process(captured_, processed_);
+    store(processed_);
+}
+
+void capture::store(std::span<const float> samples) {
+    const std::lock_guard hold{mutex_};
+    history_.add_speech(chain_->speech());
+    chain_->speech().clear();
+    buffer_->write(samples);
+    changed_.notify_all();
+}
+
+void capture::end(const failure& reason) {
+    const std::lock_guard chain{chain_mutex_};
+    if (chain_ != nullptr && !has_ended()) {
+        try {
+            processed_.clear();
+            chain_->flush(processed_);
+            store(processed_);
+        } catch (const std::bad_alloc&) { // what is inside is lost
+        }
+    }
+    const std::lock_guard hold{mutex_};
+    if (state_ == state::ended) return;
+    state_ = state::ended;
+    ended_by_ = reason;
+    changed_.notify_all();
+}
+
+// ---- The host's side ----
+
+void capture::leave_behind() {
+    if (left_behind_) return;
+    left_behind_ = true;
+    ++g_abandoned_threads;
+}
+
+std::optional<capture::clock::time_point> capture::stalls_at() const {
+    if (!waits_since_) return std::nullopt;
+    const int32_t times = info_.captured == 0 ? 2 : 1; // sound servers take their time to begin
+    return *waits_since_ + milliseconds(int64_t{options_.stall_ms} * times);
+}
+
+wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> pcm, int32_t timeout_ms,
+                                   wrapper_audio_block& block) {
+    const std::size_t wanted = std::max(floats.size(), pcm.size());
+    const auto deadline = timeout_ms < 0 ? clock::time_point::max() : clock::now() + milliseconds(timeout_ms);
+    numeric::level_sums sums;
+    std::size_t done = 0;
+    std::unique_lock hold{mutex_};
+    if (state_ == state::opening) return WRAPPER_AUDIO_INVALID_STATE;
+    block.position = buffer_->position();
+
+    const auto take = [&] {
+        float samples[512];
+        for (sample_buffer::piece piece; done < wanted; done += piece.count) {
+            const uint64_t position = buffer_->position();
+            piece = buffer_->read(std::span(samples).first(std::min(std::size(samples), wanted - done)));
+            if (piece.lost > 0 && block.dropped == 0) block.dropped_at = static_cast<uint32_t>(done);
+            if (done == 0) block.position = position + piece.lost;
+            constexpr uint64_t most = std::numeric_limits<uint32_t>::max();
+            block.dropped = static_cast<uint32_t>(std::min(block.dropped + piece.lost, most));
+            if (piece.count == 0) break;
+            numeric::add_levels(sums, samples, static_cast<int32_t>(piece.count));
+            if (!pcm.empty())
+                std::transform(samples, samples + piece.count, pcm.data() + done, to_s16);
+            else
+                std::copy(samples, samples + piece.count, floats.data() + done);
+        }
+    };
+
+    wrapper_audio_status status = WRAPPER_AUDIO_OK;
+    for (take(); done < wanted; take()) {
+        if (done > 0 && is_file_) changed_.notify_all(); // there is room now
+        const auto now = clock::now();
+        const auto stall = stalls_at();
+        if (state_ == state::ended) {
+            status = ended_by_.status;
+        } else if (stall && now >= *stall) {
+            status = WRAPPER_AUDIO_NO_DATA;
+            waits_since_ = now;
+        } else if (now >= deadline) {
+            status = WRAPPER_AUDIO_TIMEOUT;
+        }
+        if (status != WRAPPER_AUDIO_OK) break;
+        const auto until = std::min(deadline, stall.value_or(now + milliseconds(options_.stall_ms)));
+        changed_.wait_until(hold, until);
+    }
+    block.count = static_cast<uint32_t>(done);
+    block.peak = sums.peak;
+    block.rms = root_mean_square(sums.squares, done);
+    history_.report(divided_up(buffer_->position() * 100, static_cast<uint64_t>(options_.rate)), block);
+    changed_.notify_all();
+    return status;
+}
+
+std::size_t capture::take_speech(float* probabilities, std::size_t capacity) {
+    const std::lock_guard hold{mutex_};
+    return history_.take_speech(probabilities, capacity);
+}
+
+wrapper_audio_status capture::stop() {
+    {
+        std::unique_lock hold{mutex_};
+        if (stopped_) return WRAPPER_AUDIO_INVALID_STATE;
+        stopped_ = true;
+        stop_requested_ = true;
+        changed_.notify_all();
+        if (changed_.wait_for(hold, stopping_patience, [&] { return thread_gone_; })) return WRAPPER_AUDIO_OK;
+        leave_behind();
+    }
+    end({WRAPPER_AUDIO_STOPPED});
+    return WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK;
+}
+
+bool capture::has_ended() const {
+    const std::lock_guard hold{mutex_};
+    return state_ == state::ended;
+}
+
+wrapper_audio_recorder_info capture::info() const {
+    const std::lock_guard hold{mutex_};
+    wrapper_audio_recorder_info info = info_;
+    info.rate = options_.rate;
+    if (buffer_) {
+        info.available = buffer_->available();
+        info.read = buffer_->read_count();
+        info.dropped = buffer_->lost_count();
+    }
+    return info;
+}
+
+failure capture::last_failure() const {
+    const std::lock_guard hold{mutex_};
+    return ended_by_.status < 0 ? ended_by_ : failure{};
+}
+
+device capture::device() const {
+    const std::lock_guard hold{mutex_};
+    return device_;
+}
+
+} // namespace recorder

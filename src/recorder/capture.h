@@ -1,0 +1,112 @@
+// A recording: the thread that reads the device, and the buffer that the host reads.
+#pragma once
+
+#include "audio_system.h"
+#include "sample_buffer.h"
+#include "voice.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+
+namespace recorder {
+
+// What the device gave in some time.
+struct captured_levels {
+    float peak = 0.0F;
+    double squares = 0.0;
+    int32_t count = 0;
+    uint32_t clipped = 0;
+};
+
+// Levels and probabilities of speech by the 10 ms of the recording, as long as they may be asked for. Not locked.
+class history {
+public:
+    history() = default;
+    history(std::size_t length, int32_t device_rate) : rate_(device_rate), levels_(length), speech_(length) {}
+
+    void add_captured(std::span<const int16_t> pcm);
+    void add_speech(std::span<const float> probabilities);
+
+    // Tells of what began since the last call and before `end`, in 10 ms.
+    void report(uint64_t end, wrapper_audio_block& block);
+
+    // The probabilities of what was reported, oldest first.
+    std::size_t take_speech(float* probabilities, std::size_t capacity);
+
+private:
+    int32_t rate_ = 1;
+    std::vector<captured_levels> levels_; // rings
+    std::vector<float> speech_;
+    captured_levels last_;
+    uint64_t captured_ = 0;
+    uint64_t speech_count_ = 0;
+    uint64_t reported_ = 0;
+    uint64_t speech_taken_ = 0;
+};
+
+// Shared by the host's handle and the thread, which outlives the handle when the device hangs.
+class capture : public std::enable_shared_from_this<capture> {
+public:
+    // No zero stands for a default any more in these options.
+    capture(const wrapper_audio_recorder_options& options, std::string device_id)
+        : options_(options), device_id_(std::move(device_id)) {}
+
+    void open(); // throws a failure; STOPPED when another thread stopped it meanwhile
+
+    // Fills whichever of the two is not empty.
+    wrapper_audio_status read(std::span<float> floats, std::span<int16_t> pcm, int32_t timeout_ms,
+                              wrapper_audio_block& block);
+    std::size_t take_speech(float* probabilities, std::size_t capacity);
+    wrapper_audio_status stop();
+    bool has_ended() const;
+    wrapper_audio_recorder_info info() const;
+    failure last_failure() const;
+    recorder::device device() const;
+
+private:
+    using clock = std::chrono::steady_clock; // CLOCK_MONOTONIC
+    using milliseconds = std::chrono::milliseconds;
+    enum class state { opening, recording, ended };
+
+    void run() noexcept;
+    void begin(const microphone& opened);
+    bool may_read();
+    void keep(std::span<const int16_t> pcm);
+    void store(std::span<const float> samples);
+    void end(const failure& reason);
+    void leave_behind();
+    bool runs_ahead() const;
+    std::optional<clock::time_point> stalls_at() const;
+
+    const wrapper_audio_recorder_options options_;
+    const std::string device_id_;
+
+    // The chain belongs to whoever holds this: the thread, or who ends the recording while the thread hangs.
+    std::mutex chain_mutex_;
+    std::unique_ptr<voice_chain> chain_;
+    std::vector<float> captured_;
+    std::vector<float> processed_;
+
+    mutable std::mutex mutex_; // of all that follows
+    std::condition_variable changed_;
+    state state_ = state::opening;
+    bool stop_requested_ = false;
+    bool stopped_ = false;
+    bool thread_gone_ = false;
+    bool left_behind_ = false;
+    failure ended_by_;
+    recorder::device device_;
+    wrapper_audio_recorder_info info_{};
+    std::optional<sample_buffer> buffer_;
+    std::size_t largest_step_ = 0; // samples that come out at once at most, the last ones included
+    history history_;
+    clock::time_point began_;
+    std::optional<clock::time_point> waits_since_; // for the device
+    bool is_file_ = false;
+};
+
+uint32_t abandoned_threads();
+
+} // namespace recorder

@@ -1,0 +1,341 @@
+// Devices and recorders behind their plain functions.
+#include "audio_system.h"
+#include "capture.h"
+#include "failure.h"
+#include "text.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+using namespace recorder;
+
+// ---- Status ----
+
+const char* wrapper_audio_status_text(wrapper_audio_status status) noexcept {
+    switch (status) {
+    case WRAPPER_AUDIO_OK:
+        return "everything is fine";
+    case WRAPPER_AUDIO_TIMEOUT:
+        return "the time ran out before everything had come";
+    case WRAPPER_AUDIO_STOPPED:
+        return "the recording was stopped";
+    case WRAPPER_AUDIO_INVALID_ARGUMENT:
+        return "an argument is missing or out of range";
+    case WRAPPER_AUDIO_INVALID_STATE:
+        return "this is not possible now: the recorder is open already, or was never opened";
+    case WRAPPER_AUDIO_OUT_OF_MEMORY:
+        return "there is not enough memory";
+    case WRAPPER_AUDIO_NO_AUDIO_SYSTEM:
+        return "PortAudio does not start";
+    case WRAPPER_AUDIO_NO_INPUT_DEVICE:
+        return "there is no input device";
+    case WRAPPER_AUDIO_UNKNOWN_DEVICE:
+        return "no input device matches";
+    case WRAPPER_AUDIO_AMBIGUOUS_DEVICE:
+        return "several input devices match";
+    case WRAPPER_AUDIO_NOT_AN_INPUT:
+        return "the device cannot record";
+    case WRAPPER_AUDIO_DEVICE_REFUSED:
+        return "the device did not open";
+    case WRAPPER_AUDIO_DEVICE_FAILED:
+        return "the device failed while it was recording";
+    case WRAPPER_AUDIO_NO_DATA:
+        return "the device is open but delivers no sound";
+    case WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK:
+        return "the audio system does not answer";
+    }
+    return "unknown status";
+}
+
+// ---- Devices ----
+
+struct wrapper_audio_device_list {
+    std::vector<device> devices;
+    std::vector<wrapper_audio_device> records; // with texts of `devices`
+};
+
+namespace {
+
+wrapper_audio_device record_of(const device& device) {
+    const auto denoising = device.input_channels < 1 ? WRAPPER_AUDIO_DENOISING_OFF
+                           : runs_at_48000(device)   ? WRAPPER_AUDIO_DENOISING_NATIVE
+                                                     : WRAPPER_AUDIO_DENOISING_CONVERTED;
+    return {.id = device.id.c_str(),
+            .name = device.name.c_str(),
+            .host_api = device.host_api.c_str(),
+            .default_rate = device.default_rate,
+            .input_channels = device.input_channels,
+            .output_channels = device.output_channels,
+            .is_default = device.is_default ? 1 : 0,
+            .denoising = denoising};
+}
+
+} // namespace
+
+wrapper_audio_status wrapper_audio_device_list_create(wrapper_audio_device_list** list) noexcept {
+    if (list == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    *list = nullptr;
+    return guarded([&] {
+        const log::scope log;
+        const audio_system_lock lock{opening_patience};
+        const audio_system system;
+        auto made = std::make_unique<wrapper_audio_device_list>();
+        made->devices = read_devices();
+        for (const device& each : made->devices)
+            made->records.push_back(record_of(each));
+        *list = made.release();
+        return WRAPPER_AUDIO_OK;
+    });
+}
+
+std::size_t wrapper_audio_device_list_count(const wrapper_audio_device_list* list) noexcept {
+    return list == nullptr ? 0 : list->records.size();
+}
+
+const wrapper_audio_device* wrapper_audio_device_list_get(const wrapper_audio_device_list* list,
+                                                          std::size_t index) noexcept {
+    return index < wrapper_audio_device_list_count(list) ? &list->records[index] : nullptr;
+}
+
+namespace {
+
+// The one input device that is meant. Throws a failure with the candidates.
+std::size_t find(const std::vector<device>& devices, const std::string& wanted) {
+    std::vector<const device*> inputs;
+    std::vector<const device*> matches;
+    for (const device& each : devices) {
+        if (each.input_channels < 1) continue;
+        if (each.id == wanted) return static_cast<std::size_t>(&each - devices.data());
+        inputs.push_back(&each);
+        if (folded(each.id).find(folded(wanted)) != std::string::npos) matches.push_back(&each);
+    }
+    if (inputs.empty()) throw failure{WRAPPER_AUDIO_NO_INPUT_DEVICE, "there is no input device"};
+    if (matches.empty())
+        throw failure{WRAPPER_AUDIO_UNKNOWN_DEVICE,
+                      "no input device matches '" + valid_utf8(wanted) + "'. There are:" + candidates(inputs)};
+    if (matches.size() > 1)
+        throw failure{WRAPPER_AUDIO_AMBIGUOUS_DEVICE,
+                      "'" + valid_utf8(wanted) + "' may mean any of:" + candidates(matches)};
+    return static_cast<std::size_t>(matches.front() - devices.data());
+}
+
+} // namespace
+
+wrapper_audio_status wrapper_audio_device_list_find(const wrapper_audio_device_list* list, const char* wanted,
+                                                    std::size_t* index, char* reason, std::size_t capacity) noexcept {
+    copy_out("", reason, capacity);
+    if (list == nullptr || wanted == nullptr || index == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    return guarded([&] {
+        try {
+            *index = find(list->devices, wanted);
+        } catch (const failure& failed) {
+            copy_out(failed.reason, reason, capacity);
+            throw;
+        }
+        return WRAPPER_AUDIO_OK;
+    });
+}
+
+void wrapper_audio_device_list_free(wrapper_audio_device_list* list) noexcept {
+    delete list;
+}
+
+// ---- Recorder ----
+
+struct wrapper_audio_recorder {
+    explicit wrapper_audio_recorder(const wrapper_audio_recorder_options& wanted) : options(wanted) {}
+
+    const wrapper_audio_recorder_options options; // without a zero that stands for a default
+    std::mutex mutex;                             // of all that follows
+    std::condition_variable idle;
+    std::shared_ptr<capture> current;
+    failure failed_open;
+    int calls = 0;
+};
+
+namespace {
+
+wrapper_audio_recorder_options with_defaults(const wrapper_audio_recorder_options* given) {
+    wrapper_audio_recorder_options options = given != nullptr ? *given : wrapper_audio_recorder_options{};
+    if (options.rate == 0) options.rate = 16000;
+    if (options.buffer_ms == 0) options.buffer_ms = 5000;
+    if (options.stall_ms == 0) options.stall_ms = 1500;
+    return options;
+}
+
+bool is_valid(const wrapper_audio_recorder_options& options) {
+    const auto is_time = [](int32_t ms) { return ms >= 100 && ms <= 60000; };
+    const auto is_zero = [](int32_t reserved) { return reserved == 0; };
+    return voice_chain::is_valid({.in_rate = denoiser_rate,
+                                  .out_rate = options.rate,
+                                  .denoise = options.denoise,
+                                  .speech = options.speech,
+                                  .conversion = options.conversion}) &&
+           is_time(options.buffer_ms) && is_time(options.stall_ms) &&
+           std::all_of(std::begin(options.reserved), std::end(options.reserved), is_zero);
+}
+
+// A call on a recorder, which is not released before it is over, and the recording it is about.
+class call {
+public:
+    explicit call(wrapper_audio_recorder& recorder) : recorder_(recorder) {
+        const std::lock_guard hold{recorder_.mutex};
+        ++recorder_.calls;
+        current_ = recorder_.current;
+    }
+    ~call() {
+        const std::lock_guard hold{recorder_.mutex};
+        if (--recorder_.calls == 0) recorder_.idle.notify_all();
+    }
+    call(const call&) = delete;
+    call& operator=(const call&) = delete;
+
+    const std::shared_ptr<capture>& current() const { return current_; }
+
+private:
+    wrapper_audio_recorder& recorder_;
+    std::shared_ptr<capture> current_;
+};
+
+wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& device_id) {
+    const call running{recorder};
+    if (running.current() != nullptr && running.current()->has_ended()) running.current()->stop();
+    const auto made = std::make_shared<capture>(recorder.options, device_id);
+    {
+        const std::lock_guard hold{recorder.mutex};
+        if (recorder.current != nullptr && !recorder.current->has_ended()) return WRAPPER_AUDIO_INVALID_STATE;
+        recorder.current = made; // so that another thread may stop what is just opening
+        recorder.failed_open = {};
+    }
+    failure failed{WRAPPER_AUDIO_OUT_OF_MEMORY};
+    try {
+        made->open();
+        return WRAPPER_AUDIO_OK;
+    } catch (const failure& reason) {
+        failed = reason;
+    } catch (const std::system_error&) { // no further thread
+    } catch (const std::bad_alloc&) {
+    }
+    if (failed.reason.empty()) failed.reason = wrapper_audio_status_text(failed.status);
+    const std::lock_guard hold{recorder.mutex};
+    recorder.current = nullptr;
+    recorder.failed_open = failed;
+    return failed.status;
+}
+
+wrapper_audio_status read(wrapper_audio_recorder* recorder, std::span<float> floats, std::span<int16_t> pcm,
+                          bool has_samples, int32_t timeout_ms, wrapper_audio_block* block) {
+    if (block != nullptr) {
+        *block = {};
+        block->speech_probability = -1.0F;
+    }
+    if (recorder == nullptr || !has_samples || block == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    const call running{*recorder};
+    if (running.current() == nullptr) return WRAPPER_AUDIO_INVALID_STATE;
+    return running.current()->read(floats, pcm, timeout_ms, *block);
+}
+
+} // namespace
+
+wrapper_audio_status wrapper_audio_recorder_create(wrapper_audio_recorder** recorder,
+                                                   const wrapper_audio_recorder_options* options) noexcept {
+    if (recorder == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    *recorder = nullptr;
+    const wrapper_audio_recorder_options wanted = with_defaults(options);
+    if (!is_valid(wanted)) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    return guarded([&] {
+        *recorder = new wrapper_audio_recorder(wanted);
+        return WRAPPER_AUDIO_OK;
+    });
+}
+
+wrapper_audio_status wrapper_audio_recorder_open(wrapper_audio_recorder* recorder, const char* device_id) noexcept {
+    if (recorder == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    return guarded([&] { return open(*recorder, device_id != nullptr ? device_id : ""); });
+}
+
+wrapper_audio_status wrapper_audio_recorder_read_s16(wrapper_audio_recorder* recorder, int16_t* samples,
+                                                     std::size_t count, int32_t timeout_ms,
+                                                     wrapper_audio_block* block) noexcept {
+    return read(recorder, {}, {samples, count}, samples != nullptr || count == 0, timeout_ms, block);
+}
+
+wrapper_audio_status wrapper_audio_recorder_read_f32(wrapper_audio_recorder* recorder, float* samples,
+                                                     std::size_t count, int32_t timeout_ms,
+                                                     wrapper_audio_block* block) noexcept {
+    return read(recorder, {samples, count}, {}, samples != nullptr || count == 0, timeout_ms, block);
+}
+
+std::size_t wrapper_audio_recorder_take_speech(wrapper_audio_recorder* recorder, float* probabilities,
+                                               std::size_t capacity) noexcept {
+    if (recorder == nullptr || probabilities == nullptr) return 0;
+    const call running{*recorder};
+    return running.current() == nullptr ? 0 : running.current()->take_speech(probabilities, capacity);
+}
+
+wrapper_audio_status wrapper_audio_recorder_get_info(wrapper_audio_recorder* recorder,
+                                                     wrapper_audio_recorder_info* info) noexcept {
+    if (recorder == nullptr || info == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    const call running{*recorder};
+    *info = running.current() != nullptr ? running.current()->info() : wrapper_audio_recorder_info{};
+    info->rate = recorder->options.rate;
+    return WRAPPER_AUDIO_OK;
+}
+
+std::size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder* recorder, wrapper_audio_recorder_text_kind kind,
+                                            char* text, std::size_t capacity) noexcept {
+    copy_out("", text, capacity);
+    if (recorder == nullptr) return 0;
+    std::size_t length = 0;
+    guarded([&] {
+        const call running{*recorder};
+        const auto& current = running.current();
+        failure failed = current != nullptr ? current->last_failure() : failure{};
+        if (failed.status == WRAPPER_AUDIO_OK) {
+            const std::lock_guard hold{recorder->mutex};
+            failed = recorder->failed_open;
+        }
+        const device device = current != nullptr ? current->device() : recorder::device{};
+        switch (kind) {
+        case WRAPPER_AUDIO_TEXT_DEVICE_ID:
+            length = copy_out(device.id, text, capacity);
+            break;
+        case WRAPPER_AUDIO_TEXT_DEVICE_NAME:
+            length = copy_out(device.name, text, capacity);
+            break;
+        case WRAPPER_AUDIO_TEXT_REASON:
+            length = copy_out(failed.reason, text, capacity);
+            break;
+        case WRAPPER_AUDIO_TEXT_LOG_LINE:
+            length = copy_out(failed.log_line, text, capacity);
+            break;
+        }
+        return WRAPPER_AUDIO_OK;
+    });
+    return length;
+}
+
+wrapper_audio_status wrapper_audio_recorder_stop(wrapper_audio_recorder* recorder) noexcept {
+    if (recorder == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    return guarded([&] {
+        const call running{*recorder};
+        return running.current() == nullptr ? WRAPPER_AUDIO_INVALID_STATE : running.current()->stop();
+    });
+}
+
+void wrapper_audio_recorder_free(wrapper_audio_recorder* recorder) noexcept {
+    if (recorder == nullptr) return;
+    wrapper_audio_recorder_stop(recorder);
+    {
+        std::unique_lock hold{recorder->mutex};
+        recorder->idle.wait(hold, [&] { return recorder->calls == 0; });
+    }
+    delete recorder;
+}
+
+uint32_t wrapper_audio_abandoned_threads() noexcept {
+    return abandoned_threads();
+}

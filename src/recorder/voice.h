@@ -1,0 +1,93 @@
+// The voice chain: conversion to 48000 Hz, noise suppression, conversion to another rate.
+#pragma once
+
+#include "wrapper_audio_recorder.h"
+
+#include <rnnoise.h>
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+namespace recorder {
+
+using sample_span = std::span<const float>;
+
+constexpr int32_t lowest_rate = 100;
+constexpr int32_t highest_rate = 768000;
+
+// Converts a stream of samples, each piece as the continuation of the one before. Output i belongs to the time of input
+// i * in_rate / out_rate.
+class rate_converter {
+public:
+    virtual ~rate_converter() = default;
+    virtual void convert(sample_span in, std::vector<float>& out) = 0; // appends
+};
+
+std::unique_ptr<rate_converter> make_rate_converter(int32_t in_rate, int32_t out_rate,
+                                                    wrapper_audio_conversion conversion);
+
+// RNNoise on a stream at 48000 Hz.
+class noise_suppressor {
+public:
+    explicit noise_suppressor(float strength);
+
+    // Appends what is denoised, and the probability of speech of each 10 ms of it.
+    void process(sample_span in, std::vector<float>& out, std::vector<float>& speech);
+
+    static constexpr int32_t frame = 480;
+    static constexpr int32_t delayed_frames = 2; // RNNoise gives a frame while it takes the second one after it
+
+private:
+    void process_frame(std::vector<float>& out, std::vector<float>& speech);
+
+    struct release {
+        void operator()(DenoiseState* state) const { rnnoise_destroy(state); }
+    };
+    std::unique_ptr<DenoiseState, release> state_;
+    const float strength_;
+    float frames_[delayed_frames + 1][frame] = {}; // the last ones that came in, in turn
+    uint64_t count_ = 0;
+    int32_t filled_ = 0;
+};
+
+class voice_chain {
+public:
+    explicit voice_chain(const wrapper_audio_voice_options& options); // throws std::bad_alloc
+
+    static bool is_valid(const wrapper_audio_voice_options& options);
+
+    // Append what is ready. After `flush` the chain is as new, and the stream has had as many samples as belong to it.
+    void process(sample_span in, std::vector<float>& out);
+    void flush(std::vector<float>& out);
+    void reset();
+
+    // Probabilities of speech that have come since the host last cleared it.
+    std::vector<float>& speech() { return speech_; }
+
+    // Samples at the output's rate that are kept inside at most.
+    std::size_t delay() const { return delay_; }
+
+private:
+    bool denoises() const { return options_.denoise > 0.0F || options_.speech != 0; }
+    uint64_t due() const;
+    void run(sample_span in);
+    void give(std::vector<float>& out);
+
+    const wrapper_audio_voice_options options_;
+    std::unique_ptr<rate_converter> in_; // null where the rates are the same
+    std::unique_ptr<noise_suppressor> suppressor_;
+    std::unique_ptr<rate_converter> out_;
+    std::vector<float> at_48000_;
+    std::vector<float> denoised_;
+    std::vector<float> ready_;
+    std::vector<float> speech_;
+    uint64_t taken_ = 0;
+    uint64_t given_ = 0;
+    uint64_t told_ = 0; // probabilities of speech
+    float last_ = 0.0F;
+    std::size_t delay_ = 0;
+};
+
+} // namespace recorder

@@ -90,8 +90,8 @@ void report_surroundings() {
 bool report_devices() {
     print("\nDevices\n");
     const device_list list;
-    print(list.has_input() ? "  PortAudio starts, and at least one device can record\n"
-                           : "  PortAudio starts, but no device can record\n");
+    print(list.has_input() ? "  capabilities 3: at least one device can capture\n"
+                           : "  capabilities 1: PortAudio starts, but no device can capture\n");
     for (const wrapper_audio_device& each : list)
         print(fmt::format("  {} {} ({})\n", each.is_default != 0 ? '*' : ' ', printable(each.id),
                           each.input_channels > 0 ? "input" : "output"));
@@ -109,9 +109,8 @@ level listen(microphone& opened, int rate) {
     while (heard.samples() < static_cast<std::uint64_t>(rate) / 2 && opened.read(samples, block) > 0)
         heard.add(block.captured_rms, block.captured_peak, block.count);
     if (opened.trouble())
-        throw failure(opened.trouble()->code, fmt::format("the device opens, but: {}. A sound server may hold it; try "
-                                                          "another one",
-                                                          opened.trouble()->what()));
+        throw failure(opened.trouble()->code,
+                      fmt::format("{}. A sound server may hold it; try another one", opened.trouble()->what()));
     return heard;
 }
 

@@ -31,28 +31,28 @@ void check(wrapper_audio_status status) {
 } // namespace
 
 effect_chain::effect_chain(const effect_options& wanted, int rate) {
-    wrapper_audio_processor* processor = nullptr;
-    if (wanted.depop) stages.push_back(made(wrapper_audio_depop_create(&processor, *wanted.depop), processor));
+    if (wanted.depop) stages.push_back(make(wrapper_audio_depop_create, *wanted.depop));
     if (wanted.highpass) {
         const auto [corner, q] = *wanted.highpass;
         if (corner * 2 >= static_cast<float>(rate))
             throw failure(usage, fmt::format("--highpass: the corner must be below half the rate, {} Hz", rate / 2));
-        stages.push_back(made(wrapper_audio_high_pass_create(&processor, rate, corner, q), processor));
+        stages.push_back(make(wrapper_audio_high_pass_create, rate, corner, q));
     }
-    if (wanted.agc) {
-        const auto [target, release] = *wanted.agc;
-        stages.push_back(made(wrapper_audio_gain_control_create(&processor, rate, target, release), processor));
-    }
+    if (wanted.agc)
+        stages.push_back(make(wrapper_audio_gain_control_create, rate, wanted.agc->target_db, wanted.agc->release_ms));
 }
 
 void effect_chain::begin_with(const wrapper_audio_voice_options& voice) {
-    wrapper_audio_processor* processor = nullptr;
-    stages.insert(stages.begin(), made(wrapper_audio_voice_create(&processor, &voice), processor));
+    stages.insert(stages.begin(), make(wrapper_audio_voice_create, &voice));
 }
 
-effect_chain::stage effect_chain::made(wrapper_audio_status status, wrapper_audio_processor* processor) {
-    check(status);
-    return {decltype(stage::processor)(processor), {}};
+template <class Create, class... Arguments>
+effect_chain::stage effect_chain::make(Create create, Arguments... arguments) {
+    wrapper_audio_processor* made = nullptr;
+    check(create(&made, arguments...));
+    stage result;
+    result.processor.reset(made);
+    return result;
 }
 
 std::span<const float> effect_chain::run(std::span<const float> samples, bool at_end) {

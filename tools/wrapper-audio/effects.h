@@ -56,7 +56,8 @@ private:
         std::vector<float> out;
     };
 
-    static stage made(wrapper_audio_status status, wrapper_audio_processor* processor);
+    template <class Create, class... Arguments>
+    static stage make(Create create, Arguments... arguments);
     static void pass(stage& through, std::span<const float> samples, bool at_end);
     std::span<const float> run(std::span<const float> samples, bool at_end);
 

@@ -40,7 +40,7 @@ class Devices(HostTest):
 
     def add_speaker(self):
         with open(self.folder / "microphone.conf", "a") as configuration:
-            configuration.write('pcm.speaker { type asym playback.pcm "null" }\n')
+            configuration.write('pcm.speaker { type asym playback.pcm { type plug slave.pcm { type null } } }\n')
 
     def test_a_table_marks_the_default_and_tells_how_each_device_is_denoised(self):
         self.listen_to(SPEECH, 16000)

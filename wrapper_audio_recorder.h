@@ -185,8 +185,9 @@ typedef struct wrapper_audio_block {
     uint64_t position;        /**< of the first sample, in samples since the recorder was opened; those that were
                                    dropped count too */
     uint32_t count;           /**< samples returned */
-    uint32_t dropped;         /**< samples that were lost before `count` was full, because the host or the process came
-                                   too late */
+    uint32_t dropped;         /**< samples that were lost before `count` was full: because reads came too late, or
+                                   inside the system. The latter shows by the clock, half a second later and from
+                                   0.1 s on. */
     uint32_t dropped_at;      /**< how many of the samples returned came before the loss */
     uint32_t clipped;         /**< samples of the device that were at full scale in this time */
     float rms;                /**< root mean square of the samples returned */
@@ -242,7 +243,7 @@ wrapper_audio_status wrapper_audio_recorder_create(wrapper_audio_recorder **reco
  *
  * @param recorder   a recorder that is not open
  * @param device_id  the `id` of a wrapper_audio_device, compared byte for byte; NULL or "": the default input device
- * @return OK; INVALID_STATE when it is open; NO_AUDIO_SYSTEM, NO_INPUT_DEVICE, UNKNOWN_DEVICE, NOT_AN_INPUT,
+ * @return OK; STOPPED when another thread stopped it meanwhile; INVALID_STATE when it is open; NO_AUDIO_SYSTEM, NO_INPUT_DEVICE, UNKNOWN_DEVICE, NOT_AN_INPUT,
  *         DEVICE_REFUSED, AUDIO_SYSTEM_STUCK (after 10 s), OUT_OF_MEMORY, INVALID_ARGUMENT. After a failure the recorder
  *         is not open, and nothing of the device is held.
  */
@@ -322,6 +323,8 @@ uint32_t wrapper_audio_abandoned_threads(void) WRAPPER_AUDIO_NOEXCEPT;
  * @name Signal processors
  *
  * A processor takes a stream of samples in pieces of any size and gives a stream back. Each has a state of its own.
+ * Samples that are infinite or no number count as silence, and others are limited to a magnitude of 100, 40 dB above full
+ * scale, so that nothing a host puts in can spoil what comes later.
  * @{
  */
 
@@ -340,7 +343,7 @@ typedef struct wrapper_audio_voice_options {
 /**
  * Makes the chain that a recorder has: conversion to 48000 Hz, noise suppression, conversion to another rate; of these
  * what is needed. Output sample i belongs to the time i / out_rate of the input: the delay is taken out. In all it gives
- * in * out_rate / in_rate samples, rounded to the nearest. Samples that are infinite or no number count as silence.
+ * in * out_rate / in_rate samples, rounded to the nearest.
  *
  * @param processor  receives the chain; NULL on failure
  * @param options    what it is to do

@@ -57,7 +57,9 @@ public:
 
     // Returns the id by which the core finds this device and no other.
     std::string set(double rate, std::string& unique_name) {
-        unique_name = std::string(text_or(name_, "")).substr(0, 150);
+        constexpr std::size_t room = 250; // the core compares 255 bytes
+        const std::size_t host_api_length = host_api_name(*info_).size() + 1;
+        unique_name = std::string(text_or(name_, "")).substr(0, room - std::min(room, host_api_length));
         while (is_taken(host_api_name(*info_) + ":" + unique_name))
             unique_name += '\'';
         info_->name = unique_name.c_str();
@@ -203,6 +205,7 @@ bool microphone::open(int32_t rate) {
         context_.reset(wrapper_audio_arm(rate, 0, core_id.c_str()));
     }
     rate_ = rate;
+    opened_at_ = std::chrono::steady_clock::now();
     return context_ != nullptr && wrapper_audio_open(context_.get()) == 0;
 }
 

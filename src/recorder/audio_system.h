@@ -66,6 +66,7 @@ public:
 
     const recorder::device& device() const { return device_; }
     int32_t rate() const { return rate_; }
+    std::chrono::steady_clock::time_point opened_at() const { return opened_at_; }
 
     // Waits for the next block of the core. Returns how many samples came. Throws DEVICE_FAILED.
     int32_t read(std::vector<int16_t>& samples, log::scope& log);
@@ -83,6 +84,7 @@ private:
     recorder::device device_;
     std::unique_ptr<wrapper_audio_ctx, release> context_;
     int32_t rate_ = 0;
+    std::chrono::steady_clock::time_point opened_at_; // before the first sample could come
 };
 
 } // namespace recorder

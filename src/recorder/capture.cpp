@@ -79,11 +79,24 @@ void history::add_speech(std::span<const float> probabilities) {
         speech_[speech_count_++ % speech_.size()] = probability;
 }
 
+void history::add_lost(uint64_t count) {
+    const auto rate = static_cast<uint64_t>(rate_);
+    const uint64_t before = captured_ * 100 / rate;
+    captured_ += count;
+    const uint64_t after = captured_ * 100 / rate;
+    for (uint64_t number = after - std::min<uint64_t>(after - before, levels_.size()); number < after; ++number)
+        levels_[(number + 1) % levels_.size()] = {};
+    for (uint64_t left = std::min<uint64_t>(after - before, speech_.size()); left > 0; --left)
+        speech_[(speech_count_ + after - before - left) % speech_.size()] = 0.0F;
+    speech_count_ += after - before;
+}
+
 void history::report(uint64_t end, wrapper_audio_block& block) {
     block.speech_probability = -1.0F;
     const uint64_t known = divided_up(captured_ * 100, static_cast<uint64_t>(rate_));
     end = std::min(end, known);
     if (reported_ < end) last_ = {};
+    reported_ = std::max(reported_, known - std::min<uint64_t>(known, levels_.size())); // what is still kept
     for (; reported_ < end; ++reported_) {
         const captured_levels& levels = levels_[reported_ % levels_.size()];
         last_.peak = std::max(last_.peak, levels.peak);
@@ -113,16 +126,15 @@ void capture::open() {
     start_thread([self = shared_from_this()] { self->run(); });
     std::unique_lock hold{mutex_};
     const auto patience = opening_patience + stopping_patience;
-    const auto is_over = [&] { return state_ == state::recording || thread_gone_; };
+    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || left_behind_; };
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();
         throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a device has not opened "
                                                         "within 10 seconds"};
     }
-    const bool has_recorded = buffer_.has_value();
-    if (!has_recorded) throw ended_by_;
     if (stop_requested_) throw failure{WRAPPER_AUDIO_STOPPED};
+    if (!buffer_) throw ended_by_;
 }
 
 void capture::run() noexcept {
@@ -140,12 +152,12 @@ void capture::run() noexcept {
             const auto count = static_cast<std::size_t>(opened->read(pcm, log));
             keep(std::span(pcm).first(count));
         }
-    } catch (const failure& failed) {
-        reason = failed;
+    } catch (failure& failed) {
+        reason = std::move(failed);
     } catch (const std::bad_alloc&) {
         reason.status = WRAPPER_AUDIO_OUT_OF_MEMORY;
     }
-    end(reason);
+    end(std::move(reason));
     if (opened) {
         const audio_system_lock lock;
         opened.reset();
@@ -182,7 +194,8 @@ void capture::begin(const microphone& opened) {
     const std::size_t capacity = in_samples(options_.buffer_ms) + largest_step_;
     buffer_.emplace(capacity);
     history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
-    began_ = clock::now();
+    loss_watch_.emplace(opened.rate());
+    began_ = opened.opened_at();
     if (stop_requested_) return;
     state_ = state::recording;
     changed_.notify_all();
@@ -208,6 +221,7 @@ bool capture::may_read() {
 }
 
 void capture::keep(std::span<const int16_t> pcm) {
+    const auto now = clock::now();
     const std::lock_guard chain{chain_mutex_};
     {
         const std::lock_guard hold{mutex_};
@@ -215,11 +229,15 @@ void capture::keep(std::span<const int16_t> pcm) {
         if (state_ == state::ended) return; // stopped while this thread hung in the device
         if (info_.captured == 0) {
             const auto length = std::chrono::nanoseconds(1s) * pcm.size() / info_.device_rate;
-            const auto first = clock::now().time_since_epoch() - length;
+            const auto first = now.time_since_epoch() - length;
             info_.first_sample_time = std::chrono::duration_cast<std::chrono::nanoseconds>(first).count();
         }
         info_.captured += pcm.size();
         history_.add_captured(pcm);
+        const std::chrono::duration<double> elapsed = now - began_;
+        const uint64_t lost = is_file_ ? 0 : loss_watch_->add(elapsed.count(), pcm.size());
+        buffer_->lose(lost * static_cast<uint64_t>(options_.rate) / static_cast<uint64_t>(info_.device_rate));
+        history_.add_lost(lost);
     }
     captured_.resize(pcm.size());
     std::transform(pcm.begin(), pcm.end(), captured_.begin(), from_s16);
@@ -236,20 +254,20 @@ void capture::store(std::span<const float> samples) {
     changed_.notify_all();
 }
 
-void capture::end(const failure& reason) {
+void capture::end(failure reason) {
     const std::lock_guard chain{chain_mutex_};
     if (chain_ != nullptr && !has_ended()) {
+        processed_.clear();
         try {
-            processed_.clear();
             chain_->flush(processed_);
-            store(processed_);
-        } catch (const std::bad_alloc&) { // what is inside is lost
+        } catch (const std::bad_alloc&) { // what has not come by then is lost
         }
+        store(processed_);
     }
     const std::lock_guard hold{mutex_};
     if (state_ == state::ended) return;
     state_ = state::ended;
-    ended_by_ = reason;
+    ended_by_ = std::move(reason);
     changed_.notify_all();
 }
 
@@ -259,6 +277,7 @@ void capture::leave_behind() {
     if (left_behind_) return;
     left_behind_ = true;
     ++g_abandoned_threads;
+    changed_.notify_all();
 }
 
 std::optional<capture::clock::time_point> capture::stalls_at() const {
@@ -274,7 +293,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
     numeric::level_sums sums;
     std::size_t done = 0;
     std::unique_lock hold{mutex_};
-    if (state_ == state::opening) return WRAPPER_AUDIO_INVALID_STATE;
+    if (!buffer_) return WRAPPER_AUDIO_INVALID_STATE;
     block.position = buffer_->position();
 
     const auto take = [&] {

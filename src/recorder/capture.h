@@ -2,6 +2,7 @@
 #pragma once
 
 #include "audio_system.h"
+#include "loss_watch.h"
 #include "sample_buffer.h"
 #include "voice.h"
 
@@ -28,6 +29,7 @@ public:
 
     void add_captured(std::span<const int16_t> pcm);
     void add_speech(std::span<const float> probabilities);
+    void add_lost(uint64_t count); // of the device's samples: silence
 
     // Tells of what began since the last call and before `end`, in 10 ms.
     void report(uint64_t end, wrapper_audio_block& block);
@@ -75,7 +77,7 @@ private:
     bool may_read();
     void keep(std::span<const int16_t> pcm);
     void store(std::span<const float> samples);
-    void end(const failure& reason);
+    void end(failure reason);
     void leave_behind();
     bool runs_ahead() const;
     std::optional<clock::time_point> stalls_at() const;
@@ -102,6 +104,7 @@ private:
     std::optional<sample_buffer> buffer_;
     std::size_t largest_step_ = 0; // samples that come out at once at most, the last ones included
     history history_;
+    std::optional<loss_watch> loss_watch_;
     clock::time_point began_;
     std::optional<clock::time_point> waits_since_; // for the device
     bool is_file_ = false;

@@ -39,6 +39,58 @@ void pass_on(const char* bytes, std::size_t size) {
     std::fwrite(bytes, 1, size, to);
 }
 
+constexpr std::string_view no_input_device = "there is no input device";
+
+struct translation {
+    std::string_view begins;
+    std::string_view english;
+    std::string_view ends = {}; // left out
+    bool is_failure = begins.find("ОШИБКА") != std::string_view::npos || english == no_input_device;
+};
+
+// What stands behind the beginning of a line is the same in both languages: PortAudio's words and numbers.
+constexpr translation translations[] = {
+    {"[audio_wrapper] WARN device_id ", "the default input device is taken, because no device has the id ",
+     " не найден, fallback на default input"},
+    {"[audio_wrapper] Pa_Initialize ОШИБКА: ", "PortAudio does not start: "},
+    {"[audio_wrapper] rnnoise_create ОШИБКА", "there is no memory for the noise suppression"},
+    {"[audio_wrapper] нет устройства ввода", no_input_device, " (resolve → paNoDevice)"},
+    {"[audio_wrapper] calloc буферов ОШИБКА", "there is no memory for the buffers", " (OOM)"},
+    {"[audio_wrapper] ctx_create ", "a device was chosen: "},
+    {"[audio_wrapper] open_input_stream ОШИБКА: ", "the device did not open: "},
+    {"[audio_wrapper] init: поток открыт", "the device was opened"},
+    {"[audio_wrapper] arm: микрофон свободен до open", "the device stays free until it is opened"},
+    {"[audio_wrapper] open: микрофон захвачен", "the device was opened"},
+    {"[audio_wrapper] release_stream: микрофон отпущен, ctx остаётся armed",
+     "the device was given back, and can be opened again"},
+    {"[audio_wrapper] Запись остановлена", "the device was stopped"},
+    {"[audio_wrapper] Ресурсы освобождены", "everything was released"},
+    {"[audio_wrapper] Pa_ReadStream ОШИБКА: ", "reading from the device failed: "},
+    {"[audio_wrapper] list_devices: ", "devices listed: ", " устройств"},
+    {"[audio_wrapper] meter_open: Pa_Initialize ОШИБКА: ", "PortAudio does not start: "},
+    {"[audio_wrapper] meter_open: нет устройства ввода", no_input_device},
+    {"[audio_wrapper] meter_open: open_input_stream ОШИБКА: ", "the device did not open: "},
+    {"[audio_wrapper] meter_open device=", "a meter was opened: device="},
+    {"[audio_wrapper] meter_read Pa_ReadStream ОШИБКА: ", "reading from the device failed, which is told only once: ",
+     " (далее подавляется)"},
+    {"[audio_wrapper] meter_close", "the meter was closed"},
+    {"[dsp] soxr недоступен, используется linear interpolation", "rates are converted by linear interpolation"},
+    {"[dsp] HPF инициализирован: ", "the high-pass filter was set up: "},
+    {"[dsp] AGC инициализирован: ", "the gain control was set up: "},
+};
+
+const translation* find_translation(std::string_view line) {
+    const auto found = std::find_if(std::begin(translations), std::end(translations),
+                                    [&](const translation& each) { return line.starts_with(each.begins); });
+    return found == std::end(translations) ? nullptr : found;
+}
+
+// Names from outside are in other lines only.
+bool is_failure(std::string_view line) {
+    const translation* const known = find_translation(line);
+    return known != nullptr && known->is_failure;
+}
+
 } // namespace
 
 struct collector {
@@ -56,9 +108,7 @@ private:
     }
 
     static void keep(scope& to) {
-        if (to.line_.starts_with("[audio_wrapper]") &&
-            (to.line_.find("ОШИБКА") != std::string::npos || to.line_.find("нет устройства") != std::string::npos))
-            to.failure_ = to.line_;
+        if (is_failure(to.line_)) to.failure_ = to.line_;
         if (g_echo) { // to a terminal, perhaps, and with names from outside
             const std::string shown = valid_utf8(to.line_) + '\n';
             pass_on(shown.data(), shown.size());
@@ -115,62 +165,23 @@ scope::scope() : outer_(t_scope) {
 
 scope::~scope() {
     t_scope = outer_;
+    try {
+        if (!line_.empty()) collector::add(*this, "\n"); // whoever wrote it will not go on
+    } catch (const std::bad_alloc&) {                    // the line is lost
+    }
 }
 
 std::string scope::take_failure() {
     return std::exchange(failure_, {});
 }
 
-namespace {
-
-struct translation {
-    std::string_view begins;
-    std::string_view english;
-    std::string_view ends = {}; // left out
-};
-
-// What stands behind the beginning of a line is the same in both languages: PortAudio's words and numbers.
-constexpr translation translations[] = {
-    {"[audio_wrapper] WARN device_id ", "the default input device is taken, because no device has the id ",
-     " не найден, fallback на default input"},
-    {"[audio_wrapper] Pa_Initialize ОШИБКА: ", "PortAudio does not start: "},
-    {"[audio_wrapper] rnnoise_create ОШИБКА", "there is no memory for the noise suppression"},
-    {"[audio_wrapper] нет устройства ввода", "there is no input device", " (resolve → paNoDevice)"},
-    {"[audio_wrapper] calloc буферов ОШИБКА", "there is no memory for the buffers", " (OOM)"},
-    {"[audio_wrapper] ctx_create ", "a device was chosen: "},
-    {"[audio_wrapper] open_input_stream ОШИБКА: ", "the device did not open: "},
-    {"[audio_wrapper] init: поток открыт", "the device was opened"},
-    {"[audio_wrapper] arm: микрофон свободен до open", "the device stays free until it is opened"},
-    {"[audio_wrapper] open: микрофон захвачен", "the device was opened"},
-    {"[audio_wrapper] release_stream: микрофон отпущен, ctx остаётся armed",
-     "the device was given back, and can be opened again"},
-    {"[audio_wrapper] Запись остановлена", "the device was stopped"},
-    {"[audio_wrapper] Ресурсы освобождены", "everything was released"},
-    {"[audio_wrapper] Pa_ReadStream ОШИБКА: ", "reading from the device failed: "},
-    {"[audio_wrapper] list_devices: ", "devices listed: ", " устройств"},
-    {"[audio_wrapper] meter_open: Pa_Initialize ОШИБКА: ", "PortAudio does not start: "},
-    {"[audio_wrapper] meter_open: нет устройства ввода", "there is no input device"},
-    {"[audio_wrapper] meter_open: open_input_stream ОШИБКА: ", "the device did not open: "},
-    {"[audio_wrapper] meter_open device=", "a meter was opened: device="},
-    {"[audio_wrapper] meter_read Pa_ReadStream ОШИБКА: ", "reading from the device failed, which is told only once: ",
-     " (далее подавляется)"},
-    {"[audio_wrapper] meter_close", "the meter was closed"},
-    {"[dsp] soxr недоступен, используется linear interpolation", "rates are converted by linear interpolation"},
-    {"[dsp] HPF инициализирован: ", "the high-pass filter was set up: "},
-    {"[dsp] AGC инициализирован: ", "the gain control was set up: "},
-};
-
-} // namespace
-
 std::string in_english(std::string_view line) {
     if (line.ends_with('\n')) line.remove_suffix(1);
-    for (const auto& [begins, english, ends] : translations) {
-        if (!line.starts_with(begins)) continue;
-        line.remove_prefix(begins.size());
-        if (!ends.empty() && line.ends_with(ends)) line.remove_suffix(ends.size());
-        return std::string(english).append(line);
-    }
-    return {};
+    const translation* const known = find_translation(line);
+    if (known == nullptr) return {};
+    line.remove_prefix(known->begins.size());
+    if (line.ends_with(known->ends)) line.remove_suffix(known->ends.size());
+    return std::string(known->english).append(line);
 }
 
 } // namespace recorder::log

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 
 // What all processors share: output waits here until the host takes it.
 struct wrapper_audio_processor {
@@ -33,8 +34,8 @@ struct wrapper_audio_processor {
         const std::size_t count = std::min(capacity, ready.size() - taken);
         if (count > 0) std::memcpy(out, ready.data() + taken, count * sizeof *out);
         taken += count;
-        if (taken == ready.size()) {
-            ready.clear();
+        if (taken >= ready.size() - taken) { // so that the rest is moved no more often than it was put in
+            ready.erase(ready.begin(), ready.begin() + static_cast<std::ptrdiff_t>(taken));
             taken = 0;
         }
         return count;
@@ -64,7 +65,7 @@ class in_place_processor : public wrapper_audio_processor {
 public:
     void process(sample_span in, std::vector<float>& out) override {
         const std::size_t old = out.size();
-        out.insert(out.end(), in.begin(), in.end());
+        std::transform(in.begin(), in.end(), std::back_inserter(out), limited);
         constexpr std::size_t most = 1 << 30; // what a count of the loops can hold
         for (std::size_t at = old; at < out.size(); at += most)
             filter(out.data() + at, static_cast<int32_t>(std::min(out.size() - at, most)));
@@ -114,10 +115,10 @@ class gain_control : public wrapper_audio_processor {
 public:
     gain_control(int32_t rate, float target_db, float release_ms)
         : block_(static_cast<std::size_t>(std::lround(rate / 100.0))), target_(std::pow(10.0F, target_db / 20.0F)),
-          release_(std::exp(-10.0F / release_ms)) {}
+          release_(release_ms > 0.0F ? std::exp(-10.0F / release_ms) : 0.0F) {}
 
     void process(sample_span in, std::vector<float>& out) override {
-        waiting_.insert(waiting_.end(), in.begin(), in.end());
+        std::transform(in.begin(), in.end(), std::back_inserter(waiting_), limited);
         std::size_t done = 0;
         for (; waiting_.size() - done >= block_; done += block_)
             control(done, block_, out);
@@ -151,7 +152,7 @@ private:
 
     const std::size_t block_;
     const float target_;
-    const float release_; // 0 for a release of 0 ms
+    const float release_;
     float gain_ = 1.0F;
     std::vector<float> waiting_;
 };

@@ -154,6 +154,7 @@ struct wrapper_audio_recorder {
     std::shared_ptr<capture> current;
     failure failed_open;
     int calls = 0;
+    bool closing = false;
 };
 
 namespace {
@@ -206,7 +207,8 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
     const auto made = std::make_shared<capture>(recorder.options, device_id);
     {
         const std::lock_guard hold{recorder.mutex};
-        if (recorder.current != nullptr && !recorder.current->has_ended()) return WRAPPER_AUDIO_INVALID_STATE;
+        const bool is_open = recorder.current != nullptr && !recorder.current->has_ended();
+        if (is_open || recorder.closing) return WRAPPER_AUDIO_INVALID_STATE;
         recorder.current = made; // so that another thread may stop what is just opening
         recorder.failed_open = {};
     }
@@ -214,16 +216,16 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
     try {
         made->open();
         return WRAPPER_AUDIO_OK;
-    } catch (const failure& reason) {
-        failed = reason;
+    } catch (failure& reason) {
+        failed = std::move(reason);
     } catch (const std::system_error&) { // no further thread
     } catch (const std::bad_alloc&) {
     }
-    if (failed.reason.empty()) failed.reason = wrapper_audio_status_text(failed.status);
+    const wrapper_audio_status status = failed.status;
     const std::lock_guard hold{recorder.mutex};
-    recorder.current = nullptr;
-    recorder.failed_open = failed;
-    return failed.status;
+    if (recorder.current == made) recorder.current = nullptr;
+    recorder.failed_open = std::move(failed);
+    return status;
 }
 
 wrapper_audio_status read(wrapper_audio_recorder* recorder, std::span<float> floats, std::span<int16_t> pcm,
@@ -298,6 +300,7 @@ std::size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder* recorder, wr
             const std::lock_guard hold{recorder->mutex};
             failed = recorder->failed_open;
         }
+        if (failed.status < 0 && failed.reason.empty()) failed.reason = wrapper_audio_status_text(failed.status);
         const device device = current != nullptr ? current->device() : recorder::device{};
         switch (kind) {
         case WRAPPER_AUDIO_TEXT_DEVICE_ID:
@@ -328,6 +331,10 @@ wrapper_audio_status wrapper_audio_recorder_stop(wrapper_audio_recorder* recorde
 
 void wrapper_audio_recorder_free(wrapper_audio_recorder* recorder) noexcept {
     if (recorder == nullptr) return;
+    {
+        const std::lock_guard hold{recorder->mutex};
+        recorder->closing = true;
+    }
     wrapper_audio_recorder_stop(recorder);
     {
         std::unique_lock hold{recorder->mutex};

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 
 namespace recorder {
 
@@ -88,13 +87,25 @@ std::string folded(std::string_view bytes) {
     return text;
 }
 
+namespace {
+
+// How many bytes at the end belong to a character that is cut off.
+std::size_t begun_character(std::string_view text) {
+    for (std::size_t back = 1; back <= std::min<std::size_t>(3, text.size()); ++back) {
+        const auto byte = static_cast<unsigned char>(text[text.size() - back]);
+        const std::size_t length = byte < 0xC0 ? 1 : byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
+        if ((byte & 0xC0) != 0x80) return length > back ? back : 0;
+    }
+    return 0;
+}
+
+} // namespace
+
 std::size_t copy_out(std::string_view from, char* text, std::size_t capacity) {
     if (text != nullptr && capacity > 0) {
         std::size_t fits = std::min(from.size(), capacity - 1);
-        while (fits > 0 && fits < from.size() && (static_cast<unsigned char>(from[fits]) & 0xC0) == 0x80)
-            --fits; // no character is cut in two
-        std::memcpy(text, from.data(), fits);
-        text[fits] = '\0';
+        if (fits < from.size()) fits -= begun_character(from.substr(0, fits));
+        *std::copy_n(from.begin(), fits, text) = '\0';
     }
     return from.size();
 }

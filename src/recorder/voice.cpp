@@ -114,11 +114,12 @@ double longest_delay(int32_t in_rate, int32_t out_rate, wrapper_audio_conversion
     return longest;
 }
 
-float finite(float sample) {
-    return std::isfinite(sample) ? sample : 0.0F;
-}
-
 } // namespace
+
+float limited(float sample) {
+    constexpr float limit = 100.0F;
+    return std::isfinite(sample) ? std::clamp(sample, -limit, limit) : 0.0F;
+}
 
 std::unique_ptr<rate_converter> make_rate_converter(int32_t in_rate, int32_t out_rate,
                                                     wrapper_audio_conversion conversion) {
@@ -240,7 +241,7 @@ void voice_chain::process(sample_span in, std::vector<float>& out) {
     const auto length = static_cast<std::size_t>(options_.in_rate / 100);
     while (!in.empty()) {
         const auto part = in.first(std::min(in.size(), length));
-        std::transform(part.begin(), part.end(), piece, finite);
+        std::transform(part.begin(), part.end(), piece, limited);
         last_ = piece[part.size() - 1];
         taken_ += part.size();
         run({piece, part.size()});
@@ -254,12 +255,14 @@ void voice_chain::process(sample_span in, std::vector<float>& out) {
 void voice_chain::flush(std::vector<float>& out) {
     const float filling = options_.conversion == WRAPPER_AUDIO_CONVERSION_LINEAR ? last_ : 0.0F;
     const std::vector<float> piece(static_cast<std::size_t>(options_.in_rate / 100), filling);
-    while (given_ + ready_.size() < due())
+    const auto in_rate = static_cast<uint64_t>(options_.in_rate);
+    const uint64_t begun = suppressor_ == nullptr // 10 ms
+                               ? 0
+                               : taken_ / in_rate * 100 + (taken_ % in_rate * 100 + in_rate - 1) / in_rate;
+    while (given_ + ready_.size() < due() || told_ < begun)
         run(piece);
     give(out);
-    const auto in_rate = static_cast<uint64_t>(options_.in_rate);
-    const uint64_t begun = taken_ / in_rate * 100 + (taken_ % in_rate * 100 + in_rate - 1) / in_rate;
-    speech_.resize(speech_.size() - std::min<std::size_t>(speech_.size(), told_ > begun ? told_ - begun : 0));
+    speech_.resize(speech_.size() - std::min<std::size_t>(speech_.size(), told_ - begun));
     auto speech = std::move(speech_);
     reset();
     speech_ = std::move(speech);

@@ -17,6 +17,10 @@ using sample_span = std::span<const float>;
 constexpr int32_t lowest_rate = 100;
 constexpr int32_t highest_rate = 768000;
 
+// What every processor makes of a sample first: no number and no infinity, of which a filter would never recover, and
+// nothing so large that it becomes one in RNNoise's single precision.
+float limited(float sample);
+
 // Converts a stream of samples, each piece as the continuation of the one before. Output i belongs to the time of input
 // i * in_rate / out_rate.
 class rate_converter {

@@ -1,0 +1,160 @@
+// The signal processors on any numbers, in pieces of any size: what comes out does not depend on the pieces, its length
+// is the one promised, and no sample is spoilt.
+#include "script.h"
+#include "wrapper_audio_recorder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t most_samples = 6000;
+constexpr std::size_t most_output = 60000;
+
+struct release {
+    void operator()(wrapper_audio_processor* processor) const { wrapper_audio_processor_free(processor); }
+};
+using processor = std::unique_ptr<wrapper_audio_processor, release>;
+
+struct made {
+    processor handle;
+    bool valid = true;
+    bool is_voice = false;
+    wrapper_audio_voice_options voice{};
+};
+
+bool is_rate(std::int32_t rate) {
+    return rate >= 100 && rate <= 768000;
+}
+
+constexpr std::int32_t rates[] = {48000, 16000, 44100, 8000, 11025, 100, 768000, 47999};
+constexpr float usual_floats[] = {0.0F, 1.0F, -1.0F, 0.5F, 0.707F, 100.0F, -20.0F};
+
+// A processor of any kind with any settings, and whether these are allowed.
+made make(script& bytes) {
+    made result;
+    wrapper_audio_processor* handle = nullptr;
+    wrapper_audio_status status = WRAPPER_AUDIO_OK;
+    switch (bytes.below(5)) {
+    case 0: {
+        const auto coef = bytes.usual(usual_floats);
+        status = wrapper_audio_depop_create(&handle, coef);
+        result.valid = coef >= 0.0F && coef <= 1.0F;
+        break;
+    }
+    case 1: {
+        const auto rate = bytes.usual(rates);
+        const auto cutoff = bytes.usual(usual_floats);
+        const auto q = bytes.usual(usual_floats);
+        status = wrapper_audio_high_pass_create(&handle, rate, cutoff, q);
+        result.valid =
+            is_rate(rate) && cutoff > 0.0F && static_cast<double>(cutoff) < rate / 2.0 && q >= 0.05F && q <= 50.0F;
+        break;
+    }
+    case 2: {
+        const auto rate = bytes.usual(rates);
+        const auto target = bytes.usual(usual_floats);
+        const auto release_ms = bytes.usual(usual_floats);
+        status = wrapper_audio_gain_control_create(&handle, rate, target, release_ms);
+        result.valid =
+            is_rate(rate) && target >= -60.0F && target <= 0.0F && release_ms >= 0.0F && release_ms <= 60000.0F;
+        break;
+    }
+    default: {
+        wrapper_audio_voice_options& voice = result.voice;
+        voice.in_rate = bytes.usual(rates);
+        voice.out_rate = bytes.usual(rates);
+        voice.denoise = bytes.usual(usual_floats);
+        voice.speech = static_cast<std::int32_t>(bytes.below(3));
+        voice.conversion = static_cast<std::int32_t>(bytes.below(3));
+        status = wrapper_audio_voice_create(&handle, &voice);
+        result.valid = is_rate(voice.in_rate) && is_rate(voice.out_rate) && voice.denoise >= 0.0F &&
+                       voice.denoise <= 1.0F && voice.speech < 2 && voice.conversion < 2;
+        result.is_voice = true;
+    }
+    }
+    result.handle.reset(handle);
+    require(status == (result.valid ? WRAPPER_AUDIO_OK : WRAPPER_AUDIO_INVALID_ARGUMENT), "settings are judged",
+            std::to_string(status));
+    require((handle != nullptr) == result.valid, "a processor is made if its settings are allowed");
+    return result;
+}
+
+// Outside the range of sound, too; infinities and NaN for a voice chain, which takes them for silence.
+std::vector<float> read_samples(script& bytes, bool any_bits) {
+    std::vector<float> samples(std::min<std::size_t>(bytes.number<std::uint16_t>(), most_samples));
+    const unsigned kind = bytes.below(3);
+    std::uint32_t state = bytes.number<std::uint32_t>();
+    for (float& sample : samples) {
+        state = state * 1664525 + 1013904223;
+        sample = static_cast<float>(static_cast<std::int32_t>(state)) / 2147483648.0F;
+        if (kind == 1) sample *= 1e-38F;
+        if (kind == 2 && any_bits && state % 64 == 0) sample = bytes.number<float>();
+    }
+    return samples;
+}
+
+std::vector<float> run(wrapper_audio_processor* handle, const std::vector<float>& in, script& pieces, bool whole) {
+    std::vector<float> out;
+    std::vector<float> room(most_output);
+    const auto take = [&](wrapper_audio_status status, std::size_t count, std::size_t capacity) {
+        require(status == WRAPPER_AUDIO_OK, "samples are taken");
+        require(count <= capacity, "no more is given than fits");
+        out.insert(out.end(), room.begin(), room.begin() + static_cast<std::ptrdiff_t>(count));
+    };
+    std::size_t count = 0;
+    for (std::size_t at = 0; at < in.size();) {
+        const std::size_t length =
+            whole ? in.size() : std::min<std::size_t>(in.size() - at, 1 + 7U * pieces.below(200));
+        const std::size_t capacity = whole ? room.size() : 3U * pieces.below(256);
+        const auto status =
+            wrapper_audio_processor_process(handle, in.data() + at, length, room.data(), capacity, &count);
+        take(status, count, capacity);
+        at += length;
+    }
+    for (bool more = true; more && out.size() < 40 * most_output;) {
+        const std::size_t capacity = whole ? room.size() : 1 + 50U * pieces.below(256);
+        take(wrapper_audio_processor_flush(handle, room.data(), capacity, &count), count, capacity);
+        more = count == capacity;
+    }
+    return out;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    script bytes(data, size);
+    const made made = make(bytes);
+    if (!made.valid) return 0;
+    wrapper_audio_processor* const handle = made.handle.get();
+    const auto& [in_rate, out_rate, denoise, speech, conversion] = made.voice;
+    auto in = read_samples(bytes, made.is_voice);
+    // So that no input is slow: neither a second of megahertz out of every sample, nor minutes of filters.
+    if (made.is_voice) in.resize(std::min(in.size(), std::size_t{4} * static_cast<std::size_t>(in_rate) / 100 + 7));
+
+    const std::vector<float> out = run(handle, in, bytes, true);
+    const std::size_t expected = made.is_voice ? static_cast<std::size_t>((2 * static_cast<std::uint64_t>(in.size()) *
+                                                                               static_cast<std::uint64_t>(out_rate) +
+                                                                           static_cast<std::uint64_t>(in_rate)) /
+                                                                          (2 * static_cast<std::uint64_t>(in_rate)))
+                                               : in.size();
+    require(out.size() == expected, "as many samples come out as promised",
+            std::to_string(out.size()) + " instead of " + std::to_string(expected));
+    if (made.is_voice && (denoise > 0.0F || speech != 0)) {
+        std::vector<float> probabilities(most_samples);
+        const std::size_t told =
+            wrapper_audio_processor_take_speech(handle, probabilities.data(), probabilities.size());
+        const auto begun =
+            (in.size() * 100 + static_cast<std::size_t>(in_rate) - 1) / static_cast<std::size_t>(in_rate);
+        require(told == begun, "each 10 ms has its probability of speech",
+                std::to_string(told) + " instead of " + std::to_string(begun));
+        for (std::size_t i = 0; i < told; ++i)
+            require(probabilities[i] >= 0.0F && probabilities[i] <= 1.0F, "a probability is one");
+    }
+    const std::vector<float> again = run(handle, in, bytes, false);
+    require(out.size() == again.size() && (out.empty() || std::memcmp(out.data(), again.data(), out.size() * 4) == 0),
+            "the pieces make no difference");
+    return 0;
+}

@@ -1,0 +1,64 @@
+// Sound that the system lost before the core could read it. PortAudio's word about it does not pass the core, but the
+// clock tells: what a device has delivered falls behind by a step, and never catches up. Whatever was only late, in the
+// buffers of a sound server or of a busy machine, does catch up; and clocks drift apart slowly.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace recorder {
+
+class loss_watch {
+public:
+    explicit loss_watch(int32_t rate) : rate_(rate) {}
+
+    // A block of `count` samples came at `seconds` of a clock that does not jump. Returns how many samples are known now
+    // to have been lost since they were last told: about half a second later, and only losses of 0.1 s and more.
+    uint64_t add(double seconds, std::size_t count) {
+        delivered_ += static_cast<double>(count);
+        if (size_ == arrivals_.size()) forget_oldest();
+        arrivals_[(first_ + size_++) % arrivals_.size()] = {seconds, seconds - delivered_ / rate_};
+        if (seconds - arrivals_[first_].at < patience) return 0;
+        const double lateness = least_lateness();
+        forget_oldest();
+        const double step = lateness - usual_lateness_.value_or(lateness);
+        if (step >= smallest_loss) size_ = 0; // the arrivals before the next one are accounted for
+        if (!usual_lateness_ || step < 0.0 || step >= smallest_loss)
+            usual_lateness_ = lateness;
+        else
+            *usual_lateness_ += largest_drift * static_cast<double>(count) / rate_;
+        return step >= smallest_loss ? static_cast<uint64_t>(step * rate_) : 0;
+    }
+
+private:
+    struct arrival {
+        double at;
+        double lateness; // seconds, from a constant that does not matter
+    };
+    static constexpr double patience = 0.5;       // seconds
+    static constexpr double smallest_loss = 0.1;  // seconds
+    static constexpr double largest_drift = 1e-3; // seconds in a second
+
+    double least_lateness() const {
+        double least = arrivals_[first_].lateness;
+        for (std::size_t i = 1; i < size_; ++i)
+            least = std::min(least, arrivals_[(first_ + i) % arrivals_.size()].lateness);
+        return least;
+    }
+    void forget_oldest() {
+        first_ = (first_ + 1) % arrivals_.size();
+        --size_;
+    }
+
+    const double rate_;
+    std::array<arrival, 64> arrivals_{}; // a ring
+    std::size_t first_ = 0;
+    std::size_t size_ = 0;
+    double delivered_ = 0.0;
+    std::optional<double> usual_lateness_;
+};
+
+} // namespace recorder

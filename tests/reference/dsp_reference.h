@@ -45,8 +45,8 @@ struct high_pass {
     double b0, b1, b2, a1, a2;
     double z1 = 0.0, z2 = 0.0;
 
-    high_pass(float cutoff_hz, float q) {
-        const double angle = static_cast<double>(cutoff_hz) * 6.283185307179586 / 16000.0;
+    high_pass(float cutoff_hz, float q, double rate = 16000.0) {
+        const double angle = static_cast<double>(cutoff_hz) * 6.283185307179586 / rate;
         const double s = std::sin(angle);
         const double c = std::cos(angle);
         const double alpha = s / (2.0 * static_cast<double>(q));

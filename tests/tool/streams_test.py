@@ -5,6 +5,7 @@ import math
 import os
 import pathlib
 import random
+import re
 import struct
 import subprocess
 import time
@@ -118,6 +119,29 @@ class Formats(StreamTest):
         self.assertEqual(self.record("--seconds", 1.9, self.file)[2], "")
         self.assertEqual(self.record("--seconds", 9, self.file)[2], said)
         self.assertEqual(self.record("--seconds", 9, "--quiet", self.file)[2], "")
+
+
+    def test_a_denoised_recording_of_a_quiet_room_is_not_called_silent(self):
+        generator = random.Random(6)
+        self.listen_to_samples([generator.randint(-40, 40) for _ in range(48000)] * 4)
+        code, _, errors = self.record("--denoise", "--seconds", 4, self.file)
+        self.assertEqual((code, errors), (FINE, "wrapper-audio: denoising at 48000 Hz, the device's own rate\n"))
+
+    def test_samples_that_a_slow_reader_loses_are_told(self):
+        ramp = [at % 30000 for at in range(48000 * 20)]
+        self.listen_to_samples(ramp)
+        process = self.start(
+            "record", "--rate", 48000, "--seconds", 8, "--quiet", "-", text=False, microphone={"MICROPHONE_PACED": "1"}
+        )
+        time.sleep(8)  # the pipe holds less than a second, the recorder five
+        output, errors = process.communicate(timeout=30)
+        self.assertEqual((process.returncode, len(output)), (FINE, 8 * 48000 * 2))
+        told = re.fullmatch(rb"wrapper-audio: (\d+) samples were lost, because .*: at ([\d:., ]+)( and .*)?\n", errors)
+        self.assertIsNotNone(told, errors)
+        samples = struct.unpack(f"<{8 * 48000}h", output)
+        self.assertAlmostEqual((len(samples) - 1 + int(told[1])) % 30000, samples[-1], delta=1)
+        jumps = [at for at in range(1, len(samples)) if (samples[at] - samples[at - 1]) % 30000 > 2]
+        self.assertEqual([f"0:{at // 4800 / 10:04.1f}" for at in jumps][:3], told[2].decode().split(", "))
 
 
 class Effects(StreamTest):

@@ -31,11 +31,11 @@
  *
  * ## Conventions
  *
- * - Samples are mono. Floats have full scale 1.0; 16-bit samples go from -32767 to 32767, which is the same full scale.
- *   Levels are linear amplitudes from 0.0 to 1.0, rates are in Hz, lengths in samples, times in milliseconds.
+ * - Samples are mono. Floats have full scale 1.0; 16-bit samples go from -32767 to 32767, which is the same full
+ *   scale. Levels are linear amplitudes from 0.0 to 1.0, rates are in Hz, lengths in samples, times in milliseconds.
  * - A call that can fail returns a status. What it was to fill is filled on success, and as told where it fails.
- * - No bad argument crashes: a NULL, a number out of range or a NaN gives WRAPPER_AUDIO_INVALID_ARGUMENT. What cannot be
- *   checked is a pointer to something else, or a handle that has been freed.
+ * - No bad argument crashes: a NULL, a number out of range or a NaN gives WRAPPER_AUDIO_INVALID_ARGUMENT. What cannot
+ *   be checked is a pointer to something else, or a handle that has been freed.
  * - A text that is copied out is always terminated, and cut if it does not fit. The function returns the length that
  *   the whole text has, without the terminator.
  *
@@ -73,7 +73,7 @@ extern "C" {
 
 /** How a call went. The numbers never change; those below 0 are failures. */
 typedef enum wrapper_audio_status {
-    WRAPPER_AUDIO_OK = 0,
+    WRAPPER_AUDIO_OK = 0,                 /**< everything is fine */
     WRAPPER_AUDIO_TIMEOUT = 1,            /**< the time ran out before everything had come */
     WRAPPER_AUDIO_STOPPED = 2,            /**< the recorder was stopped, and every sample has been read */
     WRAPPER_AUDIO_INVALID_ARGUMENT = -1,  /**< an argument is NULL, NaN or out of range */
@@ -93,6 +93,7 @@ typedef enum wrapper_audio_status {
 /**
  * An English sentence about a status, without a full stop.
  *
+ * @param status  a status
  * @return a constant text, also for numbers that are no status
  */
 const char *wrapper_audio_status_text(wrapper_audio_status status) WRAPPER_AUDIO_NOEXCEPT;
@@ -105,12 +106,13 @@ const char *wrapper_audio_status_text(wrapper_audio_status status) WRAPPER_AUDIO
 typedef enum wrapper_audio_denoising {
     WRAPPER_AUDIO_DENOISING_OFF = 0,      /**< not at all: the device cannot record, or nobody asked for it */
     WRAPPER_AUDIO_DENOISING_NATIVE = 1,   /**< the device runs at 48000 Hz, the rate of the noise suppression */
-    WRAPPER_AUDIO_DENOISING_CONVERTED = 2 /**< the device runs at another rate, and its sound is converted to 48000 Hz */
+    WRAPPER_AUDIO_DENOISING_CONVERTED = 2 /**< the device runs at another rate: its sound is converted to 48000 Hz */
 } wrapper_audio_denoising;
 
 /** One device. The texts belong to the list. */
 typedef struct wrapper_audio_device {
-    const char *id;          /**< what wrapper_audio_recorder_open() takes; bytes of any encoding, unlike every other id */
+    const char *id;          /**< what wrapper_audio_recorder_open() takes: bytes of any encoding, and no other device
+                                  has them */
     const char *name;        /**< for people: valid UTF-8 without control characters */
     const char *host_api;    /**< the part of the system it belongs to, such as "ALSA"; valid UTF-8 */
     int32_t default_rate;    /**< in Hz */
@@ -132,10 +134,21 @@ typedef struct wrapper_audio_device_list wrapper_audio_device_list;
  */
 wrapper_audio_status wrapper_audio_device_list_create(wrapper_audio_device_list **list) WRAPPER_AUDIO_NOEXCEPT;
 
-/** How many devices the list has; 0 for NULL. */
+/**
+ * Counts the devices of a list.
+ *
+ * @param list  a list or NULL
+ * @return how many there are; 0 for NULL
+ */
 size_t wrapper_audio_device_list_count(const wrapper_audio_device_list *list) WRAPPER_AUDIO_NOEXCEPT;
 
-/** A device of the list, valid as long as the list is; NULL when there is no such index. */
+/**
+ * Returns a device of a list.
+ *
+ * @param list   a list or NULL
+ * @param index  from 0
+ * @return the device, valid as long as the list is; NULL when there is no such index
+ */
 const wrapper_audio_device *wrapper_audio_device_list_get(const wrapper_audio_device_list *list,
                                                           size_t index) WRAPPER_AUDIO_NOEXCEPT;
 
@@ -154,7 +167,11 @@ wrapper_audio_status wrapper_audio_device_list_find(const wrapper_audio_device_l
                                                     size_t *index, char *reason,
                                                     size_t capacity) WRAPPER_AUDIO_NOEXCEPT;
 
-/** Releases a list and the texts in it. NULL does nothing. */
+/**
+ * Releases a list and the texts in it.
+ *
+ * @param list  a list or NULL
+ */
 void wrapper_audio_device_list_free(wrapper_audio_device_list *list) WRAPPER_AUDIO_NOEXCEPT;
 
 /** @} */
@@ -193,7 +210,7 @@ typedef struct wrapper_audio_block {
     float rms;                /**< root mean square of the samples returned */
     float peak;               /**< their largest magnitude */
     float captured_rms;       /**< the same of what the device gave in this time, before noise suppression */
-    float captured_peak;
+    float captured_peak;      /**< and their largest magnitude */
     float speech_probability; /**< largest probability of speech in the 10 ms that begin in this block, 0.0 to 1.0;
                                    -1.0 when it is not known */
 } wrapper_audio_block;
@@ -238,14 +255,14 @@ wrapper_audio_status wrapper_audio_recorder_create(wrapper_audio_recorder **reco
 
 /**
  * Takes a microphone and begins to record. A device is opened at its default rate, or where speech or denoising is
- * wanted at 48000 Hz if it can. A recorder that was stopped may be opened again, on any device: it begins anew, and what
- * had not been read is lost.
+ * wanted at 48000 Hz if it can. A recorder that was stopped may be opened again, on any device: it begins anew, and
+ * what had not been read is lost.
  *
  * @param recorder   a recorder that is not open
  * @param device_id  the `id` of a wrapper_audio_device, compared byte for byte; NULL or "": the default input device
- * @return OK; STOPPED when another thread stopped it meanwhile; INVALID_STATE when it is open; NO_AUDIO_SYSTEM, NO_INPUT_DEVICE, UNKNOWN_DEVICE, NOT_AN_INPUT,
- *         DEVICE_REFUSED, AUDIO_SYSTEM_STUCK (after 10 s), OUT_OF_MEMORY, INVALID_ARGUMENT. After a failure the recorder
- *         is not open, and nothing of the device is held.
+ * @return OK; STOPPED when another thread stopped it meanwhile; INVALID_STATE when it is open; NO_AUDIO_SYSTEM,
+ *         NO_INPUT_DEVICE, UNKNOWN_DEVICE, NOT_AN_INPUT, DEVICE_REFUSED, AUDIO_SYSTEM_STUCK (after 10 s),
+ *         OUT_OF_MEMORY, INVALID_ARGUMENT. After a failure the recorder is not open, and nothing of the device is held.
  */
 wrapper_audio_status wrapper_audio_recorder_open(wrapper_audio_recorder *recorder,
                                                  const char *device_id) WRAPPER_AUDIO_NOEXCEPT;
@@ -259,9 +276,9 @@ wrapper_audio_status wrapper_audio_recorder_open(wrapper_audio_recorder *recorde
  * @param count       how many are wanted; 0 returns at once
  * @param timeout_ms  how long to wait at most; 0: not at all; below 0: as long as the device delivers
  * @param block       receives how many samples came, and what there is to know of them; filled in any case
- * @return OK; TIMEOUT; STOPPED, once everything before the stop has been read; DEVICE_FAILED, once everything before the
- *         failure has been read; NO_DATA when nothing has come for `stall_ms` of waiting (a later read may have sound
- *         again); INVALID_STATE before the first open; INVALID_ARGUMENT
+ * @return OK; TIMEOUT; STOPPED, once everything before the stop has been read; DEVICE_FAILED, once everything before
+ *         the failure has been read; NO_DATA when nothing has come for `stall_ms` of waiting (a later read may have
+ *         sound again); INVALID_STATE before the first open; INVALID_ARGUMENT
  *
  * Allocates nothing. Reads on several threads share the samples out among them.
  */
@@ -269,7 +286,16 @@ wrapper_audio_status wrapper_audio_recorder_read_s16(wrapper_audio_recorder *rec
                                                      int32_t timeout_ms,
                                                      wrapper_audio_block *block) WRAPPER_AUDIO_NOEXCEPT;
 
-/** As wrapper_audio_recorder_read_s16(), with floats of full scale 1.0. They may exceed it. */
+/**
+ * As wrapper_audio_recorder_read_s16(), with floats.
+ *
+ * @param recorder    a recorder
+ * @param samples     receives the samples, of full scale 1.0, which they may exceed
+ * @param count       how many are wanted
+ * @param timeout_ms  how long to wait at most
+ * @param block       receives how many samples came, and what there is to know of them
+ * @return as wrapper_audio_recorder_read_s16()
+ */
 wrapper_audio_status wrapper_audio_recorder_read_f32(wrapper_audio_recorder *recorder, float *samples, size_t count,
                                                      int32_t timeout_ms,
                                                      wrapper_audio_block *block) WRAPPER_AUDIO_NOEXCEPT;
@@ -286,7 +312,13 @@ wrapper_audio_status wrapper_audio_recorder_read_f32(wrapper_audio_recorder *rec
 size_t wrapper_audio_recorder_take_speech(wrapper_audio_recorder *recorder, float *probabilities,
                                           size_t capacity) WRAPPER_AUDIO_NOEXCEPT;
 
-/** Tells what a recorder is doing. Returns OK or INVALID_ARGUMENT. */
+/**
+ * Tells what a recorder is doing.
+ *
+ * @param recorder  a recorder
+ * @param info      receives it
+ * @return OK, INVALID_ARGUMENT
+ */
 wrapper_audio_status wrapper_audio_recorder_get_info(wrapper_audio_recorder *recorder,
                                                      wrapper_audio_recorder_info *info) WRAPPER_AUDIO_NOEXCEPT;
 
@@ -306,15 +338,24 @@ size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder *recorder, wrapper
  * Ends the recording and gives the device back, within a second: a device that hangs is left to its thread. The samples
  * recorded before can still be read; reads that wait return what there is.
  *
+ * @param recorder  a recorder that is open
  * @return OK; AUDIO_SYSTEM_STUCK when the thread had to be left behind; INVALID_STATE when it is not open;
  *         INVALID_ARGUMENT
  */
 wrapper_audio_status wrapper_audio_recorder_stop(wrapper_audio_recorder *recorder) WRAPPER_AUDIO_NOEXCEPT;
 
-/** Stops a recorder, waits for calls on it to return, and releases it. NULL does nothing. */
+/**
+ * Stops a recorder, waits for calls on it to return, and releases it.
+ *
+ * @param recorder  a recorder or NULL
+ */
 void wrapper_audio_recorder_free(wrapper_audio_recorder *recorder) WRAPPER_AUDIO_NOEXCEPT;
 
-/** How many threads this process has left behind in devices that hang, and that still hang there. */
+/**
+ * Counts the threads that this process has left behind in devices that hang, and that still hang there.
+ *
+ * @return how many there are
+ */
 uint32_t wrapper_audio_abandoned_threads(void) WRAPPER_AUDIO_NOEXCEPT;
 
 /** @} */
@@ -323,8 +364,8 @@ uint32_t wrapper_audio_abandoned_threads(void) WRAPPER_AUDIO_NOEXCEPT;
  * @name Signal processors
  *
  * A processor takes a stream of samples in pieces of any size and gives a stream back. Each has a state of its own.
- * Samples that are infinite or no number count as silence, and others are limited to a magnitude of 100, 40 dB above full
- * scale, so that nothing a host puts in can spoil what comes later.
+ * Samples that are infinite or no number count as silence, and others are limited to a magnitude of 100, 40 dB above
+ * full scale, so that nothing a host puts in can spoil what comes later.
  * @{
  */
 
@@ -342,8 +383,8 @@ typedef struct wrapper_audio_voice_options {
 
 /**
  * Makes the chain that a recorder has: conversion to 48000 Hz, noise suppression, conversion to another rate; of these
- * what is needed. Output sample i belongs to the time i / out_rate of the input: the delay is taken out. In all it gives
- * in * out_rate / in_rate samples, rounded to the nearest.
+ * what is needed. Output sample i belongs to the time i / out_rate of the input: the delay is taken out. In all it
+ * gives in * out_rate / in_rate samples, rounded to the nearest.
  *
  * @param processor  receives the chain; NULL on failure
  * @param options    what it is to do
@@ -377,9 +418,9 @@ wrapper_audio_status wrapper_audio_depop_create(wrapper_audio_processor **proces
                                                 float coef) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Makes an automatic gain control: it measures 10 ms, moves the gain towards what would bring them to the target, at most
- * 20 dB up or down, and multiplies them by it. Silence below -120 dB passes as it is. Nothing is limited: the result may
- * exceed full scale.
+ * Makes an automatic gain control: it measures 10 ms, moves the gain towards what would bring them to the target, at
+ * most 20 dB up or down, and multiplies them by it. Silence below -120 dB passes as it is. Nothing is limited: the
+ * result may exceed full scale.
  *
  * @param processor   receives the gain control; NULL on failure
  * @param rate        of the samples, 100 to 768000 Hz
@@ -407,31 +448,70 @@ wrapper_audio_status wrapper_audio_processor_process(wrapper_audio_processor *pr
                                                      size_t *out_count) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Ends the stream and gives what is still inside. Call it until it gives fewer samples than fit; the processor is as new
- * then.
+ * Ends the stream and gives what is still inside. Call it until it gives fewer samples than fit; the processor is as
+ * new then.
  *
+ * @param processor  a processor; one call on it at a time
+ * @param out        receives samples; may be NULL when `capacity` is 0
+ * @param capacity   how many fit
+ * @param out_count  receives how many were given
  * @return OK, OUT_OF_MEMORY, INVALID_ARGUMENT
  */
 wrapper_audio_status wrapper_audio_processor_flush(wrapper_audio_processor *processor, float *out, size_t capacity,
                                                    size_t *out_count) WRAPPER_AUDIO_NOEXCEPT;
 
-/** Takes out the probabilities of speech, one for each 10 ms of sound that was given; see the recorder's. */
+/**
+ * Takes out the probabilities of speech, one for each 10 ms of sound that was given, oldest first.
+ *
+ * @param processor      a voice chain with `denoise` above 0.0 or `speech`
+ * @param probabilities  receives them, 0.0 to 1.0
+ * @param capacity       how many fit
+ * @return how many were taken
+ */
 size_t wrapper_audio_processor_take_speech(wrapper_audio_processor *processor, float *probabilities,
                                            size_t capacity) WRAPPER_AUDIO_NOEXCEPT;
 
-/** The most samples, at the output's rate, that a processor may keep inside before it gives them; 0 for NULL. */
+/**
+ * Tells how far the output of a processor may lag behind its input.
+ *
+ * @param processor  a processor or NULL
+ * @return the most samples, at the output's rate, that it may keep inside before it gives them; 0 for NULL
+ */
 size_t wrapper_audio_processor_delay(const wrapper_audio_processor *processor) WRAPPER_AUDIO_NOEXCEPT;
 
-/** Forgets everything that was put in. Returns OK, OUT_OF_MEMORY or INVALID_ARGUMENT. */
+/**
+ * Forgets everything that was put in.
+ *
+ * @param processor  a processor; one call on it at a time
+ * @return OK, OUT_OF_MEMORY, INVALID_ARGUMENT
+ */
 wrapper_audio_status wrapper_audio_processor_reset(wrapper_audio_processor *processor) WRAPPER_AUDIO_NOEXCEPT;
 
-/** Releases a processor. NULL does nothing. */
+/**
+ * Releases a processor.
+ *
+ * @param processor  a processor or NULL
+ */
 void wrapper_audio_processor_free(wrapper_audio_processor *processor) WRAPPER_AUDIO_NOEXCEPT;
 
-/** 16-bit samples as floats: each divided by 32767. The buffers must not overlap. */
+/**
+ * Makes floats of 16-bit samples: each divided by 32767. The buffers must not overlap.
+ *
+ * @param in     the samples; may be NULL when `count` is 0
+ * @param count  how many
+ * @param out    receives as many floats
+ * @return OK, INVALID_ARGUMENT
+ */
 wrapper_audio_status wrapper_audio_s16_to_f32(const int16_t *in, size_t count, float *out) WRAPPER_AUDIO_NOEXCEPT;
 
-/** Floats as 16-bit samples: times 32767, rounded to the nearest, limited to full scale; NaN becomes 0. */
+/**
+ * Makes 16-bit samples of floats: times 32767, rounded to the nearest, limited to full scale; NaN becomes 0.
+ *
+ * @param in     the samples; may be NULL when `count` is 0
+ * @param count  how many
+ * @param out    receives as many 16-bit samples
+ * @return OK, INVALID_ARGUMENT
+ */
 wrapper_audio_status wrapper_audio_f32_to_s16(const float *in, size_t count, int16_t *out) WRAPPER_AUDIO_NOEXCEPT;
 
 /** @} */
@@ -459,7 +539,11 @@ size_t wrapper_audio_log_take(char *text, size_t capacity) WRAPPER_AUDIO_NOEXCEP
  */
 size_t wrapper_audio_log_in_english(const char *line, char *text, size_t capacity) WRAPPER_AUDIO_NOEXCEPT;
 
-/** With 1 the lines go to standard error as well, from now on; with 0 they do not, as in the beginning. */
+/**
+ * Lets the lines go to standard error as well, from now on.
+ *
+ * @param on  1: they do, with control characters replaced; 0: they do not, as in the beginning
+ */
 void wrapper_audio_log_echo(int32_t on) WRAPPER_AUDIO_NOEXCEPT;
 
 /** @} */

@@ -46,6 +46,7 @@ int32_t rounded_rate(double rate) {
 class table_entry {
 public:
     explicit table_entry(int index)
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): see above
         : info_(const_cast<PaDeviceInfo*>(Pa_GetDeviceInfo(index))), name_(info_->name),
           rate_(info_->defaultSampleRate) {}
     ~table_entry() {

@@ -10,7 +10,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <limits>
-#include <thread>
 
 namespace recorder {
 
@@ -24,18 +23,19 @@ std::atomic<uint32_t> g_abandoned_threads{0};
 
 // With all signals blocked, so that they reach the host's own threads.
 template <typename Action>
-void start_thread(Action action) {
+std::thread start_thread(Action action) {
     sigset_t all;
     sigset_t former;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &former);
     try {
-        std::thread(std::move(action)).detach();
+        std::thread started(std::move(action));
+        pthread_sigmask(SIG_SETMASK, &former, nullptr);
+        return started;
     } catch (...) {
         pthread_sigmask(SIG_SETMASK, &former, nullptr);
         throw;
     }
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
 }
 
 uint64_t divided_up(uint64_t a, uint64_t b) {
@@ -122,9 +122,21 @@ std::size_t history::take_speech(float* probabilities, std::size_t capacity) {
 
 // ---- Opening ----
 
+capture::~capture() {
+    if (thread_.joinable()) thread_.detach(); // it may be this one
+}
+
+// The thread has nothing left to do. Leaves the lock for a moment.
+void capture::join(std::unique_lock<std::mutex>& hold) {
+    std::thread thread = std::move(thread_);
+    hold.unlock();
+    if (thread.joinable()) thread.join();
+    hold.lock();
+}
+
 void capture::open() {
-    start_thread([self = shared_from_this()] { self->run(); });
     std::unique_lock hold{mutex_};
+    thread_ = start_thread([self = shared_from_this()] { self->run(); });
     const auto patience = opening_patience + stopping_patience;
     const auto is_over = [&] { return state_ == state::recording || thread_gone_ || left_behind_; };
     if (!changed_.wait_for(hold, patience, is_over)) {
@@ -133,6 +145,7 @@ void capture::open() {
         throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a device has not opened "
                                                         "within 10 seconds"};
     }
+    if (thread_gone_) join(hold);
     if (stop_requested_) throw failure{WRAPPER_AUDIO_STOPPED};
     if (!buffer_) throw ended_by_;
 }
@@ -351,7 +364,10 @@ wrapper_audio_status capture::stop() {
         stopped_ = true;
         stop_requested_ = true;
         changed_.notify_all();
-        if (changed_.wait_for(hold, stopping_patience, [&] { return thread_gone_; })) return WRAPPER_AUDIO_OK;
+        if (changed_.wait_for(hold, stopping_patience, [&] { return thread_gone_; })) {
+            join(hold);
+            return WRAPPER_AUDIO_OK;
+        }
         leave_behind();
     }
     end({WRAPPER_AUDIO_STOPPED});

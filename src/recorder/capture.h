@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 namespace recorder {
 
@@ -54,6 +55,9 @@ public:
     // No zero stands for a default any more in these options.
     capture(const wrapper_audio_recorder_options& options, std::string device_id)
         : options_(options), device_id_(std::move(device_id)) {}
+    ~capture();
+    capture(const capture&) = delete;
+    capture& operator=(const capture&) = delete;
 
     void open(); // throws a failure; STOPPED when another thread stopped it meanwhile
 
@@ -72,6 +76,7 @@ private:
     using milliseconds = std::chrono::milliseconds;
     enum class state { opening, recording, ended };
 
+    void join(std::unique_lock<std::mutex>& hold);
     void run() noexcept;
     void begin(const microphone& opened);
     bool may_read();
@@ -93,6 +98,7 @@ private:
 
     mutable std::mutex mutex_; // of all that follows
     std::condition_variable changed_;
+    std::thread thread_;
     state state_ = state::opening;
     bool stop_requested_ = false;
     bool stopped_ = false;

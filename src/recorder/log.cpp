@@ -36,7 +36,7 @@ thread_local scope* t_scope = nullptr;
 
 void pass_on(const char* bytes, std::size_t size) {
     FILE* const to = g_hosts_stderr;
-    std::fwrite(bytes, 1, size, to);
+    static_cast<void>(std::fwrite(bytes, 1, size, to)); // there is nowhere else to tell
 }
 
 constexpr std::string_view no_input_device = "there is no input device";
@@ -149,7 +149,7 @@ void take_over_stderr() {
         functions.write = write_to_stderr;
         ours = fopencookie(nullptr, "w", functions);
         if (ours == nullptr) return;
-        std::setvbuf(ours, nullptr, _IONBF, 0);
+        static_cast<void>(std::setvbuf(ours, nullptr, _IONBF, 0)); // which cannot fail: no buffer is given
     }
     g_hosts_stderr = stderr;
     ours->_fileno = fileno(stderr); // what the host asks isatty() about
@@ -201,10 +201,12 @@ std::size_t wrapper_audio_log_take(char* text, std::size_t capacity) noexcept {
     return length;
 }
 
-std::size_t wrapper_audio_log_in_english(const char* line, char* text, std::size_t capacity) noexcept try {
-    return copy_out(line == nullptr ? std::string() : log::in_english(line), text, capacity);
-} catch (const std::bad_alloc&) {
-    return 0;
+std::size_t wrapper_audio_log_in_english(const char* line, char* text, std::size_t capacity) noexcept {
+    try {
+        return copy_out(line == nullptr ? std::string() : log::in_english(line), text, capacity);
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
 }
 
 void wrapper_audio_log_echo(int32_t on) noexcept {

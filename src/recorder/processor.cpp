@@ -167,7 +167,7 @@ wrapper_audio_status create(wrapper_audio_processor** processor, bool valid, Mak
     *processor = nullptr;
     if (!valid) return WRAPPER_AUDIO_INVALID_ARGUMENT;
     return guarded([&] {
-        *processor = make();
+        *processor = make().release();
         return WRAPPER_AUDIO_OK;
     });
 }
@@ -188,25 +188,25 @@ using namespace recorder;
 wrapper_audio_status wrapper_audio_voice_create(wrapper_audio_processor** processor,
                                                 const wrapper_audio_voice_options* options) noexcept {
     const bool valid = options != nullptr && voice_chain::is_valid(*options);
-    return create(processor, valid, [&] { return new voice_processor(*options); });
+    return create(processor, valid, [&] { return std::make_unique<voice_processor>(*options); });
 }
 
 wrapper_audio_status wrapper_audio_high_pass_create(wrapper_audio_processor** processor, int32_t rate, float cutoff_hz,
                                                     float q) noexcept {
     const double corner = static_cast<double>(cutoff_hz);
     const bool valid = is_rate(rate) && corner > 0.0 && corner < rate / 2.0 && q >= 0.05F && q <= 50.0F;
-    return create(processor, valid, [&] { return new high_pass(corner, static_cast<double>(q), rate); });
+    return create(processor, valid, [&] { return std::make_unique<high_pass>(corner, static_cast<double>(q), rate); });
 }
 
 wrapper_audio_status wrapper_audio_depop_create(wrapper_audio_processor** processor, float coef) noexcept {
-    return create(processor, coef >= 0.0F && coef <= 1.0F, [&] { return new depop(coef); });
+    return create(processor, coef >= 0.0F && coef <= 1.0F, [&] { return std::make_unique<depop>(coef); });
 }
 
 wrapper_audio_status wrapper_audio_gain_control_create(wrapper_audio_processor** processor, int32_t rate,
                                                        float target_db, float release_ms) noexcept {
     const bool valid =
         is_rate(rate) && target_db >= -60.0F && target_db <= 0.0F && release_ms >= 0.0F && release_ms <= 60000.0F;
-    return create(processor, valid, [&] { return new gain_control(rate, target_db, release_ms); });
+    return create(processor, valid, [&] { return std::make_unique<gain_control>(rate, target_db, release_ms); });
 }
 
 wrapper_audio_status wrapper_audio_processor_process(wrapper_audio_processor* processor, const float* in,

@@ -128,6 +128,7 @@ wrapper_audio_status wrapper_audio_device_list_find(const wrapper_audio_device_l
                                                     std::size_t* index, char* reason, std::size_t capacity) noexcept {
     copy_out("", reason, capacity);
     if (list == nullptr || wanted == nullptr || index == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    // cppcheck-suppress throwInNoexceptFunction ; guarded() lets nothing through
     return guarded([&] {
         try {
             *index = find(list->devices, wanted);
@@ -182,11 +183,7 @@ bool is_valid(const wrapper_audio_recorder_options& options) {
 // A call on a recorder, which is not released before it is over, and the recording it is about.
 class call {
 public:
-    explicit call(wrapper_audio_recorder& recorder) : recorder_(recorder) {
-        const std::lock_guard hold{recorder_.mutex};
-        ++recorder_.calls;
-        current_ = recorder_.current;
-    }
+    explicit call(wrapper_audio_recorder& recorder) : recorder_(recorder), current_(entered(recorder)) {}
     ~call() {
         const std::lock_guard hold{recorder_.mutex};
         if (--recorder_.calls == 0) recorder_.idle.notify_all();
@@ -197,8 +194,14 @@ public:
     const std::shared_ptr<capture>& current() const { return current_; }
 
 private:
+    static std::shared_ptr<capture> entered(wrapper_audio_recorder& recorder) {
+        const std::lock_guard hold{recorder.mutex};
+        ++recorder.calls;
+        return recorder.current;
+    }
+
     wrapper_audio_recorder& recorder_;
-    std::shared_ptr<capture> current_;
+    const std::shared_ptr<capture> current_;
 };
 
 wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& device_id) {
@@ -249,7 +252,7 @@ wrapper_audio_status wrapper_audio_recorder_create(wrapper_audio_recorder** reco
     const wrapper_audio_recorder_options wanted = with_defaults(options);
     if (!is_valid(wanted)) return WRAPPER_AUDIO_INVALID_ARGUMENT;
     return guarded([&] {
-        *recorder = new wrapper_audio_recorder(wanted);
+        *recorder = std::make_unique<wrapper_audio_recorder>(wanted).release();
         return WRAPPER_AUDIO_OK;
     });
 }

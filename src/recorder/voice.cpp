@@ -263,9 +263,9 @@ void voice_chain::flush(std::vector<float>& out) {
         run(piece);
     give(out);
     speech_.resize(speech_.size() - std::min<std::size_t>(speech_.size(), told_ - begun));
-    auto speech = std::move(speech_);
+    auto told = std::move(speech_);
     reset();
-    speech_ = std::move(speech);
+    speech_ = std::move(told);
 }
 
 } // namespace recorder

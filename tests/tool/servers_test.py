@@ -1,69 +1,46 @@
-"""The host on PulseAudio and on JACK, both without hardware: in real time, and with a server that goes away."""
+"""The host on PipeWire, on PulseAudio and on JACK, all without hardware: in real time, and with a server that goes away."""
 
-import os
-import subprocess
+import sys
+import tempfile
 import time
 import unittest
 import wave
 
-from host import FINE, NO_DEVICE, NO_INPUT_DEVICE, READ_FAILED, ROOT, SPEECH, USAGE, HostTest, decibels, rms
+from host import FINE, NO_INPUT_DEVICE, READ_FAILED, ROOT, SPEECH, USAGE, HostTest, decibels, rms
+
+sys.path.insert(0, str(ROOT / "tests/servers"))
+import servers  # noqa: E402
 
 # PortAudio never closes the stream of a device that is gone.
 LEAKS = {"LSAN_OPTIONS": f"suppressions={ROOT}/tests/lsan.supp"}
 
 
 class ServerTest(HostTest):
-    """A private server in a private home. Everything it needs is in self.extra."""
+    """On a server of its own. What the hosts need beside it is in self.extra."""
 
-    def setUp(self):
-        super().setUp()
-        self.folder.chmod(0o700)
-        self.extra = {
-            "HOME": str(self.folder),
-            "XDG_RUNTIME_DIR": str(self.folder),
-            "LC_ALL": "C.UTF-8",
-            "JACK_NO_START_SERVER": "1",
-            "JACK_DEFAULT_SERVER": f"wrapper-audio-test-{os.getpid()}",
-        }
+    def start_server(self, kind):
+        folder = tempfile.TemporaryDirectory(prefix="server-")
+        self.addCleanup(folder.cleanup)
+        try:
+            self.server = self.enterContext(kind(folder.name))
+        except servers.Unavailable as reason:
+            self.skipTest(str(reason))
+        self.extra = {}
         self.sound = self.folder / "speech.wav"
         with wave.open(str(self.sound), "wb") as wav:
             wav.setparams((1, 2, 48000, 0, "NONE", ""))
             wav.writeframes(SPEECH.read_bytes() * 3)
 
     def environment(self, microphone):
-        environment = super().environment(microphone)
-        environment.pop("PULSE_SERVER", None)
-        return {**environment, **self.extra}
-
-    def run_beside(self, *command):
-        process = subprocess.Popen(
-            command,
-            cwd=self.folder,
-            env={**self.environment(None)},
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL,
-        )
-        self.addCleanup(self.stop, process)
-        return process
-
-    @staticmethod
-    def stop(process):
-        if process.poll() is None:
-            process.terminate()
-            try:
-                process.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait()
+        return {**self.server.program_environment(super().environment(microphone)), **self.extra}
 
     def wait_until_device(self, part):
         self.wait_for(lambda: part in self.host("devices", "--ids")[1], what=f"{part} does not appear")
 
-    def record_until_the_server_dies(self, server, *arguments):
+    def record_until_the_server_dies(self, *arguments):
         process = self.start("record", *arguments, self.file, environment=LEAKS)
         self.wait_for(lambda: self.file.exists() and self.file.stat().st_size > 20000, process)
-        self.stop(server)
+        self.server.kill()
         output, errors = process.communicate(timeout=20)
         self.assertEqual(process.returncode, READ_FAILED, errors)
         self.assertRegex(errors, r"the input device failed; .*out\.wav keeps what was recorded before\n\Z")
@@ -73,50 +50,54 @@ class ServerTest(HostTest):
 
 
 class PulseAudio(ServerTest):
+    kind = servers.PulseAudio
+    device = "pulse"
+
     def setUp(self):
         super().setUp()
-        self.extra["ALSA_CONFIG_PATH"] = "/usr/share/alsa/alsa.conf"
-        # ALSA's plug-in for PulseAudio leaves memory behind and is unloaded, so that no suppression knows its name.
+        self.start_server(self.kind)
+        # ALSA's plug-ins for sound servers leave memory behind and are unloaded, so that no suppression knows their name.
         self.extra["ASAN_OPTIONS"] = "detect_leaks=0"
-        self.server = self.run_beside(
-            *("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "-L", "module-native-protocol-unix"),
-            *("-L", "module-null-sink sink_name=mic rate=48000 channels=1"),
-        )
-        self.wait_until_device("ALSA:pulse")
+        self.wait_until_device(f"ALSA:{self.device}")
 
     def test_it_records_in_real_time_and_tells_that_it_cannot_denoise(self):
-        self.run_beside("paplay", "--device=mic", str(self.sound))
+        self.server.play(self.sound)
         begun = time.monotonic()
-        code, _, errors = self.record("--denoise", "--device", "pulse", "--seconds", 4, self.file)
+        code, _, errors = self.record("--denoise", "--device", self.device, "--seconds", 4, self.file)
         self.assertEqual(code, FINE)
         self.assertGreater(time.monotonic() - begun, 3.5)
         self.assertRegex(errors, r"\Awrapper-audio: denoise inactive: the device runs at 44100 Hz, it needs 48000; .*\n\Z")
         samples = self.recorded(16000)
         self.assertEqual(len(samples), 64000)
         self.assertAlmostEqual(decibels(rms(samples[-32000:])), -20, delta=4)
-        self.assertRegex(self.host("doctor", "--device", "pulse")[1], "(?s)PulseAudio.*denoise inactive.*44100")
+        doctor = self.host("doctor", "--device", self.device)[1]
+        self.assertRegex(doctor, f"(?s)sound server of this user: {self.kind.__name__}\n.*denoise inactive.*44100")
 
     def test_a_server_that_dies_ends_the_recording(self):
-        self.record_until_the_server_dies(self.server)
+        self.record_until_the_server_dies()
         self.assertEqual(self.host("devices")[0], NO_INPUT_DEVICE)
+
+
+class PipeWire(PulseAudio):
+    kind = servers.PipeWire
+    device = "pipewire"
+
+
+class PipeWireForPulseAudio(PipeWire):
+    device = "pulse"
 
 
 class Jack(ServerTest):
     def setUp(self):
         super().setUp()
-        (self.folder / "none.conf").write_text(NO_DEVICE)
-        self.extra["ALSA_CONFIG_PATH"] = "none.conf"
+        self.start_server(servers.Jack)
         # PortAudio 19.6 copies twice the bytes of a JACK block, in memory of its own; see `jack_block_ms` in the host.
         # The address sanitizer watches memcpy in libraries it was not built into, which ends here.
         self.extra["ASAN_OPTIONS"] = "replace_intrin=0"
-        self.server = self.run_beside(
-            *("jackd", "-n", self.extra["JACK_DEFAULT_SERVER"], "-r", "--no-mlock"),
-            *("-d", "dummy", "-r", "48000", "-C", "2", "-P", "2", "-p", "1024"),
-        )
         self.wait_until_device(":system")
 
     def speak(self):
-        self.run_beside("jack-play", str(self.sound))
+        self.server.play(self.sound)
         self.wait_until_device("jack-play")
 
     def test_it_records_and_denoises_the_sound_that_is_played(self):
@@ -159,7 +140,7 @@ class Jack(ServerTest):
         self.assert_failed(self.record("--rate", 11025, self.file), USAGE, "JACK device can only be read 30 ms")
 
     def test_a_server_that_dies_ends_the_recording(self):
-        self.record_until_the_server_dies(self.server)
+        self.record_until_the_server_dies()
 
 
 if __name__ == "__main__":

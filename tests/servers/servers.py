@@ -1,0 +1,304 @@
+"""PipeWire, PulseAudio and JACK of our own, each with a microphone that hears what is played into it.
+
+scripts/fetch-servers has unpacked them into build-servers; nothing of the system's or the user's sound is touched.
+
+    with servers.PulseAudio(folder) as server:
+        server.play("speech.wav")
+        subprocess.run([program], env={**os.environ, **server.environment})
+"""
+
+import itertools
+import os
+import re
+import shutil
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+UNPACKED = ROOT / "build-servers"
+TIMEOUT = 20
+
+
+class Unavailable(Exception):
+    """This server is not to be had here; says why. A server that is there and fails raises another exception."""
+
+
+_numbers = itertools.count(1)
+
+
+def _libraries():
+    """The folder of this architecture's libraries."""
+    found = [path.parent for path in UNPACKED.glob("usr/lib/*/alsa-lib")]
+    if not (UNPACKED / "complete").exists() or not found:
+        raise Unavailable("there are no sound servers in build-servers; scripts/fetch-servers fetches them")
+    return found[0]
+
+
+class Server:
+    """What the servers have in common. Each takes a folder of its own, for its home, sockets and logs.
+
+    environment: for programs that are to use this server, in addition to their own; see also program_environment()
+    play(wav): plays a sound file into the microphone and returns the process, which nobody needs to end
+    suspend(), resume(): the server stops answering, as in a crash that does not end it, and goes on
+    kill(): the server is gone, without a farewell
+    restart(): it is there again; players are to be started anew
+    """
+
+    def __init__(self, folder):
+        self.folder = Path(folder).resolve()
+        self.libraries = _libraries()
+        self.processes = []
+        self.servers = []
+        runtime = self.folder / "run"
+        if len(str(runtime)) > 80:
+            raise ValueError(f"the path is too long for sockets: {runtime}")
+        if re.search(r"[\s:]", str(self.folder)):
+            raise ValueError(f"ALSA would take this path for several: {self.folder}")
+        for path in self.folder, runtime:
+            path.mkdir(mode=0o700, exist_ok=True)
+            path.chmod(0o700)
+        self.pulse_modules = next(UNPACKED.glob("usr/lib/**/pulse*/modules"))
+        libraries = [self.libraries, UNPACKED / "lib" / self.libraries.name, self.libraries / "pulseaudio"]
+        libraries.append(self.pulse_modules)  # they need each other
+        self.environment = {
+            "HOME": str(self.folder),
+            "XDG_RUNTIME_DIR": str(runtime),
+            "XDG_CONFIG_HOME": str(self.folder / ".config"),
+            "XDG_STATE_HOME": str(self.folder / ".state"),
+            "XDG_CONFIG_DIRS": str(self.folder),
+            "LD_LIBRARY_PATH": os.pathsep.join(map(str, libraries)),
+            # No bus of the user's or the system's, on which other servers could be found or asked to make room.
+            "DBUS_SESSION_BUS_ADDRESS": "disabled:",
+            "DBUS_SYSTEM_BUS_ADDRESS": "disabled:",
+            "JACK_NO_START_SERVER": "1",
+            "JACK_DEFAULT_SERVER": f"private-{os.getpid()}-{next(_numbers)}",
+            "LC_ALL": "C.UTF-8",
+        }
+
+    def __enter__(self):
+        try:
+            self._start()
+        except BaseException:
+            self.close()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        """Ends the server and everything that was started beside it."""
+        self.resume()
+        for process in reversed(self.processes):
+            process.terminate()
+            try:
+                process.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+        self.processes.clear()
+
+    def program_environment(self, base=os.environ):
+        """An environment with the server's variables, and without what would lead elsewhere."""
+        kept = {name: value for name, value in base.items() if not re.match("PULSE_|PIPEWIRE_|JACK_|ALSA_", name)}
+        return {**kept, **self.environment}
+
+    def start(self, *command, **options):
+        """Starts one of the unpacked programs on this server, to be ended with it at the latest."""
+        with open(self.folder / f"{command[0]}.log", "ab") as log:
+            options = {"stdin": subprocess.DEVNULL, "stdout": log, "stderr": log, **options}
+            process = subprocess.Popen(
+                [UNPACKED / "usr/bin" / command[0], *map(str, command[1:])],
+                cwd=self.folder,
+                env=self.program_environment(),
+                **options,
+            )
+        self.processes.append(process)
+        return process
+
+    def output(self, *command):
+        """What a program on this server prints; nothing when it fails."""
+        process = self.start(*command, stdout=subprocess.PIPE, text=True)
+        text = process.communicate(timeout=TIMEOUT)[0]
+        self.processes.remove(process)
+        return text if process.returncode == 0 else ""
+
+    def wait_for(self, condition, what):
+        deadline = time.monotonic() + TIMEOUT
+        while not condition():
+            for process in self.servers:
+                if process.poll() is not None:
+                    raise RuntimeError(f"{Path(process.args[0]).name} ended by itself: {self.log(process)}")
+            if time.monotonic() > deadline:
+                raise RuntimeError(f"{what} does not appear: {self.log(self.servers[0])}")
+            time.sleep(0.02)
+
+    def log(self, process):
+        path = self.folder / f"{Path(process.args[0]).name}.log"
+        return " / ".join(path.read_text(errors="replace").splitlines()[-5:])
+
+    def suspend(self):
+        for process in self.servers:
+            process.send_signal(signal.SIGSTOP)
+
+    def resume(self):
+        for process in self.servers:
+            process.send_signal(signal.SIGCONT)
+
+    def kill(self):
+        for process in self.servers:
+            process.kill()
+        for process in self.servers:
+            process.wait()
+
+    def restart(self):
+        self.kill()
+        runtime = Path(self.environment["XDG_RUNTIME_DIR"])
+        shutil.rmtree(runtime)
+        runtime.mkdir(mode=0o700)
+        self._start()
+
+    def write_alsa(self, *definitions):
+        """Makes these all that ALSA knows. Its plug-ins are named by their path, since ALSA looks in one folder only."""
+        path = self.folder / "alsa.conf"
+        plugins = [
+            f'{kind}_type.{name} {{ lib "{self.libraries}/alsa-lib/libasound_module_{kind}_{name}.so" }}'
+            for kind in ("pcm", "ctl")
+            for name in ("pulse", "pipewire")
+        ]
+        path.write_text("\n".join([*plugins, *definitions, ""]))
+        self.environment["ALSA_CONFIG_PATH"] = str(path)
+
+
+class PulseAudio(Server):
+    """PulseAudio, whose ALSA devices are `pulse` and `default`."""
+
+    def __init__(self, folder, rate=48000):
+        super().__init__(folder)
+        self.rate = rate
+        self.write_alsa(
+            "pcm.pulse { type pulse hint { show on description PulseAudio } }",
+            "ctl.pulse { type pulse }",
+            "pcm.default { type pulse hint { show on description Default } }",
+            "ctl.default { type pulse }",
+        )
+
+    def _start(self):
+        self.servers = [
+            self.start(
+                *("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no", "--disable-shm=yes"),
+                *("--high-priority=no", f"--dl-search-path={self.pulse_modules}", "-L", "module-native-protocol-unix"),
+                # norewinds: in blocks of 50 ms, where it would otherwise keep a new recorder waiting for up to 2 s.
+                *("-L", f"module-null-sink sink_name=mic rate={self.rate} channels=1 norewinds=1"),
+            )
+        ]
+        self.wait_for(lambda: self.output("pactl", "get-default-source") == "mic.monitor\n", "the microphone")
+
+    def play(self, wav):
+        return self.start("paplay", "--device=mic", Path(wav).resolve())
+
+
+class Jack(Server):
+    """JACK with its dummy driver. Its microphones are the players: input devices `jack-play-PID`."""
+
+    def __init__(self, folder, rate=48000):
+        super().__init__(folder)
+        self.rate = rate
+        self.environment["JACK_DRIVER_DIR"] = str(self.libraries / "jack")
+        self.write_alsa("pcm.nothing { type hw card 99 }")  # PortAudio aborts when there is no definition at all
+
+    def _start(self):
+        self.servers = [
+            self.start(
+                *("jackd", "-n", self.environment["JACK_DEFAULT_SERVER"], "-r", "--no-mlock"),
+                *("-d", "dummy", "-r", self.rate, "-C", "2", "-P", "2", "-p", "1024"),
+            )
+        ]
+        self.wait_for(lambda: "system:capture_1" in self.output("jack_lsp"), "the server")
+
+    def close(self):
+        killed = any(process.returncode == -signal.SIGKILL for process in self.servers)
+        super().close()
+        if killed:  # it has left 100 MB in shared memory, which the next one of its name clears away
+            self._start()
+            super().close()
+        for path in Path("/dev/shm").glob(f"jack*_{self.environment['JACK_DEFAULT_SERVER']}_*"):
+            path.unlink()
+
+    def play(self, wav):
+        player = self.start("jack-play", Path(wav).resolve())
+        self.wait_for(lambda: f"jack-play-{player.pid}" in self.output("jack_lsp"), "the player")
+        return player
+
+
+class PipeWire(Server):
+    """PipeWire with WirePlumber and its PulseAudio server. Its ALSA devices are `pipewire`, `default` and `pulse`."""
+
+    def __init__(self, folder, rate=48000):
+        super().__init__(folder)
+        self.rate = rate
+        shared = UNPACKED / "usr/share"
+        if not (shared / "wireplumber/main.lua.d").exists():
+            raise Unavailable("this WirePlumber is not configured in Lua, and nothing else keeps it off the hardware yet")
+        configuration = self.folder / "pipewire"
+        self.environment.update(
+            PIPEWIRE_MODULE_DIR=str(self.libraries / "pipewire-0.3"),
+            SPA_PLUGIN_DIR=str(self.libraries / "spa-0.2"),
+            PIPEWIRE_CONFIG_DIR=str(configuration),
+            WIREPLUMBER_MODULE_DIR=str(self.libraries / "wireplumber-0.4"),
+            WIREPLUMBER_CONFIG_DIR=str(self.folder / "wireplumber"),
+            WIREPLUMBER_DATA_DIR=str(shared / "wireplumber"),
+        )
+        shutil.copytree(shared / "pipewire", configuration)
+        self._write("pipewire/pipewire.conf.d/private.conf", f"""\
+context.properties = {{
+    support.dbus = false
+    default.clock.rate = {rate}
+    default.clock.allowed-rates = [ {rate} ]
+}}
+context.objects = [
+    {{ factory = adapter
+      args = {{
+          factory.name = support.null-audio-sink
+          node.name = mic
+          media.class = Audio/Duplex
+          audio.position = [ MONO ]
+          object.linger = true
+      }}
+    }}
+]
+""")
+        shutil.copytree(shared / "wireplumber", self.folder / "wireplumber")
+        (self.folder / "wireplumber/wireplumber.conf").write_text(
+            re.sub(r".*bluetooth\.lua.*\n", "", (shared / "wireplumber/wireplumber.conf").read_text())
+        )
+        # No hardware: it belongs to the user's own server.
+        self._write("wireplumber/main.lua.d/89-private.lua", """\
+alsa_monitor.enabled = false
+v4l2_monitor.enabled = false
+libcamera_monitor.enabled = false
+default_access.properties["enable-flatpak-portal"] = false
+""")
+        self.write_alsa(
+            f"<{shared}/alsa/alsa.conf.d/50-pipewire.conf>",
+            f"<{shared}/alsa/alsa.conf.d/99-pipewire-default.conf>",
+            "pcm.pulse { type pulse hint { show on description PulseAudio } }",
+            "ctl.pulse { type pulse }",
+        )
+
+    def _write(self, name, text):
+        path = self.folder / name
+        path.parent.mkdir(exist_ok=True)
+        path.write_text(text)
+
+    def _start(self):
+        self.servers = [self.start("pipewire")]
+        self.wait_for(lambda: (self.folder / "run/pipewire-0").exists(), "the server's socket")
+        self.servers.append(self.start("wireplumber"))
+        self.servers.append(self.start("pipewire-pulse"))
+        self.wait_for(lambda: self.output("pactl", "get-default-source") == "mic\n", "the microphone")
+
+    def play(self, wav):
+        return self.start("pw-cat", "--playback", "--target=mic", Path(wav).resolve())

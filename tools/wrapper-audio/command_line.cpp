@@ -48,9 +48,6 @@ private:
     doctor_options doctor;
 };
 
-const std::map<std::string, wrapper_audio_conversion> conversions{{"clean", WRAPPER_AUDIO_CONVERSION_CLEAN},
-                                                                  {"linear", WRAPPER_AUDIO_CONVERSION_LINEAR}};
-
 /** Turns what a parsing function throws into CLI11's error. */
 template <class Value>
 CLI::callback_t value_of(const char* option, std::optional<Value>& to, Value (*parse_text)(const std::string&)) {
@@ -108,6 +105,8 @@ void parser::add_voice(CLI::App* command, voice_options& voice) {
                      "with --denoise: how much of the noise is taken away, 0 to 1; 1 if not given")
         ->needs(denoise)
         ->type_name("SHARE");
+    const std::map<std::string, wrapper_audio_conversion> conversions{{"clean", WRAPPER_AUDIO_CONVERSION_CLEAN},
+                                                                      {"linear", WRAPPER_AUDIO_CONVERSION_LINEAR}};
     command
         ->add_option("--converter", voice.conversion, "of sample rates: clean, or linear, which is quick and aliases")
         ->transform(CLI::CheckedTransformer(conversions).description(""))

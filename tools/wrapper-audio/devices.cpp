@@ -71,8 +71,8 @@ nlohmann::ordered_json json_of(const wrapper_audio_device& device) {
     if (const char* denoising = denoising_of(device)) entry["denoise"] = denoising;
     if (entry["id"] != device.id) {
         std::string bytes;
-        for (const unsigned char byte : std::string(device.id))
-            bytes += fmt::format("{:02x}", byte);
+        for (const char byte : std::string(device.id))
+            bytes += fmt::format("{:02x}", static_cast<unsigned char>(byte));
         entry["idHex"] = bytes;
     }
     return entry;

@@ -31,7 +31,7 @@ public:
 
 private:
     struct closer {
-        void operator()(wrapper_audio_device_list* list) const { wrapper_audio_device_list_free(list); }
+        void operator()(wrapper_audio_device_list* made) const { wrapper_audio_device_list_free(made); }
     };
     std::unique_ptr<wrapper_audio_device_list, closer> list;
     std::vector<wrapper_audio_device> devices; // their texts belong to the list

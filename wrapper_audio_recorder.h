@@ -254,9 +254,9 @@ wrapper_audio_status wrapper_audio_recorder_create(wrapper_audio_recorder **reco
     WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Takes a microphone and begins to record. A device is opened at its default rate, or where speech or denoising is
- * wanted at 48000 Hz if it can. A recorder that was stopped may be opened again, on any device: it begins anew, and
- * what had not been read is lost.
+ * Takes a microphone and begins to record. A device is opened at its default rate if that is the rate of the samples
+ * returned and there is no denoising or speech; otherwise at 48000 Hz if it can, or else at its default rate. A
+ * recorder that was stopped may be opened again, on any device: it begins anew, and what had not been read is lost.
  *
  * @param recorder   a recorder that is not open
  * @param device_id  the `id` of a wrapper_audio_device, compared byte for byte; NULL or "": the default input device
@@ -461,7 +461,8 @@ wrapper_audio_status wrapper_audio_processor_flush(wrapper_audio_processor *proc
                                                    size_t *out_count) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Takes out the probabilities of speech, one for each 10 ms of sound that was given, oldest first.
+ * Takes out the probabilities of speech, one for each 10 ms of sound that was given, oldest first. Those that nobody
+ * takes are dropped after an hour.
  *
  * @param processor      a voice chain with `denoise` above 0.0 or `speech`
  * @param probabilities  receives them, 0.0 to 1.0

@@ -188,9 +188,10 @@ device choose(const std::string& id) {
 
 } // namespace
 
-microphone::microphone(const std::string& id, bool at_48000, log::scope& log) : device_(choose(id)) {
+microphone::microphone(const std::string& id, int32_t best_rate, log::scope& log) : device_(choose(id)) {
     log.take_failure();
-    const bool prefers_48000 = at_48000 && device_.default_rate != denoiser_rate && runs_at_48000(device_);
+    const int32_t default_rate = device_.default_rate;
+    const bool prefers_48000 = default_rate != best_rate && default_rate != denoiser_rate && runs_at_48000(device_);
     if (prefers_48000 && open(denoiser_rate)) return;
     if (open(device_.default_rate)) return;
     const std::string line = log.take_failure();

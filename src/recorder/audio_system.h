@@ -60,9 +60,9 @@ std::string candidates(const std::vector<const device*>& devices);
 // A device that records. Needs the lock at both ends of its life.
 class microphone {
 public:
-    // Takes the device of that id, or the default one for "". It is opened at 48000 Hz where that is wanted and the
-    // device can, otherwise at its default rate. Throws a failure.
-    microphone(const std::string& id, bool at_48000, log::scope& log);
+    // Takes the device of that id, or the default one for "". It is opened at its default rate if that is the best, or
+    // else at 48000 Hz if the device can, or else at its default rate. Throws a failure.
+    microphone(const std::string& id, int32_t best_rate, log::scope& log);
 
     const recorder::device& device() const { return device_; }
     int32_t rate() const { return rate_; }

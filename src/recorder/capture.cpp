@@ -157,7 +157,10 @@ void capture::run() noexcept {
     try {
         {
             const audio_system_lock lock{opening_patience};
-            opened.emplace(device_id_, options_.denoise > 0.0F || options_.speech != 0, log);
+            // A device at the rate that is wanted needs no conversion. Any other is best taken at 48000 Hz: sound servers
+            // run at it, and would convert themselves, and less cleanly.
+            const bool denoises = options_.denoise > 0.0F || options_.speech != 0;
+            opened.emplace(device_id_, denoises ? denoiser_rate : options_.rate, log);
         }
         begin(*opened);
         std::vector<int16_t> pcm(static_cast<std::size_t>(int64_t{opened->rate()} * microphone::block_ms / 1000 + 1));
@@ -336,7 +339,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
             status = ended_by_.status;
         } else if (stall && now >= *stall) {
             status = WRAPPER_AUDIO_NO_DATA;
-            waits_since_ = now;
+            if (done == 0) waits_since_ = now; // otherwise the next read tells it again, at once
         } else if (now >= deadline) {
             status = WRAPPER_AUDIO_TIMEOUT;
         }

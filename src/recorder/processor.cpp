@@ -50,7 +50,12 @@ class voice_processor : public wrapper_audio_processor {
 public:
     explicit voice_processor(const wrapper_audio_voice_options& options) : chain_(options) {}
 
-    void process(sample_span in, std::vector<float>& out) override { chain_.process(in, out); }
+    void process(sample_span in, std::vector<float>& out) override {
+        constexpr std::size_t most = 60 * 60 * 100;
+        std::vector<float>& told = chain_.speech();
+        if (told.size() > most) told.erase(told.begin(), told.end() - most);
+        chain_.process(in, out);
+    }
     void finish(std::vector<float>& out) override { chain_.flush(out); }
     void reset() override { chain_.reset(); }
     std::size_t delay() const override { return chain_.delay(); }

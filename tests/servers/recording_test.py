@@ -1,0 +1,198 @@
+"""The recorder layer on PulseAudio, PipeWire and JACK: every sample, denoised, and with a server that dies."""
+
+import os
+import subprocess
+import tempfile
+import time
+import unittest
+import wave
+from pathlib import Path
+
+import numpy
+import servers
+
+RECORDING = os.environ["RECORDING"]
+ROOT = Path(__file__).resolve().parents[2]
+SPEECH = ROOT / "tests/data/speech_in_noise_48k.raw"
+RATE = 48000
+STOPPED_READING = -10, -11  # DEVICE_FAILED, NO_DATA
+NATIVE = 1
+
+
+def write_wav(path, samples):
+    with wave.open(str(path), "wb") as wav:
+        wav.setparams((1, 2, RATE, 0, "NONE", ""))
+        wav.writeframes(samples.astype("<i2").tobytes())
+
+
+def decibels(samples):
+    return 20 * numpy.log10(max(numpy.sqrt(numpy.mean(samples.astype(float) ** 2)), 1e-9))
+
+
+def delay_of(heard, spoken):
+    """How many samples of `spoken` come before the first of `heard`, by their correlation."""
+    length = 1 << (len(heard) + len(spoken) - 1).bit_length()
+    spectrum = numpy.fft.rfft(spoken, length) * numpy.conj(numpy.fft.rfft(heard, length))
+    return int(numpy.argmax(numpy.fft.irfft(spectrum, length)[: len(spoken)]))
+
+
+class ServerTest:
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="server-")
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        try:
+            self.server = self.enterContext(self.kind(self.folder / "server"))
+        except servers.Unavailable as reason:
+            self.skipTest(str(reason))
+        self.wav = self.folder / "sound.wav"
+        self.file = self.folder / "heard.f32"
+
+    def start(self, device, denoise, seconds, rate=RATE):
+        process = subprocess.Popen(
+            [RECORDING, device, str(rate), str(denoise), str(seconds), self.file],
+            env=self.server.program_environment(),
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+        )
+        self.addCleanup(self.end, process)
+        self.assertEqual(process.stdout.readline(), "recording\n", "no sound has come")
+        return process
+
+    @staticmethod
+    def end(process):
+        if process.poll() is None:
+            process.kill()
+        process.communicate()
+
+    def facts(self, process, timeout):
+        output, errors = process.communicate(timeout=timeout)
+        self.assertEqual(process.returncode, 0)
+        self.assertEqual(errors, "", "nothing is written to standard error")
+        facts = dict(line.split("=", 1) for line in output.splitlines() if "=" in line)
+        return {key: value if key in ("reason", "device") else float(value) for key, value in facts.items()}
+
+    def record(self, device, denoise, seconds):
+        facts = self.facts(self.start(device, denoise, seconds), seconds + 20)
+        self.assertEqual((facts["status"], facts["dropped"], facts["stopped"]), (0, 0, 0), facts)
+        return numpy.fromfile(self.file, numpy.float32), facts
+
+    def play(self, samples):
+        write_wav(self.wav, samples)
+        return self.server.play(self.wav)
+
+    def check_every_sample(self, device, seconds):
+        """Noise, of which no piece is like another: a sample amiss puts all that follow out of step."""
+        spoken = numpy.random.default_rng(1).integers(-8000, 8000, RATE * (seconds + 6))
+        self.play(spoken)
+        heard, facts = self.record(device(), 0, seconds)
+        heard = heard[RATE // 2 :]  # the first sound of a server may be what it had before the player
+        start = delay_of(heard[:RATE], spoken / 32768)
+        expected = spoken[start : start + len(heard)] / 32768
+        self.assertEqual(len(expected), len(heard), "the sound begins too late")
+        # The last bit may differ: the core rounds toward zero, servers have scales of their own.
+        amiss = numpy.flatnonzero(numpy.abs(heard - expected) > 3 / 32768)
+        self.assertEqual(len(amiss), 0, f"{len(amiss)} of {len(heard)} samples differ, from {amiss[:1]} on")
+        return facts
+
+    def check_denoising(self, device):
+        speech = numpy.frombuffer(SPEECH.read_bytes(), "<i2")
+        levels = []
+        for denoise in 0, 1:
+            player = self.play(numpy.tile(speech, 3))
+            heard, facts = self.record(device(), denoise, 13)
+            self.end_player(player)
+            heard = heard[-len(speech) :]  # all of it, in a circle
+            heard = numpy.roll(heard, delay_of(heard, speech / 32768))
+            # By the noisy sound: where nobody speaks, and where somebody does.
+            frames = speech[: len(speech) // 4800 * 4800].reshape(-1, 4800).astype(float)
+            loud = 20 * numpy.log10(numpy.sqrt((frames**2).mean(axis=1)) / 32768)
+            frames = heard[: frames.size].reshape(-1, 4800)
+            pause = decibels(frames[loud < loud.min() + 1])
+            voice = decibels(frames[loud > loud.max() - 10])
+            levels.append((voice, pause))
+        self.assertEqual(facts["denoising"], self.denoising)
+        (voice, pause), (denoised_voice, denoised_pause) = levels
+        print(f"{self.kind.__name__} {device()!r}: voice {voice:.1f} to {denoised_voice:.1f} dBFS, "
+              f"pause {pause:.1f} to {denoised_pause:.1f} dBFS, processor {facts['processor'] / 13:.4f}")
+        self.assertAlmostEqual(denoised_voice, voice, delta=1.5)
+        self.assertLess(denoised_pause, pause - 30)
+
+    @staticmethod
+    def end_player(player):
+        player.terminate()
+        player.wait()
+
+    def check_death(self, device, strike):
+        self.play(numpy.random.default_rng(1).integers(-8000, 8000, RATE * 20))
+        process = self.start(device(), 1, 15, 16000)
+        time.sleep(1)
+        strike()
+        facts = self.facts(process, 10)
+        self.assertIn(facts["status"], STOPPED_READING, facts)
+        self.assertLess(facts["seconds_to_status"], 2, facts)
+        self.assertLess(facts["seconds_to_stop"], 1, facts)
+        self.assertGreater(facts["read"], 10000)
+        return facts
+
+
+class PulseAudio(ServerTest, unittest.TestCase):
+    kind = servers.PulseAudio
+    denoising = NATIVE
+
+    def test_every_sample_of_30_seconds(self):
+        self.check_every_sample(lambda: "ALSA:default", 30)
+
+    def test_denoised(self):
+        self.check_denoising(lambda: "")
+
+    def test_a_server_that_is_killed(self):
+        facts = self.check_death(lambda: "ALSA:pulse", self.server.kill)
+        self.assertEqual((facts["stopped"], facts["abandoned"]), (0, 0), facts)
+
+    def test_a_server_that_hangs(self):
+        facts = self.check_death(lambda: "ALSA:pulse", self.server.suspend)
+        self.assertEqual(facts["abandoned"], 1, facts)
+
+
+class PipeWire(ServerTest, unittest.TestCase):
+    kind = servers.PipeWire
+    denoising = NATIVE
+
+    def test_every_sample_of_30_seconds(self):
+        self.check_every_sample(lambda: "ALSA:default", 30)
+
+    def test_denoised(self):
+        self.check_denoising(lambda: "")
+
+    def test_denoised_by_its_pulseaudio(self):
+        self.check_denoising(lambda: "ALSA:pulse")
+
+    def test_a_server_that_is_killed(self):
+        self.check_death(lambda: "", self.server.kill)
+
+    def test_a_server_that_hangs(self):
+        self.check_death(lambda: "", self.server.suspend)
+
+
+class Jack(ServerTest, unittest.TestCase):
+    kind = servers.Jack
+    denoising = NATIVE
+
+    def test_every_sample_of_30_seconds(self):
+        self.check_every_sample(lambda: "jack-play", 30)
+
+    def test_denoised(self):
+        self.check_denoising(lambda: "jack-play")
+
+    def test_a_server_that_is_killed(self):
+        self.check_death(lambda: "jack-play", self.server.kill)
+
+    def test_a_server_that_hangs(self):
+        self.check_death(lambda: "jack-play", self.server.suspend)
+
+
+if __name__ == "__main__":
+    unittest.main()

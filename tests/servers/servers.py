@@ -43,12 +43,16 @@ class Server:
     play(wav): plays a sound file into the microphone and returns the process, which nobody needs to end
     suspend(), resume(): the server stops answering, as in a crash that does not end it, and goes on
     kill(): the server is gone, without a farewell
+    unplug(): the microphone is gone, the server is not; on JACK, end the player instead
     restart(): it is there again; players are to be started anew
     """
 
     def __init__(self, folder):
         self.folder = Path(folder).resolve()
         self.libraries = _libraries()
+        for program in self.programs:
+            if not (UNPACKED / "usr/bin" / program).exists():
+                raise Unavailable(f"this system has no {program} to be fetched")
         self.processes = []
         self.servers = []
         runtime = self.folder / "run"
@@ -135,6 +139,9 @@ class Server:
                 raise RuntimeError(f"{what} does not appear: {self.log(self.servers[0])}")
             time.sleep(0.02)
 
+    def wait_for_no_microphone(self):
+        self.wait_for(lambda: "mic" not in self.output("pactl", "list", "short", "sources"), "the end of the microphone")
+
     def log(self, process):
         path = self.folder / f"{Path(process.args[0]).name}.log"
         return " / ".join(path.read_text(errors="replace").splitlines()[-5:])
@@ -175,6 +182,8 @@ class Server:
 class PulseAudio(Server):
     """PulseAudio, whose ALSA devices are `pulse` and `default`."""
 
+    programs = ("pulseaudio", "pactl", "paplay")
+
     def __init__(self, folder, rate=48000):
         super().__init__(folder)
         self.rate = rate
@@ -199,9 +208,15 @@ class PulseAudio(Server):
     def play(self, wav):
         return self.start("paplay", "--device=mic", Path(wav).resolve())
 
+    def unplug(self):
+        self.output("pactl", "unload-module", "module-null-sink")
+        self.wait_for_no_microphone()
+
 
 class Jack(Server):
     """JACK with its dummy driver. Its microphones are the players: input devices `jack-play-PID`."""
+
+    programs = ("jackd", "jack_lsp", "jack-play")
 
     def __init__(self, folder, rate=48000):
         super().__init__(folder)
@@ -236,18 +251,18 @@ class Jack(Server):
 class PipeWire(Server):
     """PipeWire with WirePlumber and its PulseAudio server. Its ALSA devices are `pipewire`, `default` and `pulse`."""
 
+    programs = ("pipewire", "wireplumber", "pipewire-pulse", "pw-cat", "pw-cli", "pactl")
+
     def __init__(self, folder, rate=48000):
         super().__init__(folder)
         self.rate = rate
         shared = UNPACKED / "usr/share"
-        if not (shared / "wireplumber/main.lua.d").exists():
-            raise Unavailable("this WirePlumber is not configured in Lua, and nothing else keeps it off the hardware yet")
         configuration = self.folder / "pipewire"
         self.environment.update(
             PIPEWIRE_MODULE_DIR=str(self.libraries / "pipewire-0.3"),
             SPA_PLUGIN_DIR=str(self.libraries / "spa-0.2"),
             PIPEWIRE_CONFIG_DIR=str(configuration),
-            WIREPLUMBER_MODULE_DIR=str(self.libraries / "wireplumber-0.4"),
+            WIREPLUMBER_MODULE_DIR=str(next(self.libraries.glob("wireplumber-0.*"))),
             WIREPLUMBER_CONFIG_DIR=str(self.folder / "wireplumber"),
             WIREPLUMBER_DATA_DIR=str(shared / "wireplumber"),
         )
@@ -274,8 +289,14 @@ context.objects = [
         (self.folder / "wireplumber/wireplumber.conf").write_text(
             re.sub(r".*bluetooth\.lua.*\n", "", (shared / "wireplumber/wireplumber.conf").read_text())
         )
-        # No hardware: it belongs to the user's own server.
-        self._write("wireplumber/main.lua.d/89-private.lua", """\
+        # No hardware: it belongs to the user's own server. WirePlumber is told so in Lua before 0.5, and otherwise since.
+        self._write("wireplumber/wireplumber.conf.d/private.conf", """\
+wireplumber.profiles = {
+    main = { hardware.audio = disabled, hardware.bluetooth = disabled, hardware.video-capture = disabled }
+}
+""")
+        if (shared / "wireplumber/main.lua.d").exists():
+            self._write("wireplumber/main.lua.d/89-private.lua", """\
 alsa_monitor.enabled = false
 v4l2_monitor.enabled = false
 libcamera_monitor.enabled = false
@@ -302,3 +323,7 @@ default_access.properties["enable-flatpak-portal"] = false
 
     def play(self, wav):
         return self.start("pw-cat", "--playback", "--target=mic", Path(wav).resolve())
+
+    def unplug(self):
+        self.output("pw-cli", "destroy", "mic")
+        self.wait_for_no_microphone()

@@ -68,8 +68,12 @@ extern "C" PaError Pa_ReadStream(PaStream* stream, void* buffer, unsigned long f
         std::this_thread::sleep_for(std::chrono::hours(1));
     ++reads;
     if (std::getenv("MICROPHONE_PACED") != nullptr) {
-        const double rate = Pa_GetStreamInfo(stream)->sampleRate;
-        std::this_thread::sleep_for(std::chrono::duration<double>(static_cast<double>(frames) / rate));
+        // By the clock, as a device: what one sleep lasts too long the next one makes up for.
+        using clock = std::chrono::steady_clock;
+        static clock::time_point due = clock::now();
+        const std::chrono::duration<double> length(static_cast<double>(frames) / Pa_GetStreamInfo(stream)->sampleRate);
+        due += std::chrono::duration_cast<clock::duration>(length);
+        std::this_thread::sleep_until(due);
     }
     return next<decltype(Pa_ReadStream)>("Pa_ReadStream")(stream, buffer, frames);
 }

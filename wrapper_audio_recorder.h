@@ -127,7 +127,7 @@ typedef struct wrapper_audio_device_list wrapper_audio_device_list;
 
 /**
  * Lists the machine's audio devices, outputs too, as PortAudio sees them. PortAudio looks for devices when the first
- * user in the process begins, and not again while a recorder is open.
+ * user in the process begins, and not again while a recorder is open, nor after it has found a JACK server.
  *
  * @param list  receives the list, to be given to wrapper_audio_device_list_free(); NULL on failure
  * @return OK, also for a list without devices; NO_AUDIO_SYSTEM, AUDIO_SYSTEM_STUCK, OUT_OF_MEMORY, INVALID_ARGUMENT
@@ -278,7 +278,8 @@ wrapper_audio_status wrapper_audio_recorder_open(wrapper_audio_recorder *recorde
  * @param block       receives how many samples came, and what there is to know of them; filled in any case
  * @return OK; TIMEOUT; STOPPED, once everything before the stop has been read; DEVICE_FAILED, once everything before
  *         the failure has been read; NO_DATA when nothing has come for `stall_ms` of waiting (a later read may have
- *         sound again); INVALID_STATE before the first open; INVALID_ARGUMENT
+ *         sound again); OUT_OF_MEMORY when the recorder's thread found none; INVALID_STATE before the first open;
+ *         INVALID_ARGUMENT
  *
  * Allocates nothing. Reads on several threads share the samples out among them.
  */

@@ -1,44 +1,51 @@
 /**
- * Microphone capture as mono blocks at the rate you want, with neural noise suppression, a level meter and a device
- * list, and signal functions for your own buffers.
+ * Microphone capture as mono samples at the rate you want, with neural noise suppression on every device, a level
+ * meter, a device list, and signal processors for your own buffers.
  *
  *     const recorder = await Recorder.open({ rate: 16000, denoise: true });
  *     for await (const block of recorder.blocks({ seconds: 5 })) console.log(block.length, recorder.peak);
  *     await recorder.close();
  *
- * Levels are linear amplitudes from 0 to 1 (full scale), rates are in Hz, durations in milliseconds where nothing else
- * is said.
+ * 16-bit samples go from -32767 to 32767, and floats have full scale 1.0, which is the same. Levels are linear
+ * amplitudes from 0 to 1, rates are in Hz, lengths in samples, times in milliseconds. An argument out of range is a
+ * RangeError.
  *
- * Whatever waits for a device runs on a thread of Node's pool and gives a promise; the event loop goes on meanwhile.
- * The pool has four threads unless UV_THREADPOOL_SIZE says otherwise, and files and name look-ups need it too: a
- * recorder or meter that is being read takes one of them.
+ * The library records on threads of its own. Whatever may wait runs on a thread of Node's pool, a fifth of a second at
+ * most where it waits for sound, and gives a promise; the event loop goes on meanwhile. Nothing is printed.
  */
 
 import type { Readable } from 'node:stream';
 
-/** The base of all errors of this package. Where the library was heard to give its reason, the text is its log line. */
-export class AudioError extends Error {}
+export {}; // what is not marked so stays inside
 
+/** The base of all errors of this package. The message is English, with the audio system's own words. */
+export class AudioError extends Error {
+  /** What went wrong, for programs; '' where it was not the library that said so. */
+  readonly status: Status;
+  /** The line that the capture library logged about it, or ''. */
+  readonly logLine: string;
+}
 /** The shared library cannot be loaded, or is another one. */
 export class LibraryError extends AudioError {}
-
-/** There is no such device, or PortAudio or the device refuses. */
+/** There is no audio system or no microphone, or the device refuses. */
 export class OpenError extends AudioError {}
-
-/** The device failed during a read. The object is still open: read again, or close it. */
+/** No device has this id. The message lists those that there are. */
+export class UnknownDeviceError extends OpenError {}
+/** Several devices match. The message lists them. */
+export class AmbiguousDeviceError extends OpenError {}
+/** The device failed or delivers nothing ('NO_DATA', after which a read may succeed), or was never opened. */
 export class ReadError extends AudioError {}
-
 /** The object has been closed. */
 export class ClosedError extends AudioError {}
 
-/** The process has one of these, and a newer object took it over. */
-export class ReplacedError extends AudioError {}
+export type Status =
+  | '' | 'INVALID_STATE' | 'OUT_OF_MEMORY' | 'NO_AUDIO_SYSTEM' | 'NO_INPUT_DEVICE' | 'UNKNOWN_DEVICE'
+  | 'AMBIGUOUS_DEVICE' | 'NOT_AN_INPUT' | 'DEVICE_REFUSED' | 'DEVICE_FAILED' | 'NO_DATA' | 'AUDIO_SYSTEM_STUCK';
 
 /**
- * Loads the shared library; without a call of yours the first object does.
- *
- * It is looked for at `file`, at the environment variable WRAPPER_AUDIO_LIBRARY, beside this package's index.js, and
- * where the system has its libraries. One that is named, by `file` or by the variable, is the only one tried.
+ * Loads the shared library; without a call of yours the first object does. It is looked for at `file`, at the
+ * environment variable WRAPPER_AUDIO_LIBRARY, beside this package's index.js, and where the system has its libraries.
+ * One that is named, by `file` or by the variable, is the only one tried.
  *
  * @throws {LibraryError} with all that was tried and what to install; or another one is loaded already
  */
@@ -46,247 +53,235 @@ export function load(file?: string): void;
 
 // ---- Devices ----
 
+/** How a device is denoised: at its own 48000 Hz, converted to 48000 Hz, or not. */
+export type Denoising = 'native' | 'converted' | 'off';
+
 /** One audio device of the machine. */
 export interface Device {
-  /** Names the device for Recorder and Meter. It may change when devices are plugged differently. */
+  /** Names the device for Recorder and Meter. A byte that is no UTF-8 stands in it as U+DC00 and the byte. */
   id: string;
   /** The name for people. */
   name: string;
+  /** The part of the system it belongs to, such as 'ALSA'. */
+  hostApi: string;
   /** 'input' when the device can capture, otherwise 'output'. */
   kind: 'input' | 'output';
   /** Whether it is the default input device. */
   isDefault: boolean;
+  defaultRate: number;
+  inputChannels: number;
+  outputChannels: number;
+  /** What recording with denoise would do. */
+  denoising: Denoising;
 }
 
-/**
- * Lists the machine's audio devices, outputs too.
- *
- * PortAudio looks for devices when the first object of the process opens and keeps the list until the last one is
- * closed. Bytes of a name that are no UTF-8 are replaced, and an id that had such bytes matches no device.
- */
+/** Lists the audio devices, outputs too. They are looked for anew only while nothing in the process records. */
 export function devices(): Promise<Device[]>;
 
-/** Whether capture is possible at all. */
-export const Capability: {
-  /** PortAudio does not start. */
-  readonly NO_PORTAUDIO: 0;
-  /** It does, but no device can capture. */
-  readonly NO_INPUT: 1;
-  /** At least one device can capture. */
-  readonly INPUT: 3;
-};
-export type Capability = (typeof Capability)[keyof typeof Capability];
+/** Finds the one input device whose id is this or, where none is, has this in it, in capitals or not. */
+export function findDevice(wanted: string): Promise<Device>;
 
-/** Tells whether PortAudio starts, and whether any device can capture. */
+/** Whether capture is possible at all: PortAudio does not start, no device can capture, or one can. */
+export const Capability: { readonly NO_PORTAUDIO: 0; readonly NO_INPUT: 1; readonly INPUT: 3 };
+export type Capability = (typeof Capability)[keyof typeof Capability];
 export function capability(): Promise<Capability>;
 
 // ---- Recording ----
 
-export interface RecorderOptions {
-  /**
-   * A device or its id; null or '' is the default input device. An id that matches none is reported on standard
-   * error, and the default device is taken.
-   */
+/** How rates are converted: so that nothing aliases, or by means and linear interpolation, quick and without delay. */
+export type Conversion = 'clean' | 'linear';
+
+export interface RecorderOptions<Format extends SampleFormat = SampleFormat> {
+  /** A device or its id; null or '' is the default input device. */
   device?: Device | string | null;
-  /**
-   * Rate of the samples returned, in Hz; 16000 if not given. The device runs at its own default rate. Whole ratios such
-   * as 48000 to 16000 are averaged, others interpolated, which aliases.
-   */
+  /** Rate of the samples returned, 100 to 768000 Hz; 16000 if not given. The device runs at a rate of its own. */
   rate?: number;
-  /** Neural noise suppression. The library skips it on devices whose default rate is not 48000 Hz. */
-  denoise?: boolean;
-  /**
-   * Length of a block in milliseconds, 1 to 100, with denoise a multiple of 10. The default of 30 suits every host API;
-   * PortAudio 19.6 garbles JACK devices at any other length.
-   */
+  /** Neural noise suppression: true, or the share of the noise to take away, from 0 to 1. */
+  denoise?: boolean | number;
+  /** Tells the probability of speech also where nothing is denoised. */
+  speech?: boolean;
+  converter?: Conversion;
+  /** 'int16' if not given, for an Int16Array; 'float32' for a Float32Array, which may exceed full scale. */
+  format?: Format;
+  /** Length of a block; 30 if not given. */
   blockMs?: number;
-  /** Only chooses the microphone; open() takes it then. */
+  /** Sound that is kept for a program that reads late, 100 to 60000; 5000 if not given. */
+  bufferMs?: number;
+  /** A device that delivers nothing for so long, before its first sound twice, is an error: 100 to 60000; 1500. */
+  stallMs?: number;
+  /** Leaves the microphone alone until open(). */
   armed?: boolean;
 }
 
+export type SampleFormat = 'int16' | 'float32';
+type SamplesOf<Format extends SampleFormat> = Format extends 'float32' ? Float32Array : Int16Array;
+
 export interface BlockOptions {
-  /** How much to record, rounded up to whole blocks; without a number, until the recorder is closed. */
+  /** How much to record; without a number, until the recorder is stopped or closed. */
   seconds?: number;
 }
 
 /**
- * A microphone: blocks of mono 16-bit samples, -32767 to 32767, at the rate you want.
- *
- * Calls on a recorder run one after the other, in the order in which they were made, so that a second read waits for
- * the first. Read without long pauses: PortAudio keeps at least 30 ms, and what it had to drop is lost without a word.
+ * A microphone. Reads run one after the other, in the order in which they were asked for.
  *
  * Close it, also before a worker ends: the process would keep the device otherwise.
  */
-export class Recorder implements AsyncIterable<Int16Array> {
+export class Recorder<Samples extends Int16Array | Float32Array = Int16Array> implements AsyncIterable<Samples> {
   private constructor();
 
-  /**
-   * Takes the microphone. That may last a second, and longer while another stream of the process opens or closes.
-   *
-   * @throws {OpenError} with the library's reason
-   */
-  static open(options?: RecorderOptions): Promise<Recorder>;
+  /** Takes the microphone. */
+  static open<Format extends SampleFormat = 'int16'>(
+    options?: RecorderOptions<Format>,
+  ): Promise<Recorder<SamplesOf<Format>>>;
 
-  /** Rate of the samples returned, in Hz. */
-  readonly rate: number;
-  /** Length of a block in milliseconds. */
-  readonly blockMs: number;
-  /** Root mean square of the block read last, before clipping. */
-  readonly rms: number;
-  /** Largest magnitude in the block read last. */
-  readonly peak: number;
-  /** Whether close() has been called. */
   readonly closed: boolean;
+  readonly blockMs: number;
+  /** Rate of the samples returned. */
+  readonly rate: number;
+  /** Rate that the device runs at; 0 before it was opened. */
+  readonly deviceRate: number;
+  readonly denoising: Denoising;
+  /** Samples by which the last one lags behind the device at most. */
+  readonly delay: number;
+  /** Samples that a read would return at once. */
+  readonly available: number;
+  /** Samples that were lost so far, because the program read too late. */
+  readonly dropped: number;
+  /** When the first sample was captured, on the clock of process.hrtime.bigint(); null before it has come. */
+  readonly firstSampleTime: bigint | null;
 
-  /** Takes the microphone, also after stop() or release(). After an OpenError it may be tried again. */
+  // Of the block read last:
+  /** Its first sample, counted from the opening; those that were lost count too. */
+  readonly position: number;
+  /** Samples of the device that were at full scale. */
+  readonly clipped: number;
+  readonly rms: number;
+  readonly peak: number;
+  /** The levels before noise suppression. */
+  readonly capturedRms: number;
+  readonly capturedPeak: number;
+  /** The largest in the block, 0 to 1; -1 when it is not known. */
+  readonly speechProbability: number;
+
+  /** Takes out the probabilities of speech, one for each 10 ms that was read, oldest first. */
+  speechProbabilities(): Float32Array;
+
+  /** Takes the microphone, also again after stop(): it begins anew, and what had not been read is lost. */
   open(): Promise<void>;
-  /** Stops capturing but keeps the device; open() goes on. */
-  stop(): Promise<void>;
-  /** Gives the microphone back; open() takes it again. */
-  release(): Promise<void>;
-
   /**
-   * Waits for the next block of sound.
+   * Gives the microphone back, within a second. What was recorded before can still be read.
    *
-   * @param ms  its length as for blockMs, which it is if not given
-   * @throws {ReadError} when the device fails
+   * @throws {AudioError} 'AUDIO_SYSTEM_STUCK' when the device hangs and its thread was left behind
    */
-  read(ms?: number): Promise<Int16Array>;
-
-  /** Iterates over blocks. Ends without an error when the recorder is closed meanwhile. */
-  blocks(options?: BlockOptions): AsyncGenerator<Int16Array, void, void>;
-  [Symbol.asyncIterator](): AsyncGenerator<Int16Array, void, void>;
+  stop(): Promise<void>;
 
   /**
-   * The samples as a stream of bytes: signed 16-bit, little endian, mono. It reads a block or two ahead of who takes
-   * them, and then waits. Destroying it leaves the recorder open.
+   * Waits until `count` samples have come; without a count, a block of `blockMs`. It returns fewer when the time runs
+   * out, the recorder is stopped or closed, or the device fails. Once everything before a stop has been read, it
+   * returns none; once everything before a failure has, it throws.
+   *
+   * @throws {ReadError}
+   */
+  read(count?: number, options?: { timeout?: number }): Promise<Samples>;
+
+  /** Iterates over blocks; the last may be shorter. Ends without an error when the recorder is stopped or closed. */
+  blocks(options?: BlockOptions): AsyncGenerator<Samples, void, void>;
+  [Symbol.asyncIterator](): AsyncGenerator<Samples, void, void>;
+
+  /**
+   * The samples as a stream of bytes, little endian. It reads a block or two ahead of who takes them, and then waits.
+   * Destroying it leaves the recorder open.
    */
   stream(options?: BlockOptions): Readable;
 
-  /**
-   * Gives the device back once the read that is under way is over; reads that have not begun are rejected with
-   * ClosedError. May be called again. It would wait for ever on a device that delivers nothing.
-   */
+  /** Gives the device back and ends a read that waits, within about a second. May be called again. */
   close(): Promise<void>;
   [Symbol.asyncDispose](): Promise<void>;
 }
 
-/** Linear amplitudes from 0 to 1 (full scale). */
+/** Linear amplitudes from 0 to 1 (full scale), and how many samples were at full scale. */
 export interface Level {
   peak: number;
   rms: number;
+  clipped: number;
 }
 
-/** A light second way to listen to a microphone, for its level only. Close it as a recorder. */
+/** The level of a microphone, as the device gives it, every 30 ms. Close it as a recorder. */
 export class Meter implements AsyncIterable<Level> {
   private constructor();
-
-  /**
-   * Opens a device, chosen as for Recorder, and starts to measure.
-   *
-   * @throws {OpenError} with the library's reason
-   */
   static open(options?: Pick<RecorderOptions, 'device'>): Promise<Meter>;
-
-  /** Whether close() has been called. */
   readonly closed: boolean;
-
-  /** Waits for the next 30 ms of sound and measures them. After a ReadError the meter stays usable. */
   read(): Promise<Level>;
   /** Goes on until the meter is closed. */
   [Symbol.asyncIterator](): AsyncGenerator<Level, void, void>;
-
-  /** As Recorder.close(). */
   close(): Promise<void>;
   [Symbol.asyncDispose](): Promise<void>;
 }
 
-// ---- Signal functions ----
-//
-// A block is a Float32Array of mono samples, full scale 1.0. All but Resampler work in place, and all return when they
-// are done: they take microseconds.
+/** Threads that this process has left behind in devices that hang, and that still hang there. */
+export function abandonedThreads(): number;
+
+/** Takes out what the capture library and PortAudio wrote, oldest first, and what it means where that is known. */
+export function logLines(): { line: string; english: string | null }[];
+/** Has such lines go to standard error as well. */
+export function logEcho(on?: boolean): void;
+
+// ---- Signal processors ----
 
 /**
- * Converts blocks from one sample rate to another, by linear interpolation.
- *
- * Nothing is filtered, so that a lower rate aliases: 48000 to 16000 gives every third sample. Each block starts anew,
- * so that a stream converted in blocks is not the stream converted in one piece.
+ * A processor takes a stream of samples, full scale 1.0, in blocks of any length and gives a stream back. It works on
+ * the thread that calls it: put minutes of sound into a worker.
  */
-export class Resampler {
-  /** Rates in Hz, 1 to 768000. */
-  constructor(inRate: number, outRate: number);
-  /** Returns the block converted. The count is block.length * outRate / inRate, rounded down, or one less. */
+declare abstract class Processor {
+  /** The most samples that it may keep inside before it gives them. */
+  readonly delay: number;
+  /** Takes a block and gives what is ready. */
   process(block: Float32Array): Float32Array;
+  /** Ends the stream and gives the rest; the processor is as new then. */
+  flush(): Float32Array;
+  /** Forgets everything that was put in. */
+  reset(): void;
   /** Frees it. May be called again. */
   close(): void;
   [Symbol.dispose](): void;
 }
 
+/** Converts rates, 100 to 768000 Hz. In all it gives in * outRate / inRate samples; the delay is taken out. */
+export class Converter extends Processor {
+  constructor(inRate: number, outRate: number, options?: { converter?: Conversion });
+}
+
+/** Suppresses noise, at any rate; `strength` is the share of the noise that goes, 1 if not given. */
+export class Denoiser extends Processor {
+  constructor(rate: number, options?: { outRate?: number; strength?: number; converter?: Conversion });
+  /** Takes out the probabilities of speech, one for each 10 ms. */
+  speechProbabilities(): Float32Array;
+}
+
+/** The rate of the samples, in Hz; 16000 if not given. */
 export interface BlockRate {
-  /** Rate of the blocks, in Hz; 16000 if not given. */
   rate?: number;
 }
 
-/**
- * THE high-pass filter of the process, a second-order section against rumble and DC.
- *
- * The library has one, with one memory. Making a HighPass takes it over and puts it at rest; an older HighPass is then
- * of no use any more and throws ReplacedError. Workers share it too, and no lock keeps them apart: use it in one of
- * them.
- */
-export class HighPass {
-  /**
-   * @param cutoffHz  corner frequency in Hz, above 0 and below rate / 2
-   * @param q         quality factor, above 0; 0.707, the default, has no bump at the corner
-   */
+/** A second-order section against rumble and DC: corner frequency below rate / 2; quality 0.05 to 50, 0.707 is flat. */
+export class HighPass extends Processor {
   constructor(cutoffHz: number, q?: number, options?: BlockRate);
-  /** Filters a block in place, as the continuation of the block before. A NaN spoils all that follow. */
-  process(block: Float32Array): void;
 }
 
 /**
- * THE automatic gain control of the process: steers the RMS level towards a target.
- *
- * The library has one, with one gain. Making a GainControl takes it over and puts the gain back to 1; an older
- * GainControl then throws ReplacedError. Workers share it as they share the high-pass.
+ * Steers the RMS level towards -60 to 0 dB against full scale (-20 if not given), by 20 dB at most, with a time
+ * constant of 0 to 60000 ms (100). There is no limiter: the result may exceed 1.
  */
-export class GainControl {
-  /**
-   * @param targetDb   the RMS level wanted, in dB against full scale; -20, the default, is an amplitude of 0.1
-   * @param releaseMs  time constant of the gain, up and down alike, in milliseconds; 100 if not given, 0 lets it jump
-   * @param options    a rate of 100 or more
-   */
+export class GainControl extends Processor {
   constructor(targetDb?: number, releaseMs?: number, options?: BlockRate);
-  /**
-   * Multiplies a block by the gain, in place and in steps of 10 ms, for which the time constant holds.
-   *
-   * At most 20 dB up or down. Silence below -120 dB passes as it is. There is no limiter: the result may exceed 1. A
-   * shorter rest counts as a step, so pass whole multiples of 10 ms.
-   */
-  process(block: Float32Array): void;
 }
 
-/**
- * Subtracts from each sample a share of the one before it, in place: y[i] = x[i] - coef * x[i - 1].
- *
- * @param coef  usually between 0 and 1. Nothing is remembered: the first sample of every block passes as it is.
- */
-export function depop(block: Float32Array, coef: number): void;
+/** Subtracts from each sample a share, 0 to 1, of the one before it: y[i] = x[i] - coef * x[i - 1]. */
+export class DePop extends Processor {
+  constructor(coef: number);
+}
 
 /** 16-bit samples as floats: each divided by 32767. */
 export function toFloat32(block: Int16Array): Float32Array;
-
-/** Floats as 16-bit samples, as the library does it: times 32767, limited, rounded toward zero; NaN becomes 0. */
+/** Floats as 16-bit samples: times 32767, rounded to the nearest, limited; NaN becomes 0. */
 export function toInt16(block: Float32Array): Int16Array;
-
-/** The process's signal-to-noise ratio in dB. Nothing feeds it in the library today, so it is -10 always. */
-export function snr(): number;
-
-/** The process's share of clipped samples. Nothing feeds it in the library today, so it is 0 always. */
-export function clippingRatio(): number;
-
-/** Freezes the process's estimate of the noise floor, or lets it go on and restarts the clipping statistics. */
-export function freezeNoiseProfile(freeze?: boolean): void;
-
-/** The library has no denoise statistics: always 0. */
-export function denoiseStatistics(): number;

@@ -1,41 +1,18 @@
 'use strict';
-// The names stand one by one so that `import { Recorder } from 'wrapper-audio'` finds them as `require` does.
-const { Capability, Meter, Recorder, capability, devices } = require('./lib/capture');
-const { AudioError, ClosedError, LibraryError, OpenError, ReadError, ReplacedError } = require('./lib/errors');
+// Written so that `import { Recorder } from 'wrapper-audio'` finds the names as `require` does.
+const { Capability, abandonedThreads, capability, devices, findDevice, logEcho, logLines } = require('./lib/devices');
 const { load } = require('./lib/library');
-const { toFloat32, toInt16 } = require('./lib/blocks');
-const {
-  GainControl,
-  HighPass,
-  Resampler,
-  clippingRatio,
-  denoiseStatistics,
-  depop,
-  freezeNoiseProfile,
-  snr,
-} = require('./lib/signal');
 
 module.exports = {
-  AudioError,
+  ...require('./lib/errors'),
+  ...require('./lib/processors'),
+  ...require('./lib/recorder'),
   Capability,
-  ClosedError,
-  GainControl,
-  HighPass,
-  LibraryError,
-  Meter,
-  OpenError,
-  ReadError,
-  Recorder,
-  ReplacedError,
-  Resampler,
+  abandonedThreads,
   capability,
-  clippingRatio,
-  denoiseStatistics,
-  depop,
   devices,
-  freezeNoiseProfile,
+  findDevice,
   load,
-  snr,
-  toFloat32,
-  toInt16,
+  logEcho,
+  logLines,
 };

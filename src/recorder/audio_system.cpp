@@ -113,8 +113,24 @@ audio_system::audio_system() {
                       "PortAudio does not start: " + valid_utf8(text_or(Pa_GetErrorText(error), "it tells no reason"))};
 }
 
+namespace {
+
+bool has_jack_devices() {
+    const int count = Pa_GetDeviceCount();
+    for (int index = 0; index < count; ++index) {
+        const PaDeviceInfo* const info = Pa_GetDeviceInfo(index);
+        const PaHostApiInfo* const host_api = info != nullptr ? Pa_GetHostApiInfo(info->hostApi) : nullptr;
+        if (host_api != nullptr && host_api->type == paJACK) return true;
+    }
+    return false;
+}
+
+} // namespace
+
+// When a JACK server ends that was there in the beginning, the end of PortAudio's last user ends the process, by an
+// assertion of PortAudio's or inside libjack, whatever device was used. So where there is JACK the last user stays.
 audio_system::~audio_system() {
-    Pa_Terminate();
+    if (!has_jack_devices()) Pa_Terminate();
 }
 
 std::vector<device> read_devices() {

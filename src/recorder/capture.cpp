@@ -19,6 +19,9 @@ using namespace std::chrono_literals;
 
 constexpr auto stopping_patience = 900ms;
 
+// Of the core's samples: the largest positive sample of a 16-bit device is a 32768th short of full scale.
+constexpr int full_scale = 32766;
+
 std::atomic<uint32_t> g_abandoned_threads{0};
 
 // With all signals blocked, so that they reach the host's own threads.
@@ -66,7 +69,7 @@ void history::add_captured(std::span<const int16_t> pcm) {
             const float x = from_s16(sample);
             levels.peak = std::max(levels.peak, std::fabs(x));
             levels.squares += static_cast<double>(x * x);
-            levels.clipped += std::abs(sample) == 32767 ? 1 : 0;
+            levels.clipped += std::abs(sample) >= full_scale ? 1 : 0;
         }
         levels.count += static_cast<int32_t>(part.size());
         captured_ += part.size();
@@ -138,7 +141,9 @@ void capture::open() {
     std::unique_lock hold{mutex_};
     thread_ = start_thread([self = shared_from_this()] { self->run(); });
     const auto patience = opening_patience + stopping_patience;
-    const auto is_over = [&] { return state_ == state::recording || thread_gone_ || left_behind_; };
+    const auto is_over = [&] {
+        return state_ == state::recording || thread_gone_ || (left_behind_ && state_ == state::ended);
+    };
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();
@@ -322,6 +327,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
             constexpr uint64_t most = std::numeric_limits<uint32_t>::max();
             block.dropped = static_cast<uint32_t>(std::min(block.dropped + piece.lost, most));
             if (piece.count == 0) break;
+            if (!pcm.empty()) std::transform(samples, samples + piece.count, samples, to_full_scale);
             numeric::add_levels(sums, samples, static_cast<int32_t>(piece.count));
             if (!pcm.empty())
                 std::transform(samples, samples + piece.count, pcm.data() + done, to_s16);

@@ -20,12 +20,14 @@ sample_buffer::sample_buffer(std::size_t capacity) : capacity_(capacity), ring_(
 
 void sample_buffer::write(std::span<const float> samples) {
     const auto kept = samples.first(std::min(samples.size(), room()));
-    uint32_t index = 0;
-    spa_ringbuffer_get_write_index(&indices_, &index);
-    spa_ringbuffer_write_data(&indices_, ring_.data(), bytes(ring_.size()), index & (bytes(ring_.size()) - 1),
-                              kept.data(), bytes(kept.size()));
-    spa_ringbuffer_write_update(&indices_, static_cast<int32_t>(index + bytes(kept.size())));
-    written_ += kept.size();
+    if (!kept.empty()) { // an empty one may have no memory
+        uint32_t index = 0;
+        spa_ringbuffer_get_write_index(&indices_, &index);
+        spa_ringbuffer_write_data(&indices_, ring_.data(), bytes(ring_.size()), index & (bytes(ring_.size()) - 1),
+                                  kept.data(), bytes(kept.size()));
+        spa_ringbuffer_write_update(&indices_, static_cast<int32_t>(index + bytes(kept.size())));
+        written_ += kept.size();
+    }
     lose(samples.size() - kept.size());
 }
 
@@ -46,6 +48,7 @@ sample_buffer::piece sample_buffer::read(std::span<float> samples) {
     }
     const uint64_t end = gaps_.empty() ? written_ : gaps_.front().before;
     read.count = std::min(samples.size(), static_cast<std::size_t>(end - read_));
+    if (read.count == 0) return read;
     uint32_t index = 0;
     spa_ringbuffer_get_read_index(&indices_, &index);
     spa_ringbuffer_read_data(&indices_, ring_.data(), bytes(ring_.size()), index & (bytes(ring_.size()) - 1),

@@ -13,10 +13,13 @@ inline float from_s16(int16_t sample) {
     return static_cast<float>(sample) / numeric::pcm16_scale;
 }
 
+inline float to_full_scale(float sample) {
+    return std::isnan(sample) ? 0.0F : std::clamp(sample, -1.0F, 1.0F);
+}
+
 // Rounded to the nearest, where the core rounds toward zero: what was a 16-bit sample before becomes the same one.
 inline int16_t to_s16(float sample) {
-    if (std::isnan(sample)) return 0;
-    return static_cast<int16_t>(std::lrintf(std::clamp(sample, -1.0F, 1.0F) * numeric::pcm16_scale));
+    return static_cast<int16_t>(std::lrintf(to_full_scale(sample) * numeric::pcm16_scale));
 }
 
 } // namespace recorder

@@ -97,6 +97,7 @@ private:
 
 // How long a converter may keep what it is given, in seconds: what it did while it was fed with pieces of 10 ms.
 double longest_delay(int32_t in_rate, int32_t out_rate, wrapper_audio_conversion conversion) {
+    if (conversion == WRAPPER_AUDIO_CONVERSION_LINEAR) return 1.0 / in_rate + 1.0 / out_rate;
     const auto converter = make_rate_converter(in_rate, out_rate, conversion);
     const std::vector<float> piece(static_cast<std::size_t>(in_rate / 100));
     std::vector<float> out;

@@ -3,7 +3,7 @@
 The Python binding records at 16000 Hz from the file microphone, and Debian's pocketsphinx listens with its American
 English model. Prints a table, and fails when denoising costs words. Words are counted by alignment with what was said.
 
-    PYTHONPATH=bindings/python WRAPPER_AUDIO_LIBRARY=build/libwrapper_audio.so \\
+    PYTHONPATH=bindings/python WRAPPER_AUDIO_LIBRARY=build/libwrapper_audio_recorder.so \\
         python3 tests/recogniser/recogniser_test.py [RAWFILE]
 
 RAWFILE is another recording of the same sentences, as make_speech_in_noise.sh makes them.

@@ -7,7 +7,7 @@ scripts/fetch-servers has unpacked them into build-servers; nothing of the syste
         subprocess.run([program], env={**os.environ, **server.environment})
 """
 
-import itertools
+import fcntl
 import os
 import re
 import shutil
@@ -25,7 +25,19 @@ class Unavailable(Exception):
     """This server is not to be had here; says why. A server that is there and fails raises another exception."""
 
 
-_numbers = itertools.count(1)
+def _jack_name():
+    """A name that no other test is using now, and the file that keeps it so.
+
+    JACK knows eight names at most in all, and one that was killed keeps its own until it starts again.
+    """
+    for number in range(4):
+        lock = open(f"/tmp/private-jack-{number}.lock", "w")
+        try:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            return f"private-{number}", lock
+        except OSError:
+            lock.close()
+    raise RuntimeError("four JACK servers are running already")
 
 
 def _libraries():
@@ -77,7 +89,7 @@ class Server:
             "DBUS_SESSION_BUS_ADDRESS": "disabled:",
             "DBUS_SYSTEM_BUS_ADDRESS": "disabled:",
             "JACK_NO_START_SERVER": "1",
-            "JACK_DEFAULT_SERVER": f"private-{os.getpid()}-{next(_numbers)}",
+            "JACK_DEFAULT_SERVER": "private-none",
             "LC_ALL": "C.UTF-8",
         }
 
@@ -222,6 +234,7 @@ class Jack(Server):
         super().__init__(folder)
         self.rate = rate
         self.environment["JACK_DRIVER_DIR"] = str(self.libraries / "jack")
+        self.environment["JACK_DEFAULT_SERVER"], self.lock = _jack_name()
         self.write_alsa("pcm.nothing { type hw card 99 }")  # PortAudio aborts when there is no definition at all
 
     def _start(self):
@@ -241,6 +254,7 @@ class Jack(Server):
             super().close()
         for path in Path("/dev/shm").glob(f"jack*_{self.environment['JACK_DEFAULT_SERVER']}_*"):
             path.unlink()
+        self.lock.close()
 
     def play(self, wav):
         player = self.start("jack-play", Path(wav).resolve())

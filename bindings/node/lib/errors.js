@@ -2,6 +2,11 @@
 // What goes wrong, and how it is said.
 
 class AudioError extends Error {
+  constructor(message, { status = '', logLine = '', ...options } = {}) {
+    super(message, options);
+    Object.assign(this, { status, logLine });
+  }
+
   get name() {
     return this.constructor.name;
   }
@@ -9,8 +14,11 @@ class AudioError extends Error {
 
 class LibraryError extends AudioError {}
 class OpenError extends AudioError {}
+class UnknownDeviceError extends OpenError {}
+class AmbiguousDeviceError extends OpenError {}
 class ReadError extends AudioError {}
 class ClosedError extends AudioError {}
-class ReplacedError extends AudioError {}
 
-module.exports = { AudioError, ClosedError, LibraryError, OpenError, ReadError, ReplacedError };
+module.exports = {
+  AmbiguousDeviceError, AudioError, ClosedError, LibraryError, OpenError, ReadError, UnknownDeviceError,
+};

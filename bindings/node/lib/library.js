@@ -1,122 +1,181 @@
 'use strict';
-// Finds the shared library and knows the signatures of its functions.
+// Finds the shared library, calls its functions, and makes errors of their statuses.
 
 const koffi = require('koffi');
+const { randomUUID } = require('node:crypto');
 const path = require('node:path');
-const { LibraryError } = require('./errors');
+const { inspect, promisify } = require('node:util');
+const { AmbiguousDeviceError, AudioError, LibraryError, UnknownDeviceError } = require('./errors');
+const { enums, functions, structs } = require('./interface');
 
-// As the header writes them; a test holds them to it.
-const PROTOTYPES = [
-  'wrapper_audio_ctx *wrapper_audio_init(int output_rate, int denoise, const char *device_id)',
-  'wrapper_audio_ctx *wrapper_audio_arm(int output_rate, int denoise, const char *device_id)',
-  'int wrapper_audio_open(wrapper_audio_ctx *ctx)',
-  'int32_t wrapper_audio_read(wrapper_audio_ctx *ctx, int32_t ms, int16_t *pcm, int32_t capacity, float *rms, float *peak)',
-  'void wrapper_audio_release_stream(wrapper_audio_ctx *ctx)',
-  'void wrapper_audio_stop(wrapper_audio_ctx *ctx)',
-  'void wrapper_audio_free(wrapper_audio_ctx *ctx)',
-  // These two are placeholders that take any arguments and answer -1 always, so that nothing here calls them.
-  'float wrapper_audio_input_volume_get()',
-  'int wrapper_audio_input_volume_set()',
-  'char *wrapper_audio_list_devices_json(void)',
-  'void wrapper_audio_free_text(char *text)',
-  'int wrapper_audio_capabilities(void)',
-  'wrapper_audio_meter *wrapper_audio_meter_open(const char *device_id)',
-  'int wrapper_audio_meter_read(wrapper_audio_meter *meter, float *peak_out, float *rms_out)',
-  'void wrapper_audio_meter_close(wrapper_audio_meter *meter)',
-  'wrapper_audio_resampler *wrapper_audio_resampler_init(int32_t in_rate, int32_t out_rate, int32_t extra)',
-  'int32_t wrapper_audio_resample(const wrapper_audio_resampler *resampler, const float *in, int32_t in_count, float *out, int32_t max_out)',
-  'void wrapper_audio_resampler_free(wrapper_audio_resampler *resampler)',
-  'void wrapper_audio_hpf_init(float cutoff_hz, float q)',
-  'void wrapper_audio_hpf_process(const void *handle, float *samples, int32_t count)',
-  'void wrapper_audio_depop_process(const void *handle, float *samples, int32_t count, float coef)',
-  'void wrapper_audio_agc_init(float target_db, float release_ms)',
-  'void wrapper_audio_agc_process(const void *handle, float *samples, int32_t count)',
-  'float wrapper_audio_snr(void)',
-  'float wrapper_audio_clipping_ratio(void)',
-  'void wrapper_audio_update_noise_profile(const void *handle, int32_t freeze)',
-  'int32_t wrapper_audio_denoise_stats(const void *handle, int32_t *out)',
-];
-
-// Handles are plain addresses, so that nothing is named in koffi's table of types, which all who use koffi share. So is
-// the device list: koffi would make a string of a `char *` result, and the address that has to be given back be lost.
-function forKoffi(prototype) {
-  return prototype.replace(/wrapper_audio_(ctx|meter|resampler) \*/, 'void *').replace(/(^|\()char \*/, '$1void *');
-}
-
-const NAMES = ['libwrapper_audio.so.1', 'libwrapper_audio.so'];
+const NAME = 'libwrapper_audio_recorder.so.1';
+const UNIQUE = randomUUID().replaceAll('-', '');
 
 const ADVICE = `\
 Install the package libwrapper-audio1, or build wrapper_audio and name the file:
-  export WRAPPER_AUDIO_LIBRARY=/path/to/libwrapper_audio.so.1
-It needs PortAudio and RNNoise (packages libportaudio2 and librnnoise0).`;
-
-// A read with denoising needs 128 KiB of stack, which is what koffi gives to a call on a thread. What an audio server's
-// plug-in needs when a device opens is anybody's guess.
-const STACK = 1 << 20;
-const LEAST_STACK = 1 << 17;
-
-function reserveStack() {
-  try {
-    koffi.config({ async_stack_size: STACK });
-  } catch (error) {
-    // Another package of the program has used koffi already; the size is settled then.
-    if (koffi.config().async_stack_size < LEAST_STACK) {
-      throw new LibraryError('koffi.config() gives calls on threads less than 128 KiB of stack', { cause: error });
-    }
-  }
-}
-
-// koffi closes a library with the worker that loaded it. Threads of audio servers may still run in it then.
-function keepLoaded(file) {
-  const RTLD_NOW = 2;
-  koffi.load(null).func('void *dlopen(const char *file, int mode)')(file, RTLD_NOW);
-}
-
-function candidates(file) {
-  const named = file ?? process.env.WRAPPER_AUDIO_LIBRARY;
-  return named ? [named] : [...NAMES.map((name) => path.join(__dirname, '..', name)), ...NAMES];
-}
+  export WRAPPER_AUDIO_LIBRARY=/path/to/${NAME}
+It needs PortAudio, RNNoise and soxr (packages libportaudio2, librnnoise0 and libsoxr0).`;
 
 function openFirst(files) {
   const tried = [];
   for (const file of files) {
     try {
-      return { library: koffi.load(file), file };
+      return [koffi.load(file), file];
     } catch (error) {
       tried.push(`  ${file}: ${error.message}`);
     }
   }
-  throw new LibraryError(['the library wrapper_audio was not found. Tried:', ...tried, ADVICE].join('\n'));
+  throw new LibraryError(['the library wrapper_audio_recorder was not found. Tried:', ...tried, ADVICE].join('\n'));
 }
 
-let functions = null;
-let loadedFrom = '';
+// All who use koffi share its types by their names: another copy of this package may be among them.
+const ours = (prototype) => prototype.replace(/\bwrapper_audio_\w+(?= \*)/g, `$&_${UNIQUE}`);
 
-/** The functions by their names without `wrapper_audio_`; each has an `async` that runs it on a thread. */
-function loaded(named) {
-  if (functions === null) {
-    reserveStack();
-    const { library, file } = openFirst(candidates(named));
-    const found = {};
-    for (const prototype of PROTOTYPES) {
-      const [, name] = /wrapper_audio_(\w+)\(/.exec(prototype);
-      try {
-        found[name] = library.func(forKoffi(prototype));
-      } catch (error) {
-        throw new LibraryError(`${file} is not wrapper_audio 1: it has no wrapper_audio_${name}`, { cause: error });
-      }
-    }
-    keepLoaded(file);
-    functions = found;
-    loadedFrom = file;
-  } else if (named !== undefined && named !== loadedFrom) {
+// With members in camel case, and an id, which is bytes, as the address that koffi would make text of.
+for (const [name, members] of Object.entries(structs)) {
+  const camel = Object.entries(members).map(([member, type]) => [
+    member.replace(/_(\w)/g, (_, letter) => letter.toUpperCase()),
+    member === 'id' ? 'const void *' : type,
+  ]);
+  koffi.struct(`${name}_${UNIQUE}`, Object.fromEntries(camel));
+}
+
+let loadedFrom = null;
+const library = {}; // the functions by their names without `wrapper_audio_`
+
+/** Plug-ins of audio servers run on the thread that lists the devices; who knows how much stack they take. */
+function reserveStack() {
+  try {
+    koffi.config({ async_stack_size: 1 << 20 });
+  } catch {
+    // Another package of the program has used koffi already, and the size is settled.
+  }
+}
+
+function load(named) {
+  if (loadedFrom !== null) {
+    if (named === undefined || named === loadedFrom) return;
     throw new LibraryError(`${loadedFrom} is loaded already, so ${named} cannot be`);
   }
-  return functions;
+  const only = named ?? process.env.WRAPPER_AUDIO_LIBRARY;
+  const candidates = only ? [only] : [path.join(__dirname, '..', NAME), NAME];
+  reserveStack();
+  const [opened, file] = openFirst(candidates);
+  for (const prototype of functions) {
+    const [, name] = /wrapper_audio_(\w+)\(/.exec(prototype);
+    try {
+      library[name] = opened.func(ours(prototype));
+    } catch (cause) {
+      throw new LibraryError(`${file} is not wrapper_audio_recorder 1: it has no wrapper_audio_${name}`, { cause });
+    }
+  }
+  library.strlen = koffi.load(null).func('size_t strlen(const void *text)');
+  loadedFrom = file;
 }
 
-function load(file) {
-  loaded(file);
+/** Calls a function here and now. */
+function call(name, ...values) {
+  load();
+  return library[name](...values);
 }
 
-module.exports = { PROTOTYPES, load, loaded };
+/** Calls a function on a thread of Node's pool. */
+function callOnThread(name, ...values) {
+  load();
+  return promisify(library[name].async)(...values);
+}
+
+// ---- Texts ----
+
+// In strings, a byte that is no UTF-8 is U+DC00 and the byte: a surrogate by itself, which no UTF-8 has.
+
+function decode(bytes) {
+  let text = bytes.toString();
+  if (Buffer.from(text).equals(bytes)) return text;
+  text = '';
+  for (let i = 0; i < bytes.length; ) {
+    const starts = [1, 2, 3, 4].map((length) => bytes.subarray(i, i + length));
+    const valid = starts.find((start) => Buffer.from(start.toString()).equals(start));
+    text += valid?.toString() ?? String.fromCharCode(0xdc00 + bytes[i]);
+    i += valid?.length ?? 1;
+  }
+  return text;
+}
+
+/** With the NUL that ends a text of C. */
+function encode(text) {
+  const parts = `${text}\0`.split(/([\udc80-\udcff])/u);
+  return Buffer.concat(parts.map((part, i) => (i % 2 ? Buffer.of(part.charCodeAt(0) & 0xff) : Buffer.from(part))));
+}
+
+/** The text that a function copies into a buffer, which its last two arguments are. */
+function copied(name, ...values) {
+  const buffer = Buffer.alloc(call(name, ...values, null, 0) + 1);
+  call(name, ...values, buffer, buffer.length);
+  return decode(buffer.subarray(0, buffer.indexOf(0)));
+}
+
+/** The probabilities of speech that a function takes out of a recorder or processor. */
+function speechTaken(name, pointer) {
+  const all = [];
+  const some = new Float32Array(1000);
+  for (let count; (count = call(name, pointer, some, some.length)) > 0; ) all.push(...some.subarray(0, count));
+  return Float32Array.from(all);
+}
+
+/** A struct at an address. */
+function structAt(address, type) {
+  const found = koffi.decode(address, `${type}_${UNIQUE}`);
+  if (found.id) found.id = decode(Buffer.from(koffi.view(found.id, call('strlen', found.id))));
+  return found;
+}
+
+// ---- Arguments and statuses ----
+
+/** koffi makes other numbers of what is none, or ends the process. */
+function demandWholeNumbers(values) {
+  for (const [name, value] of Object.entries(values)) {
+    if (value !== (value | 0)) throw new RangeError(`${name} is ${String(value)}; it must be a whole number`);
+  }
+}
+
+function demandNumbers(values) {
+  for (const [name, value] of Object.entries(values)) {
+    if (typeof value !== 'number') throw new TypeError(`${name} is ${String(value)}; it must be a number`);
+  }
+}
+
+const nameOf = (type, number) => Object.keys(enums[type]).find((name) => enums[type][name] === number);
+
+function conversion(name) {
+  const number = { clean: enums.Conversion.CLEAN, linear: enums.Conversion.LINEAR }[name];
+  if (number === undefined) throw new RangeError(`there is no converter ${String(name)}; there are clean and linear`);
+  return number;
+}
+
+const KINDS = {
+  INVALID_ARGUMENT: RangeError,
+  UNKNOWN_DEVICE: UnknownDeviceError,
+  AMBIGUOUS_DEVICE: AmbiguousDeviceError,
+};
+
+/** Throws what a status means if it is a failure; otherwise gives its name. */
+function check(status, { Kind = AudioError, reason = '', logLine = '' } = {}) {
+  const name = nameOf('Status', status);
+  if (status >= 0) return name;
+  throw new (KINDS[name] ?? Kind)(reason || call('status_text', status), { status: name, logLine });
+}
+
+/** The address of what a function makes. */
+function make(name, ...values) {
+  const made = [null];
+  const status = call(name, made, ...values);
+  const given = values.map((value) => inspect(value, { breakLength: Infinity })).join(', ');
+  check(status, { reason: status === enums.Status.INVALID_ARGUMENT ? `out of range: ${given}` : '' });
+  return made[0];
+}
+
+module.exports = {
+  call, callOnThread, check, conversion, copied, decode, demandNumbers, demandWholeNumbers, encode, load, make, nameOf,
+  speechTaken, structAt,
+};

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Fetches what the Node binding needs if it is not there yet, and runs its tests on a microphone that hears a file. The
-# environment names what was built: WRAPPER_AUDIO_LIBRARY, HOST, and SCRIPTED_MICROPHONE of tests/tool.
+# environment names what was built: WRAPPER_AUDIO_LIBRARY, the recorder layer, and SCRIPTED_MICROPHONE of tests/tool.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(cd ../.. && pwd)
@@ -30,7 +30,7 @@ fi
 
 ALSA_CONFIG_PATH=$("$root/scripts/file-microphone" "$root/tests/data/speech_in_noise_48k.raw" "$folder")
 export ALSA_CONFIG_PATH JACK_NO_START_SERVER=1 LC_ALL=C.UTF-8
-# What the library and PortAudio's back ends print is of interest when something failed.
+# What is printed there is of interest when something failed.
 code=0
 LD_PRELOAD=$SCRIPTED_MICROPHONE node --test --test-reporter=tap test/*.test.js 2>"$folder/stderr" || code=$?
 [ "$code" -eq 0 ] || { echo "---- standard error, its last lines:"; tail -n 60 "$folder/stderr"; }

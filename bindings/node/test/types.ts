@@ -2,6 +2,10 @@
 import {
   AudioError,
   Capability,
+  Converter,
+  Denoiser,
+  DePop,
+  type Denoising,
   type Device,
   GainControl,
   HighPass,
@@ -9,11 +13,14 @@ import {
   Meter,
   OpenError,
   Recorder,
-  Resampler,
+  UnknownDeviceError,
+  abandonedThreads,
   capability,
-  depop,
   devices,
+  findDevice,
   load,
+  logEcho,
+  logLines,
   toFloat32,
   toInt16,
 } from 'wrapper-audio';
@@ -22,25 +29,46 @@ import type { Readable } from 'node:stream';
 
 export async function record(): Promise<number> {
   load();
-  load('/path/libwrapper_audio.so.1');
+  load('/path/libwrapper_audio_recorder.so.1');
   const microphone: Device | undefined = (await devices()).find(({ isDefault }) => isDefault);
-  const recorder: Recorder = await Recorder.open({ device: microphone ?? null, rate: 16000, denoise: true });
+  const recorder: Recorder = await Recorder.open({
+    device: microphone ?? (await findDevice('usb')),
+    rate: 16000,
+    denoise: 0.9,
+    speech: true,
+    converter: 'clean',
+    blockMs: 20,
+    bufferMs: 1000,
+    stallMs: 1000,
+    armed: true,
+  });
+  await recorder.open();
   let total = 0;
   for await (const block of recorder.blocks({ seconds: 1 })) total += block[0] ?? 0;
   for await (const block of recorder) {
-    const floats: Float32Array = toFloat32(block);
-    depop(floats, 0.9);
-    total += toInt16(floats).length + recorder.rms + recorder.peak;
+    const samples: Int16Array = block;
+    total += toInt16(new DePop(0.9).process(toFloat32(samples))).length + recorder.rms + recorder.peak;
+    total += recorder.clipped + recorder.capturedPeak + recorder.speechProbability + recorder.position;
     break;
   }
+  const speech: Float32Array = recorder.speechProbabilities();
   const bytes: Readable = recorder.stream();
   bytes.destroy();
+  const began: bigint | null = recorder.firstSampleTime;
+  const how: Denoising = recorder.denoising;
   await recorder.stop();
-  await recorder.release();
   await recorder.open();
-  const block: Int16Array = await recorder.read(20);
+  const block: Int16Array = await recorder.read(320, { timeout: 100 });
   await recorder.close();
-  return total + block.length;
+  total += recorder.dropped + recorder.deviceRate + (how === 'off' ? 0 : 1) + Number(began);
+  return total + block.length + speech.length;
+}
+
+export async function floats(): Promise<Float32Array> {
+  const recorder = await Recorder.open({ format: 'float32', denoise: true });
+  const alike: Recorder<Float32Array> = recorder;
+  for await (const block of alike) if (block instanceof Float32Array) return block;
+  return recorder.read();
 }
 
 export async function measure(): Promise<Level> {
@@ -49,6 +77,7 @@ export async function measure(): Promise<Level> {
   try {
     return await meter.read();
   } catch (error) {
+    if (error instanceof UnknownDeviceError && error.status === 'UNKNOWN_DEVICE') console.error(error.logLine);
     if (error instanceof OpenError || error instanceof AudioError) console.error(error.message);
     throw error;
   } finally {
@@ -58,9 +87,16 @@ export async function measure(): Promise<Level> {
 
 export async function dispose(): Promise<void> {
   await using recorder = await Recorder.open();
-  using resampler = new Resampler(48000, 16000);
-  new HighPass(100, undefined, { rate: 48000 }).process(resampler.process(new Float32Array(10)));
+  using converter = new Converter(48000, 16000, { converter: 'linear' });
+  using denoiser = new Denoiser(44100, { outRate: 16000, strength: 0.8 });
+  const filtered: Float32Array = new HighPass(100, undefined, { rate: 48000 }).process(new Float32Array(10));
+  converter.process(filtered);
+  converter.reset();
+  denoiser.flush();
+  console.log(denoiser.speechProbabilities().length, denoiser.delay, recorder.closed, abandonedThreads());
   new GainControl().process(toFloat32(await recorder.read()));
+  logEcho(false);
+  for (const { line, english } of logLines()) console.log(line, english?.length);
 }
 
 export const able: Promise<boolean> = capability().then((found) => found === Capability.INPUT);
@@ -68,11 +104,17 @@ export const alike: typeof Recorder = wrapperAudio.Recorder;
 
 // @ts-expect-error: made by open()
 new Recorder();
-// @ts-expect-error: not in place on integers
-depop(new Int16Array(1), 1);
+// @ts-expect-error: no integers
+new DePop(0.9).process(new Int16Array(1));
 // @ts-expect-error: no such option
 void Recorder.open({ channels: 2 });
+// @ts-expect-error: no such format
+void Recorder.open({ format: 'int8' });
+// @ts-expect-error: floats
+export const integers: Promise<Recorder> = Recorder.open({ format: 'float32' });
 // @ts-expect-error: the level is read only
 export const set = (recorder: Recorder) => (recorder.peak = 1);
 // @ts-expect-error: 2 is no answer
 export const odd: Capability = 2;
+// @ts-expect-error: only its kinds
+export const Base = wrapperAudio.Processor;

@@ -88,8 +88,20 @@ class ProcessTest(unittest.TestCase):
         return output, errors
 
     def configure(self, text: str) -> str:
-        """The path of an ALSA configuration."""
-        file = tempfile.NamedTemporaryFile("w", suffix=".conf", dir=_folder, delete=False)
+        """The path of an ALSA configuration; characters are bytes."""
+        file = tempfile.NamedTemporaryFile("w", encoding="latin-1", suffix=".conf", dir=_folder, delete=False)
         with file:
             file.write(text)
         return file.name
+
+    def speech_at(self, rate: int) -> str:
+        """The path of the ALSA configuration of a microphone at this rate that hears the speech."""
+        if rate == 48000:
+            return str(SPEECH_MICROPHONE)
+        import wrapper_audio
+
+        with wrapper_audio.Converter(48000, rate) as converter:
+            speech = wrapper_audio.to_float32(array("h", samples_of(SPEECH)))
+            heard = [*converter.process(speech), *converter.flush()]
+        raw = sound(f"speech_{rate}", [int(x) for x in wrapper_audio.to_int16(array("f", heard))])
+        return str(file_microphone(raw, _folder / str(rate), rate))

@@ -34,13 +34,13 @@ class Finding(support.ProcessTest):
 
     def test_the_library_may_lie_beside_the_module(self) -> None:
         shutil.copytree(support.PACKAGE / "wrapper_audio", self.folder / "wrapper_audio")
-        beside = self.folder / "wrapper_audio/libwrapper_audio.so.1"
+        beside = self.folder / "wrapper_audio/libwrapper_audio_recorder.so.1"
         shutil.copy(support.LIBRARY, beside)
         output, _ = self.check(LOAD, WRAPPER_AUDIO_LIBRARY=None, PYTHONPATH=str(self.folder))
         self.assertEqual(output.strip(), str(beside.resolve()))
 
     def test_the_system_is_asked_last(self) -> None:
-        for name in "libwrapper_audio.so.1", "libwrapper_audio.so":
+        for name in "libwrapper_audio_recorder.so.1", "libwrapper_audio_recorder.so":
             folder = self.folder / name.replace(".", "_")
             folder.mkdir()
             shutil.copy(support.LIBRARY, folder / name)
@@ -53,20 +53,20 @@ class Finding(support.ProcessTest):
         output, _ = self.check(FAIL, WRAPPER_AUDIO_LIBRARY=None, LD_LIBRARY_PATH=None, PYTHONPATH=str(self.folder))
         tried = [line.split(": ")[0].strip() for line in output.splitlines() if "cannot open shared object" in line]
         beside = str((self.folder / "wrapper_audio").resolve())
-        names = ["libwrapper_audio.so.1", "libwrapper_audio.so"]
+        names = ["libwrapper_audio_recorder.so.1", "libwrapper_audio_recorder.so"]
         self.assertEqual(tried, [f"{beside}/{name}" for name in names] + names)
-        for needed in "libwrapper-audio1", "WRAPPER_AUDIO_LIBRARY", "libportaudio2", "librnnoise0":
+        for needed in "libwrapper-audio1", "WRAPPER_AUDIO_LIBRARY", "libportaudio2", "librnnoise0", "libsoxr0":
             self.assertIn(needed, output)
 
     def test_a_named_library_that_is_not_there_is_not_replaced_by_another(self) -> None:
         folder = str(Path(support.LIBRARY).parent)
-        output, _ = self.check(FAIL, WRAPPER_AUDIO_LIBRARY="/nowhere/libwrapper_audio.so", LD_LIBRARY_PATH=folder)
-        self.assertIn("  /nowhere/libwrapper_audio.so: ", output)
+        output, _ = self.check(FAIL, WRAPPER_AUDIO_LIBRARY="/nowhere/recorder.so", LD_LIBRARY_PATH=folder)
+        self.assertIn("  /nowhere/recorder.so: ", output)
         self.assertEqual(output.count("cannot open shared object"), 1)
 
     def test_another_library_is_told_by_what_it_lacks(self) -> None:
         output, _ = self.check(FAIL, WRAPPER_AUDIO_LIBRARY="libc.so.6")
-        self.assertEqual(output, "libc.so.6 is not wrapper_audio 1: it has no wrapper_audio_init\n")
+        self.assertEqual(output, "libc.so.6 is not wrapper_audio's recorder: it has no wrapper_audio_status_text\n")
 
     def test_a_process_keeps_to_one_library(self) -> None:
         output, _ = self.check(

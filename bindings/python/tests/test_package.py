@@ -37,7 +37,7 @@ class Package(unittest.TestCase):
         python = self.folder / "venv/bin/python"
         self.run_it(python, "-m", "pip", "install", source, PIP_NO_INDEX="1", PIP_DISABLE_PIP_VERSION_CHECK="1")
         table = self.run_it(python, "-m", "wrapper_audio")
-        self.assertIn("* ALSA:default  default  input\n", table)
+        self.assertIn("* ALSA:default  default  input  48000  native\n", table)
         place = self.run_it(python, "-c", "import wrapper_audio; print(wrapper_audio.__file__)")
         self.assertIn("/venv/lib/", place)
         self.assertIn("Version: 1.0.0", self.run_it(python, "-m", "pip", "show", "wrapper-audio"))
@@ -90,7 +90,7 @@ class Package(unittest.TestCase):
         subprocess.run(support.python("-c", programs[0]), cwd=self.folder, env=environment, check=True, capture_output=True)
         with wave.open(str(self.folder / "speech.wav")) as file:
             self.assertEqual((file.getframerate(), file.getnchannels(), file.getsampwidth()), (16000, 1, 2))
-            self.assertEqual(file.getnframes(), 167 * 480)  # five seconds, rounded up to whole blocks
+            self.assertEqual(file.getnframes(), 80000)
             self.assertGreater(max(file.readframes(80000)), 0)
 
     def test_the_package_is_python_3_9(self) -> None:

@@ -1,5 +1,5 @@
-"""Microphone capture as mono blocks at the rate you want, with neural noise suppression, a level meter and a device
-list, and signal functions for your own buffers.
+"""Recording from any microphone as mono blocks at the rate you want, with neural noise suppression, a level meter and a
+device list, and signal processors for your own buffers.
 
     import wrapper_audio
 
@@ -7,52 +7,23 @@ list, and signal functions for your own buffers.
         for block in recorder.blocks(seconds=5):
             print(len(block), recorder.peak)
 
-Levels are linear amplitudes from 0.0 to 1.0 (full scale), rates are in Hz, durations in milliseconds where nothing else
-is said. `python -m wrapper_audio` shows the devices.
+Levels are linear amplitudes, full scale 1.0; rates are in Hz. `python -m wrapper_audio` shows the devices.
 """
 
 from ._blocks import Float32Block, Int16Block, to_float32, to_int16
-from ._capture import Capability, Device, Level, Meter, Recorder, capability, devices
-from ._errors import AudioError, ClosedError, LibraryError, OpenError, ReadError, ReplacedError
+from ._devices import Capability, Device, capability, devices, find_device, log_lines
+from ._errors import AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError, OpenError
+from ._errors import ReadError, ReadTimeout, UnknownDeviceError
+from ._interface import Denoising, Status
 from ._library import load
-from ._signal import (
-    GainControl,
-    HighPass,
-    Resampler,
-    clipping_ratio,
-    denoise_statistics,
-    depop,
-    freeze_noise_profile,
-    snr,
-)
+from ._recorder import Level, Meter, Recorder
+from ._signal import Converter, Denoiser, DePop, GainControl, HighPass, Processor
 
 __version__ = "1.0.0"
 
 __all__ = [
-    "AudioError",
-    "Capability",
-    "ClosedError",
-    "Device",
-    "Float32Block",
-    "GainControl",
-    "HighPass",
-    "Int16Block",
-    "Level",
-    "LibraryError",
-    "Meter",
-    "OpenError",
-    "ReadError",
-    "Recorder",
-    "ReplacedError",
-    "Resampler",
-    "capability",
-    "clipping_ratio",
-    "denoise_statistics",
-    "depop",
-    "devices",
-    "freeze_noise_profile",
-    "load",
-    "snr",
-    "to_float32",
-    "to_int16",
+    "AmbiguousDeviceError", "ArgumentError", "AudioError", "Capability", "ClosedError", "Converter", "DePop",
+    "Denoiser", "Denoising", "Device", "Float32Block", "GainControl", "HighPass", "Int16Block", "Level",
+    "LibraryError", "Meter", "OpenError", "Processor", "ReadError", "ReadTimeout", "Recorder", "Status",
+    "UnknownDeviceError", "capability", "devices", "find_device", "load", "log_lines", "to_float32", "to_int16",
 ]

@@ -1,108 +1,155 @@
-"""Finds the shared library and knows the signatures of its functions."""
+"""Finds and loads the shared library, and calls it."""
 
 from __future__ import annotations
 
 import ctypes
 import os
 import threading
-from ctypes import POINTER, c_char_p, c_float, c_int, c_int16, c_int32, c_void_p
+from ctypes import c_int32, c_void_p
 from pathlib import Path
-from typing import Any, Dict, List, Optional, Tuple, Union
+from typing import Any, Dict, List, Optional, Sequence, Type, TypeVar, Union
 
-from ._errors import LibraryError
+from ._errors import AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError, UnknownDeviceError
+from ._interface import CORE_FUNCTIONS, FUNCTIONS, Status
 
-Path_ = Union[str, "os.PathLike[str]"]
-
-# Result and arguments of every export. Handles are plain addresses, and so is the device list: as c_char_p it would be
-# copied, and the address that has to be given back would be lost.
-SIGNATURES: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
-    "wrapper_audio_init": (c_void_p, [c_int, c_int, c_char_p]),
-    "wrapper_audio_arm": (c_void_p, [c_int, c_int, c_char_p]),
-    "wrapper_audio_open": (c_int, [c_void_p]),
-    "wrapper_audio_read": (
-        c_int32,
-        [c_void_p, c_int32, POINTER(c_int16), c_int32, POINTER(c_float), POINTER(c_float)],
-    ),
-    "wrapper_audio_release_stream": (None, [c_void_p]),
-    "wrapper_audio_stop": (None, [c_void_p]),
-    "wrapper_audio_free": (None, [c_void_p]),
-    # These two are placeholders that take any arguments and answer -1 always, so that nothing in Python calls them.
-    "wrapper_audio_input_volume_get": (c_float, None),
-    "wrapper_audio_input_volume_set": (c_int, None),
-    "wrapper_audio_list_devices_json": (c_void_p, []),
-    "wrapper_audio_free_text": (None, [c_void_p]),
-    "wrapper_audio_capabilities": (c_int, []),
-    "wrapper_audio_meter_open": (c_void_p, [c_char_p]),
-    "wrapper_audio_meter_read": (c_int, [c_void_p, POINTER(c_float), POINTER(c_float)]),
-    "wrapper_audio_meter_close": (None, [c_void_p]),
-    "wrapper_audio_resampler_init": (c_void_p, [c_int32, c_int32, c_int32]),
-    "wrapper_audio_resample": (c_int32, [c_void_p, POINTER(c_float), c_int32, POINTER(c_float), c_int32]),
-    "wrapper_audio_resampler_free": (None, [c_void_p]),
-    "wrapper_audio_hpf_init": (None, [c_float, c_float]),
-    "wrapper_audio_hpf_process": (None, [c_void_p, POINTER(c_float), c_int32]),
-    "wrapper_audio_depop_process": (None, [c_void_p, POINTER(c_float), c_int32, c_float]),
-    "wrapper_audio_agc_init": (None, [c_float, c_float]),
-    "wrapper_audio_agc_process": (None, [c_void_p, POINTER(c_float), c_int32]),
-    "wrapper_audio_snr": (c_float, []),
-    "wrapper_audio_clipping_ratio": (c_float, []),
-    "wrapper_audio_update_noise_profile": (None, [c_void_p, c_int32]),
-    "wrapper_audio_denoise_stats": (c_int32, [c_void_p, POINTER(c_int32)]),
-}
-
-_NAMES = ("libwrapper_audio.so.1", "libwrapper_audio.so")
+_NAMES = ("libwrapper_audio_recorder.so.1", "libwrapper_audio_recorder.so")
 
 _ADVICE = """\
 Install the package libwrapper-audio1, or build wrapper_audio and name the file:
-  export WRAPPER_AUDIO_LIBRARY=/path/to/libwrapper_audio.so.1
-It needs PortAudio and RNNoise (packages libportaudio2 and librnnoise0)."""
+  export WRAPPER_AUDIO_LIBRARY=/path/to/libwrapper_audio_recorder.so.1
+It needs libwrapper_audio.so.1, PortAudio, RNNoise and soxr (packages libportaudio2, librnnoise0 and libsoxr0)."""
 
+_Self = TypeVar("_Self", bound="Closing")
 _lock = threading.Lock()
 _loaded: Optional[ctypes.CDLL] = None
 _loaded_from = ""
 
 
-def _candidates(path: Optional[Path_]) -> List[str]:
-    if path is not None:
-        return [os.fspath(path)]
-    named = os.environ.get("WRAPPER_AUDIO_LIBRARY")
-    if named:
-        return [named]
-    folder = Path(__file__).resolve().parent
-    return [str(folder / name) for name in _NAMES] + list(_NAMES)
-
-
-def _open_first(candidates: List[str]) -> Tuple[ctypes.CDLL, str]:
+def _open_first(candidates: List[str]) -> ctypes.CDLL:
     tried = []
     for candidate in candidates:
         try:
-            # CDLL, not PyDLL: other Python threads run while a call lasts.
-            return ctypes.CDLL(candidate), candidate
+            return ctypes.CDLL(candidate)  # not PyDLL: other Python threads run while a call lasts
         except OSError as error:
             tried.append(f"  {candidate}: {error}")
     raise LibraryError("\n".join(["the library wrapper_audio was not found. Tried:", *tried, _ADVICE]))
 
 
-def load(path: Optional[Path_] = None) -> ctypes.CDLL:
+def load(path: Union[None, str, "os.PathLike[str]"] = None) -> ctypes.CDLL:
     """Loads the shared library; without a call of yours the first object does.
 
     It is looked for at `path`, at the environment variable WRAPPER_AUDIO_LIBRARY, beside this module, and where the
-    system has its libraries. One that is named, by `path` or by the variable, is the only one tried.
+    system has its libraries. One that is named, by `path` or by the variable, is the only one tried. A process loads
+    one library; naming another one later raises LibraryError.
 
-    A process loads one library: its filters are the process's, and PortAudio's streams are. Naming another one later
-    raises LibraryError.
+    Returns it with all functions of its two headers declared, for those who want to call them by themselves.
     """
     global _loaded, _loaded_from
     with _lock:
         if _loaded is None:
-            library, found = _open_first(_candidates(path))
-            for name, (result, arguments) in SIGNATURES.items():
+            named = os.fspath(path) if path is not None else os.environ.get("WRAPPER_AUDIO_LIBRARY")
+            beside = [str(Path(__file__).resolve().parent / name) for name in _NAMES]
+            library = _open_first([named] if named else [*beside, *_NAMES])
+            for name, (result, arguments) in {**FUNCTIONS, **CORE_FUNCTIONS}.items():
                 try:
                     function = getattr(library, name)
                 except AttributeError:
-                    raise LibraryError(f"{found} is not wrapper_audio 1: it has no {name}") from None
-                function.restype = result
-                function.argtypes = arguments
-            _loaded, _loaded_from = library, found
+                    raise LibraryError(f"{library._name} is not wrapper_audio's recorder: it has no {name}") from None
+                function.restype, function.argtypes = result, arguments
+            _loaded, _loaded_from = library, library._name
         elif path is not None and os.fspath(path) != _loaded_from:
             raise LibraryError(f"{_loaded_from} is loaded already, so {os.fspath(path)} cannot be")
         return _loaded
+
+
+class Handle(c_void_p):
+    """A pointer that frees itself with its last reference.
+
+    A call on it holds a reference, so that nothing is freed under a call on another thread. The library writes the
+    pointer into the object, so that no Ctrl-C can come between its answer and our keeping it.
+    """
+
+    free: Any = None
+
+    def __del__(self) -> None:
+        if self.value is not None:
+            self.free(self)
+
+
+def make(create: str, free: str, *arguments: Any) -> Handle:
+    """A handle that the function `create` made."""
+    library, handle = load(), Handle()
+    handle.free = getattr(library, free)
+    check(getattr(library, create)(ctypes.byref(handle), *arguments), given=arguments)
+    return handle
+
+
+class Closing:
+    """What holds a handle until it is closed."""
+
+    _handle: Optional[Handle] = None
+
+    def _pointer(self) -> Handle:
+        handle = self._handle
+        if handle is None:
+            raise ClosedError(f"the {type(self).__name__} is closed")
+        return handle
+
+    def close(self) -> None:
+        """Frees it. May be called again."""
+        self._handle = None
+
+    @property
+    def closed(self) -> bool:
+        """Whether it has been closed."""
+        return self._handle is None
+
+    def __enter__(self: _Self) -> _Self:
+        self._pointer()
+        return self
+
+    def __exit__(self, *error: object) -> None:
+        self.close()
+
+
+_KINDS: Dict[int, Type[AudioError]] = {
+    Status.INVALID_ARGUMENT: ArgumentError,
+    Status.UNKNOWN_DEVICE: UnknownDeviceError,
+    Status.AMBIGUOUS_DEVICE: AmbiguousDeviceError,
+}
+
+
+def check(
+    status: int,
+    kind: Type[AudioError] = AudioError,
+    reason: str = "",
+    log_line: Optional[str] = None,
+    given: Sequence[Any] = (),
+) -> None:
+    """Raises what a status below 0 stands for."""
+    if status < 0:
+        text = reason or load().wrapper_audio_status_text(status).decode()
+        if given:
+            text += f": {', '.join(map(_shown, given))}"
+        raise _KINDS.get(status, kind)(text, status, log_line)
+
+
+def _shown(argument: Any) -> str:
+    options = getattr(argument, "_obj", None)  # of byref()
+    if options is None:
+        return str(argument)
+    return ", ".join(f"{name}={getattr(options, name):g}" for name, _ in options._fields_ if name != "reserved")
+
+
+def int32(name: str, value: int, lowest: int = 1) -> int:
+    """A number that the library gets as it is: ctypes would cut it, and 0 may stand for a default there."""
+    if not lowest <= value == c_int32(value).value:
+        raise ArgumentError(f"{name} is {value}; it must be {lowest} or more, and fit in 32 bits")
+    return value
+
+
+def bytes_of(text: str) -> bytes:
+    """An id as the library wants it."""
+    if "\0" in text:
+        raise ArgumentError("a device id has no NUL")
+    return text.encode(errors="surrogateescape")

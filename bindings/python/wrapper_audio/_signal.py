@@ -1,196 +1,124 @@
-"""Signal functions for buffers of mono 32-bit floats, full scale 1.0.
-
-A buffer is a numpy array of float32 or an array('f'). All but Resampler work in place.
-"""
+"""Signal processors for streams of mono 32-bit floats, full scale 1.0, in blocks of any length."""
 
 from __future__ import annotations
 
-import ctypes
 import math
 import threading
-import weakref
-from ctypes import byref, c_float, c_int32
-from types import TracebackType
-from typing import ClassVar, Optional, Type
+from ctypes import byref, c_float, c_size_t
+from typing import Any, List, Optional
 
-from ._blocks import Float32Block, float32_pointer, float32_to_read, new_float32
-from ._errors import ReplacedError
-from ._handle import Handle
-from ._library import load
-
-_DESIGN_RATE = 16000  # Hz; what the library's high-pass takes every buffer for
-_HIGHEST_RATE = 768000
+from ._blocks import Float32Block, new_block, samples_of
+from ._errors import ArgumentError
+from ._interface import Conversion, VoiceOptions
+from ._library import Closing, Handle, check, int32, load, make
 
 
-def _check_rate(rate: int) -> None:
-    if not 1 <= rate <= _HIGHEST_RATE:
-        raise ValueError(f"the rate is {rate} Hz; it must be from 1 to {_HIGHEST_RATE}")
+def conversion(converter: str) -> Conversion:
+    if converter not in ("clean", "linear"):
+        raise ArgumentError(f"the converter is {converter!r}; it must be 'clean' or 'linear'")
+    return Conversion[converter.upper()]
 
 
-def _check_finite(name: str, value: float) -> None:
-    if not math.isfinite(value):
-        raise ValueError(f"{name} is {value}; it must be a number")
+class Processor(Closing):
+    """A stream of samples goes in, and a stream comes out. What each makes of it, its class says."""
 
-
-class Resampler:
-    """Converts blocks from one sample rate to another, by linear interpolation.
-
-    Nothing is filtered, so that a lower rate aliases: 48000 to 16000 gives every third sample. Each block starts anew,
-    so that a stream converted in blocks is not the stream converted in one piece.
-    """
-
-    def __init__(self, in_rate: int, out_rate: int) -> None:
-        """Rates in Hz, 1 to 768000."""
-        _check_rate(in_rate)
-        _check_rate(out_rate)
-        self._ratio = in_rate / out_rate
-        self._library = load()
-        self._handle = Handle("resampler", self._library.wrapper_audio_resampler_free)
-        weakref.finalize(self, self._handle.abandon)
-        if not self._handle.make(self._library.wrapper_audio_resampler_init, in_rate, out_rate, 0):
-            self.close()
-            raise MemoryError("no memory for a resampler")
+    def __init__(self, create: str, *arguments: Any, ratio: float = 1.0) -> None:
+        self._ratio = ratio
+        self._lock = threading.Lock()  # one call at a time
+        self._handle = make(create, "wrapper_audio_processor_free", *arguments)
 
     def process(self, block: Float32Block) -> Float32Block:
-        """Returns the block converted. The count is len(block) * out_rate / in_rate, rounded down, or one less."""
-        samples = float32_to_read(block)
-        converted = new_float32(int(len(samples) / self._ratio) + 1)
-        with self._handle.lock:
-            count = self._library.wrapper_audio_resample(
-                self._handle.pointer(), samples, len(samples), float32_pointer(converted), len(converted)
-            )
-        if count < 0:
-            raise ValueError(f"{len(samples)} samples at a ratio of {self._ratio} are too many ({count})")
-        return converted[:count]
+        """Takes a block, a numpy array of float32 or an array('f'), and returns the samples that are ready."""
+        _, samples = samples_of(block, "f")
+        return self._give("process", math.ceil(len(samples) * self._ratio), samples, len(samples))
 
-    def close(self) -> None:
-        """Frees it. May be called again."""
-        self._handle.close()
+    def flush(self) -> Float32Block:
+        """Ends the stream and returns what is still inside. The next block begins a new stream."""
+        return self._give("flush", 0)
 
-    def __enter__(self) -> Resampler:
-        return self
+    def _give(self, call: str, expected: int, *arguments: Any) -> Float32Block:
+        given = new_block("f", expected + self.delay + 1)
+        count = c_size_t()
+        function = getattr(load(), "wrapper_audio_processor_" + call)
+        with self._lock:
+            _, samples = samples_of(given, "f")
+            check(function(self._pointer(), *arguments, samples, len(samples), byref(count)))
+        block: Float32Block = given[: count.value]
+        return block
 
-    def __exit__(
-        self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
+    def reset(self) -> None:
+        """Forgets everything that was put in."""
+        with self._lock:
+            check(load().wrapper_audio_processor_reset(self._pointer()))
+
+    @property
+    def delay(self) -> int:
+        """The most samples that are kept inside before they are returned."""
+        return int(load().wrapper_audio_processor_delay(self._pointer()))
+
+
+class Denoiser(Processor):
+    """Neural noise suppression at any rate. Nothing is delayed: the first sample out belongs to the first one in."""
+
+    def __init__(
+        self, rate: int, strength: float = 1.0, out_rate: Optional[int] = None, *, converter: str = "clean"
     ) -> None:
-        self.close()
+        """Makes one.
+
+        rate       of the blocks given, 100 to 768000 Hz
+        strength   from 0.0, nothing, to 1.0, all of the noise is taken away
+        out_rate   of the blocks returned, in Hz; as those given if None
+        converter  "clean" or "linear", where it is not 48000 Hz; see Converter
+        """
+        out = rate if out_rate is None else out_rate
+        rates = int32("rate", rate), int32("out_rate", out)
+        options = VoiceOptions(*rates, strength, 1, conversion(converter))
+        super().__init__("wrapper_audio_voice_create", byref(options), ratio=out / rate)
+
+    def speech_probabilities(self) -> List[float]:
+        """Takes out the probabilities of speech, one for each 10 ms that were given, 0.0 to 1.0."""
+        with self._lock:
+            return take_speech(load().wrapper_audio_processor_take_speech, self._pointer())
 
 
-class HighPass:
-    """THE high-pass filter of the process, a second-order section against rumble and DC.
+class Converter(Processor):
+    """Converts a stream from one sample rate to another."""
 
-    The library has one, with one memory. Making a HighPass takes it over and puts it at rest; an older HighPass is
-    then of no use any more and raises ReplacedError, instead of filtering with the settings of the newer one.
-    """
+    def __init__(self, in_rate: int, out_rate: int, *, converter: str = "clean") -> None:
+        """Rates are 100 to 768000 Hz. "clean" is soxr's high quality; "linear" is quick, and aliases."""
+        options = VoiceOptions(int32("in_rate", in_rate), int32("out_rate", out_rate), 0.0, 0, conversion(converter))
+        super().__init__("wrapper_audio_voice_create", byref(options), ratio=out_rate / in_rate)
 
-    _lock: ClassVar[threading.Lock] = threading.Lock()
-    _owner: ClassVar[Optional[HighPass]] = None
+
+class HighPass(Processor):
+    """A high-pass filter of the second order, against rumble and DC."""
 
     def __init__(self, cutoff_hz: float, q: float = 0.707, *, rate: int = 16000) -> None:
-        """Designs the filter.
-
-        cutoff_hz  corner frequency in Hz, above 0 and below rate / 2
-        q          quality factor, above 0; 0.707 has no bump at the corner
-        rate       of the blocks, in Hz
-        """
-        _check_rate(rate)
-        if not 0 < cutoff_hz < rate / 2:
-            raise ValueError(f"the corner is at {cutoff_hz} Hz; it must be above 0 and below {rate / 2}")
-        _check_finite("q", q)
-        if q <= 0:
-            raise ValueError(f"q is {q}; it must be above 0")
-        self._library = load()
-        with HighPass._lock:
-            HighPass._owner = self
-            self._library.wrapper_audio_hpf_init(cutoff_hz * _DESIGN_RATE / rate, q)
-
-    def process(self, block: Float32Block) -> None:
-        """Filters a block in place, as the continuation of the block before. A NaN spoils all that follow."""
-        samples = float32_pointer(block)
-        with HighPass._lock:
-            if HighPass._owner is not self:
-                raise ReplacedError("a newer HighPass took over the filter, of which the process has one")
-            self._library.wrapper_audio_hpf_process(None, samples, len(samples))
+        """The corner is above 0 and below rate / 2, q from 0.05 to 50; 0.707 has no bump at the corner."""
+        super().__init__("wrapper_audio_high_pass_create", int32("rate", rate), cutoff_hz, q)
 
 
-class GainControl:
-    """THE automatic gain control of the process: steers the RMS level towards a target.
-
-    The library has one, with one gain. Making a GainControl takes it over and puts the gain back to 1; an older
-    GainControl then raises ReplacedError.
-    """
-
-    _lock: ClassVar[threading.Lock] = threading.Lock()
-    _owner: ClassVar[Optional[GainControl]] = None
+class GainControl(Processor):
+    """Steers the RMS level towards a target, in steps of 10 ms and by at most 20 dB. It does not limit."""
 
     def __init__(self, target_db: float = -20.0, release_ms: float = 100.0, *, rate: int = 16000) -> None:
-        """Sets it up.
-
-        target_db   the RMS level wanted, in dB against full scale; -20 is an amplitude of 0.1
-        release_ms  time constant of the gain, up and down alike, in milliseconds; 0 lets the gain jump
-        rate        of the blocks, in Hz, 100 or more
-        """
-        _check_rate(rate)
-        if rate < 100:
-            raise ValueError(f"the rate is {rate} Hz; it must be 100 or more")
-        _check_finite("target_db", target_db)
-        _check_finite("release_ms", release_ms)
-        if release_ms < 0:
-            raise ValueError(f"release_ms is {release_ms}; it must be 0 or more")
-        self._step = rate // 100
-        self._library = load()
-        with GainControl._lock:
-            GainControl._owner = self
-            self._library.wrapper_audio_agc_init(target_db, release_ms)
-
-    def process(self, block: Float32Block) -> None:
-        """Multiplies a block by the gain, in place and in steps of 10 ms, for which the time constant holds.
-
-        At most 20 dB up or down. Silence below -120 dB passes as it is. There is no limiter: the result may exceed
-        1.0. A shorter rest counts as a step, so pass whole multiples of 10 ms.
-        """
-        samples = float32_pointer(block)
-        with GainControl._lock:
-            if GainControl._owner is not self:
-                raise ReplacedError("a newer GainControl took over the gain, of which the process has one")
-            for start in range(0, len(samples), self._step):
-                count = min(self._step, len(samples) - start)
-                step = ctypes.cast(byref(samples, start * 4), ctypes.POINTER(c_float))
-                self._library.wrapper_audio_agc_process(None, step, count)
+        """The target is -60 to 0 dB against full scale, the time constant of the gain 0 to 60000 ms."""
+        super().__init__("wrapper_audio_gain_control_create", int32("rate", rate), target_db, release_ms)
 
 
-def depop(block: Float32Block, coef: float) -> None:
-    """Subtracts from each sample a share of the one before it, in place: y[i] = x[i] - coef * x[i - 1].
+class DePop(Processor):
+    """Subtracts from each sample a share of the one before it: y[i] = x[i] - coef * x[i - 1]."""
 
-    coef is usually between 0 and 1. Nothing is remembered: the first sample of every block passes as it is.
-    """
-    samples = float32_pointer(block)
-    load().wrapper_audio_depop_process(None, samples, len(samples), coef)
-
-
-_metrics = threading.Lock()
+    def __init__(self, coef: float) -> None:
+        """The share is 0.0 to 1.0."""
+        super().__init__("wrapper_audio_depop_create", coef)
 
 
-def snr() -> float:
-    """The process's signal-to-noise ratio in dB. Nothing feeds it in the library today, so it is -10.0 always."""
-    with _metrics:
-        return float(load().wrapper_audio_snr())
-
-
-def clipping_ratio() -> float:
-    """The process's share of clipped samples. Nothing feeds it in the library today, so it is 0.0 always."""
-    with _metrics:
-        return float(load().wrapper_audio_clipping_ratio())
-
-
-def freeze_noise_profile(freeze: bool = True) -> None:
-    """Freezes the process's estimate of the noise floor, or lets it go on and restarts the clipping statistics."""
-    with _metrics:
-        load().wrapper_audio_update_noise_profile(None, int(freeze))
-
-
-def denoise_statistics() -> int:
-    """The library has no denoise statistics: always 0."""
-    answer = c_int32()
-    load().wrapper_audio_denoise_stats(None, byref(answer))
-    return answer.value
+def take_speech(take: Any, handle: Handle) -> List[float]:
+    """All probabilities that there are, out of a recorder or a processor."""
+    some, every = (c_float * 256)(), []
+    count = len(some)
+    while count == len(some):
+        count = take(handle, some, len(some))
+        every += some[:count]
+    return every

@@ -1,0 +1,271 @@
+'use strict';
+// Recording, and the level meter.
+
+const { Readable } = require('node:stream');
+const { idOf } = require('./devices');
+const { ClosedError, OpenError, ReadError } = require('./errors');
+const { enums } = require('./interface');
+const lib = require('./library');
+
+const WAIT_MS = 200; // at most, so that files and other recorders get Node's threads meanwhile
+
+const FORMATS = {
+  int16: { Samples: Int16Array, read: 'recorder_read_s16' },
+  float32: { Samples: Float32Array, read: 'recorder_read_f32' },
+};
+
+const NO_LEVELS = { clipped: 0, rms: 0, peak: 0, capturedRms: 0, capturedPeak: 0, speechProbability: -1 };
+const NOTHING = { position: 0, count: 0, ...NO_LEVELS };
+
+const forgotten = new FinalizationRegistry((pointer) => {
+  process.emitWarning('a recorder was not closed', 'ResourceWarning');
+  lib.callOnThread('recorder_free', pointer).catch(() => {});
+});
+
+/** What is known of two pieces that follow each other. */
+function joined(a, b) {
+  if (a.count === 0) return b;
+  const count = a.count + b.count;
+  const mean = (name) => Math.sqrt((a.count * a[name] ** 2 + b.count * b[name] ** 2) / count);
+  const largest = (name) => Math.max(a[name], b[name]);
+  return {
+    position: a.position,
+    count,
+    clipped: a.clipped + b.clipped,
+    rms: mean('rms'),
+    peak: largest('peak'),
+    capturedRms: mean('capturedRms'),
+    capturedPeak: largest('capturedPeak'),
+    speechProbability: largest('speechProbability'),
+  };
+}
+
+class Recorder {
+  #pointer;
+  #id;
+  #format;
+  #blockMs;
+  #info = {};
+  #block = NOTHING;
+  #failed = enums.Status.OK; // or why the last read returned fewer samples, which the next one tells
+  #last = Promise.resolve();
+  #closing = null;
+
+  static async open({ armed = false, ...options } = {}) {
+    const recorder = new Recorder(options);
+    try {
+      if (!armed) await recorder.open();
+      return recorder;
+    } catch (error) {
+      await recorder.close();
+      throw error;
+    }
+  }
+
+  constructor({ device, rate = 16000, denoise = 0, speech = false, converter = 'clean', ...others } = {}) {
+    const { format = 'int16', blockMs = 30, bufferMs = 0, stallMs = 0 } = others;
+    lib.demandWholeNumbers({ rate, bufferMs, stallMs });
+    if (!(blockMs > 0 && blockMs <= 60000)) throw new RangeError(`blockMs is ${blockMs}; it must be 60000 at most`);
+    if (!Object.hasOwn(FORMATS, format)) throw new RangeError(`there is no format ${format}`);
+    const strength = typeof denoise === 'boolean' ? Number(denoise) : denoise;
+    lib.demandNumbers({ denoise: strength });
+    this.#id = idOf(device);
+    this.#format = FORMATS[format];
+    this.#blockMs = blockMs;
+    this.#pointer = lib.make('recorder_create', {
+      rate,
+      denoise: strength,
+      speech: Number(Boolean(speech)),
+      conversion: lib.conversion(converter),
+      bufferMs,
+      stallMs,
+    });
+    forgotten.register(this, this.#pointer, this);
+  }
+
+  // ---- What it is doing ----
+
+  /** What the library tells, and after close() what it told last. */
+  get #state() {
+    if (!this.closed) lib.call('recorder_get_info', this.#pointer, this.#info);
+    return this.#info;
+  }
+
+  get closed() { return this.#closing !== null; }
+  get blockMs() { return this.#blockMs; }
+  get rate() { return this.#state.rate; }
+  get deviceRate() { return this.#state.deviceRate; }
+  get denoising() { return lib.nameOf('Denoising', this.#state.denoising).toLowerCase(); }
+  get delay() { return this.#state.delay; }
+  get available() { return this.#state.available; }
+  get dropped() { return this.#state.dropped; }
+  get firstSampleTime() { return BigInt(this.#state.firstSampleTime) || null; }
+
+  // ---- The block read last ----
+
+  get position() { return this.#block.position; }
+  get clipped() { return this.#block.clipped; }
+  get rms() { return this.#block.rms; }
+  get peak() { return this.#block.peak; }
+  get capturedRms() { return this.#block.capturedRms; }
+  get capturedPeak() { return this.#block.capturedPeak; }
+  get speechProbability() { return this.#block.speechProbability; }
+
+  speechProbabilities() {
+    this.#demandOpen();
+    return lib.speechTaken('recorder_take_speech', this.#pointer);
+  }
+
+  // ---- Recording ----
+
+  #demandOpen() {
+    if (this.closed) throw new ClosedError('the recorder is closed');
+  }
+
+  /** Runs a task behind those before it. */
+  #inTurn(task) {
+    const result = this.#last.then(() => {
+      this.#demandOpen();
+      return task();
+    });
+    this.#last = result.catch(() => {});
+    return result;
+  }
+
+  #check(status, Kind) {
+    const text = (kind) => lib.copied('recorder_get_text', this.#pointer, enums.RecorderTextKind[kind]);
+    const failed = status < 0 && !['INVALID_STATE', 'INVALID_ARGUMENT'].includes(lib.nameOf('Status', status));
+    return lib.check(status, failed ? { Kind, reason: text('REASON'), logLine: text('LOG_LINE') } : { Kind });
+  }
+
+  open() {
+    return this.#inTurn(async () => {
+      this.#failed = enums.Status.OK;
+      const status = await lib.callOnThread('recorder_open', this.#pointer, this.#id);
+      if (this.#check(status, OpenError) === 'STOPPED') throw new ClosedError('the recorder was stopped meanwhile');
+    });
+  }
+
+  async stop() {
+    this.#demandOpen();
+    const stopping = lib.callOnThread('recorder_stop', this.#pointer);
+    this.#last = Promise.allSettled([this.#last, stopping]);
+    const status = await stopping;
+    if (status !== enums.Status.INVALID_STATE) this.#check(status);
+  }
+
+  async read(count = this.#blockLength, { timeout = Infinity } = {}) {
+    lib.demandWholeNumbers({ count });
+    if (count < 0) throw new RangeError(`count is ${count}; it must be 0 or more`);
+    if (typeof timeout !== 'number' || !(timeout >= 0)) throw new RangeError(`timeout is ${timeout}; it must be >= 0`);
+    return this.#inTurn(async () => {
+      const before = this.#failed;
+      this.#failed = enums.Status.OK;
+      this.#check(before, ReadError);
+      const samples = new this.#format.Samples(count);
+      const end = performance.now() + timeout;
+      let read = NOTHING;
+      let status;
+      do {
+        const piece = {};
+        const wait = Math.ceil(Math.max(0, Math.min(WAIT_MS, end - performance.now())));
+        const rest = samples.subarray(read.count);
+        // The thread writes into memory of ours; the caller, who could hand his to a worker meanwhile, gets it later.
+        status = await lib.callOnThread(this.#format.read, this.#pointer, rest, rest.length, wait, piece);
+        read = joined(read, piece);
+      } while (status === enums.Status.TIMEOUT && performance.now() < end && !this.closed);
+      if (read.count === 0 && count > 0) {
+        this.#demandOpen();
+        this.#check(status, ReadError);
+        return samples.slice(0, 0);
+      }
+      if (status < 0) this.#failed = status;
+      this.#block = read;
+      return read.count < count ? samples.slice(0, read.count) : samples;
+    });
+  }
+
+  get #blockLength() {
+    return Math.max(1, Math.round((this.rate * this.#blockMs) / 1000));
+  }
+
+  async *blocks({ seconds = Infinity } = {}) {
+    if (!(seconds >= 0)) throw new RangeError(`seconds is ${seconds}; it must be 0 or more`);
+    for (let left = Math.round(seconds * this.rate), block; left > 0; left -= block.length) {
+      try {
+        block = await this.read(Math.min(left, this.#blockLength));
+      } catch (error) {
+        if (error instanceof ClosedError) return; // which is a good end, and no error
+        throw error;
+      }
+      if (block.length === 0) return;
+      yield block;
+    }
+  }
+
+  [Symbol.asyncIterator]() {
+    return this.blocks();
+  }
+
+  /** The samples as bytes, little endian. It reads no further than one block ahead of who takes them. */
+  stream(options) {
+    const blocks = this.blocks(options);
+    async function* bytes() {
+      for await (const { buffer, byteOffset, byteLength } of blocks) yield Buffer.from(buffer, byteOffset, byteLength);
+    }
+    const highWaterMark = this.#blockLength * this.#format.Samples.BYTES_PER_ELEMENT;
+    return Readable.from(bytes(), { objectMode: false, highWaterMark });
+  }
+
+  close() {
+    void this.#state;
+    this.#closing ??= this.#release();
+    return this.#closing;
+  }
+
+  async #release() {
+    forgotten.unregister(this);
+    await lib.callOnThread('recorder_stop', this.#pointer); // a read that waits returns
+    await this.#last;
+    await lib.callOnThread('recorder_free', this.#pointer);
+  }
+}
+
+class Meter {
+  #recorder;
+
+  static async open({ device } = {}) {
+    return new Meter(await Recorder.open({ device, converter: 'linear' }));
+  }
+
+  constructor(recorder) {
+    if (!(recorder instanceof Recorder)) throw new TypeError('a meter is made by open()');
+    this.#recorder = recorder;
+  }
+
+  get closed() { return this.#recorder.closed; }
+
+  get #level() {
+    const { capturedPeak: peak, capturedRms: rms, clipped } = this.#recorder;
+    return { peak, rms, clipped };
+  }
+
+  async read() {
+    await this.#recorder.read();
+    return this.#level;
+  }
+
+  async *[Symbol.asyncIterator]() {
+    for await (const _ of this.#recorder) yield this.#level;
+  }
+
+  close() {
+    return this.#recorder.close();
+  }
+}
+
+for (const { prototype } of [Recorder, Meter]) {
+  if (Symbol.asyncDispose) prototype[Symbol.asyncDispose] = prototype.close;
+}
+
+module.exports = { Meter, Recorder };

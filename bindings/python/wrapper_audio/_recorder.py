@@ -1,0 +1,310 @@
+"""Recording, and the level meter."""
+
+from __future__ import annotations
+
+import atexit
+import ctypes
+import math
+import os
+import time
+import warnings
+import weakref
+from ctypes import byref
+from typing import Any, Iterator, List, NamedTuple, Optional, Type, Union
+
+from ._blocks import Float32Block, Int16Block, new_block, samples_of
+from ._devices import Device
+from ._errors import ArgumentError, AudioError, ClosedError, OpenError, ReadError, ReadTimeout
+from ._interface import Block, Denoising, RecorderInfo, RecorderOptions, RecorderTextKind, Status
+from ._library import Closing, bytes_of, check, int32, load, make
+from ._signal import conversion, take_speech
+
+_SLICE = 0.2  # seconds; Python looks for Ctrl-C when a call has returned
+
+
+def _of_block(name: str, doc: str) -> Any:
+    return property(lambda recorder: getattr(recorder._last, name), doc=doc)
+
+
+def _of_recording(name: str, doc: str) -> Any:
+    return property(lambda recorder: getattr(recorder._info(), name), doc=doc)
+
+
+class Recorder(Closing):
+    """A microphone: mono samples at the rate you want.
+
+        with wrapper_audio.Recorder(rate=16000, denoise=True) as recorder:
+            for block in recorder.blocks(seconds=5):
+                ...
+
+    A thread of the library records, and keeps the sound until it is read. Blocks are numpy arrays if numpy can be
+    imported, otherwise array('h') or array('f'). Any method may be called on any thread. Ctrl-C ends a read within
+    0.2 s. `for block in recorder` goes on until the recorder is stopped or closed, by whatever thread.
+    """
+
+    def __init__(
+        self,
+        device: Union[None, str, Device] = None,
+        *,
+        rate: int = 16000,
+        denoise: float = False,
+        speech: bool = False,
+        converter: str = "clean",
+        block_ms: int = 30,
+        dtype: str = "int16",
+        buffer_ms: int = 5000,
+        stall_ms: int = 1500,
+        armed: bool = False,
+    ) -> None:
+        """Takes the microphone at once, or with armed=True leaves it to open().
+
+        device     a Device or its id; None or "" is the default input device. find_device() knows parts of ids.
+        rate       of the samples returned, 100 to 768000 Hz
+        denoise    neural noise suppression, whatever rate the device has: False, True, or a share from 0.0 to 1.0
+        speech     tell the probability of speech also where nothing is denoised
+        converter  of sample rates: "clean" is soxr's high quality; "linear" is quick, and aliases
+        block_ms   length of a block in milliseconds
+        dtype      "int16": samples from -32767 to 32767; "float32": full scale 1.0
+        buffer_ms  sound that is kept for a program that comes late, 100 to 60000
+        stall_ms   a device that delivers nothing for so long makes a read fail, 100 to 60000
+
+        Raises OpenError; UnknownDeviceError lists the devices there are.
+        """
+        if dtype not in ("int16", "float32"):
+            raise ArgumentError(f"the dtype is {dtype!r}; it must be 'int16' or 'float32'")
+        self._code = {"int16": "h", "float32": "f"}[dtype]
+        self._length = max(int32("block_ms", block_ms) * int32("rate", rate) // 1000, 1)
+        self._device_id = bytes_of(device.id if isinstance(device, Device) else device or "")
+        self._last, self._stalled = Block(speech_probability=-1.0), False
+        self.rate, self.block_ms = rate, block_ms
+        late = int32("buffer_ms", buffer_ms), int32("stall_ms", stall_ms)
+        options = RecorderOptions(rate, denoise, speech, conversion(converter), *late)
+        self._library = load()
+        self._handle = make("wrapper_audio_recorder_create", "wrapper_audio_recorder_free", byref(options))
+        _recorders.add(self)
+        if not armed:
+            try:
+                self.open()
+            except BaseException:
+                self.close()
+                raise
+
+    def open(self) -> None:
+        """Takes the microphone, also after stop(): recording begins anew, and what had not been read is lost.
+
+        Raises OpenError; it may then be tried again.
+        """
+        self._check(self._library.wrapper_audio_recorder_open(self._pointer(), self._device_id), OpenError)
+
+    def stop(self) -> None:
+        """Ends the recording and gives the microphone back, within a second. What was recorded can still be read."""
+        status = self._library.wrapper_audio_recorder_stop(self._pointer())
+        if status != Status.INVALID_STATE:  # stopped already, or never opened
+            self._check(status, ReadError)
+
+    def close(self) -> None:
+        """Ends everything. May be called again, and while another thread reads, which gets what there is."""
+        handle = self._handle
+        if handle is not None:
+            self._library.wrapper_audio_recorder_stop(handle)
+            self._handle = None
+
+    def __del__(self) -> None:
+        if self._handle is not None:
+            try:
+                warnings.warn("a recorder was not closed", ResourceWarning, stacklevel=2, source=self)
+            finally:
+                self.close()
+
+    def read(self, count: Optional[int] = None, timeout: Optional[float] = None) -> Any:
+        """Waits for so many samples, a block of block_ms if not given, and returns them.
+
+        timeout  how long to wait at most, in seconds; 0 does not wait, None waits as long as the device delivers
+
+        Returns fewer samples when the time runs out, the recorder is stopped or the device fails; none at all once it
+        is stopped and everything has been read. Raises ReadTimeout when the time runs out before the first sample,
+        ReadError when the device failed and everything before that has been read.
+        """
+        block = new_block(self._code, self._length if count is None else int32("count", count, 0))
+        return block[: self.read_into(block, timeout)]
+
+    def read_into(self, block: Union[Int16Block, Float32Block], timeout: Optional[float] = None) -> int:
+        """As read(), into a block of yours, of 16-bit samples or of floats. Returns how many samples came."""
+        if timeout is not None and not timeout >= 0:
+            raise ArgumentError(f"the timeout is {timeout}; it must be 0 or more")
+        stalled, self._stalled = self._stalled, False
+        if stalled and self.available == 0:
+            self._check(Status.NO_DATA, ReadError)
+        end = math.inf if timeout is None else time.monotonic() + timeout
+        code, samples = samples_of(block, "hf", written=True)
+        read = getattr(self._library, "wrapper_audio_recorder_read_" + {"h": "s16", "f": "f32"}[code])
+        handle, whole, part = self._pointer(), Block(), Block()
+        while True:
+            left = math.ceil(1000 * max(0, min(_SLICE, end - time.monotonic())))
+            rest = ctypes.cast(byref(samples, whole.count * ctypes.sizeof(samples._type_)), read.argtypes[1])
+            status = read(handle, rest, len(samples) - whole.count, left, byref(part))
+            _append(whole, part)
+            if status != Status.TIMEOUT or time.monotonic() >= end:
+                break
+        self._last, self._stalled = whole, whole.count > 0 and status == Status.NO_DATA  # told by the next read
+        if whole.count == 0 and status != Status.STOPPED:
+            if status == Status.TIMEOUT:
+                raise ReadTimeout(f"no sample came within {timeout} s", status)
+            self._check(status, ReadError)
+        return int(whole.count)
+
+    def blocks(self, seconds: Optional[float] = None) -> Iterator[Any]:
+        """Iterates over the blocks of so many seconds, of which the last may be shorter; else until the end.
+
+        Ends without an error when the recorder is stopped, once everything has been read, or closed.
+        """
+        self._pointer()
+        return self._blocks(math.inf if seconds is None else round(seconds * self.rate))
+
+    def _blocks(self, left: float) -> Iterator[Any]:
+        while left > 0:
+            try:
+                block = self.read(int(min(left, self._length)))
+            except ClosedError:
+                return
+            if len(block) == 0:
+                return
+            left -= len(block)
+            yield block
+
+    def __iter__(self) -> Iterator[Any]:
+        return self.blocks()
+
+    # Of the block that was read last.
+
+    position: int = _of_block("position", "Of its first sample, counted from open(); dropped samples count too.")
+    rms: float = _of_block("rms", "Its root mean square; linear, full scale 1.0.")
+    peak: float = _of_block("peak", "Its largest magnitude; linear, full scale 1.0.")
+    captured_rms: float = _of_block("captured_rms", "The same of what the device gave, before noise suppression.")
+    captured_peak: float = _of_block("captured_peak", "The same of what the device gave, before noise suppression.")
+    clipped: int = _of_block("clipped", "How many samples of the device were at full scale in this time.")
+
+    @property
+    def speech_probability(self) -> Optional[float]:
+        """The largest probability of speech in it, 0.0 to 1.0; None without `denoise` or `speech`."""
+        return None if self._last.speech_probability < 0 else float(self._last.speech_probability)
+
+    def speech_probabilities(self) -> List[float]:
+        """Takes out the probabilities of speech since the last call, one for each 10 ms of what was read."""
+        return take_speech(self._library.wrapper_audio_recorder_take_speech, self._pointer())
+
+    # Of the recording.
+
+    device_rate: int = _of_recording("device_rate", "The rate of the device in Hz; 0 before it was opened.")
+    dropped: int = _of_recording("dropped", "Samples that were lost so far, because the program came too late.")
+    available: int = _of_recording("available", "Samples that a read would return at once.")
+    delay: int = _of_recording("delay", "Samples by which the last one lags behind the device at most.")
+
+    @property
+    def denoising(self) -> Denoising:
+        """Whether, and how, noise is suppressed."""
+        return Denoising(self._info().denoising)
+
+    @property
+    def first_sample_time(self) -> Optional[int]:
+        """When the first sample was captured, as time.monotonic_ns() tells it; None before it has come."""
+        return self._info().first_sample_time or None
+
+    @property
+    def device(self) -> str:
+        """The id of the device that was opened."""
+        return self._text(RecorderTextKind.DEVICE_ID)
+
+    @property
+    def device_name(self) -> str:
+        """Its name for people."""
+        return self._text(RecorderTextKind.DEVICE_NAME)
+
+    def _info(self) -> RecorderInfo:
+        info = RecorderInfo()
+        check(self._library.wrapper_audio_recorder_get_info(self._pointer(), byref(info)))
+        return info
+
+    def _text(self, kind: RecorderTextKind) -> str:
+        get, handle = self._library.wrapper_audio_recorder_get_text, self._pointer()
+        text = ctypes.create_string_buffer(get(handle, kind, None, 0) + 1)
+        get(handle, kind, text, len(text))
+        return text.value.decode(errors="surrogateescape")
+
+    def _check(self, status: int, kind: Type[AudioError]) -> None:
+        if status < 0:
+            line = self._text(RecorderTextKind.LOG_LINE).rstrip("\n")
+            check(status, kind, self._text(RecorderTextKind.REASON), line or None)
+
+
+def _append(whole: Block, part: Block) -> None:
+    """Adds what is known of the samples that came next."""
+    if whole.count == 0:
+        ctypes.pointer(whole)[0] = part
+        return
+    count = whole.count + part.count
+    for level in "rms", "captured_rms":
+        squares = getattr(whole, level) ** 2 * whole.count + getattr(part, level) ** 2 * part.count
+        setattr(whole, level, math.sqrt(squares / count))
+    for most in "peak", "captured_peak", "speech_probability":
+        setattr(whole, most, max(getattr(whole, most), getattr(part, most)))
+    for total in "count", "clipped":
+        setattr(whole, total, getattr(whole, total) + getattr(part, total))
+
+
+_recorders: weakref.WeakSet[Recorder] = weakref.WeakSet()
+
+
+@atexit.register
+def _close_forgotten() -> None:
+    for recorder in list(_recorders):
+        recorder.__del__()
+
+
+def _leave_to_parent() -> None:
+    """A forked child has its parent's handles, but not the threads behind them."""
+    for recorder in list(_recorders):
+        if recorder._handle is not None:
+            recorder._handle.value = None
+            recorder._handle = None
+
+
+os.register_at_fork(after_in_child=_leave_to_parent)
+
+
+class Level(NamedTuple):
+    """Linear amplitudes, full scale 1.0."""
+
+    peak: float
+    rms: float
+
+
+class Meter(Closing):
+    """Listens to a microphone for its level only, 30 ms at a time.
+
+        with wrapper_audio.Meter() as meter:
+            for level in meter:
+                print(level.peak)
+    """
+
+    def __init__(self, device: Union[None, str, Device] = None) -> None:
+        """Opens a device, chosen as for Recorder, and starts to measure. Raises OpenError."""
+        self._recorder = Recorder(device, converter="linear")
+        self._handle = self._recorder._handle
+
+    def read(self, timeout: Optional[float] = None) -> Level:
+        """Waits for the next 30 ms of sound and measures them, with the errors of Recorder.read()."""
+        self._pointer()
+        if len(self._recorder.read(timeout=timeout)) == 0:
+            raise ClosedError("the Meter is closed")  # by another thread, while this one waited
+        return Level(self._recorder.captured_peak, self._recorder.captured_rms)
+
+    def __iter__(self) -> Iterator[Level]:
+        """Goes on until another thread closes the meter."""
+        self._pointer()
+        return (Level(self._recorder.captured_peak, self._recorder.captured_rms) for _ in self._recorder)
+
+    def close(self) -> None:
+        """Gives the device back. May be called again, and on any thread."""
+        self._recorder.close()
+        self._handle = None

@@ -78,8 +78,8 @@ std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& bloc
         if (stop_requested()) stop();
         const wrapper_audio_status status =
             wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), often_enough, &block);
-        stalls = block.count > 0 ? 0 : stalls;
-        if (status == WRAPPER_AUDIO_NO_DATA && (++stalls == 2 || info().captured == 0)) {
+        stalls = block.count > 0 ? 0 : stalls + (status == WRAPPER_AUDIO_NO_DATA ? 1 : 0);
+        if (!trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
             trouble_.emplace(read_failed, fmt::format("{}: nothing has come for {} seconds",
                                                       wrapper_audio_status_text(status), patience_ms / 1000));
             stop(); // what is still inside comes then

@@ -57,7 +57,7 @@ std::string table(const std::vector<wrapper_audio_device>& devices) {
     return text;
 }
 
-/** As UTF-8, in which U+FFFD stands for each byte that is none. */
+/** As UTF-8, in which U+FFFD stands for what is none. */
 nlohmann::ordered_json utf8_of(const std::string& bytes) {
     using nlohmann::json;
     return json::parse(json(bytes).dump(-1, ' ', false, json::error_handler_t::replace));

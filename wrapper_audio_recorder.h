@@ -21,6 +21,7 @@
  *         wrapper_audio_block block;
  *         status = wrapper_audio_recorder_read_s16(recorder, pcm, 1600, 5000, &block);
  *         fwrite(pcm, sizeof *pcm, block.count, stdout);
+ *         fprintf(stderr, "\rpeak %.3f", block.peak);
  *     }
  *     if (status != WRAPPER_AUDIO_OK)
  *         fprintf(stderr, "%s\n", wrapper_audio_status_text(status));

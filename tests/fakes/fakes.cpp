@@ -24,6 +24,8 @@ std::unique_ptr<state> g_world;
 // How many calls this thread has made under the library's lock; -1 while it does not hold it.
 thread_local int t_calls_under_lock = -1;
 
+thread_local int t_inside = 0;
+
 template <typename... Pieces>
 std::string text(const Pieces&... pieces) {
     std::ostringstream out;
@@ -53,6 +55,7 @@ scripted_fault note(const std::string& entry) {
 
 scripted_fault note_locked_call(const std::string& entry) {
     const std::lock_guard hold{world().guard};
+    if (t_calls_under_lock < 0 && world().layered) return write_down(entry);
     if (t_calls_under_lock < 0) {
         violation(entry + " without the lock");
     } else if (++t_calls_under_lock > 1) {
@@ -71,6 +74,28 @@ PaError result_of(const std::string& function, scripted_fault fault) {
     return result;
 }
 
+// A call into PortAudio that opens or closes: no two of them at once.
+class alone {
+public:
+    explicit alone(const char* function) {
+        std::unique_lock hold{world().guard};
+        if (world().layered && world().opening_or_closing++ > 0)
+            violation(text(function, " while another thread opens or closes"));
+        const auto entering = world().entering;
+        hold.unlock();
+        if (entering) entering(function);
+    }
+    ~alone() {
+        const std::lock_guard hold{world().guard};
+        if (world().layered) --world().opening_or_closing;
+    }
+    alone(const alone&) = delete;
+    alone& operator=(const alone&) = delete;
+
+private:
+    const inside_a_double inside_;
+};
+
 void require_initialised(const char* function) {
     const std::lock_guard hold{world().guard};
     if (world().initialisations < 1) violation(text(function, " without an initialisation"));
@@ -85,6 +110,7 @@ stream* require_open(const char* function, PaStream* handle) {
 }
 
 ssize_t write_log(void* /*cookie*/, const char* bytes, size_t size) {
+    const inside_a_double here;
     state& w = world();
     const std::lock_guard hold{w.guard};
     w.log.append(bytes, size);
@@ -152,6 +178,18 @@ bool lock_is_held() {
     return t_calls_under_lock >= 0;
 }
 
+inside_a_double::inside_a_double() {
+    ++t_inside;
+}
+
+inside_a_double::~inside_a_double() {
+    --t_inside;
+}
+
+bool inside_a_double::is_here() {
+    return t_inside > 0;
+}
+
 std::string error_text(PaError error) {
     return text("error ", error);
 }
@@ -166,6 +204,7 @@ extern "C" {
 // ---- PortAudio ----
 
 PaError Pa_Initialize() {
+    const fake::alone here{"Pa_Initialize"};
     const PaError result = fake::result_of("Pa_Initialize", fake::note_locked_call("Pa_Initialize"));
     const std::lock_guard hold{world().guard};
     if (result == paNoError && world().initialisations++ == 0) fake::build_tables(world());
@@ -174,6 +213,7 @@ PaError Pa_Initialize() {
 
 // The last one closes what is still open, as PortAudio does.
 PaError Pa_Terminate() {
+    const fake::alone here{"Pa_Terminate"};
     const auto fault = fake::note_locked_call("Pa_Terminate");
     const std::lock_guard hold{world().guard};
     if (world().initialisations < 1) fake::violation("Pa_Terminate without an initialisation");
@@ -188,6 +228,7 @@ PaError Pa_Terminate() {
 }
 
 const char* Pa_GetErrorText(PaError error) {
+    const fake::inside_a_double here;
     static std::set<std::string> texts;
     const std::lock_guard hold{world().guard};
     note(fake::text("Pa_GetErrorText(", error, ")"));
@@ -195,6 +236,7 @@ const char* Pa_GetErrorText(PaError error) {
 }
 
 PaDeviceIndex Pa_GetDeviceCount() {
+    const fake::inside_a_double here;
     const auto fault = note("Pa_GetDeviceCount");
     fake::require_initialised("Pa_GetDeviceCount");
     if (fault) return *fault;
@@ -202,12 +244,14 @@ PaDeviceIndex Pa_GetDeviceCount() {
 }
 
 PaDeviceIndex Pa_GetDefaultInputDevice() {
+    const fake::inside_a_double here;
     const auto fault = note("Pa_GetDefaultInputDevice");
     fake::require_initialised("Pa_GetDefaultInputDevice");
     return fault.value_or(world().default_input);
 }
 
 const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
+    const fake::inside_a_double here;
     const auto fault = note(fake::text("Pa_GetDeviceInfo(", index, ")"));
     fake::require_initialised("Pa_GetDeviceInfo");
     if (fault) return nullptr;
@@ -216,6 +260,7 @@ const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
 }
 
 const PaHostApiInfo* Pa_GetHostApiInfo(PaHostApiIndex index) {
+    const fake::inside_a_double here;
     const auto fault = note(fake::text("Pa_GetHostApiInfo(", index, ")"));
     fake::require_initialised("Pa_GetHostApiInfo");
     if (fault) return nullptr;
@@ -223,8 +268,24 @@ const PaHostApiInfo* Pa_GetHostApiInfo(PaHostApiIndex index) {
     return index >= 0 && i < world().host_api_infos.size() ? &world().host_api_infos[i] : nullptr;
 }
 
+PaError Pa_IsFormatSupported(const PaStreamParameters* input, const PaStreamParameters* output, double rate) {
+    const fake::inside_a_double here;
+    const auto fault =
+        note(fake::text("Pa_IsFormatSupported(device=", input->device, ", channels=", input->channelCount,
+                        input->sampleFormat == paFloat32 ? ", paFloat32" : ", another format",
+                        ", latency=", input->suggestedLatency, ", rate=", rate, ")"));
+    fake::require_initialised("Pa_IsFormatSupported");
+    if (output != nullptr) fake::violation("Pa_IsFormatSupported with an output");
+    if (input->hostApiSpecificStreamInfo != nullptr) fake::violation("Pa_IsFormatSupported with host API specifics");
+    if (fault) return *fault;
+    const auto& device = world().devices.at(static_cast<size_t>(input->device));
+    const bool runs = device.inputs > 0 && (rate == device.rate || device.rates.contains(rate));
+    return runs ? paFormatIsSupported : paInvalidSampleRate;
+}
+
 PaError Pa_OpenStream(PaStream** slot, const PaStreamParameters* input, const PaStreamParameters* output, double rate,
                       unsigned long frames, PaStreamFlags flags, PaStreamCallback* callback, void* user_data) {
+    const fake::alone here{"Pa_OpenStream"};
     const auto fault = note(fake::text("Pa_OpenStream(device=", input->device, ", channels=", input->channelCount,
                                        input->sampleFormat == paFloat32 ? ", paFloat32" : ", another format",
                                        ", latency=", input->suggestedLatency, ", rate=", rate, ", frames=", frames,
@@ -237,12 +298,13 @@ PaError Pa_OpenStream(PaStream** slot, const PaStreamParameters* input, const Pa
     if (callback != nullptr || user_data != nullptr) fake::violation("Pa_OpenStream with a callback or user data");
     const PaError result = fake::result_of("Pa_OpenStream", fault);
     if (result != paNoError) return result;
-    *slot = new fake::stream{++world().streams_opened};
+    *slot = new fake::stream{++world().streams_opened, false, input->device, rate};
     world().open_streams.insert(*slot);
     return paNoError;
 }
 
 PaError Pa_StartStream(PaStream* handle) {
+    const fake::alone here{"Pa_StartStream"};
     const std::lock_guard hold{world().guard};
     fake::stream* stream = fake::require_open("Pa_StartStream", handle);
     const auto fault = note(fake::text("Pa_StartStream(", stream->number, ")"));
@@ -252,6 +314,7 @@ PaError Pa_StartStream(PaStream* handle) {
 }
 
 PaError Pa_StopStream(PaStream* handle) {
+    const fake::alone here{"Pa_StopStream"};
     const std::lock_guard hold{world().guard};
     fake::stream* stream = fake::require_open("Pa_StopStream", handle);
     const auto fault = note(fake::text("Pa_StopStream(", stream->number, ")"));
@@ -260,6 +323,7 @@ PaError Pa_StopStream(PaStream* handle) {
 }
 
 PaError Pa_CloseStream(PaStream* handle) {
+    const fake::alone here{"Pa_CloseStream"};
     const std::lock_guard hold{world().guard};
     fake::stream* stream = fake::require_open("Pa_CloseStream", handle);
     const auto fault = note(fake::text("Pa_CloseStream(", stream->number, ")"));
@@ -269,15 +333,20 @@ PaError Pa_CloseStream(PaStream* handle) {
 }
 
 PaError Pa_ReadStream(PaStream* handle, void* buffer, unsigned long frames) {
+    const fake::inside_a_double here;
     std::unique_lock hold{world().guard};
     fake::stream* stream = fake::require_open("Pa_ReadStream", handle);
     const auto fault = note(fake::text("Pa_ReadStream(", stream->number, ", ", frames, ")"));
     if (!stream->running) fake::violation("Pa_ReadStream on a stopped stream");
     const PaError result = fake::result_of("Pa_ReadStream", fault);
     const auto microphone = world().microphone;
+    const auto device_read = world().device_read;
+    const fake::stream heard = *stream;
+    stream->delivered += frames;
     if (world().doubled_reads) frames *= 2;
     hold.unlock();
     auto* samples = static_cast<float*>(buffer);
+    if (device_read && result == paNoError) return device_read(heard, samples, frames);
     if (microphone) {
         microphone(samples, frames);
     } else {
@@ -289,6 +358,7 @@ PaError Pa_ReadStream(PaStream* handle, void* buffer, unsigned long frames) {
 // ---- RNNoise ----
 
 DenoiseState* rnnoise_create(RNNModel* model) {
+    const fake::inside_a_double here;
     const auto fault = note(model == nullptr ? "rnnoise_create" : "rnnoise_create with a model");
     const std::lock_guard hold{world().guard};
     if (world().denoiser_refused || fault) return nullptr;
@@ -296,6 +366,7 @@ DenoiseState* rnnoise_create(RNNModel* model) {
 }
 
 void rnnoise_destroy(DenoiseState* denoiser) {
+    const fake::inside_a_double here;
     note("rnnoise_destroy");
     const std::lock_guard hold{world().guard};
     --world().live_denoisers;
@@ -303,28 +374,33 @@ void rnnoise_destroy(DenoiseState* denoiser) {
 }
 
 float rnnoise_process_frame(DenoiseState* denoiser, float* out, const float* in) {
+    const fake::inside_a_double here;
     const auto fault = note("rnnoise_process_frame");
     const std::lock_guard hold{world().guard};
     if (denoiser == nullptr) fake::violation("rnnoise_process_frame without a denoiser");
     if (out != in) fake::violation("rnnoise_process_frame with two buffers");
     if (fault) std::fill_n(out, 480, std::numeric_limits<float>::quiet_NaN());
+    const float speech = world().speech ? world().speech(out) : 1.0F;
     if (world().denoiser) world().denoiser(out);
-    return fault ? static_cast<float>(*fault) : 1.0F;
+    return fault ? static_cast<float>(*fault) : speech;
 }
 
 // ---- Allocator and mutex, under the names that the library's objects are given for the tests ----
 
 void* fake_calloc(size_t count, size_t size) {
+    const fake::inside_a_double here;
     return fake::allocate(count == 1 ? "calloc" : fake::text("calloc(", count, ", ", size, ")"), std::calloc, count,
                           size);
 }
 
 void* fake_malloc(size_t size) {
+    const fake::inside_a_double here;
     return fake::allocate(
         fake::text("malloc(", size, ")"), [](size_t, size_t bytes) { return std::malloc(bytes); }, 1, size);
 }
 
 void fake_free(void* block) {
+    const fake::inside_a_double here;
     if (block != nullptr) {
         const std::lock_guard hold{world().guard};
         const auto known = world().live_blocks.extract(block);
@@ -335,6 +411,7 @@ void fake_free(void* block) {
 }
 
 int fake_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    const fake::inside_a_double here;
     note("lock");
     if (fake::t_calls_under_lock >= 0) return EDEADLK; // noted, and waiting would end the test program instead
     const int result = pthread_mutex_lock(mutex);
@@ -346,6 +423,7 @@ int fake_pthread_mutex_lock(pthread_mutex_t* mutex) {
 }
 
 int fake_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    const fake::inside_a_double here;
     {
         const std::lock_guard hold{world().guard};
         fake::write_down("unlock");

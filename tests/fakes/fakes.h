@@ -29,6 +29,7 @@ struct device {
     int host_api = 0;
     double low_latency = 0.01;
     bool has_info = true;
+    std::set<double> rates{}; // that it runs at besides its default one
 };
 
 struct host_api {
@@ -38,6 +39,21 @@ struct host_api {
 struct stream {
     int number = 0;
     bool running = false;
+    PaDeviceIndex device = paNoDevice;
+    double rate = 0.0;
+    unsigned long delivered = 0; // samples, before the read that is going on
+};
+
+// What it does may take as long as it likes: the doubles hold nothing meanwhile. It stands between what the layer and
+// the core do, so that no allocation in it counts as theirs.
+class inside_a_double {
+public:
+    inside_a_double();
+    ~inside_a_double();
+    inside_a_double(const inside_a_double&) = delete;
+    inside_a_double& operator=(const inside_a_double&) = delete;
+
+    static bool is_here(); // on this thread
 };
 
 struct state {
@@ -57,6 +73,14 @@ struct state {
     bool doubled_reads = false; // reads write twice the samples asked for, as PortAudio 19.6 does on JACK
     std::function<void(float* samples, unsigned long count)> microphone; // null: silence
     std::function<void(float* frame)> denoiser;                          // null: frames stay as they are
+    std::function<float(const float* frame)> speech;                     // null: its probability is always 1
+
+    // For the recorder layer, which calls into PortAudio from threads and under a lock of its own. Its calls need not be
+    // under the core's, but no two of those that open or close may run at once.
+    bool layered = false;
+    std::function<void(const std::string& function)> entering; // a call into PortAudio, which may hang in it
+    std::function<PaError(const stream& from, float* samples, unsigned long count)>
+        device_read; // wins over `microphone`
 
     // What happened.
     std::vector<std::string> journal;
@@ -73,6 +97,7 @@ struct state {
     std::vector<PaDeviceInfo> device_infos;
     std::vector<PaHostApiInfo> host_api_infos;
     int streams_opened = 0;
+    int opening_or_closing = 0; // threads
     std::string pending_log;
     pthread_mutex_t* library_lock = nullptr;
     std::recursive_mutex guard;

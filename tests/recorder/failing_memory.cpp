@@ -1,0 +1,126 @@
+#include "failing_memory.h"
+
+#include "fakes.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <new>
+#include <system_error>
+
+namespace failing_memory {
+
+namespace {
+
+std::atomic<int> g_fail_at{0};
+std::atomic<int> g_allocations{0};
+std::atomic<int> g_live{0};
+std::atomic<bool> g_refuses_thread{false};
+thread_local bool t_in_layer = gettid() != getpid();
+
+// The layer's blocks, by their address. No allocation of its own.
+constexpr std::size_t places = 1 << 16;
+std::mutex g_mutex;
+void* g_blocks[places];
+void* const nobody = &g_mutex; // a block was there
+
+std::size_t place_of(const void* block) {
+    return std::hash<const void*>()(block) / 16 % places;
+}
+
+void remember(void* block) {
+    const std::lock_guard hold{g_mutex};
+    std::size_t at = place_of(block);
+    while (g_blocks[at] != nullptr && g_blocks[at] != nobody)
+        at = (at + 1) % places;
+    g_blocks[at] = block;
+    ++g_live;
+}
+
+void forget(const void* block) {
+    const std::lock_guard hold{g_mutex};
+    for (std::size_t at = place_of(block); g_blocks[at] != nullptr; at = (at + 1) % places) {
+        if (g_blocks[at] != block) continue;
+        g_blocks[at] = g_blocks[(at + 1) % places] == nullptr ? nullptr : nobody;
+        --g_live;
+        return;
+    }
+}
+
+} // namespace
+
+void fail(int n) {
+    g_allocations = 0;
+    g_fail_at = n;
+}
+
+int allocations() {
+    return g_allocations;
+}
+
+int live() {
+    return g_live;
+}
+
+void refuse_next_thread() {
+    g_refuses_thread = true;
+}
+
+in_layer::in_layer() {
+    t_in_layer = true;
+}
+
+in_layer::~in_layer() {
+    t_in_layer = false;
+}
+
+namespace {
+
+void* allocate(std::size_t size) {
+    const bool is_layers = t_in_layer && !fake::inside_a_double::is_here();
+    if (is_layers && ++g_allocations == g_fail_at) throw std::bad_alloc();
+    void* const block = std::malloc(size > 0 ? size : 1);
+    if (block == nullptr) throw std::bad_alloc();
+    if (is_layers) remember(block);
+    return block;
+}
+
+void release(void* block) {
+    if (block == nullptr) return;
+    forget(block);
+    std::free(block);
+}
+
+} // namespace
+
+} // namespace failing_memory
+
+void* operator new(std::size_t size) {
+    return failing_memory::allocate(size);
+}
+
+void operator delete(void* block) noexcept {
+    failing_memory::release(block);
+}
+
+void operator delete(void* block, std::size_t /*size*/) noexcept {
+    failing_memory::release(block);
+}
+
+// std::thread's beginning, to which the linker leads from the layer.
+#define START_THREAD _ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE
+#define JOINED(a, b) a##b
+#define NAMED(prefix, name) JOINED(prefix, name)
+
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
+extern "C" void NAMED(__real_, START_THREAD)(void* thread, void* state, void (*depend)());
+
+extern "C" void NAMED(__wrap_, START_THREAD)(void* thread, void* state, void (*depend)()) {
+    if (failing_memory::g_refuses_thread.exchange(false))
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    NAMED(__real_, START_THREAD)(thread, state, depend);
+}
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

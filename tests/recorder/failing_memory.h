@@ -1,0 +1,27 @@
+// The layer's memory, which a test may let fail: operator new, and new threads.
+#pragma once
+
+namespace failing_memory {
+
+// From now on the n-th allocation of the layer fails, counted from 1; 0: none does.
+void fail(int n);
+
+// How many there were since then.
+int allocations();
+
+// How many blocks the layer has.
+int live();
+
+// The next thread cannot be had.
+void refuse_next_thread();
+
+// While one lives, what the calling thread allocates is the layer's. On other threads it always is.
+class in_layer {
+public:
+    in_layer();
+    ~in_layer();
+    in_layer(const in_layer&) = delete;
+    in_layer& operator=(const in_layer&) = delete;
+};
+
+} // namespace failing_memory

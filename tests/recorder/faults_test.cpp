@@ -1,0 +1,278 @@
+// Whatever fails below the layer, and whenever: a status that fits, nothing left behind, and the next try works. The
+// faults are generated from good runs, so that a new call in the layer or the core is failed as well.
+#include "failing_memory.h"
+#include "with_recorder.h"
+
+#include <cstdio>
+
+using failing_memory::in_layer;
+using fake::device;
+using fake::world;
+using testing::AnyOf;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr std::size_t first_read = 960;
+
+// What came of a list, a recording, and its end.
+struct journey {
+    wrapper_audio_status list = WRAPPER_AUDIO_OK;
+    std::size_t devices = 0;
+    wrapper_audio_status created = WRAPPER_AUDIO_OK;
+    wrapper_audio_status opened = WRAPPER_AUDIO_INVALID_STATE;
+    wrapper_audio_status read = WRAPPER_AUDIO_INVALID_STATE;
+    wrapper_audio_status stopped = WRAPPER_AUDIO_INVALID_STATE;
+    wrapper_audio_status end = WRAPPER_AUDIO_INVALID_STATE;
+    uint64_t samples = 0;
+    std::string reason;
+    std::string line;
+};
+
+class recorder_faults : public with_recorder {
+protected:
+    // Sets the scene, without a fault yet.
+    void begin(float denoise) {
+        fake::reset();
+        options_ = {.rate = 16000, .denoise = denoise, .buffer_ms = 100};
+        world().layered = true;
+        world().device_read = std::ref(microphone);
+        world().devices = {device{.name = "Loud", .inputs = 0}, device{.name = "A", .rate = 44100, .rates = {48000}},
+                           device{"A"}};
+        world().default_input = 2;
+        microphone.sound = [](uint64_t n) { return static_cast<float>(n % 1000) / 2000.0F; };
+    }
+
+    // The recorder's thread has nothing to do until somebody reads: the journal is the same each time then.
+    void wait_until_full() const {
+        // At another rate it is another number.
+        const uint64_t full = info().device_rate == 48000 ? captured_when_full_ : 0;
+        uint64_t before = UINT64_MAX;
+        EXPECT_TRUE(soon([&] {
+            const wrapper_audio_recorder_info now = info();
+            if (full != 0) return now.captured >= full || thread_is_gone();
+            return std::exchange(before, now.captured) == now.captured && now.available >= 1600;
+        }));
+    }
+
+    static bool thread_is_gone() {
+        const std::lock_guard hold{world().guard};
+        return world().initialisations == 0;
+    }
+
+    // Each call of the layer but those that cannot fail.
+    journey run() {
+        journey seen;
+        const auto layer = [](auto call) {
+            const in_layer here;
+            return call();
+        };
+        wrapper_audio_device_list* list = nullptr;
+        seen.list = layer([&] { return wrapper_audio_device_list_create(&list); });
+        seen.devices = wrapper_audio_device_list_count(list);
+        layer([&] { wrapper_audio_device_list_free(list); });
+        seen.created = layer([&] { return wrapper_audio_recorder_create(&recorder, &options_); });
+        if (recorder == nullptr) return seen;
+        seen.opened = layer([&] { return wrapper_audio_recorder_open(recorder, "Host:A"); });
+        if (seen.opened == WRAPPER_AUDIO_OK) {
+            int16_t pcm[first_read];
+            wrapper_audio_block told;
+            seen.read = layer([&] { return wrapper_audio_recorder_read_s16(recorder, pcm, first_read, -1, &told); });
+            seen.samples = told.count;
+            if (seen.read == WRAPPER_AUDIO_OK) wait_until_full();
+            seen.stopped = layer([&] { return wrapper_audio_recorder_stop(recorder); });
+            for (seen.end = WRAPPER_AUDIO_OK; seen.end == WRAPPER_AUDIO_OK; seen.samples += told.count)
+                seen.end = layer([&] { return wrapper_audio_recorder_read_s16(recorder, pcm, 480, -1, &told); });
+        } else {
+            EXPECT_TRUE(no_device_is_held());
+        }
+        captured_ = info().captured;
+        char copied[1000] = "";
+        layer([&] { return wrapper_audio_recorder_get_text(recorder, WRAPPER_AUDIO_TEXT_REASON, copied, 1000); });
+        seen.reason = copied;
+        layer([&] { return wrapper_audio_recorder_get_text(recorder, WRAPPER_AUDIO_TEXT_LOG_LINE, copied, 1000); });
+        seen.line = copied;
+        return seen;
+    }
+
+    // The recorder that a fault has hit, or a new one, works when nothing fails any more.
+    void expect_good_calls() {
+        failing_memory::fail(0);
+        world().faults.clear();
+        const in_layer here;
+        if (recorder == nullptr) {
+            ASSERT_EQ(wrapper_audio_recorder_create(&recorder, &options_), WRAPPER_AUDIO_OK);
+        }
+        ASSERT_EQ(wrapper_audio_recorder_open(recorder, "Host:A"), WRAPPER_AUDIO_OK);
+        int16_t pcm[first_read];
+        wrapper_audio_block told;
+        ASSERT_EQ(wrapper_audio_recorder_read_s16(recorder, pcm, first_read, -1, &told), WRAPPER_AUDIO_OK);
+        EXPECT_EQ(told.position, 0U);
+        EXPECT_GT(told.peak, 0.4F);
+        wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
+    }
+
+    void expect_nothing_left() {
+        EXPECT_TRUE(soon(no_device_is_held));
+        EXPECT_TRUE(soon(no_denoiser_is_held));
+        EXPECT_EQ(wrapper_audio_abandoned_threads(), 0U);
+        EXPECT_EQ(world().lost_streams, 0);
+        EXPECT_EQ(world().log, "");
+        EXPECT_THAT(world().violations, IsEmpty());
+        take_log();
+        if (blocks_at_rest_ >= 0) {
+            EXPECT_TRUE(soon([&] { return failing_memory::live() == blocks_at_rest_; }))
+                << failing_memory::live() << " blocks, not " << blocks_at_rest_;
+        }
+    }
+
+    // A run in which nothing fails; its calls.
+    std::vector<std::string> good_run(float denoise) {
+        blocks_at_rest_ = -1;
+        captured_when_full_ = 0;
+        begin(denoise);
+        const journey seen = run();
+        EXPECT_EQ(seen.list, WRAPPER_AUDIO_OK);
+        EXPECT_EQ(seen.devices, 3U);
+        EXPECT_EQ(seen.opened, WRAPPER_AUDIO_OK);
+        EXPECT_EQ(seen.read, WRAPPER_AUDIO_OK);
+        EXPECT_EQ(seen.stopped, WRAPPER_AUDIO_OK);
+        EXPECT_EQ(seen.end, WRAPPER_AUDIO_STOPPED);
+        captured_when_full_ = captured_;
+        const auto journal = calls();
+        expect_good_calls();
+        expect_nothing_left();
+        blocks_at_rest_ = failing_memory::live();
+        return journal;
+    }
+
+    // What this call answers when it fails.
+    static std::vector<int> failing_answers(const std::string& call) {
+        for (const char* never : {"lock", "unlock", "free", "log ", "rnnoise_destroy", "Pa_GetErrorText"})
+            if (call.starts_with(never)) return {};
+        if (call.starts_with("Pa_GetDeviceCount")) return {0, paNotInitialized};
+        if (call.starts_with("Pa_GetDefaultInputDevice")) return {paNoDevice, paNotInitialized};
+        if (call.starts_with("Pa_")) return {paUnanticipatedHostError};
+        return {0}; // a null pointer, or a probability and a frame of NaN
+    }
+
+    static bool is_denoisings(const std::string& call) { return call.starts_with("rnnoise"); }
+
+    // What a failure of this call may lead to, besides that nothing happens.
+    static void expect_fitting(const std::string& call, bool in_list, const journey& seen) {
+        const auto begins = [&](const char* name) { return call.starts_with(name); };
+        if (in_list) {
+            EXPECT_EQ(seen.opened, WRAPPER_AUDIO_OK);
+            EXPECT_EQ(seen.list, begins("Pa_Initialize") ? WRAPPER_AUDIO_NO_AUDIO_SYSTEM : WRAPPER_AUDIO_OK);
+            if (begins("Pa_GetDeviceCount")) {
+                EXPECT_EQ(seen.devices, 0U);
+            }
+            return;
+        }
+        EXPECT_EQ(seen.list, WRAPPER_AUDIO_OK);
+        if (begins("Pa_ReadStream")) {
+            EXPECT_EQ(seen.opened, WRAPPER_AUDIO_OK);
+            EXPECT_EQ(seen.end, WRAPPER_AUDIO_DEVICE_FAILED);
+            EXPECT_THAT(seen.line, testing::StartsWith("[audio_wrapper] Pa_ReadStream ОШИБКА"));
+        } else if (begins("Pa_OpenStream") || begins("Pa_StartStream")) {
+            EXPECT_THAT(seen.opened, AnyOf(WRAPPER_AUDIO_OK, WRAPPER_AUDIO_DEVICE_REFUSED)); // at another rate
+        } else if (begins("calloc") || begins("rnnoise_create")) {
+            EXPECT_THAT(seen.opened, AnyOf(WRAPPER_AUDIO_OK, WRAPPER_AUDIO_OUT_OF_MEMORY));
+        } else if (begins("rnnoise_process_frame") || begins("Pa_StopStream") || begins("Pa_CloseStream") ||
+                   begins("Pa_Terminate") || begins("Pa_IsFormatSupported") || begins("Pa_GetHostApiInfo")) {
+            if (!begins("Pa_GetHostApiInfo")) {
+                EXPECT_EQ(seen.opened, WRAPPER_AUDIO_OK);
+            }
+        } else if (begins("Pa_Initialize")) {
+            EXPECT_THAT(seen.opened, AnyOf(WRAPPER_AUDIO_NO_AUDIO_SYSTEM, WRAPPER_AUDIO_OUT_OF_MEMORY, // the core's
+                                           WRAPPER_AUDIO_OK));
+        } else {
+            EXPECT_TRUE(begins("Pa_GetDevice") || begins("Pa_GetDefaultInputDevice")) << "a new call: " << call;
+        }
+        if (seen.opened < 0 || seen.end < 0) {
+            EXPECT_NE(seen.reason, "");
+        }
+        if (seen.opened == WRAPPER_AUDIO_OK && seen.read == WRAPPER_AUDIO_OK) {
+            EXPECT_GE(seen.samples, first_read);
+        }
+    }
+
+    wrapper_audio_recorder_options options_{};
+    uint64_t captured_ = 0;
+    uint64_t captured_when_full_ = 0;
+    int blocks_at_rest_ = -1;
+};
+
+TEST_F(recorder_faults, of_every_call_below_are_survived) {
+    int count = 0;
+    for (const float denoise : {0.0F, 1.0F}) {
+        const std::vector<std::string> journal = good_run(denoise);
+        const auto end_of_list = std::find(journal.begin(), journal.end(), "Pa_Terminate");
+        for (std::size_t at = 0; at < journal.size() && !HasFailure(); ++at) {
+            const bool in_list = at <= static_cast<std::size_t>(end_of_list - journal.begin());
+            for (const int answer : failing_answers(journal[at])) {
+                SCOPED_TRACE("entry " + std::to_string(at) + ", " + journal[at] + ", answers " +
+                             std::to_string(answer));
+                begin(denoise);
+                world().faults = {{at, answer}};
+                const journey seen = run();
+                EXPECT_THAT(world().faults, IsEmpty()) << "the fault was not met";
+                expect_fitting(journal[at], in_list, seen);
+                expect_good_calls();
+                expect_nothing_left();
+                ++count;
+            }
+        }
+    }
+    std::printf("%d faults injected\n", count);
+    EXPECT_GT(count, 100);
+}
+
+TEST_F(recorder_faults, of_every_allocation_are_survived) {
+    for (const float denoise : {0.0F, 1.0F}) {
+        good_run(denoise);
+        int n = 1;
+        for (; !HasFailure(); ++n) {
+            SCOPED_TRACE("allocation " + std::to_string(n));
+            begin(denoise);
+            failing_memory::fail(n);
+            const journey seen = run();
+            const bool was_met = failing_memory::allocations() >= n;
+            failing_memory::fail(0);
+            const auto fitting = AnyOf(WRAPPER_AUDIO_OK, WRAPPER_AUDIO_OUT_OF_MEMORY);
+            EXPECT_THAT(seen.list, fitting);
+            EXPECT_THAT(seen.created, fitting);
+            if (seen.created == WRAPPER_AUDIO_OK) {
+                EXPECT_THAT(seen.opened, fitting);
+            }
+            if (seen.opened == WRAPPER_AUDIO_OK) {
+                EXPECT_THAT(seen.read, fitting);
+                EXPECT_EQ(seen.stopped, WRAPPER_AUDIO_OK);
+                EXPECT_THAT(seen.end, AnyOf(WRAPPER_AUDIO_STOPPED, WRAPPER_AUDIO_OUT_OF_MEMORY));
+            }
+            expect_good_calls();
+            expect_nothing_left();
+            if (!was_met) break;
+        }
+        std::printf("%d allocations failed\n", n - 1);
+        EXPECT_GT(n, 30);
+    }
+}
+
+TEST_F(recorder_faults, of_a_thread_that_cannot_be_had_are_survived) {
+    good_run(0.0F);
+    begin(0.0F);
+    failing_memory::refuse_next_thread();
+    sigset_t before;
+    pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    const journey seen = run();
+    EXPECT_EQ(seen.opened, WRAPPER_AUDIO_OUT_OF_MEMORY);
+    EXPECT_NE(seen.reason, "");
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    EXPECT_EQ(sigismember(&before, SIGINT), sigismember(&after, SIGINT)) << "the host's signals stay blocked";
+    expect_good_calls();
+    expect_nothing_left();
+}
+
+} // namespace

@@ -1,0 +1,387 @@
+// Devices that hang, and hosts that come late.
+#include "with_recorder.h"
+
+using fake::device;
+using fake::world;
+using std::chrono::milliseconds;
+using testing::Each;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr uint64_t block = 1440; // of the core, at 48000 Hz
+
+auto now() {
+    return std::chrono::steady_clock::now();
+}
+
+class hanging_device : public with_recorder {
+protected:
+    void SetUp() override {
+        with_recorder::SetUp();
+        microphone.sound = [](uint64_t n) { return static_cast<float>(n % 30011) / 32767.0F + 1e-5F; };
+    }
+
+    void TearDown() override {
+        microphone.go_on();
+        place.open();
+        with_recorder::TearDown();
+    }
+
+    // A call of this function hangs until `place` is opened.
+    void hang_in(const std::string& function) {
+        before_each([=, this](const std::string& called) {
+            if (called == function) place.pass();
+        });
+    }
+
+    gate place;
+};
+
+TEST_F(hanging_device, is_left_behind_by_a_stop_within_a_second) {
+    for (const float denoise : {0.0F, 1.0F}) {
+        microphone.hang_after(3 * block);
+        record({.rate = 16000, .denoise = denoise});
+        ASSERT_TRUE(has_captured(3 * block));
+        const auto before = now();
+        test_clock::let_waits_pass(true);
+        EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+        EXPECT_LE(now() - before, milliseconds(1000));
+        EXPECT_GE(now() - before, milliseconds(500)) << "there was hope";
+        EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+        EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_INVALID_STATE);
+        EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+        const reading got = read_to_end();
+        EXPECT_EQ(got.status, WRAPPER_AUDIO_STOPPED);
+        EXPECT_EQ(got.pcm.size(), 3 * block / 3) << "what was inside is flushed";
+        EXPECT_FALSE(no_device_is_held());
+        test_clock::let_waits_pass(false);
+        microphone.go_on();
+        EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
+        EXPECT_TRUE(soon(no_device_is_held));
+        EXPECT_EQ(info().captured, 3 * block) << "what came after the stop is not part of it";
+        EXPECT_EQ(read(1).status, WRAPPER_AUDIO_STOPPED);
+    }
+}
+
+TEST_F(hanging_device, is_left_behind_by_a_free) {
+    microphone.hang_after(block);
+    record({});
+    ASSERT_TRUE(has_captured(block));
+    const auto before = now();
+    test_clock::let_waits_pass(true);
+    wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
+    EXPECT_LE(now() - before, milliseconds(1000));
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+    microphone.go_on();
+    EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
+    EXPECT_TRUE(soon(no_device_is_held));
+}
+
+TEST_F(hanging_device, that_fails_after_all_is_no_failure_any_more) {
+    microphone.hang_after(block);
+    microphone.fail_after(block);
+    record({});
+    ASSERT_TRUE(has_captured(block));
+    test_clock::let_waits_pass(true);
+    EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+    microphone.go_on();
+    EXPECT_TRUE(soon(no_device_is_held));
+    EXPECT_EQ(read_to_end().status, WRAPPER_AUDIO_STOPPED);
+    EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_REASON), "");
+}
+
+TEST_F(hanging_device, does_not_keep_the_recorder_from_another_device) {
+    world().devices = {device{"A"}, device{"B"}};
+    std::atomic<bool> hangs{true};
+    world().device_read = [&](const fake::stream& from, float* samples, unsigned long count) {
+        if (from.device == 0 && hangs) place.pass();
+        return microphone(from, samples, count);
+    };
+    record({}, "Host:A");
+    test_clock::let_waits_pass(true);
+    place.wait_for_somebody();
+    EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+    test_clock::let_waits_pass(false);
+    EXPECT_EQ(wrapper_audio_recorder_open(recorder, "Host:B"), WRAPPER_AUDIO_OK);
+    EXPECT_EQ(read(100).status, WRAPPER_AUDIO_OK);
+    EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK);
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+    EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_DEVICE_ID), "Host:B");
+    hangs = false;
+}
+
+TEST_F(hanging_device, may_hang_while_it_is_given_back) {
+    for (const char* function : {"Pa_StopStream", "Pa_CloseStream"}) {
+        record({});
+        read(100);
+        hang_in(function);
+        std::thread other([&] {
+            place.wait_for_somebody();
+            test_clock::let_waits_pass(true);
+        });
+        EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+        other.join();
+        EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+        EXPECT_EQ(read_to_end().status, WRAPPER_AUDIO_STOPPED);
+        EXPECT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+        wrapper_audio_device_list* list = nullptr;
+        EXPECT_EQ(wrapper_audio_device_list_create(&list), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+        EXPECT_EQ(list, nullptr);
+        test_clock::let_waits_pass(false);
+        before_each(nullptr);
+        place.open();
+        EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
+        EXPECT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_OK);
+        wrapper_audio_recorder_stop(recorder);
+        place.close();
+    }
+}
+
+TEST_F(hanging_device, that_does_not_open_is_left_behind_after_10_seconds) {
+    world().devices = {device{"A"}, device{"B"}};
+    wrapper_audio_recorder* other = nullptr;
+    ASSERT_EQ(wrapper_audio_recorder_create(&other, nullptr), WRAPPER_AUDIO_OK);
+    ASSERT_EQ(wrapper_audio_recorder_open(other, "Host:B"), WRAPPER_AUDIO_OK);
+    create({});
+    hang_in("Pa_OpenStream");
+    const auto before = now();
+    test_clock::let_waits_pass(true);
+    EXPECT_EQ(wrapper_audio_recorder_open(recorder, "Host:A"), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+    EXPECT_GE(now() - before, milliseconds(10000));
+    EXPECT_LE(now() - before, milliseconds(11000));
+    EXPECT_THAT(text(WRAPPER_AUDIO_TEXT_REASON), HasSubstr("10 seconds"));
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+    EXPECT_EQ(read(1).status, WRAPPER_AUDIO_INVALID_STATE);
+
+    int16_t pcm[4800];
+    wrapper_audio_block told;
+    EXPECT_EQ(wrapper_audio_recorder_read_s16(other, pcm, 4800, -1, &told), WRAPPER_AUDIO_OK) << "others go on";
+    EXPECT_EQ(wrapper_audio_recorder_open(recorder, "Host:B"), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+    EXPECT_EQ(wrapper_audio_recorder_stop(other), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK) << "PortAudio is taken";
+    wrapper_audio_recorder_free(other);
+
+    test_clock::let_waits_pass(false);
+    before_each(nullptr);
+    place.open();
+    EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
+    EXPECT_TRUE(soon(no_device_is_held)) << "a device that opens too late is given back";
+    EXPECT_EQ(wrapper_audio_recorder_open(recorder, "Host:A"), WRAPPER_AUDIO_OK);
+}
+
+TEST_F(hanging_device, that_opens_late_can_be_stopped_by_another_thread) {
+    create({});
+    hang_in("Pa_OpenStream");
+    wrapper_audio_status opened = WRAPPER_AUDIO_OK;
+    std::thread opener([&] { opened = wrapper_audio_recorder_open(recorder, nullptr); });
+    place.wait_for_somebody();
+    EXPECT_EQ(read(1, 0).status, WRAPPER_AUDIO_INVALID_STATE);
+    EXPECT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_INVALID_STATE);
+    EXPECT_EQ(info().device_rate, 0);
+    EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_DEVICE_ID), "");
+    std::thread stopper([&] { EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK); });
+    nanosleep(std::array{timespec{0, 20000000}}.data(), nullptr); // whether it stops first does not matter
+    place.open();
+    stopper.join();
+    opener.join();
+    EXPECT_TRUE(opened == WRAPPER_AUDIO_STOPPED || opened == WRAPPER_AUDIO_OK) << opened;
+    EXPECT_TRUE(soon(no_device_is_held));
+    before_each(nullptr);
+    EXPECT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_OK);
+}
+
+TEST_F(hanging_device, that_does_not_open_can_be_stopped_by_another_thread) {
+    create({});
+    hang_in("Pa_OpenStream");
+    const auto before = now();
+    wrapper_audio_status opened = WRAPPER_AUDIO_OK;
+    std::thread opener([&] { opened = wrapper_audio_recorder_open(recorder, nullptr); });
+    place.wait_for_somebody();
+    std::thread stopper([&] { EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK); });
+    ASSERT_TRUE(soon([] { return test_clock::waiting() == 2; }));
+    test_clock::skip(milliseconds(950));
+    stopper.join();
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+    EXPECT_EQ(read(1, 0).status, WRAPPER_AUDIO_INVALID_STATE) << "it never was open";
+    opener.join();
+    EXPECT_EQ(opened, WRAPPER_AUDIO_STOPPED);
+    EXPECT_LE(now() - before, milliseconds(1000));
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U) << "counted once";
+}
+
+// ---- Hosts that come late ----
+
+class late_host : public with_recorder {
+protected:
+    void SetUp() override {
+        with_recorder::SetUp();
+        world().devices = {device{.name = "A", .rate = 16000}};
+        microphone.sound = [](uint64_t n) { return static_cast<float>(n % 30011) / 32767.0F + 1e-5F; };
+    }
+
+    // The device delivers up to this sample, in its own time, and all of it is captured.
+    void deliver(uint64_t end) {
+        microphone.hang_after(end);
+        ASSERT_TRUE(has_captured(end));
+    }
+};
+
+// Reads until the recording is over: sample by sample where each stands, and how many were lost.
+struct account {
+    uint64_t position = 0;
+    uint64_t dropped = 0;
+    uint64_t read = 0;
+};
+
+TEST_F(late_host, loses_samples_of_a_device_and_learns_which) {
+    microphone.keeps_time = true;
+    microphone.hang_after(0);
+    record({.rate = 16000, .buffer_ms = 100});
+    deliver(16320);
+    const uint64_t kept = info().available;
+    EXPECT_GE(kept, 1600U) << "100 ms are kept at least";
+    EXPECT_LE(kept, 1600U + 2 * 480U);
+
+    const reading first = read(kept - 10);
+    EXPECT_EQ(first.status, WRAPPER_AUDIO_OK);
+    EXPECT_EQ(first.pcm, microphone.expected(0, kept - 10));
+    EXPECT_EQ(first.block.position, 0U);
+    EXPECT_EQ(first.block.dropped, 0U) << "the loss is behind it";
+    EXPECT_EQ(info().dropped, 0U);
+
+    microphone.hang_after(16320 + 960);
+    const reading across = read(500);
+    EXPECT_EQ(across.status, WRAPPER_AUDIO_OK);
+    EXPECT_EQ(across.block.position, kept - 10);
+    EXPECT_EQ(across.block.dropped, 16320 - kept);
+    EXPECT_EQ(across.block.dropped_at, 10U);
+    auto expected = microphone.expected(kept - 10, 10);
+    const auto behind = microphone.expected(16320, 490);
+    expected.insert(expected.end(), behind.begin(), behind.end());
+    EXPECT_EQ(across.pcm, expected);
+    EXPECT_EQ(info().dropped, 16320 - kept);
+    EXPECT_EQ(info().read, kept + 490);
+
+    const reading next = read(100);
+    EXPECT_EQ(next.block.position, 16810U);
+    EXPECT_EQ(next.block.dropped, 0U);
+    EXPECT_EQ(next.pcm, microphone.expected(16810, 100));
+}
+
+TEST_F(late_host, learns_of_a_loss_before_the_first_sample_of_a_read) {
+    microphone.keeps_time = true;
+    microphone.hang_after(0);
+    record({.rate = 16000, .buffer_ms = 100});
+    deliver(16320);
+    const uint64_t kept = info().available;
+    read(kept);
+    const reading late = read(1, 0);
+    EXPECT_EQ(late.status, WRAPPER_AUDIO_TIMEOUT);
+    EXPECT_EQ(late.block.count, 0U);
+    EXPECT_EQ(late.block.dropped, 16320 - kept);
+    EXPECT_EQ(late.block.dropped_at, 0U);
+    EXPECT_EQ(late.block.position, 16320U);
+    microphone.hang_after(16800);
+    const reading next = read(480);
+    EXPECT_EQ(next.block.position, 16320U);
+    EXPECT_EQ(next.block.dropped, 0U);
+    EXPECT_EQ(next.pcm, microphone.expected(16320, 480));
+}
+
+TEST_F(late_host, accounts_for_every_sample_over_many_losses) {
+    microphone.keeps_time = true;
+    microphone.hang_after(0);
+    record({.rate = 16000, .buffer_ms = 100});
+    account all;
+    for (int i = 1; i <= 100; ++i) {
+        deliver(4800 * static_cast<uint64_t>(i));
+        const reading got = read(700);
+        ASSERT_EQ(got.status, WRAPPER_AUDIO_OK);
+        ASSERT_EQ(got.block.position, all.position + (got.block.dropped_at == 0 ? got.block.dropped : 0));
+        if (got.block.dropped == 0) {
+            ASSERT_EQ(got.pcm, microphone.expected(got.block.position, 700));
+        }
+        all.read += got.block.count;
+        all.dropped += got.block.dropped;
+        all.position = all.read + all.dropped;
+    }
+    EXPECT_GT(all.dropped, 100000U);
+    wrapper_audio_recorder_info told = info();
+    EXPECT_EQ(told.read, all.read);
+    EXPECT_EQ(told.dropped, all.dropped);
+    const reading rest = read(told.available);
+    EXPECT_EQ(all.position + rest.block.count + rest.block.dropped + read(1, 0).block.dropped, 480000U);
+}
+
+TEST_F(late_host, is_told_the_levels_and_the_speech_of_what_it_reads) {
+    world().devices = {device{.name = "A", .rate = 48000}};
+    // Every second has a level of its own, and a sample at full scale.
+    microphone.sound = [](uint64_t n) { return n % 48000 == 0 ? 1.0F : static_cast<float>(n / 48000 + 1) / 100.0F; };
+    microphone.keeps_time = true;
+    microphone.hang_after(0);
+    record({.rate = 48000, .buffer_ms = 100});
+    deliver(667 * block);
+    read(info().available);
+    microphone.hang_after(669 * block);
+    const reading got = read(480);
+    ASSERT_EQ(got.block.position, 667 * block);
+    EXPECT_GT(got.block.dropped, 900000U);
+    EXPECT_LE(got.block.clipped, 20U) << "samples that were lost are counted once at most";
+    const reading next = read(480);
+    EXPECT_EQ(next.block.clipped, 0U);
+    EXPECT_NEAR(next.block.captured_peak, 0.21, 1e-4);
+}
+
+TEST_F(late_host, loses_nothing_of_a_file) {
+    for (const int32_t buffer_ms : {100, 60000}) {
+        for (const float denoise : {0.0F, 1.0F}) {
+            record({.rate = 16000, .denoise = denoise, .buffer_ms = buffer_ms});
+            const auto kept = static_cast<uint64_t>(buffer_ms) * 16;
+            ASSERT_TRUE(soon([&] { return info().available >= kept; }));
+            uint64_t captured = 0;
+            ASSERT_TRUE(soon([&] { return std::exchange(captured, info().captured) == info().captured; }));
+            uint64_t position = 0;
+            for (int i = 0; i < 10; ++i) {
+                const reading got = read(static_cast<std::size_t>(kept / 7 + 1));
+                ASSERT_EQ(got.status, WRAPPER_AUDIO_OK);
+                ASSERT_EQ(got.block.position, position);
+                ASSERT_EQ(got.block.dropped, 0U);
+                if (denoise == 0.0F) {
+                    ASSERT_EQ(got.pcm, microphone.expected(position, got.pcm.size()));
+                }
+                position += got.block.count;
+            }
+            wrapper_audio_recorder_stop(recorder);
+            const reading rest = read_to_end(50000);
+            EXPECT_EQ(rest.status, WRAPPER_AUDIO_STOPPED);
+            EXPECT_EQ(position + rest.pcm.size(), info().captured);
+            EXPECT_EQ(info().dropped, 0U);
+        }
+    }
+}
+
+TEST_F(late_host, has_no_stall_while_a_file_waits_for_it) {
+    record({.rate = 16000, .buffer_ms = 100, .stall_ms = 100});
+    ASSERT_TRUE(soon([&] { return info().available >= 1600; }));
+    test_clock::skip(milliseconds(5000));
+    EXPECT_EQ(read(1600).status, WRAPPER_AUDIO_OK);
+    EXPECT_EQ(read(1600).status, WRAPPER_AUDIO_OK);
+}
+
+TEST_F(late_host, learns_of_what_was_lost_inside_the_system) {
+    microphone.keeps_time = true;
+    record({.rate = 16000});
+    microphone.hang_after(32640);
+    ASSERT_EQ(read(32000).status, WRAPPER_AUDIO_OK);
+    test_clock::skip(milliseconds(500)); // nobody will ever hear these
+    uint64_t dropped = 0;
+    microphone.hang_after(65280);
+    for (int i = 0; i < 20; ++i)
+        dropped += read(1600).block.dropped;
+    EXPECT_NEAR(static_cast<double>(dropped), 8000.0, 100.0);
+    EXPECT_EQ(info().dropped, dropped);
+    EXPECT_EQ(info().read, 64000U);
+    wrapper_audio_recorder_stop(recorder);
+}
+
+} // namespace

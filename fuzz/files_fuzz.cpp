@@ -6,6 +6,7 @@
 #include "../tools/wrapper-audio/stopping.h"
 #include "script.h"
 
+#include "conversion_reference.h"
 #include "dsp_reference.h"
 
 #include <sndfile.h>
@@ -94,31 +95,10 @@ std::vector<float> in_blocks(reference::gain_control control, const std::vector<
     return out;
 }
 
-// Means over whole ratios, otherwise lines from sample to sample; behind the last one there are more like it.
-std::vector<float> converted_linearly(const std::vector<float>& in, std::uint64_t in_rate, std::uint64_t out_rate) {
-    const auto at = [&](std::uint64_t index) { return in[std::min<std::uint64_t>(index, in.size() - 1)]; };
-    const std::uint64_t ratio = in_rate % out_rate == 0 ? in_rate / out_rate : 0;
-    const std::uint64_t count = (2 * in.size() * out_rate + in_rate) / (2 * in_rate);
-    std::vector<float> out;
-    for (std::uint64_t i = 0; i < count; ++i) {
-        const std::uint64_t left = i * in_rate / out_rate;
-        const double fraction = static_cast<double>(i * in_rate % out_rate) / static_cast<double>(out_rate);
-        float sum = 0.0F;
-        for (std::uint64_t j = 0; j < ratio; ++j)
-            sum = sum + at(left + j);
-        const double near = static_cast<double>(at(left)) * (1.0 - fraction);
-        const double far = fraction * static_cast<double>(at(left + 1));
-        out.push_back(ratio > 0 ? sum / static_cast<float>(ratio) : static_cast<float>(near + far));
-    }
-    return out;
-}
-
 std::vector<float> in_one_call(const std::vector<float>& in, const wrapper_audio_voice_options& options) {
     wrapper_audio_processor* voice = nullptr;
     require(wrapper_audio_voice_create(&voice, &options) == WRAPPER_AUDIO_OK, "there is a voice chain");
-    const auto rate = static_cast<std::size_t>(options.out_rate);
-    const std::size_t count = (2 * in.size() * rate + static_cast<std::size_t>(options.in_rate)) /
-                              (2 * static_cast<std::size_t>(options.in_rate));
+    const std::size_t count = reference::stream_count(in.size(), options.in_rate, options.out_rate);
     std::vector<float> out(count + 1);
     std::size_t given = 0;
     std::size_t rest = 0;
@@ -135,7 +115,7 @@ std::vector<float> converted(const sound& in, const process_options& wanted, int
     if (rate == in.rate && !denoises) return in.mono;
     if (denoises || wanted.voice.conversion == WRAPPER_AUDIO_CONVERSION_CLEAN)
         return in_one_call(in.mono, {in.rate, rate, wanted.voice.denoise.value_or(0.0F), 0, wanted.voice.conversion});
-    return converted_linearly(in.mono, static_cast<std::uint64_t>(in.rate), static_cast<std::uint64_t>(rate));
+    return reference::linear_stream(in.mono, in.rate, rate);
 }
 
 std::vector<std::int16_t> processed(const sound& in, const process_options& wanted) {

@@ -45,7 +45,8 @@ struct translation {
     std::string_view begins;
     std::string_view english;
     std::string_view ends = {}; // left out
-    bool is_failure = begins.find("ОШИБКА") != std::string_view::npos || english == no_input_device;
+    bool is_failure = begins.find("ОШИБКА") != std::string_view::npos ||
+                      begins.find("WARN") != std::string_view::npos || english == no_input_device;
 };
 
 // What stands behind the beginning of a line is the same in both languages: PortAudio's words and numbers.

@@ -81,8 +81,8 @@ constexpr translation translations[] = {
 };
 
 const translation* find_translation(std::string_view line) {
-    const auto found = std::find_if(std::begin(translations), std::end(translations),
-                                    [&](const translation& each) { return line.starts_with(each.begins); });
+    const auto* const found = std::find_if(std::begin(translations), std::end(translations),
+                                           [&](const translation& each) { return line.starts_with(each.begins); });
     return found == std::end(translations) ? nullptr : found;
 }
 

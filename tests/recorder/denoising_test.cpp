@@ -156,6 +156,9 @@ TEST(speech, comes_with_the_samples_that_it_is_about) {
         ASSERT_EQ(told * 480, given);
     }
     EXPECT_EQ(told, (in.size() / 100 * 100) / 480 - 2);
+    flush(processor);
+    told += take_speech(processor).size();
+    EXPECT_EQ(told, (in.size() / 100 * 100 + 479) / 480);
 }
 
 TEST(speech, is_taken_oldest_first_and_as_much_as_fits) {
@@ -197,8 +200,9 @@ TEST(speech, tells_sentences_from_the_noise_around_them) {
 // ---- At every other rate ----
 
 // There is no recording of the voice alone, so the yardstick is what the noise suppression makes of the same sound at
-// 48000 Hz. A ratio of 60 dB says that a thousandth of its amplitude differs: next to what is wrong with any denoised
-// voice (13 dB of noise before, some 20 dB of distortion after) the way through 44100 Hz changes less than 0.1 dB.
+// 48000 Hz. A ratio of 60 dB says that a thousandth of its amplitude differs. Next to what is wrong with any denoised
+// voice that is nothing: against the voice alone, which make_speech_in_noise.sh gives with noise at -90 dBFS, the ratio
+// was 12.1 dB before the noise suppression, 15.288 dB after it, and 15.289 dB by way of 44100 Hz.
 TEST(denoising, at_44100_is_that_of_48000) {
     const auto in = speech_in_noise();
     const auto native = whole({48000, 48000, 1.0F, 0, 0}, in);

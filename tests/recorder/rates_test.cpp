@@ -214,6 +214,27 @@ TEST(rates, without_conversion_only_the_denoiser_keeps_anything) {
     EXPECT_EQ(process(processor, noise(1)).size(), 480U);
 }
 
+TEST(rates, nothing_is_kept_for_long) {
+    for (const int32_t in_rate : {8000, 16000, 44100, 48000, 192000}) {
+        for (const int32_t out_rate : {8000, 16000, 44100, 48000, 192000, 768000}) {
+            const auto delay = [&](float denoise) {
+                const auto processor = voice({in_rate, out_rate, denoise, 0, WRAPPER_AUDIO_CONVERSION_CLEAN});
+                return static_cast<double>(wrapper_audio_processor_delay(processor.get())) / out_rate;
+            };
+            EXPECT_LT(delay(0.0F), 0.2) << in_rate << " to " << out_rate;
+            EXPECT_LT(delay(1.0F), 0.4) << in_rate << " to " << out_rate;
+        }
+    }
+}
+
+TEST(rates, lines_are_drawn_as_soon_as_both_their_ends_are_there) {
+    const auto processor = voice({8000, 16000, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR});
+    EXPECT_EQ(process(processor, noise(1)).size(), 0U);
+    EXPECT_EQ(process(processor, noise(1)).size(), 2U);
+    EXPECT_EQ(process(processor, noise(3)).size(), 6U);
+    EXPECT_EQ(flush(processor).size(), 2U);
+}
+
 TEST(rates, linear_conversion_keeps_less_than_10_ms) {
     for (const auto& [in_rate, out_rate] : pairs) {
         if (in_rate < 1000) continue;

@@ -80,7 +80,10 @@ class PulseAudio(ServerTest):
         self.wait_for(lambda: "peak -inf" not in self.host(*level)[1].replace("peak  ", "peak "), what="nothing is heard")
 
     def pause_recorded_by(self, *arguments, says=""):
-        """The level of the quietest 100 ms, in dB, once the level of the voice has been looked at."""
+        """The level of the quietest 100 ms, in dB, once the level of the voice has been looked at.
+
+        Without denoising digital silence is not one of them: a busy server leaves it where it had no sound to give.
+        """
         code, _, errors = self.record(*arguments, "--device", self.device, "--seconds", 6, self.file)
         # A busy machine may take its time to connect a stream, and gives it silence until then.
         errors = errors.replace("wrapper-audio: the input is silent (muted? the wrong device?)\n", "")
@@ -89,7 +92,8 @@ class PulseAudio(ServerTest):
         self.assertEqual(len(samples), 96000)
         samples = samples[-56000:]
         self.assertAlmostEqual(decibels(rms(samples)), -20, delta=5)
-        return max(decibels(min(rms(samples[at : at + 1600]) for at in range(0, len(samples), 1600))), -120)
+        levels = [max(decibels(rms(samples[at : at + 1600])), -120) for at in range(0, len(samples), 1600)]
+        return min(levels) if says else min(level for level in levels if level > -80)
 
     def test_a_server_that_dies_ends_the_recording(self):
         self.record_until_the_server_dies()

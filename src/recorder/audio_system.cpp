@@ -60,6 +60,8 @@ public:
         constexpr std::size_t room = 250; // the core compares 255 bytes
         const std::size_t host_api_length = host_api_name(*info_).size() + 1;
         unique_name = std::string(text_or(name_, "")).substr(0, room - std::min(room, host_api_length));
+        // The core logs it, and what follows a line feed would look like a line of the core's.
+        std::replace(unique_name.begin(), unique_name.end(), '\n', '?');
         while (is_taken(host_api_name(*info_) + ":" + unique_name))
             unique_name += '\'';
         info_->name = unique_name.c_str();

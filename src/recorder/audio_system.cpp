@@ -220,7 +220,7 @@ microphone::microphone(const std::string& id, int32_t best_rate, log::scope& log
 
 // Returns false when the device refuses, and when the core would take another one in its place: it may not find it where
 // PortAudio fails in the middle of the search.
-bool microphone::open(int32_t rate, log::scope& log) {
+bool microphone::open(int32_t rate, const log::scope& log) {
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(device_.index);
     if (info == nullptr)
         throw failure{WRAPPER_AUDIO_DEVICE_REFUSED, "PortAudio does not know " + valid_utf8(device_.id) + " any more"};

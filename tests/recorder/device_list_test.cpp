@@ -40,11 +40,11 @@ protected:
     };
 
     finding find(const char* wanted) const {
-        finding found;
+        finding result;
         char reason[1000] = "not touched";
-        found.status = wrapper_audio_device_list_find(list, wanted, &found.index, reason, sizeof reason);
-        found.reason = reason;
-        return found;
+        result.status = wrapper_audio_device_list_find(list, wanted, &result.index, reason, sizeof reason);
+        result.reason = reason;
+        return result;
     }
 
     // Which index is found, or the status.

@@ -84,28 +84,28 @@ void expect_counts(float denoise, const std::vector<wrapper_audio_voice_options>
 }
 
 TEST(rates, every_pair_gives_what_belongs_to_the_input) {
-    std::vector<wrapper_audio_voice_options> chains;
+    std::vector<wrapper_audio_voice_options> chosen;
     for (const int32_t in_rate : rates) {
         for (const int32_t out_rate : rates) {
             for (const int32_t conversion : {WRAPPER_AUDIO_CONVERSION_CLEAN, WRAPPER_AUDIO_CONVERSION_LINEAR})
-                chains.push_back({in_rate, out_rate, 0.0F, 0, conversion});
+                chosen.push_back({in_rate, out_rate, 0.0F, 0, conversion});
         }
     }
-    expect_counts(0.0F, chains);
+    expect_counts(0.0F, chosen);
 }
 
 TEST(rates, every_pair_gives_as_much_with_denoising) {
-    std::vector<wrapper_audio_voice_options> chains;
+    std::vector<wrapper_audio_voice_options> chosen;
     for (const int32_t in_rate : rates) {
         for (const int32_t out_rate : rates) {
             // At 100 Hz a stream is so slow that its end alone takes seconds to denoise: a few pairs do.
             const int low = (in_rate == 100 ? 1 : 0) + (out_rate == 100 ? 1 : 0);
             if (low == 1 && in_rate != 44100 && out_rate != 44100) continue;
             for (const int32_t conversion : {WRAPPER_AUDIO_CONVERSION_CLEAN, WRAPPER_AUDIO_CONVERSION_LINEAR})
-                chains.push_back({in_rate, out_rate, 1.0F, 0, conversion});
+                chosen.push_back({in_rate, out_rate, 1.0F, 0, conversion});
         }
     }
-    expect_counts(1.0F, chains);
+    expect_counts(1.0F, chosen);
 }
 
 // ---- Pieces ----

@@ -161,9 +161,9 @@ protected:
     }
 
     static std::string take_log() {
-        std::string text(100000, '\0');
-        text.resize(wrapper_audio_log_take(text.data(), text.size()));
-        return text;
+        std::string lines(100000, '\0');
+        lines.resize(wrapper_audio_log_take(lines.data(), lines.size()));
+        return lines;
     }
 
     void create(const wrapper_audio_recorder_options& options) {

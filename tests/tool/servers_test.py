@@ -1,5 +1,6 @@
 """The host on PipeWire, on PulseAudio and on JACK, all without hardware: in real time, and with a server that goes away."""
 
+import re
 import sys
 import tempfile
 import time
@@ -39,6 +40,11 @@ class ServerTest(HostTest):
 
     def wait_until_device(self, part):
         self.wait_for(lambda: part in self.host("devices", "--ids")[1], what=f"{part} does not appear")
+
+    def record(self, *arguments, **options):
+        """As everywhere, without what a busy machine may add: it connects a stream late, or misses some of its sound."""
+        code, output, errors = super().record(*arguments, **options)
+        return code, output, re.sub(r"wrapper-audio: (the input is silent|\d+ samples were lost).*\n", "", errors)
 
     def record_until_the_server_dies(self, *arguments):
         process = self.start("record", *arguments, self.file, environment=LEAKS)
@@ -85,8 +91,6 @@ class PulseAudio(ServerTest):
         Without denoising digital silence is not one of them: a busy server leaves it where it had no sound to give.
         """
         code, _, errors = self.record(*arguments, "--device", self.device, "--seconds", 6, self.file)
-        # A busy machine may take its time to connect a stream, and gives it silence until then.
-        errors = errors.replace("wrapper-audio: the input is silent (muted? the wrong device?)\n", "")
         self.assertEqual((code, errors), (FINE, says and f"wrapper-audio: {says}\n"))
         samples = self.recorded(16000)
         self.assertEqual(len(samples), 96000)

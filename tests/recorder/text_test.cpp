@@ -188,6 +188,14 @@ TEST(copy_out, cuts_bytes_that_are_no_utf8_anywhere) {
     EXPECT_EQ(out, bytes.substr(0, 20));
 }
 
+TEST(copy_out, copies_all_of_what_fits_whatever_it_is) {
+    char out[6];
+    for (const std::string bytes : {"caf\xE9", "\xE2\x82", "caf\xF0\x9F", "\xFF\xFF\xFF\xFF\xFF"}) {
+        EXPECT_EQ(copy_out(bytes, out, sizeof out), bytes.size());
+        EXPECT_EQ(out, bytes);
+    }
+}
+
 TEST(copy_out, needs_no_memory_to_tell_the_length) {
     EXPECT_EQ(copy_out("abc", nullptr, 0), 3U);
     EXPECT_EQ(copy_out("abc", nullptr, 10), 3U);

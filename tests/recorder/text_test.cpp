@@ -167,7 +167,7 @@ TEST(folded, keeps_every_character_a_character) {
 // ---- Into a host's memory ----
 
 TEST(copy_out, never_cuts_a_character) {
-    const std::string text = "aä€😀 z€€";
+    const std::string text = "aä€😀 z€€߿अẞ\uFFFD\U0010FFFF!";
     for (std::size_t capacity = 1; capacity <= text.size() + 3; ++capacity) {
         std::string out(capacity + 1, '#');
         EXPECT_EQ(copy_out(text, out.data(), capacity), text.size());

@@ -102,6 +102,7 @@ int main(int argc, char** argv) {
 
     bench::register_read();
     bench::register_functions();
+    bench::register_recorder();
     bench::register_peers();
     benchmark::Initialize(&count, arguments.data());
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 2;

@@ -15,6 +15,7 @@ void show_gain(const std::string& what, const std::string& slow, const std::stri
 // Each registers its benchmarks and what is required of them.
 void register_read();
 void register_functions();
+void register_recorder();
 void register_peers();
 
 } // namespace bench

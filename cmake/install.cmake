@@ -1,11 +1,17 @@
-# What a host needs to build against the library and to run with it. All of it may be moved to another place.
+# What a host needs to build against the library or the recorder layer and to run with them. All of it may be moved to
+# another place.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-install(TARGETS wrapper_audio EXPORT wrapper_audio
+set(libraries wrapper_audio)
+if(WRAPPER_AUDIO_RECORDER)
+  list(APPEND libraries wrapper_audio_recorder)
+endif()
+install(TARGETS ${libraries} EXPORT wrapper_audio
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES wrapper_audio.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+list(TRANSFORM libraries APPEND .h OUTPUT_VARIABLE headers)
+install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/wrapper_audio)
 install(EXPORT wrapper_audio DESTINATION ${package_folder} COMPONENT development
@@ -18,5 +24,7 @@ set(pkgconfig_folder ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${pkgconfig_folder} OUTPUT_VARIABLE to_prefix)
 file(RELATIVE_PATH to_header ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
 file(RELATIVE_PATH to_library ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
-configure_file(cmake/wrapper_audio.pc.in wrapper_audio.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/wrapper_audio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+foreach(library IN LISTS libraries)
+  configure_file(cmake/${library}.pc.in ${library}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endforeach()

@@ -7,7 +7,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}) # the program's library, which no package has yet
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}) # the libraries, which no package has yet
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libwrapper-audio${PROJECT_VERSION_MAJOR})
@@ -16,11 +16,14 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "microphone capture with neural noise suppression (library)
-wrapper_audio gives any program microphone capture as mono 16-bit samples at
-the rate it wants, with optional neural noise suppression, a level meter, a
-list of devices as JSON, and signal functions for its own buffers.
+wrapper_audio gives any program microphone capture as mono samples at the rate
+it wants, with optional neural noise suppression, levels, a list of devices,
+and signal functions for its own buffers. The recorder layer has a thread of
+its own, tells errors as values, converts rates without aliases, and denoises
+whatever rate the device runs at; the library below it does no more than it is
+called for.
 .
-This package contains the shared library.")
+This package contains both shared libraries.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libwrapper-audio-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SOURCE wrapper-audio)
@@ -28,12 +31,15 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), portaudio19-dev, librnnoise-dev")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "microphone capture with neural noise suppression (development)
-wrapper_audio gives any program microphone capture as mono 16-bit samples at
-the rate it wants, with optional neural noise suppression, a level meter, a
-list of devices as JSON, and signal functions for its own buffers.
+wrapper_audio gives any program microphone capture as mono samples at the rate
+it wants, with optional neural noise suppression, levels, a list of devices,
+and signal functions for its own buffers. The recorder layer has a thread of
+its own, tells errors as values, converts rates without aliases, and denoises
+whatever rate the device runs at; the library below it does no more than it is
+called for.
 .
-This package contains what programs are built with: the header, which is the
-manual too, and the files by which pkg-config and CMake find the library.")
+This package contains what programs are built with: the headers, which are the
+manuals too, and the files by which pkg-config and CMake find the libraries.")
 
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME wrapper-audio)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION sound)

@@ -1,2 +1,2 @@
-# A host links the shared object alone, so nothing else has to be found.
+# A host links the shared objects alone, so nothing else has to be found.
 include(${CMAKE_CURRENT_LIST_DIR}/wrapper_audio-targets.cmake)

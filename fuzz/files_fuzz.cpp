@@ -1,21 +1,24 @@
-// `wrapper-audio process` on files of any bytes: it ends in good order, and what it writes is what the plain signal
-// functions make of the samples that libsndfile finds in the file.
+// `wrapper-audio process` on files of any bytes: it ends in good order, and what it writes is what plain conversion and
+// plain signal functions make of the samples that libsndfile finds in the file. Clean conversion and noise suppression
+// have no plain counterpart: they are held to what one call for the whole sound gives.
 #include "../tools/wrapper-audio/commands.h"
 #include "../tools/wrapper-audio/console.h"
 #include "../tools/wrapper-audio/stopping.h"
 #include "script.h"
 
+#include "conversion_reference.h"
 #include "dsp_reference.h"
 
 #include <sndfile.h>
+#include <wrapper_audio_recorder.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <numeric>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,9 +27,6 @@
 namespace console {
 bool is_quiet() {
     return true;
-}
-int descriptor() {
-    return STDERR_FILENO;
 }
 void write_all(int /*to*/, const std::string& /*text*/) {}
 void note(const std::string& /*sentence*/) {}
@@ -41,6 +41,7 @@ namespace {
 
 // Longer sounds, going in or coming out, would only take time and disk space.
 constexpr std::int64_t most_samples = 300000;
+constexpr std::int64_t most_denoised = 48000;
 
 std::string folder;
 
@@ -54,9 +55,12 @@ struct sound {
     bool damaged = false;
 };
 
-bool too_long(const sound& in, int rate) {
-    const auto count = std::ssize(in.mono);
-    return std::max(count, count * rate / in.rate) > most_samples;
+bool too_long(const sound& in, const process_options& wanted) {
+    const auto longest_at = [&](std::int64_t rate) {
+        return std::max(std::ssize(in.mono), std::ssize(in.mono) * rate / in.rate);
+    };
+    return longest_at(wanted.rate.value_or(in.rate)) > most_samples ||
+           (wanted.voice.denoise && longest_at(48000) > most_denoised);
 }
 
 // Nothing where libsndfile finds no sound file.
@@ -91,36 +95,39 @@ std::vector<float> in_blocks(reference::gain_control control, const std::vector<
     return out;
 }
 
-// In the program's blocks, because positions are rounded anew in each: after whole blocks an output falls on an input.
-std::vector<float> converted(const std::vector<float>& in, int in_rate, int out_rate) {
-    const std::int64_t divisor = std::gcd(in_rate, out_rate);
-    const std::int64_t repeat = std::max<std::int64_t>(1, 48000 * divisor / std::max(in_rate, out_rate));
-    const std::int64_t in_block = in_rate / divisor * repeat;
-    const std::int64_t out_block = out_rate / divisor * repeat;
-    std::vector<float> out;
-    for (std::int64_t at = 0, left = std::ssize(in); left > 0; at += in_block, left -= in_block) {
-        const bool is_last = left <= in_block;
-        const auto first = in.begin() + static_cast<std::ptrdiff_t>(at);
-        const std::vector<float> piece(first, first + static_cast<std::ptrdiff_t>(is_last ? left : in_block + 1));
-        const auto most = static_cast<std::int32_t>(is_last ? 2 * out_block + 2 : out_block);
-        const std::vector<float> block = reference::resampled(in_rate, out_rate, piece, most);
-        require(is_last || std::ssize(block) == out_block, "a block gives a block");
-        out.insert(out.end(), block.begin(), block.end());
-    }
+std::vector<float> in_one_call(const std::vector<float>& in, const wrapper_audio_voice_options& options) {
+    wrapper_audio_processor* voice = nullptr;
+    require(wrapper_audio_voice_create(&voice, &options) == WRAPPER_AUDIO_OK, "there is a voice chain");
+    const std::size_t count = reference::stream_count(in.size(), options.in_rate, options.out_rate);
+    std::vector<float> out(count + 1);
+    std::size_t given = 0;
+    std::size_t rest = 0;
+    wrapper_audio_processor_process(voice, in.data(), in.size(), out.data(), out.size(), &given);
+    wrapper_audio_processor_flush(voice, out.data() + given, out.size() - given, &rest);
+    wrapper_audio_processor_free(voice);
+    require(given + rest == count, "as many samples as belong to the sound", std::to_string(given + rest));
+    out.resize(count);
     return out;
+}
+
+std::vector<float> converted(const sound& in, const process_options& wanted, int rate) {
+    const bool denoises = wanted.voice.denoise.value_or(0.0F) > 0;
+    if (rate == in.rate && !denoises) return in.mono;
+    if (denoises || wanted.voice.conversion == WRAPPER_AUDIO_CONVERSION_CLEAN)
+        return in_one_call(in.mono, {in.rate, rate, wanted.voice.denoise.value_or(0.0F), 0, wanted.voice.conversion});
+    return reference::linear_stream(in.mono, in.rate, rate);
 }
 
 std::vector<std::int16_t> processed(const sound& in, const process_options& wanted) {
     const int rate = wanted.rate.value_or(in.rate);
-    std::vector<float> samples = rate == in.rate ? in.mono : converted(in.mono, in.rate, rate);
+    std::vector<float> samples = converted(in, wanted, rate);
     if (wanted.effects.depop) {
         samples.insert(samples.begin(), 0.0F); // before the first sample there was silence
         samples = reference::depopped(samples, *wanted.effects.depop);
         samples.erase(samples.begin());
     }
     if (wanted.effects.highpass)
-        samples = reference::high_pass(wanted.effects.highpass->corner_hz * 16000.0F / static_cast<float>(rate),
-                                       wanted.effects.highpass->q)(samples);
+        samples = reference::high_pass(wanted.effects.highpass->corner_hz, wanted.effects.highpass->q, rate)(samples);
     if (wanted.effects.agc)
         samples = in_blocks({wanted.effects.agc->target_db, wanted.effects.agc->release_ms}, samples, rate);
     std::vector<std::int16_t> rounded;
@@ -152,7 +159,7 @@ std::vector<std::int16_t> samples_written(const process_options& wanted, int rat
 }
 
 process_options read_options(script& bytes) {
-    constexpr int rates[] = {8000, 16000, 44100, 48000, 96000, 10, 384000};
+    constexpr int rates[] = {8000, 16000, 44100, 48000, 96000, 100, 384000};
     constexpr const char* names[] = {"/out.raw", "/out.wav", "/out.flac"};
     process_options wanted;
     wanted.in = folder + "/in";
@@ -162,7 +169,11 @@ process_options read_options(script& bytes) {
     if ((effects & 1) != 0) wanted.effects.highpass = parse_high_pass("100:0.9");
     if ((effects & 2) != 0) wanted.effects.depop = 0.95F;
     if ((effects & 4) != 0) wanted.effects.agc = parse_gain_control("-20:150");
-    wanted.out = folder + names[bytes.below(std::size(names))];
+    const unsigned rest = bytes.below(4 * std::size(names));
+    wanted.out = folder + names[rest % std::size(names)];
+    const unsigned voice = static_cast<unsigned>(rest / std::size(names));
+    if ((voice & 1) != 0) wanted.voice.conversion = WRAPPER_AUDIO_CONVERSION_LINEAR;
+    if ((voice & 2) != 0) wanted.voice.denoise = (voice & 1) != 0 ? 0.5F : 1.0F;
     return wanted;
 }
 
@@ -191,7 +202,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     std::filesystem::remove(wanted.out);
 
     const std::optional<sound> in = sound_in(wanted.in);
-    if (in && too_long(*in, wanted.rate.value_or(in->rate))) return 0;
+    if (in && too_long(*in, wanted)) return 0;
     bool good = false;
     try {
         good = process(wanted) == fine;
@@ -206,9 +217,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     const std::vector<std::int16_t> expected = processed(*in, wanted);
     if (expected.empty() && wanted.out.ends_with(".flac")) return 0; // libsndfile writes no header then
     const std::vector<std::int16_t> written = samples_written(wanted, wanted.rate.value_or(in->rate));
-    require(written.size() == expected.size(), "as many samples as the plain functions give",
+    require(written.size() == expected.size(), "as many samples as expected",
             std::to_string(written.size()) + " instead of " + std::to_string(expected.size()));
     for (std::size_t i = 0; i < written.size(); ++i)
-        require(written[i] == expected[i], "the samples that the plain functions give", std::to_string(i));
+        require(written[i] == expected[i], "the samples expected", std::to_string(i));
     return 0;
 }

@@ -237,8 +237,8 @@ def flac(samples, rate, subframe=b"\x02"):
     return b"fLaC\x80\0\0\x22" + about + frame + crc(frame, 16, 0x8005)
 
 
-def options(rate=0, effects=0, out=0):
-    return bytes([rate, effects, out])
+def options(rate=0, effects=0, out=0, linear=False, denoise=False):
+    return bytes([rate, effects, out + 3 * linear + 6 * denoise])
 
 
 wave = b"".join(struct.pack("<h", (i * 2711) % 65536 - 32768) for i in range(300))
@@ -254,6 +254,10 @@ write(
     wav_with_all_effects=options(0, 7, 0) + wav(wave),
     wav_16000_to_44100=options(3, 0, 0) + wav(wave),
     wav_96000_to_48000=options(4, 0, 0) + wav(wave, rate=96000),
+    wav_16000_to_44100_linearly=options(3, 7, 0, linear=True) + wav(wave),
+    wav_96000_to_48000_linearly=options(4, 0, 0, linear=True) + wav(wave[:301], rate=96000),
+    wav_denoised_at_48000=options(0, 0, 0, denoise=True) + wav(wave * 5, rate=48000),
+    wav_denoised_to_16000=options(2, 7, 0, denoise=True, linear=True) + wav(wave * 5, rate=44100),
     wav_stereo_44100_to_16000=options(2, 1, 0) + wav(wave, rate=44100, channels=2),
     wav_of_floats=options(0, 4, 0) + wav(floats, bits=32, tag=3),
     wav_of_doubles=options(0, 0, 0) + wav(struct.pack("<5d", 1e300, 0.5, -0.5, 0, float("nan")), bits=64, tag=3),

@@ -100,6 +100,9 @@ PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters*, const PaStre
     *stream = &g_device;
     return paNoError;
 }
+PaError Pa_IsFormatSupported(const PaStreamParameters*, const PaStreamParameters*, double) {
+    return paFormatIsSupported;
+}
 PaError Pa_StartStream(PaStream*) {
     return paNoError;
 }

@@ -3,27 +3,26 @@
  *
  *   meter [-d DEVICE] [-s SECONDS]
  *
- * In a terminal one line is redrawn; elsewhere each reading is a line of its own.
+ * DEVICE is an id. In a terminal one line is redrawn; elsewhere each reading is a line of its own.
  *
- * cc -std=c99 meter.c $(pkg-config --cflags --libs wrapper_audio) -lm -o meter
+ * cc -std=c99 meter.c $(pkg-config --cflags --libs wrapper_audio_recorder) -lm -o meter
  */
 #define _POSIX_C_SOURCE 200809L
 #include <math.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <time.h>
 #include <unistd.h>
-#include <wrapper_audio.h>
+#include <wrapper_audio_recorder.h>
 
-enum { READ_MS = 30, WIDTH = 30, FLOOR_DB = -60 };
+enum { READ_MS = 30, RATE = 16000, READ = RATE * READ_MS / 1000, WIDTH = 30, FLOOR_DB = -60 };
 
-static volatile sig_atomic_t stopped;
+static volatile sig_atomic_t interrupted;
 
-static void stop(int signal)
+static void interrupt(int signal)
 {
     (void)signal;
-    stopped = 1;
+    interrupted = 1;
 }
 
 /* Linear level to dB against full scale. Silence has no logarithm and is shown as the floor. */
@@ -49,6 +48,27 @@ static void draw(double rms, double peak, int clipped)
     fflush(stdout);
 }
 
+/* Until it is interrupted, `readings` have been shown (0: no end), or the device fails. */
+static wrapper_audio_status show(wrapper_audio_recorder *recorder, int readings)
+{
+    wrapper_audio_status status = WRAPPER_AUDIO_OK;
+    for (int i = 0; !interrupted && status >= 0 && (readings == 0 || i < readings);) {
+        float samples[READ];
+        wrapper_audio_block block;
+        status = wrapper_audio_recorder_read_f32(recorder, samples, READ, 200, &block);
+        if (status == WRAPPER_AUDIO_NO_DATA) { /* nothing to hear: it may come back */
+            fputs("meter: the microphone is open but delivers nothing\n", stderr);
+            status = WRAPPER_AUDIO_TIMEOUT;
+        }
+        if (block.count == 0)
+            continue;
+        /* What the device gave, before it was converted: there it clips. */
+        draw(decibels(block.captured_rms), decibels(block.captured_peak), block.clipped > 0);
+        ++i;
+    }
+    return status;
+}
+
 int main(int argc, char **argv)
 {
     int option, seconds = 0, usable = 1;
@@ -64,29 +84,24 @@ int main(int argc, char **argv)
         return 2;
     }
 
-    wrapper_audio_meter *meter = wrapper_audio_meter_open(device);
-    if (meter == NULL) /* the library has said why */
-        return 1;
-    struct sigaction on_signal = {.sa_handler = stop, .sa_flags = SA_RESTART | (int)SA_RESETHAND};
+    struct sigaction on_signal = {.sa_handler = interrupt, .sa_flags = SA_RESTART | (int)SA_RESETHAND};
     sigaction(SIGINT, &on_signal, NULL);
     sigaction(SIGTERM, &on_signal, NULL);
-
-    /* A device that fails once may come back, so the meter goes on; one that does not come back is given up. */
-    int failures = 0;
-    for (int ms = 0; !stopped && failures < 10 && (seconds == 0 || ms < 1000 * seconds); ms += READ_MS) {
-        float peak, rms;
-        if (wrapper_audio_meter_read(meter, &peak, &rms) < 0) {
-            ++failures;
-            nanosleep(&(struct timespec){.tv_nsec = READ_MS * 1000000L}, NULL);
-            continue;
-        }
-        failures = 0;
-        draw(decibels(rms), decibels(peak), peak >= 1.0f);
+    const wrapper_audio_recorder_options options = {.rate = RATE};
+    wrapper_audio_recorder *recorder;
+    wrapper_audio_status status = wrapper_audio_recorder_create(&recorder, &options);
+    if (status == WRAPPER_AUDIO_OK)
+        status = wrapper_audio_recorder_open(recorder, device);
+    if (status == WRAPPER_AUDIO_OK) {
+        status = show(recorder, (1000 * seconds + READ_MS - 1) / READ_MS);
+        if (isatty(STDOUT_FILENO))
+            putchar('\n');
     }
-    wrapper_audio_meter_close(meter);
-    if (isatty(STDOUT_FILENO))
-        putchar('\n');
-    if (failures > 0)
-        fputs("meter: the microphone gives no more\n", stderr);
-    return failures > 0;
+    if (status < 0) {
+        char reason[2000] = "";
+        wrapper_audio_recorder_get_text(recorder, WRAPPER_AUDIO_TEXT_REASON, reason, sizeof reason);
+        fprintf(stderr, "meter: %s\nmeter: %s\n", wrapper_audio_status_text(status), reason);
+    }
+    wrapper_audio_recorder_free(recorder);
+    return status < 0;
 }

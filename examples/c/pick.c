@@ -3,105 +3,103 @@
  *
  *   pick FILE
  *
- * FILE remembers the id. Ids survive a restart but not every change of plugs, and an id that matches nothing would
- * silently be the default device; so the id is looked up in the list first, and asked for again when it is gone.
+ * FILE remembers the id. Ids survive a restart but not every change of plugs: the id is looked up in the list first, and
+ * asked for again when it is gone.
  *
- * cc -std=c99 pick.c $(pkg-config --cflags --libs wrapper_audio) -o pick
+ * cc -std=c99 pick.c $(pkg-config --cflags --libs wrapper_audio_recorder) -o pick
  */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <wrapper_audio.h>
+#include <wrapper_audio_recorder.h>
 
-enum { ID_SIZE = 256, MAX_INPUTS = 64 }; /* an id of more than 255 bytes matches no device */
+enum { SECONDS = 3, RATE = 16000, MAX_INPUTS = 64 };
 
-/* Copies the text that follows `key`, without JSON's escapes. Returns where it ends; NULL if it is not there or too
-   long. The list has no white space between its tokens and only two escapes, so that this little is enough; a host
-   that has a JSON library uses it. */
-static const char *take_text(const char *at, const char *key, char *text)
-{
-    size_t length = 0;
-    if (at == NULL || (at = strstr(at, key)) == NULL)
-        return NULL;
-    for (at += strlen(key); *at != '"'; ++at) {
-        if (*at == '\\')
-            ++at;
-        if (*at == '\0' || length == ID_SIZE - 1)
-            return NULL;
-        text[length++] = *at;
-    }
-    text[length] = '\0';
-    return at;
-}
-
-/* Fills `ids` with the devices that can capture, shows them, and returns how many there are. */
-static int list_inputs(char ids[][ID_SIZE])
+/* Fills `inputs` with the devices that can record, shows them, and returns how many there are. An id may hold any
+   bytes; what is shown are the names, which are fit for a terminal. */
+static int list_inputs(const wrapper_audio_device_list *list, const wrapper_audio_device *inputs[])
 {
     int count = 0;
-    char *list = wrapper_audio_list_devices_json();
-    for (const char *at = list; at != NULL && count < MAX_INPUTS && (at = strstr(at, "{\"id\":")) != NULL; ++at) {
-        char kind[ID_SIZE];
-        const char *end = take_text(take_text(at, "{\"id\":\"", ids[count]), "\",\"kind\":\"", kind);
-        if (end == NULL || strcmp(kind, "input") != 0)
+    for (size_t i = 0; i < wrapper_audio_device_list_count(list) && count < MAX_INPUTS; ++i) {
+        const wrapper_audio_device *device = wrapper_audio_device_list_get(list, i);
+        if (device->input_channels < 1)
             continue;
-        printf("%3d  %s%s\n", count + 1, ids[count],
-               strncmp(end, "\",\"isDefault\":true", 18) == 0 ? "  (default)" : "");
-        ++count;
+        inputs[count++] = device;
+        printf("%3d  %s: %s%s\n", count, device->host_api, device->name, device->is_default ? "  (default)" : "");
     }
-    wrapper_audio_free_text(list);
     return count;
 }
 
-/* Returns the number of the id that FILE remembers, or else of the one that the user names; -1 for none. */
-static int choose(const char *file_name, char ids[][ID_SIZE], int count)
+/* Returns the device whose id FILE remembers, or else the one that the user names; NULL for none. */
+static const wrapper_audio_device *choose(const char *file_name, const wrapper_audio_device *inputs[], int count)
 {
-    char line[ID_SIZE + 1] = "";
-    FILE *file = fopen(file_name, "r");
+    char id[1000] = "", answer[20];
+    FILE *file = fopen(file_name, "rb");
     if (file != NULL) {
-        if (fgets(line, sizeof line, file) != NULL)
-            line[strcspn(line, "\n")] = '\0';
+        id[fread(id, 1, sizeof id - 1, file)] = '\0';
         fclose(file);
     }
     for (int i = 0; i < count; ++i)
-        if (strcmp(ids[i], line) == 0)
-            return i;
-    if (*line != '\0')
-        printf("%s is not there any more.\n", line);
+        if (strcmp(inputs[i]->id, id) == 0)
+            return inputs[i];
+    if (*id != '\0')
+        puts("The one that you chose is not there any more.");
     printf("Which one, 1 to %d? ", count);
     fflush(stdout);
-    const int number = fgets(line, sizeof line, stdin) != NULL ? atoi(line) : 0;
+    const int number = fgets(answer, sizeof answer, stdin) != NULL ? atoi(answer) : 0;
     if (number < 1 || number > count)
-        return -1;
-    file = fopen(file_name, "w");
+        return NULL;
+    const wrapper_audio_device *chosen = inputs[number - 1];
+    file = fopen(file_name, "wb");
     if (file != NULL)
-        fprintf(file, "%s\n", ids[number - 1]);
+        fputs(chosen->id, file);
     if (file == NULL || fclose(file) != 0) /* what could not be written shows here, if not before */
         fprintf(stderr, "pick: cannot write %s; the choice holds for this time\n", file_name);
-    return number - 1;
+    return chosen;
+}
+
+/* Returns the loudest level of three seconds; below 0 if there were none. */
+static float listen(const wrapper_audio_device *device)
+{
+    float loudest = 0;
+    wrapper_audio_recorder *recorder;
+    wrapper_audio_status status = wrapper_audio_recorder_create(&recorder, NULL);
+    if (status == WRAPPER_AUDIO_OK)
+        status = wrapper_audio_recorder_open(recorder, device->id);
+    for (int i = 0; status == WRAPPER_AUDIO_OK && i < 10 * SECONDS; ++i) {
+        int16_t pcm[RATE / 10];
+        wrapper_audio_block block;
+        status = wrapper_audio_recorder_read_s16(recorder, pcm, RATE / 10, -1, &block);
+        if (block.captured_peak > loudest)
+            loudest = block.captured_peak;
+    }
+    if (status != WRAPPER_AUDIO_OK) {
+        char reason[2000] = "";
+        wrapper_audio_recorder_get_text(recorder, WRAPPER_AUDIO_TEXT_REASON, reason, sizeof reason);
+        fprintf(stderr, "pick: %s: %s\n", wrapper_audio_status_text(status), reason);
+        loudest = -1;
+    }
+    wrapper_audio_recorder_free(recorder);
+    return loudest;
 }
 
 int main(int argc, char **argv)
 {
-    static char ids[MAX_INPUTS][ID_SIZE];
+    const wrapper_audio_device *inputs[MAX_INPUTS], *chosen = NULL;
+    wrapper_audio_device_list *list;
     if (argc != 2) {
         fputs("usage: pick FILE\n", stderr);
         return 2;
     }
-    const int count = list_inputs(ids);
-    const int chosen = count > 0 ? choose(argv[1], ids, count) : -1;
-    if (chosen < 0) {
-        fputs(count > 0 ? "pick: no such number\n" : "pick: no device can capture\n", stderr);
-        return count > 0 ? 2 : 1;
-    }
-    wrapper_audio_ctx *mic = wrapper_audio_init(16000, 0, ids[chosen]);
-    float rms = 0, peak = 0, loudest = 0;
-    int16_t pcm[480];
-    int n = mic != NULL ? 1 : -1; /* the library has said why */
-    for (int i = 0; n > 0 && i < 100; ++i)
-        if ((n = wrapper_audio_read(mic, 30, pcm, 480, &rms, &peak)) > 0 && peak > loudest)
-            loudest = peak;
-    wrapper_audio_free(mic);
-    if (n > 0)
-        printf("Three seconds of %s: peak %.3f\n", ids[chosen], (double)loudest);
-    return n < 1;
+    const wrapper_audio_status status = wrapper_audio_device_list_create(&list);
+    const int count = list_inputs(list, inputs);
+    if (count == 0)
+        fprintf(stderr, "pick: %s\n", status < 0 ? wrapper_audio_status_text(status) : "no device can record");
+    else if ((chosen = choose(argv[1], inputs, count)) == NULL)
+        fputs("pick: no such number\n", stderr);
+    const float loudest = chosen != NULL ? listen(chosen) : -1;
+    if (loudest >= 0)
+        printf("Three seconds of %s: peak %.3f\n", chosen->name, (double)loudest);
+    wrapper_audio_device_list_free(list);
+    return count > 0 && chosen == NULL ? 2 : loudest < 0;
 }

@@ -1,107 +1,130 @@
 /*
- * Cleans a sound: takes away rumble, softens pops, evens out the level, and converts the rate.
+ * Cleans a sound as it comes: takes away rumble, softens pops, takes away noise, converts the rate, evens out the level.
  *
- *   process IN_RATE OUT_RATE [FILE] >out.raw
+ *   process [-n] IN_RATE OUT_RATE [FILE] >out.raw
  *
- * FILE, or else standard input, holds mono signed 16-bit samples without a header, and so does what is written.
+ * FILE, or else standard input, holds mono signed 16-bit samples without a header, and so does what is written. Rates
+ * are in Hz. -n takes the noise away.
  *
- * cc -std=c99 process.c $(pkg-config --cflags --libs wrapper_audio) -lm -o process
+ * cc -std=c99 process.c $(pkg-config --cflags --libs wrapper_audio_recorder) -lm -o process
  */
+#define _POSIX_C_SOURCE 200809L
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <wrapper_audio.h>
+#include <unistd.h>
+#include <wrapper_audio_recorder.h>
 
-/* The whole sound in memory: the resampler begins every block anew, so that a sound is best converted in one piece. */
-static float *read_all(FILE *file, int32_t *count)
+/* Any size will do: each processor has a state of its own, and what does not fit waits. */
+enum { BLOCK = 4096, STAGES = 4 };
+
+struct level {
+    double squares, peak;
+    long long count, beyond; /* samples, and those of them beyond full scale */
+};
+
+static void add_level(struct level *level, const float *samples, size_t count)
 {
-    int16_t pcm[4096];
-    float *samples = NULL;
-    size_t n;
-    *count = 0;
-    while ((n = fread(pcm, sizeof *pcm, 4096, file)) > 0) {
-        float *more = *count <= 50000000 ? realloc(samples, ((size_t)*count + n) * sizeof *samples) : NULL;
-        if (more == NULL) {
-            free(samples);
-            return NULL;
-        }
-        samples = more;
-        for (size_t i = 0; i < n; ++i)
-            samples[(*count)++] = (float)pcm[i] / 32768;
+    for (size_t i = 0; i < count; ++i) {
+        const double x = fabs((double)samples[i]);
+        level->squares += x * x;
+        level->peak = fmax(level->peak, x);
+        level->beyond += x > 1;
     }
-    if (ferror(file) || *count == 0) {
-        free(samples);
-        return NULL;
-    }
-    return samples;
+    level->count += (long long)count;
 }
 
-/* The library's own metrics have nothing that feeds them yet, so that a host that wants figures counts itself. */
-static void print_metrics(const char *what, const float *samples, int32_t count)
+static void print_level(const char *what, const struct level *level)
 {
-    double squares = 0, peak = 0;
-    int beyond = 0;
-    for (int32_t i = 0; i < count; ++i) {
-        const double level = fabs((double)samples[i]);
-        squares += level * level;
-        peak = fmax(peak, level);
-        beyond += level > 1;
-    }
-    fprintf(stderr, "%s: %d samples, RMS %.4f, peak %.4f, %d beyond full scale\n", what, (int)count,
-            sqrt(squares / count), peak, beyond);
+    fprintf(stderr, "%s: %lld samples, RMS %.4f, peak %.4f, %lld beyond full scale\n", what, level->count,
+            level->count > 0 ? sqrt(level->squares / (double)level->count) : 0, level->peak, level->beyond);
 }
 
-static void process(float *samples, int32_t count, int32_t rate)
+static wrapper_audio_status make_chain(wrapper_audio_processor *chain[STAGES], int32_t in_rate, int32_t out_rate,
+                                       int denoise)
 {
-    wrapper_audio_hpf_init(100.0f * 16000 / (float)rate, 0.707f); /* designed for 16000 Hz: 100 Hz at any rate */
-    wrapper_audio_hpf_process(NULL, samples, count);
-    wrapper_audio_depop_process(NULL, samples, count, 0.3f); /* in one piece: nothing is carried to another call */
-    wrapper_audio_agc_init(-30.0f, 200.0f);                  /* towards -30 dB RMS, in 200 ms */
-    const int32_t block = rate / 100;                        /* whose times hold for blocks of 10 ms */
-    for (int32_t at = 0; at < count; at += block)
-        wrapper_audio_agc_process(NULL, samples + at, count - at < block ? count - at : block);
+    const wrapper_audio_voice_options voice = {.in_rate = in_rate, .out_rate = out_rate, .denoise = denoise ? 1 : 0};
+    wrapper_audio_status status =
+        wrapper_audio_high_pass_create(&chain[0], in_rate, 100, 0.707f); /* corner at 100 Hz */
+    if (status == WRAPPER_AUDIO_OK)
+        status = wrapper_audio_depop_create(&chain[1], 0.3f);
+    if (status == WRAPPER_AUDIO_OK)
+        status = wrapper_audio_voice_create(&chain[2], &voice);
+    if (status == WRAPPER_AUDIO_OK)
+        status = wrapper_audio_gain_control_create(&chain[3], out_rate, -30, 200); /* towards -30 dB RMS, in 200 ms */
+    return status;
 }
 
-static int write_all(const float *samples, int32_t count)
+/* Passes samples through the stages from `first` on, and writes what comes out. With `ending` the first of them gives
+   what it still has inside, and then the ones behind it do. */
+static wrapper_audio_status run(wrapper_audio_processor *chain[STAGES], int first, const float *in, size_t count,
+                                int ending, struct level *after)
 {
-    for (int32_t i = 0; i < count; ++i) {
-        const float limited = fmaxf(-1, fminf(1, samples[i])); /* the gain control has no limiter */
-        const int16_t pcm = (int16_t)lrintf(limited * 32767);
-        fwrite(&pcm, sizeof pcm, 1, stdout);
+    if (first == STAGES) {
+        int16_t pcm[BLOCK];
+        add_level(after, in, count);
+        wrapper_audio_f32_to_s16(in, count, pcm); /* the gain control has no limiter; this limits */
+        fwrite(pcm, sizeof *pcm, count, stdout);
+        return WRAPPER_AUDIO_OK;
     }
-    return fflush(stdout) == 0 && !ferror(stdout);
+    float out[BLOCK];
+    size_t given = BLOCK;
+    wrapper_audio_status status = WRAPPER_AUDIO_OK;
+    for (int fed = 0; status == WRAPPER_AUDIO_OK && given == BLOCK; fed = 1) {
+        status = ending ? wrapper_audio_processor_flush(chain[first], out, BLOCK, &given)
+                        : wrapper_audio_processor_process(chain[first], in, fed ? 0 : count, out, BLOCK, &given);
+        if (status == WRAPPER_AUDIO_OK && given > 0)
+            status = run(chain, first + 1, out, given, 0, after);
+    }
+    if (status == WRAPPER_AUDIO_OK && ending && first + 1 < STAGES)
+        status = run(chain, first + 1, NULL, 0, 1, after);
+    return status;
+}
+
+static wrapper_audio_status process(wrapper_audio_processor *chain[STAGES], FILE *file)
+{
+    struct level before = {0}, after = {0};
+    int16_t pcm[BLOCK];
+    float samples[BLOCK];
+    size_t count;
+    wrapper_audio_status status = WRAPPER_AUDIO_OK;
+    while (status == WRAPPER_AUDIO_OK && (count = fread(pcm, sizeof *pcm, BLOCK, file)) > 0) {
+        wrapper_audio_s16_to_f32(pcm, count, samples);
+        add_level(&before, samples, count);
+        status = run(chain, 0, samples, count, 0, &after);
+    }
+    if (status == WRAPPER_AUDIO_OK)
+        status = run(chain, 0, NULL, 0, 1, &after);
+    print_level("before", &before);
+    print_level("after", &after);
+    return status;
 }
 
 int main(int argc, char **argv)
 {
-    const int32_t in_rate = argc > 2 ? atoi(argv[1]) : 0, out_rate = argc > 2 ? atoi(argv[2]) : 0;
-    if (argc > 4 || in_rate < 8000 || in_rate > 192000 || out_rate < 8000 || out_rate > 192000) {
-        fputs("usage: process 8000...192000 8000...192000 [FILE] >out.raw\n", stderr);
+    int option, denoise = 0, usable = 1;
+    while ((option = getopt(argc, argv, "n")) != -1)
+        option == 'n' ? (denoise = 1) : (usable = 0);
+    argc -= optind;
+    argv += optind;
+    const int32_t in_rate = argc > 1 ? atoi(argv[0]) : 0, out_rate = argc > 1 ? atoi(argv[1]) : 0;
+    if (!usable || argc > 3 || in_rate < 8000 || in_rate > 192000 || out_rate < 8000 || out_rate > 192000) {
+        fputs("usage: process [-n] 8000...192000 8000...192000 [FILE] >out.raw\n", stderr);
         return 2;
     }
-    int32_t count = 0;
-    FILE *file = argc == 4 ? fopen(argv[3], "rb") : stdin;
-    float *samples = file != NULL ? read_all(file, &count) : NULL;
-    if (samples == NULL) {
-        fputs("process: no sound, or too much of it, to read\n", stderr);
-        return 1;
-    }
-    print_metrics("before", samples, count);
-    process(samples, count, in_rate);
-
-    const int32_t room = (int32_t)((int64_t)count * out_rate / in_rate) + 1;
-    float *converted = malloc((size_t)room * sizeof *converted);
-    wrapper_audio_resampler *resampler = wrapper_audio_resampler_init(in_rate, out_rate, 0);
-    const int32_t n = converted != NULL ? wrapper_audio_resample(resampler, samples, count, converted, room) : 0;
-    wrapper_audio_resampler_free(resampler);
-    if (n > 0)
-        print_metrics("after", converted, n);
-    fprintf(stderr, "metrics: signal-to-noise ratio %.1f dB, clipped %.4f\n", (double)wrapper_audio_snr(),
-            (double)wrapper_audio_clipping_ratio());
-    const int written = n > 0 && write_all(converted, n);
-    free(converted);
-    free(samples);
+    FILE *file = argc == 3 ? fopen(argv[2], "rb") : stdin;
+    wrapper_audio_processor *chain[STAGES] = {NULL};
+    wrapper_audio_status status = make_chain(chain, in_rate, out_rate, denoise);
+    if (status == WRAPPER_AUDIO_OK && file != NULL)
+        status = process(chain, file);
+    for (int i = 0; i < STAGES; ++i)
+        wrapper_audio_processor_free(chain[i]);
+    const int readable = file != NULL && !ferror(file), written = fflush(stdout) == 0 && !ferror(stdout);
+    if (status != WRAPPER_AUDIO_OK)
+        fprintf(stderr, "process: %s\n", wrapper_audio_status_text(status));
+    if (!readable)
+        fputs("process: cannot read\n", stderr);
     if (!written)
-        fputs("process: cannot convert or write\n", stderr);
-    return !written;
+        fputs("process: cannot write\n", stderr);
+    return status != WRAPPER_AUDIO_OK || !readable || !written;
 }

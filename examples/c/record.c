@@ -1,12 +1,12 @@
 /*
- * Records the microphone until Ctrl-C, or for a number of seconds.
+ * Records a microphone until Ctrl-C, or for a number of seconds.
  *
  *   record [-n] [-d DEVICE] [-r RATE] [-s SECONDS] FILE
  *
  * FILE is a WAV file if its name ends in .wav; any other holds the samples alone (signed 16-bit, little endian), and
- * "-" is standard output. -n denoises. RATE is 16000 Hz if not given.
+ * "-" is standard output. -n denoises. DEVICE is an id or a part of one. RATE is 16000 Hz if not given.
  *
- * cc -std=c99 record.c $(pkg-config --cflags --libs wrapper_audio) -o record
+ * cc -std=c99 record.c $(pkg-config --cflags --libs wrapper_audio_recorder) -o record
  */
 #define _POSIX_C_SOURCE 200809L
 #include <signal.h>
@@ -14,17 +14,16 @@
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
-#include <wrapper_audio.h>
+#include <wrapper_audio_recorder.h>
 
-/* 30 ms hold whole frames for the denoiser, and are what JACK devices need. */
-enum { READ_MS = 30, MAX_RATE = 192000, WAV_HEADER = 44 };
+enum { READ_MS = 200, MAX_RATE = 192000, WAV_HEADER = 44 };
 
-static volatile sig_atomic_t stopped;
+static volatile sig_atomic_t interrupted;
 
-static void stop(int signal)
+static void interrupt(int signal)
 {
     (void)signal;
-    stopped = 1;
+    interrupted = 1;
 }
 
 /* The library runs on x86-64 alone, whose byte order is that of WAV. No member of this needs padding. */
@@ -44,34 +43,65 @@ static int write_wav_header(FILE *file, uint32_t rate, uint32_t samples)
     return fwrite(&header, WAV_HEADER, 1, file) == 1;
 }
 
-/* Returns how many samples were recorded; `*trouble` says what ended it before its time, if anything did. */
-static uint32_t record(wrapper_audio_ctx *mic, FILE *file, int rate, uint32_t wanted, const char **trouble)
+/* Says what went wrong, and why if there is more to say. */
+static void complain(wrapper_audio_recorder *recorder, wrapper_audio_status status)
+{
+    char reason[2000] = "";
+    fprintf(stderr, "record: %s\n", wrapper_audio_status_text(status));
+    if (wrapper_audio_recorder_get_text(recorder, WRAPPER_AUDIO_TEXT_REASON, reason, sizeof reason) > 0)
+        fprintf(stderr, "record: %s\n", reason);
+}
+
+/* Opens the one device that is meant; no other takes its place. */
+static wrapper_audio_status open_device(wrapper_audio_recorder *recorder, const char *wanted)
+{
+    if (wanted == NULL)
+        return wrapper_audio_recorder_open(recorder, NULL);
+    char reason[2000] = "";
+    size_t index = 0;
+    wrapper_audio_device_list *list;
+    wrapper_audio_status status = wrapper_audio_device_list_create(&list);
+    if (status == WRAPPER_AUDIO_OK)
+        status = wrapper_audio_device_list_find(list, wanted, &index, reason, sizeof reason);
+    if (status == WRAPPER_AUDIO_OK)
+        status = wrapper_audio_recorder_open(recorder, wrapper_audio_device_list_get(list, index)->id);
+    else
+        fprintf(stderr, "record: %s\n", reason);
+    wrapper_audio_device_list_free(list);
+    return status;
+}
+
+/* Adds what is recorded and written to `*written`. Where it cannot be written, `file` has an error. */
+static wrapper_audio_status record(wrapper_audio_recorder *recorder, FILE *file, uint32_t rate, uint32_t wanted,
+                                   uint32_t *written)
 {
     static int16_t pcm[MAX_RATE / 1000 * READ_MS];
-    uint32_t written = 0;
-    while (!stopped && *trouble == NULL && written < wanted) {
-        int32_t n = wrapper_audio_read(mic, READ_MS, pcm, rate * READ_MS / 1000, NULL, NULL);
-        if (n > 0 && (uint32_t)n > wanted - written)
-            n = (int32_t)(wanted - written);
-        if (n < 1)
-            *trouble = stopped ? NULL : "the microphone gives no more";
-        else if (fwrite(pcm, sizeof *pcm, (size_t)n, file) != (size_t)n)
-            *trouble = "cannot write";
-        else
-            written += (uint32_t)n;
+    const uint32_t most = rate * READ_MS / 1000;
+    wrapper_audio_status status = WRAPPER_AUDIO_OK;
+    while (*written < wanted && status >= 0 && status != WRAPPER_AUDIO_STOPPED && !ferror(file)) {
+        const uint32_t left = wanted - *written;
+        wrapper_audio_block block;
+        if (interrupted) /* what has been recorded until now can still be read */
+            wrapper_audio_recorder_stop(recorder);
+        /* A read that waits no longer than this lets Ctrl-C be noticed where the microphone is silent. */
+        status = wrapper_audio_recorder_read_s16(recorder, pcm, left < most ? left : most, READ_MS, &block);
+        *written += (uint32_t)fwrite(pcm, sizeof *pcm, block.count, file);
+        if (block.dropped > 0)
+            fprintf(stderr, "record: %u samples were lost\n", (unsigned)block.dropped);
     }
-    return written;
+    return status;
 }
 
 int main(int argc, char **argv)
 {
-    int option, denoise = 0, rate = 16000, seconds = 0, usable = 1;
-    const char *device = NULL, *trouble = NULL;
+    wrapper_audio_recorder_options options = {.rate = 16000};
+    int option, seconds = 0, usable = 1;
+    const char *device = NULL;
     while ((option = getopt(argc, argv, "nd:r:s:")) != -1)
         switch (option) {
-        case 'n': denoise = 1; break;
+        case 'n': options.denoise = 1; break;
         case 'd': device = optarg; break;
-        case 'r': usable &= (rate = atoi(optarg)) >= 8000 && rate <= MAX_RATE; break;
+        case 'r': usable &= (options.rate = atoi(optarg)) >= 8000 && options.rate <= MAX_RATE; break;
         case 's': usable &= (seconds = atoi(optarg)) >= 1 && seconds <= 10000; break;
         default: usable = 0;
         }
@@ -81,28 +111,40 @@ int main(int argc, char **argv)
     }
     const char *name = argv[optind], *ending = strrchr(name, '.');
     const int wav = ending != NULL && strcmp(ending, ".wav") == 0;
-    const uint32_t wanted = seconds ? (uint32_t)rate * (uint32_t)seconds : (UINT32_MAX - WAV_HEADER) / 2;
+    const uint32_t rate = (uint32_t)options.rate;
+    const uint32_t wanted = seconds ? rate * (uint32_t)seconds : (UINT32_MAX - WAV_HEADER) / 2;
 
-    /* The microphone first: where there is none, an older file stays as it is. The library has said why. */
-    wrapper_audio_ctx *mic = wrapper_audio_init(rate, denoise, device);
-    if (mic == NULL)
+    /* The microphone first: where there is none, an older file stays as it is. */
+    wrapper_audio_recorder *recorder;
+    wrapper_audio_status status = wrapper_audio_recorder_create(&recorder, &options);
+    if (status == WRAPPER_AUDIO_OK)
+        status = open_device(recorder, device);
+    if (status != WRAPPER_AUDIO_OK) {
+        complain(recorder, status);
+        wrapper_audio_recorder_free(recorder);
         return 1;
+    }
     FILE *file = strcmp(name, "-") == 0 ? stdout : fopen(name, "wb");
+    int writable = file != NULL && (!wav || write_wav_header(file, rate, 0));
     /* What is being read or written is finished first; a second Ctrl-C ends the program at once. */
-    struct sigaction on_signal = {.sa_handler = stop, .sa_flags = SA_RESTART | (int)SA_RESETHAND};
+    struct sigaction on_signal = {.sa_handler = interrupt, .sa_flags = SA_RESTART | (int)SA_RESETHAND};
     sigaction(SIGINT, &on_signal, NULL);
     sigaction(SIGTERM, &on_signal, NULL);
 
-    if (file == NULL || (wav && !write_wav_header(file, (uint32_t)rate, 0)))
-        trouble = "cannot write";
-    const uint32_t samples = trouble ? 0 : record(mic, file, rate, wanted, &trouble);
-    wrapper_audio_free(mic);
-    /* Now the length is known. */
-    if (file != NULL && wav && (fseek(file, 0, SEEK_SET) != 0 || !write_wav_header(file, (uint32_t)rate, samples)))
-        trouble = "cannot write";
-    if (file != NULL && fclose(file) != 0)
-        trouble = "cannot write";
-    fprintf(stderr, "record: %s: %.2f s%s%s\n", name, (double)samples / rate, trouble ? ": " : "",
-            trouble ? trouble : "");
-    return trouble != NULL;
+    uint32_t written = 0;
+    if (writable)
+        status = record(recorder, file, rate, wanted, &written);
+    if (status < 0)
+        complain(recorder, status);
+    wrapper_audio_recorder_free(recorder);
+    if (writable && wav) /* now the length is known */
+        writable = fseek(file, 0, SEEK_SET) == 0 && write_wav_header(file, rate, written);
+    if (file != NULL) {
+        writable &= !ferror(file);
+        writable &= fclose(file) == 0;
+    }
+    if (!writable)
+        fprintf(stderr, "record: cannot write %s\n", name);
+    fprintf(stderr, "record: %s: %.2f s\n", name, (double)written / rate);
+    return status < 0 || !writable;
 }

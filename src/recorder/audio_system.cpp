@@ -45,10 +45,9 @@ int32_t rounded_rate(double rate) {
 // then. So a device can be opened at another rate, and whatever its name is, also when it shares it with others.
 class table_entry {
 public:
-    explicit table_entry(int index)
+    explicit table_entry(const PaDeviceInfo* info)
         // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): see above
-        : info_(const_cast<PaDeviceInfo*>(Pa_GetDeviceInfo(index))), name_(info_->name),
-          rate_(info_->defaultSampleRate) {}
+        : info_(const_cast<PaDeviceInfo*>(info)), name_(info->name), rate_(info->defaultSampleRate) {}
     ~table_entry() {
         info_->name = name_;
         info_->defaultSampleRate = rate_;
@@ -61,6 +60,8 @@ public:
         constexpr std::size_t room = 250; // the core compares 255 bytes
         const std::size_t host_api_length = host_api_name(*info_).size() + 1;
         unique_name = std::string(text_or(name_, "")).substr(0, room - std::min(room, host_api_length));
+        // The core logs it, and what follows a line feed would look like a line of the core's.
+        std::replace(unique_name.begin(), unique_name.end(), '\n', '?');
         while (is_taken(host_api_name(*info_) + ":" + unique_name))
             unique_name += '\'';
         info_->name = unique_name.c_str();
@@ -208,23 +209,31 @@ microphone::microphone(const std::string& id, int32_t best_rate, log::scope& log
     log.take_failure();
     const int32_t default_rate = device_.default_rate;
     const bool prefers_48000 = default_rate != best_rate && default_rate != denoiser_rate && runs_at_48000(device_);
-    if (prefers_48000 && open(denoiser_rate)) return;
-    if (open(device_.default_rate)) return;
+    if (prefers_48000 && open(denoiser_rate, log)) return;
+    log.take_failure();
+    if (open(default_rate, log)) return;
     const std::string line = log.take_failure();
-    throw failure{context_ == nullptr ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_DEVICE_REFUSED,
+    const bool has_no_memory = line.empty() || log::in_english(line).starts_with("there is no memory");
+    throw failure{has_no_memory ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_DEVICE_REFUSED,
                   with_words(valid_utf8(device_.id) + " did not open", line), line};
 }
 
-bool microphone::open(int32_t rate) {
+// Returns false when the device refuses, and when the core would take another one in its place: it may not find it where
+// PortAudio fails in the middle of the search.
+bool microphone::open(int32_t rate, log::scope& log) {
+    const PaDeviceInfo* const info = Pa_GetDeviceInfo(device_.index);
+    if (info == nullptr)
+        throw failure{WRAPPER_AUDIO_DEVICE_REFUSED, "PortAudio does not know " + valid_utf8(device_.id) + " any more"};
     {
-        table_entry entry{device_.index};
+        table_entry entry{info};
         std::string unique_name;
         const std::string core_id = entry.set(rate, unique_name);
         context_.reset(wrapper_audio_arm(rate, 0, core_id.c_str()));
     }
+    if (context_ == nullptr || log.has_failure()) return false;
     rate_ = rate;
     opened_at_ = std::chrono::steady_clock::now();
-    return context_ != nullptr && wrapper_audio_open(context_.get()) == 0;
+    return wrapper_audio_open(context_.get()) == 0;
 }
 
 int32_t microphone::read(std::vector<int16_t>& samples, log::scope& log) {

@@ -78,7 +78,7 @@ private:
     struct release {
         void operator()(wrapper_audio_ctx* context) const { wrapper_audio_free(context); }
     };
-    bool open(int32_t rate);
+    bool open(int32_t rate, log::scope& log);
 
     audio_system system_;
     recorder::device device_;

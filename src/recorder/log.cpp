@@ -45,7 +45,8 @@ struct translation {
     std::string_view begins;
     std::string_view english;
     std::string_view ends = {}; // left out
-    bool is_failure = begins.find("ОШИБКА") != std::string_view::npos || english == no_input_device;
+    bool is_failure = begins.find("ОШИБКА") != std::string_view::npos ||
+                      begins.find("WARN") != std::string_view::npos || english == no_input_device;
 };
 
 // What stands behind the beginning of a line is the same in both languages: PortAudio's words and numbers.
@@ -80,8 +81,8 @@ constexpr translation translations[] = {
 };
 
 const translation* find_translation(std::string_view line) {
-    const auto found = std::find_if(std::begin(translations), std::end(translations),
-                                    [&](const translation& each) { return line.starts_with(each.begins); });
+    const auto* const found = std::find_if(std::begin(translations), std::end(translations),
+                                           [&](const translation& each) { return line.starts_with(each.begins); });
     return found == std::end(translations) ? nullptr : found;
 }
 

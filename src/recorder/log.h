@@ -14,8 +14,9 @@ public:
     scope(const scope&) = delete;
     scope& operator=(const scope&) = delete;
 
-    // The core's last line about a failure since the scope began, or since the last call.
+    // The core's last line about a failure or a warning since the scope began, or since the last call.
     std::string take_failure();
+    bool has_failure() const { return !failure_.empty(); }
 
 private:
     friend struct collector;

@@ -51,9 +51,9 @@ public:
     explicit voice_processor(const wrapper_audio_voice_options& options) : chain_(options) {}
 
     void process(sample_span in, std::vector<float>& out) override {
-        constexpr std::size_t most = 60 * 60 * 100;
+        constexpr std::ptrdiff_t most = 360000; // an hour
         std::vector<float>& told = chain_.speech();
-        if (told.size() > most) told.erase(told.begin(), told.end() - most);
+        if (std::ssize(told) > most) told.erase(told.begin(), told.end() - most);
         chain_.process(in, out);
     }
     void finish(std::vector<float>& out) override { chain_.flush(out); }

@@ -139,6 +139,7 @@ void build_tables(state& w) {
     for (const host_api& h : w.host_apis) {
         PaHostApiInfo info{};
         info.structVersion = 1;
+        info.type = h.type;
         info.name = h.name ? h.name->c_str() : nullptr;
         w.host_api_infos.push_back(info);
     }

@@ -34,6 +34,7 @@ struct device {
 
 struct host_api {
     std::optional<std::string> name = "Host";
+    PaHostApiTypeId type = paALSA;
 };
 
 struct stream {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages in a fresh minimal Debian of the same release, records with the program there, builds and
-# runs a host, and removes everything again. Needs root and a network; takes some minutes.
+# runs hosts, and removes everything again. Needs root and a network; takes some minutes.
 # Usage: check_clean_root.sh FOLDER   where the packages are
 set -euo pipefail
 packages=$(realpath "$1")
@@ -58,13 +58,18 @@ echo "ok: wrapper-audio says its version, lists devices and records"
 
 development=(packages/librnnoise-dev_*.deb packages/libwrapper-audio-dev_*.deb)
 add "${development[@]/#//}" gcc libc6-dev pkgconf
-cp "$here/stranger/stranger.c" microphone
-# shellcheck disable=SC2016 # for the shell inside
-quietly inside sh -c 'cd /microphone && gcc -std=c99 -pedantic -Wall -Wextra -Werror stranger.c \
-  $(pkg-config --cflags --libs wrapper_audio) -o stranger'
-inside /microphone/stranger >microphone/heard 2>"$log" || { cat "$log"; fail "the host does not record"; }
-cmp microphone/program microphone/heard || fail "the host hears another sound than the program"
-echo "ok: a host in C, built with libwrapper-audio-dev"
+cp "$here"/stranger/*.c microphone
+for host in stranger recorder; do
+  package=wrapper_audio
+  [ "$host" = stranger ] || package=wrapper_audio_recorder
+  # shellcheck disable=SC2016 # for the shell inside
+  quietly inside sh -c 'cd /microphone && gcc -std=c99 -pedantic -Wall -Wextra -Werror "$1.c" \
+    $(pkg-config --cflags --libs "$2") -o "$1"' sh "$host" "$package"
+  inside "/microphone/$host" >microphone/heard 2>"$log" || { cat "$log"; fail "the $host does not record"; }
+  [ "$(stat -c %s microphone/heard)" -eq 32000 ] && [ "$(tr -d '\0' <microphone/heard | wc -c)" -gt 10000 ] ||
+    fail "the $host hears next to nothing"
+done
+echo "ok: hosts in C, built with libwrapper-audio-dev"
 
 quietly inside apt-get -qq purge -y 'libwrapper-audio*' wrapper-audio
 left=$(find etc usr var -name '*wrapper*audio*' ! -path 'var/cache/apt/*')

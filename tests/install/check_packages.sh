@@ -30,14 +30,15 @@ echo "ok: lintian finds no errors"
 
 # Names alone, and without what differs from one Debian to the next.
 needs() { dpkg-deb -f "$1" Depends | tr , '\n' | sed -E 's/ *([^ ]+).*/\1/; s/t64$//; s/^libfmt[0-9]+$/libfmt/' | sort | xargs; }
-expect "what the library needs" "libc6 libportaudio2 librnnoise0" "$(needs "$library")"
+expect "what the libraries need" "libc6 libgcc-s1 libportaudio2 librnnoise0 libsoxr0 libstdc++6" "$(needs "$library")"
 expect "what the development files need" \
   "libwrapper-audio$major (= $version), portaudio19-dev, librnnoise-dev" "$(dpkg-deb -f "$development" Depends)"
 expect "what the program needs" "libc6 libfmt libgcc-s1 libsndfile1 libstdc++6 libwrapper-audio$major" "$(needs "$program")"
 expect "kinds" "same same foreign" \
   "$(for package in "$library" "$development" "$program"; do dpkg-deb -f "$package" Multi-Arch; done | xargs)"
-expect "what others that link the library are told to need" \
-  "libwrapper_audio $major libwrapper-audio$major (>= $version)" "$(dpkg-deb -I "$library" shlibs)"
+expect "what others that link the libraries are told to need" \
+  "libwrapper_audio $major libwrapper-audio$major (>= $version)
+libwrapper_audio_recorder $major libwrapper-audio$major (>= $version)" "$(dpkg-deb -I "$library" shlibs | LC_ALL=C sort)"
 expect "what happens on installation" "activate-noawait ldconfig" "$(dpkg-deb -I "$library" triggers)"
 for package in "$library" "$development" "$program"; do
   ! dpkg-deb -I "$package" | grep -E '(post|pre)(inst|rm)' || fail "$package runs a script"
@@ -66,7 +67,7 @@ usr=$folder/root/usr
 for path in "$(realpath "$source")" "$packages"; do
   ! grep -rlF "$path" "$folder/root" || fail "these hold the path $path"
 done
-for binary in "$usr/bin/wrapper-audio" "$usr/$libdir/libwrapper_audio.so"; do
+for binary in "$usr/bin/wrapper-audio" "$usr/$libdir"/libwrapper_audio{,_recorder}.so; do
   ! readelf -dW "$binary" | grep -E 'R(UN)?PATH' || fail "$binary has a run path"
 done
 for compressed in "$usr"/share/man/man1/*.gz "$usr"/share/doc/*/changelog.gz; do
@@ -81,10 +82,16 @@ expect "the devices" "ALSA:default ALSA:filemic" \
   "$("$usr/bin/wrapper-audio" devices --ids --quiet 2>/dev/null | sort | xargs)"
 "$usr/bin/wrapper-audio" record --quiet --denoise --seconds 1 - >"$folder/program" 2>"$folder/log" ||
   { cat "$folder/log"; fail "the program does not record"; }
-[ "$(tr -d '\0' <"$folder/program" | wc -c)" -gt 10000 ] || fail "the program hears next to nothing"
-# shellcheck disable=SC2046
-cc -std=c99 "$here/stranger/stranger.c" \
-  $(PKG_CONFIG_PATH=$usr/$libdir/pkgconfig pkg-config --cflags --libs wrapper_audio) -o "$folder/stranger"
-"$folder/stranger" >"$folder/heard" 2>"$folder/log" || { cat "$folder/log"; fail "the host does not record"; }
-cmp "$folder/program" "$folder/heard" || fail "the host hears another sound than the program"
-echo "ok: the program, and a host in C"
+export PKG_CONFIG_PATH=$usr/$libdir/pkgconfig
+for host in stranger recorder; do
+  package=wrapper_audio
+  [ "$host" = stranger ] || package=wrapper_audio_recorder
+  # shellcheck disable=SC2046
+  cc -std=c99 "$here/stranger/$host.c" $(pkg-config --cflags --libs "$package") -o "$folder/host"
+  "$folder/host" >"$folder/$host" 2>"$folder/log" || { cat "$folder/log"; fail "the $host in C does not record"; }
+done
+for heard in program stranger recorder; do
+  expect "a second, heard by the $heard" 32000 "$(stat -c %s "$folder/$heard")"
+  [ "$(tr -d '\0' <"$folder/$heard" | wc -c)" -gt 10000 ] || fail "the $heard hears next to nothing"
+done
+echo "ok: the program, and hosts in C"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Holds the binary interface of the library to the description beside this script: functions, the types of what they
+# Holds the binary interface of a library to the description beside this script: functions, the types of what they
 # take and give, and the layout of whatever the header shows. What the header does not show is free to change.
 # Usage: check_interface.sh [--renew] LIBRARY HEADER DESCRIPTION      (LIBRARY with debug information)
 set -euo pipefail
@@ -13,7 +13,7 @@ cp "$header" "$folder/public"
 
 abidw --headers-dir "$folder/public" --drop-private-types --exported-interfaces-only --no-corpus-path \
   --no-comp-dir-path --no-show-locs --no-elf-needed --type-id-style hash "$library" |
-  sed "s|path='[^']*/src/|path='src/|" >"$folder/now"
+  sed "s|path='[^']*/src/|path='src/|" | python3 -B "$(dirname "$0")/only_exported.py" >"$folder/now"
 functions=$(grep -c '<function-decl' "$folder/now" || true)
 [ "$functions" -gt 0 ] || { echo "FAILED: no function is described: is there debug information in $library?"; exit 1; }
 

@@ -186,6 +186,20 @@ TEST_F(device_list, is_had_while_a_recorder_is_open) {
     EXPECT_EQ(wrapper_audio_device_list_count(list), 1U);
 }
 
+// The end of PortAudio's last user would end the process when a JACK server has ended before.
+TEST_F(device_list, leaves_portaudio_running_where_there_is_jack) {
+    world().devices = {device{"A"}, device{.name = "B", .host_api = 1}};
+    world().host_apis = {fake::host_api{"ALSA"}, fake::host_api{.name = "JACK", .type = paJACK}};
+    ASSERT_EQ(wrapper_audio_device_list_create(&list), WRAPPER_AUDIO_OK);
+    EXPECT_GT(world().initialisations, 0);
+    ASSERT_NO_FATAL_FAILURE(record({}, "ALSA:A"));
+    ASSERT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK);
+    EXPECT_GT(world().initialisations, 0);
+    EXPECT_THAT(world().open_streams, IsEmpty()) << "devices are given back all the same";
+    while (world().initialisations > 0)
+        Pa_Terminate();
+}
+
 TEST_F(device_list, finds_by_an_id_or_a_part_of_it_in_any_case) {
     world().devices = {device{"Front Mic"}, device{"Rear Mic"}, device{.name = "Loud", .inputs = 0, .outputs = 2},
                        device{"Front Mic of the \u00C4rger"}, device{"Line"}};

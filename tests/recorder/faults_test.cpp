@@ -165,7 +165,7 @@ protected:
             EXPECT_EQ(seen.opened, WRAPPER_AUDIO_OK);
             EXPECT_EQ(seen.list, begins("Pa_Initialize") ? WRAPPER_AUDIO_NO_AUDIO_SYSTEM : WRAPPER_AUDIO_OK);
             if (begins("Pa_GetDeviceCount")) {
-                EXPECT_EQ(seen.devices, 0U);
+                EXPECT_THAT(seen.devices, AnyOf(0U, 3U)); // it is asked for JACK, too
             }
             return;
         }

@@ -151,12 +151,15 @@ TEST_F(hanging_device, that_does_not_open_is_left_behind_after_10_seconds) {
     EXPECT_GE(now() - before, milliseconds(10000));
     EXPECT_LE(now() - before, milliseconds(11000));
     EXPECT_THAT(text(WRAPPER_AUDIO_TEXT_REASON), HasSubstr("10 seconds"));
+    place.wait_for_somebody();
     EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
     EXPECT_EQ(read(1).status, WRAPPER_AUDIO_INVALID_STATE);
 
+    test_clock::let_waits_pass(false);
     int16_t pcm[4800];
     wrapper_audio_block told;
     EXPECT_EQ(wrapper_audio_recorder_read_s16(other, pcm, 4800, -1, &told), WRAPPER_AUDIO_OK) << "others go on";
+    test_clock::let_waits_pass(true);
     EXPECT_EQ(wrapper_audio_recorder_open(recorder, "Host:B"), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
     EXPECT_EQ(wrapper_audio_recorder_stop(other), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK) << "PortAudio is taken";
     wrapper_audio_recorder_free(other);
@@ -370,8 +373,8 @@ TEST_F(late_host, has_no_stall_while_a_file_waits_for_it) {
 
 TEST_F(late_host, learns_of_what_was_lost_inside_the_system) {
     microphone.keeps_time = true;
-    record({.rate = 16000});
     microphone.hang_after(32640);
+    record({.rate = 16000});
     ASSERT_EQ(read(32000).status, WRAPPER_AUDIO_OK);
     test_clock::skip(milliseconds(500)); // nobody will ever hear these
     uint64_t dropped = 0;
@@ -381,7 +384,6 @@ TEST_F(late_host, learns_of_what_was_lost_inside_the_system) {
     EXPECT_NEAR(static_cast<double>(dropped), 8000.0, 100.0);
     EXPECT_EQ(info().dropped, dropped);
     EXPECT_EQ(info().read, 64000U);
-    wrapper_audio_recorder_stop(recorder);
 }
 
 } // namespace

@@ -10,7 +10,6 @@ function(add_recording_test name)
     -Wl,--wrap=_ZNSt6chrono3_V212steady_clock3nowEv,--wrap=pthread_cond_clockwait,--wrap=pthread_mutex_clocklock)
 endfunction()
 
-
 add_recording_test(recorder_devices device_list_test.cpp opening_test.cpp recording_arguments_test.cpp)
 add_recording_test(recorder_reading reading_test.cpp hanging_test.cpp)
 add_recording_test(recorder_threads threads_test.cpp)

@@ -14,7 +14,9 @@ constexpr int64_t second = 1'000'000'000;
 
 std::atomic<bool> g_frozen{false};
 std::atomic<bool> g_waits_pass{false};
-std::atomic<int64_t> g_time{0}; // while it stands still
+std::atomic<int64_t> g_time{0}; // while it stands still, and where it went on
+std::atomic<int64_t> g_slowness{1};
+std::atomic<int64_t> g_released{0}; // by the machine's clock
 std::atomic<int> g_waiting{0};
 
 int64_t machines_time() {
@@ -24,7 +26,7 @@ int64_t machines_time() {
 }
 
 int64_t now() {
-    return g_frozen ? g_time.load() : machines_time();
+    return g_frozen ? g_time.load() : g_time + (machines_time() - g_released) / g_slowness;
 }
 
 timespec as_timespec(int64_t time) {
@@ -50,7 +52,9 @@ void freeze() {
     g_frozen = true;
 }
 
-void release() {
+void release(int slowness) {
+    g_slowness = slowness;
+    g_time = g_released = machines_time();
     g_frozen = false;
 }
 
@@ -83,7 +87,10 @@ int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
 
 int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                                   const timespec* end) {
-    if (!g_frozen) return __real_pthread_cond_clockwait(condition, mutex, clock, end);
+    if (!g_frozen) {
+        const timespec machines_end = as_timespec(g_released + (from_timespec(*end) - g_time) * g_slowness);
+        return __real_pthread_cond_clockwait(condition, mutex, clock, &machines_end);
+    }
     const timespec soon = as_timespec(machines_time() + second / 100);
     ++g_waiting;
     const int result = __real_pthread_cond_clockwait(condition, mutex, clock, &soon);

@@ -12,8 +12,8 @@ using std::chrono::nanoseconds;
 // Stands still from now on, but for what follows.
 void freeze();
 
-// Goes on as the machine's does.
-void release();
+// Goes on as the machine's does, or so many times slower, where a busy machine needs more patience.
+void release(int slowness = 1);
 
 void skip(nanoseconds time);
 

@@ -114,6 +114,7 @@ protected:
     }
 
     void TearDown() override {
+        test_clock::let_waits_pass(false);
         microphone.go_on();
         wrapper_audio_recorder_free(recorder);
         EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));

@@ -5,7 +5,9 @@ import os
 import random
 import resource
 import signal
+import time
 import unittest
+import wave
 
 from host import (
     FILE_TROUBLE,
@@ -50,7 +52,7 @@ class Recording(HostTest):
         self.assertEqual(len(samples), len(heard))
         self.assertLessEqual(max(abs(s - h) for s, h in zip(samples, heard)), 1)
 
-        self.record("--rate", 16000, "--seconds", 1, self.file)
+        self.record("--rate", 16000, "--converter", "linear", "--seconds", 1, self.file)
         samples = self.recorded(16000)
         means = [sum(heard[at : at + 3]) / 3 for at in range(0, len(heard), 3)]
         self.assertEqual(len(samples), len(means))
@@ -63,27 +65,67 @@ class Recording(HostTest):
         self.listen_to_samples([tone(at / 48000) for at in range(96000)])
         self.record("--rate", 11025, "--seconds", 2, self.file)
         samples = self.recorded(11025)
-        self.assertLessEqual(max(abs(s - tone(at / 11025)) for at, s in enumerate(samples)), 50)
+        apart = [abs(s - tone(at / 11025)) for at, s in enumerate(samples)]
+        self.assertLessEqual(max(apart[100:-100]), 2)  # where the tone begins and ends there are other frequencies
 
-    def test_denoising_removes_the_noise_and_keeps_the_voice(self):
+    def levels(self, rate, *arguments, says=""):
+        """Of the voice and of a pause in the recorded speech, in dB."""
+        code, _, errors = self.record(*arguments, "--rate", rate, "--seconds", 6, self.file)
+        self.assertEqual((code, errors), (FINE, says and f"wrapper-audio: {says}\n"))
+        samples = self.recorded(rate)
+        self.assertEqual(len(samples), 6 * rate)
+        return decibels(rms(samples[rate : 5 * rate])), decibels(rms(samples[5 * rate + rate // 2 :]))
+
+    def test_denoising_removes_the_noise_and_keeps_the_voice_whatever_rate_the_device_runs_at(self):
+        raw = self.folder / "speech.raw"
+        for device_rate, how in (
+            (48000, "denoising at 48000 Hz, the device's own rate"),
+            (44100, "denoising, converted from 44100 Hz"),
+            (16000, "denoising, converted from 16000 Hz"),
+        ):
+            self.host("process", self.speech_as_wav(), raw, "--rate", device_rate)
+            self.listen_to(raw, device_rate)
+            for rate in 16000, 44100:
+                with self.subTest(device_rate=device_rate, rate=rate):
+                    voice, noise = self.levels(rate)
+                    denoised_voice, denoised_noise = self.levels(rate, "--denoise", says=how)
+                    self.assertLess(denoised_noise, noise - 20)
+                    self.assertAlmostEqual(denoised_voice, voice, delta=2)
+
+    def speech_as_wav(self):
+        path = self.folder / "speech.wav"
+        with wave.open(str(path), "wb") as wav:
+            wav.setparams((1, 2, 48000, 0, "NONE", ""))
+            wav.writeframes(SPEECH.read_bytes())
+        return path
+
+    def test_the_strength_says_how_much_of_the_noise_is_removed(self):
         self.listen_to(SPEECH)
-        levels = []
-        for arguments in (), ("--denoise",):
-            code, _, errors = self.record(*arguments, "--seconds", 6, self.file)
-            self.assertEqual((code, errors), (FINE, ""))
-            samples = self.recorded(16000)
-            voice, noise = samples[16000:80000], samples[88000:]
-            levels.append((decibels(rms(voice)), decibels(rms(noise))))
-        (voice, noise), (denoised_voice, denoised_noise) = levels
-        self.assertLess(denoised_noise, noise - 20)
-        self.assertAlmostEqual(denoised_voice, voice, delta=2)
+        how = "denoising at 48000 Hz, the device's own rate"
+        noises = [
+            self.levels(16000, *arguments, says=how)[1]
+            for arguments in (["--denoise=0.2"], ["--denoise", "--strength", 0.8], ["--denoise=0.8"], ["--denoise"])
+        ]
+        self.assertEqual(noises[1], noises[2])
+        self.assertAlmostEqual(noises[0] - noises[1], decibels(0.8 / 0.2), delta=1.5)
+        self.assertLess(noises[3], noises[2] - 3)
 
-    def test_a_device_at_another_rate_is_reported_as_not_denoised(self):
-        self.listen_to(SPEECH, 44100)
-        code, _, errors = self.record("--denoise", "--seconds", 1, self.file)
-        self.assertEqual(code, FINE)
-        self.assertRegex(errors, r"\Awrapper-audio: denoise inactive: the device runs at 44100 Hz, it needs 48000; .*\n\Z")
-        self.assertEqual(len(self.recorded(16000)), 16000)
+    def test_denoising_that_does_not_happen_is_told_even_when_quiet(self):
+        self.listen_to(SPEECH)
+        for arguments in ["--denoise=0"], ["--denoise", "--strength", 0, "--quiet"]:
+            code, _, errors = self.record(*arguments, "--seconds", 1, self.file)
+            self.assertEqual((code, errors), (FINE, "wrapper-audio: nothing is denoised\n"))
+        self.assertEqual(self.record("--denoise", "--quiet", "--seconds", 1, self.file), (FINE, "", ""))
+
+    def test_converted_cleanly_nothing_aliases(self):
+        tone = [round(16000 * math.sin(2 * math.pi * 10000 * at / 48000)) for at in range(96000)]
+        self.listen_to_samples(tone)
+        heard = {}
+        for converter in "clean", "linear":
+            self.record("--converter", converter, "--seconds", 2, self.file)
+            heard[converter] = decibels(rms(self.recorded(16000)[1600:-1600]))
+        self.assertLess(heard["clean"], -90)  # 10000 Hz are beyond what 16000 samples a second can hold
+        self.assertGreater(heard["linear"], -30)
 
     def test_a_named_device_is_recorded(self):
         self.listen_to(SPEECH)
@@ -107,7 +149,9 @@ class Recording(HostTest):
         )
         self.assertEqual((code, drawn.count("\n")), (FINE, 1))
         redraws = [line for line in drawn.rstrip("\r\n").split("\r") if line]
-        self.assertEqual([line[:8].strip() for line in redraws], ["0:00.1", "0:00.2", "0:00.3", "0:00.4"] + ["0:00.5"] * 2)
+        times = [line[:8].strip() for line in redraws]
+        self.assertEqual((times, times[-2:]), (sorted(times), ["0:00.5"] * 2))
+        self.assertTrue(5 <= len(times) <= 0.5 * 20 + 3, times)
         for line in redraws:
             self.assertRegex(line, r"\A +0:00\.\d \[=*-*\|? *\] RMS +-\d+\.\d peak +-\d+\.\d dBFS     \Z")
             self.assertEqual(len(line), 79)
@@ -152,7 +196,7 @@ class Failure(HostTest):
         wrong = [
             ([], "FILE"),
             (["--rate", "0", "out.wav"], "--rate"),
-            (["--rate", "9", "out.wav"], "--rate"),
+            (["--rate", "99", "out.wav"], "--rate"),
             (["--rate", "384001", "out.wav"], "--rate"),
             (["--rate", "fast", "out.wav"], "--rate"),
             (["--seconds", "0", "out.wav"], "--seconds"),
@@ -163,6 +207,12 @@ class Failure(HostTest):
             (["--seconds", "134217.8", "out.wav"], "--seconds.*4 GiB"),  # 2**32 bytes end at 134217.7 s
             (["--seconds", "out.wav"], "--seconds"),
             (["--loud", "out.wav"], "--loud"),
+            (["--block", "30", "out.wav"], "--block"),
+            (["--denoise=1.1", "out.wav"], "--denoise"),
+            (["--denoise", "--strength", "-0.1", "out.wav"], "--strength"),
+            (["--denoise", "--strength", "nan", "out.wav"], "--strength"),
+            (["--strength", "0.5", "out.wav"], "--strength"),
+            (["--converter", "cubic", "out.wav"], "--converter"),
             (["out.wav", "other.wav"], "other.wav"),
         ]
         for arguments, words in wrong:
@@ -205,25 +255,23 @@ class Failure(HostTest):
 
     def test_no_input_device(self):
         (self.folder / "microphone.conf").write_text(NO_DEVICE)
-        self.assert_failed(self.record(self.file), NO_INPUT_DEVICE, r"(?s)\A\[audio_wrapper\] .*there is no input device\n\Z")
+        self.assert_failed(self.record(self.file), NO_INPUT_DEVICE, r"\Awrapper-audio: there is no input device\n\Z")
         self.assertFalse(self.file.exists())
 
     def test_a_device_that_does_not_open_leaves_an_older_file_alone(self):
         self.listen_to(SPEECH)
         self.file.write_bytes(b"older")
         result = self.record(self.file, microphone={"MICROPHONE_REFUSES": "1"})
-        self.assert_failed(result, OPEN_FAILED, r"(?s)Device unavailable.*could not be opened\. .*\n\Z")
-        for line in result[2].splitlines():
-            self.assertRegex(line, r"\A(\[audio_wrapper\]|wrapper-audio:) ")
+        self.assert_failed(result, OPEN_FAILED, r"\Awrapper-audio: ALSA:default did not open: Device unavailable.*\. Is .*\?\n\Z")
         self.assertEqual(self.file.read_bytes(), b"older")
 
     def test_a_device_that_fails_leaves_what_was_recorded(self):
         self.listen_to(SPEECH)
         code, output, errors = self.record(self.file, microphone={"MICROPHONE_FAILS_AFTER": "7"})
         self.assertEqual(code, READ_FAILED)
-        self.assertRegex(errors, r"(?s)\A\[audio_wrapper\] .*the input device failed; .*out\.wav keeps what was")
+        self.assertRegex(errors, r"\Awrapper-audio: ALSA:default failed: \S.*; .*out\.wav keeps what was recorded before\n\Z")
         samples = self.recorded(16000)
-        self.assertEqual(len(samples), 7 * 1600)
+        self.assertEqual(len(samples), 7 * 480)
         self.check_result_line(output, 16000, samples)
 
     def test_without_standard_error_its_lines_do_not_end_up_in_the_file(self):
@@ -233,14 +281,14 @@ class Failure(HostTest):
         )
         self.assertEqual(code, READ_FAILED)
         samples = self.recorded(16000)
-        self.assertEqual(len(samples), 7 * 1600)
+        self.assertEqual(len(samples), 7 * 480)
         self.check_result_line(output, 16000, samples)
 
-    def test_the_last_word_of_a_crash_in_portaudio_is_shown(self):
+    def test_the_last_word_of_a_crash_in_portaudio_is_shown_with_verbose(self):
         self.listen_to(SPEECH)
         for how in "abort", "fault", "exit":
             with self.subTest(how=how):
-                code, _, errors = self.record(self.file, microphone={"MICROPHONE_ENDS": how})
+                code, _, errors = self.record("--verbose", self.file, microphone={"MICROPHONE_ENDS": how})
                 self.assertNotEqual(code, FINE)
                 self.assertIn("the microphone's last word\n", errors)
                 self.assertIn("[audio_wrapper] ctx_create", errors)
@@ -251,16 +299,19 @@ class Failure(HostTest):
         with self.subTest("by itself"):
             code, output, errors = self.record(self.file, microphone=stalled)
             self.assertEqual(code, READ_FAILED)
-            self.assertRegex(errors, "no sound has come for 5 seconds")
+            self.assertRegex(errors, r"delivers no sound: nothing has come for 5 seconds; .*out\.wav keeps")
             self.check_result_line(output, 16000, self.recorded(16000))
         self.file.unlink()
         with self.subTest("by Ctrl-C"):
             process = self.start("record", self.file, microphone=stalled)
-            self.wait_for(lambda: self.file.exists() and self.file.stat().st_size == HEADER_BYTES + 7 * 3200, process)
+            self.wait_for(lambda: self.file.exists() and self.file.stat().st_size > HEADER_BYTES, process)
+            time.sleep(0.5)  # well in the stall
+            begun = time.monotonic()
             process.send_signal(signal.SIGINT)
             output, errors = process.communicate(timeout=4)
+            self.assertLess(time.monotonic() - begun, 2)
             self.assertEqual((process.returncode, errors), (FINE, ""))
-            self.assertEqual(len(self.recorded(16000)), 7 * 1600)
+            self.assertEqual(len(self.recorded(16000)), 7 * 480)
 
 
 if __name__ == "__main__":

@@ -45,9 +45,11 @@ extern "C" const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
     const PaDeviceInfo* info = next<decltype(Pa_GetDeviceInfo)>("Pa_GetDeviceInfo")(index);
     const char* name = std::getenv("MICROPHONE_NAME");
     if (info == nullptr || name == nullptr || index != Pa_GetDefaultInputDevice()) return info;
-    static PaDeviceInfo renamed;
-    renamed = *info;
-    renamed.name = name;
+    static PaDeviceInfo renamed = [&] { // once, since a host may write to it
+        PaDeviceInfo copy = *info;
+        copy.name = name;
+        return copy;
+    }();
     return &renamed;
 }
 
@@ -66,8 +68,12 @@ extern "C" PaError Pa_ReadStream(PaStream* stream, void* buffer, unsigned long f
         std::this_thread::sleep_for(std::chrono::hours(1));
     ++reads;
     if (std::getenv("MICROPHONE_PACED") != nullptr) {
-        const double rate = Pa_GetStreamInfo(stream)->sampleRate;
-        std::this_thread::sleep_for(std::chrono::duration<double>(static_cast<double>(frames) / rate));
+        // By the clock, as a device: what one sleep lasts too long the next one makes up for.
+        using clock = std::chrono::steady_clock;
+        static clock::time_point due = clock::now();
+        const std::chrono::duration<double> length(static_cast<double>(frames) / Pa_GetStreamInfo(stream)->sampleRate);
+        due += std::chrono::duration_cast<clock::duration>(length);
+        std::this_thread::sleep_until(due);
     }
     return next<decltype(Pa_ReadStream)>("Pa_ReadStream")(stream, buffer, frames);
 }

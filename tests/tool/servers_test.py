@@ -6,13 +6,16 @@ import time
 import unittest
 import wave
 
-from host import FINE, NO_INPUT_DEVICE, READ_FAILED, ROOT, SPEECH, USAGE, HostTest, decibels, rms
+from host import FINE, NO_INPUT_DEVICE, READ_FAILED, ROOT, SPEECH, HostTest, decibels, rms
 
 sys.path.insert(0, str(ROOT / "tests/servers"))
 import servers  # noqa: E402
 
 # PortAudio never closes the stream of a device that is gone.
 LEAKS = {"LSAN_OPTIONS": f"suppressions={ROOT}/tests/lsan.supp"}
+
+
+OWN_RATE = "denoising at 48000 Hz, the device's own rate"
 
 
 class ServerTest(HostTest):
@@ -43,7 +46,7 @@ class ServerTest(HostTest):
         self.server.kill()
         output, errors = process.communicate(timeout=20)
         self.assertEqual(process.returncode, READ_FAILED, errors)
-        self.assertRegex(errors, r"the input device failed; .*out\.wav keeps what was recorded before\n\Z")
+        self.assertRegex(errors, r"\Awrapper-audio: .*; .*out\.wav keeps what was recorded before\n\Z")
         samples = self.recorded(16000)
         self.assertGreater(len(samples), 9000)
         self.check_result_line(output, 16000, samples)
@@ -60,18 +63,37 @@ class PulseAudio(ServerTest):
         self.extra["ASAN_OPTIONS"] = "detect_leaks=0"
         self.wait_until_device(f"ALSA:{self.device}")
 
-    def test_it_records_in_real_time_and_tells_that_it_cannot_denoise(self):
-        self.server.play(self.sound)
+    def test_it_records_and_denoises_in_real_time(self):
+        self.play()
         begun = time.monotonic()
-        code, _, errors = self.record("--denoise", "--device", self.device, "--seconds", 4, self.file)
-        self.assertEqual(code, FINE)
-        self.assertGreater(time.monotonic() - begun, 3.5)
-        self.assertRegex(errors, r"\Awrapper-audio: denoise inactive: the device runs at 44100 Hz, it needs 48000; .*\n\Z")
-        samples = self.recorded(16000)
-        self.assertEqual(len(samples), 64000)
-        self.assertAlmostEqual(decibels(rms(samples[-32000:])), -20, delta=4)
+        pause = self.pause_recorded_by()
+        self.assertGreater(time.monotonic() - begun, 5.5)
+        self.play()
+        self.assertLess(self.pause_recorded_by("--denoise", says=OWN_RATE), pause - 15)
         doctor = self.host("doctor", "--device", self.device)[1]
-        self.assertRegex(doctor, f"(?s)sound server of this user: {self.kind.__name__}\n.*denoise inactive.*44100")
+        self.assertRegex(doctor, f"(?s)sound server of this user: {self.kind.__name__}\n.*--denoise works: {OWN_RATE}")
+
+    def play(self):
+        """Returns once the sound is to be heard."""
+        self.server.play(self.sound)
+        level = ("meter", "--device", self.device, "--seconds", 0.3)
+        self.wait_for(lambda: "peak -inf" not in self.host(*level)[1].replace("peak  ", "peak "), what="nothing is heard")
+
+    def pause_recorded_by(self, *arguments, says=""):
+        """The level of the quietest 100 ms, in dB, once the level of the voice has been looked at.
+
+        Without denoising digital silence is not one of them: a busy server leaves it where it had no sound to give.
+        """
+        code, _, errors = self.record(*arguments, "--device", self.device, "--seconds", 6, self.file)
+        # A busy machine may take its time to connect a stream, and gives it silence until then.
+        errors = errors.replace("wrapper-audio: the input is silent (muted? the wrong device?)\n", "")
+        self.assertEqual((code, errors), (FINE, says and f"wrapper-audio: {says}\n"))
+        samples = self.recorded(16000)
+        self.assertEqual(len(samples), 96000)
+        samples = samples[-56000:]
+        self.assertAlmostEqual(decibels(rms(samples)), -20, delta=5)
+        levels = [max(decibels(rms(samples[at : at + 1600])), -120) for at in range(0, len(samples), 1600)]
+        return min(levels) if says else min(level for level in levels if level > -80)
 
     def test_a_server_that_dies_ends_the_recording(self):
         self.record_until_the_server_dies()
@@ -91,7 +113,7 @@ class Jack(ServerTest):
     def setUp(self):
         super().setUp()
         self.start_server(servers.Jack)
-        # PortAudio 19.6 copies twice the bytes of a JACK block, in memory of its own; see `jack_block_ms` in the host.
+        # PortAudio 19.6 copies twice the bytes of a JACK block, in memory of its own, which is why the core reads 30 ms.
         # The address sanitizer watches memcpy in libraries it was not built into, which ends here.
         self.extra["ASAN_OPTIONS"] = "replace_intrin=0"
         self.wait_until_device(":system")
@@ -103,9 +125,9 @@ class Jack(ServerTest):
     def test_it_records_and_denoises_the_sound_that_is_played(self):
         self.speak()
         levels = []
-        for arguments in [], ["--denoise"]:
+        for arguments, says in ([], ""), (["--denoise"], f"wrapper-audio: {OWN_RATE}\n"):
             code, _, errors = self.record(*arguments, "--device", "JACK-play", "--seconds", 3, self.file)
-            self.assertEqual((code, errors), (FINE, ""))
+            self.assertEqual((code, errors), (FINE, says))
             samples = self.recorded(16000)
             self.assertEqual(len(samples), 48000)
             quietest = min(rms(samples[at : at + 1600]) for at in range(16000, 48000, 1600))
@@ -133,11 +155,15 @@ class Jack(ServerTest):
         code, output, errors = self.host("meter", "--device", "jack-play", "--seconds", 2)
         self.assertEqual((code, errors), (FINE, ""))
         self.assertRegex(output, r"\A0:01\.0  RMS +-\d\d\.\d  peak +-\d+\.\d dBFS\n0:02\.0 ")
-        self.assertRegex(self.host("doctor", "--device", "jack-play")[1], "(?s)at 48000 Hz.*denoise will run")
+        self.assertRegex(self.host("doctor", "--device", "jack-play")[1], f"(?s)at 48000 Hz.*--denoise works: {OWN_RATE}")
 
-    def test_blocks_that_portaudio_gets_wrong_are_refused(self):
-        self.assert_failed(self.record("--block", 10, self.file), USAGE, "JACK device can only be read 30 ms")
-        self.assert_failed(self.record("--rate", 11025, self.file), USAGE, "JACK device can only be read 30 ms")
+    def test_any_rate_can_be_recorded(self):
+        self.speak()
+        code, _, errors = self.record("--device", "jack-play", "--rate", 11025, "--seconds", 2, self.file)
+        self.assertEqual((code, errors), (FINE, ""))
+        samples = self.recorded(11025)
+        self.assertEqual(len(samples), 22050)
+        self.assertAlmostEqual(decibels(rms(samples)), -20, delta=5)
 
     def test_a_server_that_dies_ends_the_recording(self):
         self.record_until_the_server_dies()

@@ -5,6 +5,7 @@ import math
 import os
 import pathlib
 import random
+import re
 import struct
 import subprocess
 import time
@@ -67,24 +68,6 @@ class Formats(StreamTest):
         self.assertEqual((code, list(struct.unpack("<48000h", output))), (FINE, heard(self.sound)))
         self.assertRegex(errors, rb"\Awrapper-audio: standard output: 1\.00 s at 48000 Hz, .*\n\Z")
 
-    def test_blocks_of_any_length_give_the_same_samples(self):
-        for block in 1, 7, 10, 30, 100:
-            path = self.folder / "out.raw"
-            self.assertEqual(self.record("--rate", 48000, "--seconds", 1, "--block", block, path)[0], FINE)
-            self.assertEqual(self.read_raw(path), heard(self.sound))
-
-    def test_blocks_that_lose_samples_are_refused(self):
-        for arguments in (
-            ["--rate", 11025, "--block", 10],
-            ["--denoise", "--block", 15],
-            ["--block", 0],
-            ["--block", 101],
-        ):
-            self.assert_failed(self.record(*arguments, self.file), USAGE, "--block")
-        self.listen_to(SPEECH, 44100)
-        self.assert_failed(self.record("--block", 7, self.file), USAGE, "44100 Hz, the rate of the device")
-        self.assertFalse(self.file.exists())
-
     def test_other_extensions_and_terminals_are_refused(self):
         self.assert_failed(self.record("--seconds", 1, "out.mp3"), USAGE, r"\.wav, \.flac or \.raw")
         code, shown = self.in_terminal("record", "--seconds", 1, "-")
@@ -138,20 +121,44 @@ class Formats(StreamTest):
         self.assertEqual(self.record("--seconds", 9, "--quiet", self.file)[2], "")
 
 
+    def test_a_denoised_recording_of_a_quiet_room_is_not_called_silent(self):
+        generator = random.Random(6)
+        self.listen_to_samples([generator.randint(-40, 40) for _ in range(48000)] * 4)
+        code, _, errors = self.record("--denoise", "--seconds", 4, self.file)
+        self.assertEqual((code, errors), (FINE, "wrapper-audio: denoising at 48000 Hz, the device's own rate\n"))
+
+    def test_samples_that_a_slow_reader_loses_are_told(self):
+        ramp = [at % 30000 for at in range(48000 * 20)]
+        self.listen_to_samples(ramp)
+        process = self.start(
+            "record", "--rate", 48000, "--seconds", 8, "--quiet", "-", text=False, microphone={"MICROPHONE_PACED": "1"}
+        )
+        time.sleep(8)  # the pipe holds less than a second, the recorder five
+        output, errors = process.communicate(timeout=30)
+        self.assertEqual((process.returncode, len(output)), (FINE, 8 * 48000 * 2))
+        told = re.fullmatch(rb"wrapper-audio: (\d+) samples were lost, because .*: at ([\d:., ]+)( and .*)?\n", errors)
+        self.assertIsNotNone(told, errors)
+        samples = struct.unpack(f"<{8 * 48000}h", output)
+        self.assertAlmostEqual((len(samples) - 1 + int(told[1])) % 30000, samples[-1], delta=1)
+        jumps = [at for at in range(1, len(samples)) if (samples[at] - samples[at - 1]) % 30000 > 2]
+        self.assertEqual([f"0:{at // 4800 / 10:04.1f}" for at in jumps][:3], told[2].decode().split(", "))
+
+
 class Effects(StreamTest):
     def test_a_recording_with_effects_is_the_plain_recording_processed(self):
         self.listen_to(SPEECH)
         plain, filtered = self.folder / "plain.wav", self.folder / "filtered.raw"
         for rate in 16000, 44100:
-            self.record("--rate", rate, "--seconds", 3, plain)
-            expected = self.process(plain, *EFFECTS)
-            for block in 20, 50, 80:
-                code, _, errors = self.record("--rate", rate, "--seconds", 3, "--block", block, *EFFECTS, filtered)
-                self.assertEqual((code, errors), (FINE, ""))
-                samples = self.read_raw(filtered)
-                self.assertEqual(len(samples), 3 * rate)
-                if rate == 16000:  # 44100 is interpolated within each block, which then differs by itself
-                    self.assertEqual(samples, expected)
+            for voice in [], ["--denoise=0.3", "--quiet"], ["--converter", "linear"]:
+                with self.subTest(rate=rate, voice=voice):
+                    self.record("--rate", rate, "--seconds", 3, *voice, plain)
+                    expected = self.process(plain, *EFFECTS)
+                    code, _, errors = self.record("--rate", rate, "--seconds", 3, *voice, *EFFECTS, filtered)
+                    self.assertEqual((code, errors), (FINE, ""))
+                    samples = self.read_raw(filtered)
+                    self.assertEqual(len(samples), 3 * rate)
+                    # The plain recording is rounded to 16 bits, which the gain control of up to 10 makes audible.
+                    self.assertLessEqual(max(abs(s - e) for s, e in zip(samples, expected)), 11)
 
     def test_depop_subtracts_a_share_of_the_sample_before_without_seams(self):
         generator = random.Random(2)
@@ -202,30 +209,87 @@ class Process(StreamTest):
     def test_without_an_effect_nothing_changes(self):
         generator = random.Random(3)
         sound = [generator.randint(-32768, 32767) for _ in range(70000)]
-        self.assertEqual(self.process(self.write_wav("in.wav", 22050, sound)), sound)
+        for rate in 22050, 48000, 1, 1000000:
+            self.assertEqual(self.process(self.write_wav("in.wav", rate, sound)), sound)
 
-    def test_a_third_of_the_rate_takes_every_third_sample(self):
+    def test_a_third_of_the_rate_is_the_mean_of_three_samples_when_converted_linearly(self):
         generator = random.Random(4)
         sound = [generator.randint(-32768, 32767) for _ in range(200001)]
-        self.assertEqual(self.process(self.write_wav("in.wav", 48000, sound), "--rate", 16000), sound[::3])
+        out = self.process(self.write_wav("in.wav", 48000, sound), "--rate", 16000, "--converter", "linear")
+        means = [sum(sound[at : at + 3]) / 3 for at in range(0, len(sound), 3)]
+        self.assertEqual(len(out), len(means))
+        self.assertLessEqual(max(abs(o - m) for o, m in zip(out, means)), 0.51)
 
-    def test_other_ratios_interpolate_across_the_whole_file(self):
+    def test_other_ratios_interpolate_across_the_whole_file_when_converted_linearly(self):
         generator = random.Random(5)
         sound = [generator.randint(-20000, 20000) for _ in range(150000)]
-        for rate, wanted in (44100, 16000), (16000, 44100), (44100, 47999), (96000, 48000), (8000, 384000):
+        for rate, wanted in (44100, 16000), (16000, 44100), (44100, 47999), (8000, 384000):
             with self.subTest(rate=rate, wanted=wanted):
                 some = sound if wanted <= 48000 else sound[:20000]
-                out = self.process(self.write_wav("in.wav", rate, some), "--rate", wanted)
-                self.assertAlmostEqual(len(out), len(some) * wanted / rate, delta=1.01)
+                source = self.write_wav("in.wav", rate, some)
+                out = self.process(source, "--rate", wanted, "--converter", "linear")
+                self.assertEqual(len(out), self.length(len(some), rate, wanted))
                 for i in range(0, len(out), 7):
                     left, over = divmod(i * rate, wanted)
                     right = some[min(left + 1, len(some) - 1)]
                     expected = some[left] + (right - some[left]) * over / wanted
                     self.assertLessEqual(abs(out[i] - expected), 0.51, i)
 
+    @staticmethod
+    def length(count, rate, wanted):
+        return (2 * count * wanted + rate) // (2 * rate)  # rounded to the nearest
+
+    def test_a_clean_conversion_keeps_what_fits_in_its_time_and_nothing_else(self):
+        for rate, wanted in (48000, 16000), (44100, 16000), (16000, 44100), (48000, 44100):
+            for hertz, stays in (1000, True), (0.7 * min(rate, wanted) / 2, True), (0.55 * wanted, False):
+                if 2 * hertz >= rate:
+                    continue
+                with self.subTest(rate=rate, wanted=wanted, hertz=hertz):
+                    out = self.process(self.write_wav("in.wav", rate, tone(hertz, rate, 1, 20000)), "--rate", wanted)
+                    expected = tone(hertz, wanted, 1, 20000 if stays else 0)
+                    self.assertEqual(len(out), wanted)
+                    apart = [abs(o - e) for o, e in zip(out, expected)]
+                    self.assertLessEqual(max(apart[wanted // 10 : -wanted // 10]), 3)
+
+    def test_lengths_are_those_of_the_input_to_the_nearest_sample(self):
+        for count in 1, 2, 3, 479, 480, 481, 44101:
+            for rate, wanted in (48000, 16000), (44100, 16000), (16000, 44100), (11025, 48000), (44100, 100):
+                for voice in [], ["--denoise"], ["--converter", "linear"]:
+                    source = self.write_wav("in.wav", rate, tone(440, rate, 1, 9000)[:1] * count)
+                    out = self.process(source, "--rate", wanted, *voice)
+                    self.assertEqual(len(out), self.length(count, rate, wanted), (count, rate, wanted, voice))
+
+    def test_denoising_a_file_is_like_denoising_a_recording(self):
+        self.listen_to(SPEECH)
+        plain, denoised = self.folder / "plain.wav", self.folder / "denoised.raw"
+        self.record("--rate", 48000, "--seconds", 6, plain)
+        self.record("--rate", 48000, "--seconds", 6, "--denoise=0.9", denoised)
+        out = self.process(plain, "--denoise", "--strength", 0.9)
+        expected = self.read_raw(denoised)
+        self.assertEqual(len(out), len(expected))
+        self.assertLessEqual(rms([o - e for o, e in zip(out, expected)]), 2 / 32767)
+        self.assertEqual(self.process(plain, "--denoise=0"), self.process(plain))
+
+    def test_a_voice_is_denoised_at_any_rate_and_stays_in_its_time(self):
+        source = self.write_wav("speech.wav", 48000, struct.unpack("<288000h", SPEECH.read_bytes()))
+        for rate in 16000, 44100:
+            with self.subTest(rate=rate):
+                at_rate = self.folder / "at_rate.wav"
+                self.host("process", source, at_rate, "--rate", rate)
+                before, after = self.process(at_rate), self.process(at_rate, "--denoise")
+                voice, noise = slice(rate, 5 * rate), slice(5 * rate + rate // 2, None)
+                self.assertAlmostEqual(decibels(rms(after[voice])), decibels(rms(before[voice])), delta=2)
+                self.assertLess(decibels(rms(after[noise])), decibels(rms(before[noise])) - 20)
+
+                def likeness(shift):
+                    return sum(b * a for b, a in zip(before[voice], after[rate + shift : 5 * rate + shift]))
+
+                shifts = range(-40, 41, 4)
+                self.assertEqual(max(shifts, key=likeness), 0)
+
     def test_a_conversion_to_a_much_higher_rate_takes_little_memory(self):
         out = self.folder / "long.raw"
-        source = self.write_wav("in.wav", 1, [1000] * 100)
+        source = self.write_wav("in.wav", 100, [1000] * 10000)
         host = subprocess.Popen([HOST, "process", source, out, "--rate", "384000"], stdout=subprocess.DEVNULL)
         _, status, used = os.wait4(host.pid, 0)
         host.returncode = os.waitstatus_to_exitcode(status)
@@ -268,7 +332,10 @@ class Process(StreamTest):
             with self.subTest(name=name):
                 self.assert_failed(self.host("process", name, self.file), FILE_TROUBLE, rf"{name}\b|directory")
                 self.assertFalse(self.file.exists())
-        for rate in "0", "-1", "9", "1e9", "fast":
+        slow = self.write_wav("slow.wav", 99, [0] * 10)
+        for change in ["--rate", 16000], ["--denoise"], ["--agc", -20]:
+            self.assert_failed(self.host("process", slow, self.file, *change), FILE_TROUBLE, r"slow\.wav is at 99 Hz")
+        for rate in "0", "-1", "99", "1e9", "fast":
             self.assert_failed(self.host("process", good, self.file, "--rate", rate), USAGE, "--rate")
         self.assert_failed(self.host("process", good, good), USAGE, "same file")
         self.assert_failed(self.host("process", good, self.folder), FILE_TROUBLE, "cannot create")

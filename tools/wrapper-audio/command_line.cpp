@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <iostream>
+#include <map>
 
 namespace {
 
@@ -29,6 +30,7 @@ public:
 private:
     CLI::App* add(const std::string& name, const std::string& description, const std::string& examples);
     static void add_device(CLI::App* command, std::string& device);
+    static void add_voice(CLI::App* command, voice_options& voice);
     static void add_effects(CLI::App* command, effect_options& effects);
     void add_devices();
     void add_meter();
@@ -89,13 +91,36 @@ void parser::add_device(CLI::App* command, std::string& device) {
         ->type_name("ID");
 }
 
+void parser::add_voice(CLI::App* command, voice_options& voice) {
+    auto* denoise = command->add_option(
+        "--denoise",
+        [&voice](const CLI::results_t& texts) {
+            return texts.at(0) == "true" ? (voice.denoise = 1.0F, true)
+                                         : value_of("--denoise", voice.denoise, parse_share)(texts);
+        },
+        "suppress noise; --denoise=0.5 takes half of it away");
+    denoise->expected(0);
+    command
+        ->add_option("--strength", value_of("--strength", voice.denoise, parse_share),
+                     "with --denoise: how much of the noise is taken away, 0 to 1; 1 if not given")
+        ->needs(denoise)
+        ->type_name("SHARE");
+    const std::map<std::string, wrapper_audio_conversion> conversions{{"clean", WRAPPER_AUDIO_CONVERSION_CLEAN},
+                                                                      {"linear", WRAPPER_AUDIO_CONVERSION_LINEAR}};
+    command
+        ->add_option("--converter", voice.conversion, "of sample rates: clean, or linear, which is quick and aliases")
+        ->transform(CLI::CheckedTransformer(conversions).description(""))
+        ->type_name("clean|linear");
+}
+
 void parser::add_effects(CLI::App* command, effect_options& effects) {
     command
         ->add_option("--highpass", value_of("--highpass", effects.highpass, parse_high_pass),
                      "remove rumble below this corner; Q is 0.707 if not given")
         ->type_name("HZ[:Q]");
-    command->add_option("--depop", effects.depop, "subtract this share of the sample before, 0 to 1, against pops")
-        ->check(CLI::Range(0.0, 1.0).description(""))
+    command
+        ->add_option("--depop", value_of("--depop", effects.depop, parse_share),
+                     "subtract this share of the sample before, 0 to 1, against pops")
         ->type_name("COEF");
     command
         ->add_option("--agc", value_of("--agc", effects.agc, parse_gain_control),
@@ -107,7 +132,7 @@ void parser::add_devices() {
     CLI::App* command = add("devices", "List the devices to record from",
                             "  wrapper-audio devices\n"
                             "  wrapper-audio devices --json | jq -r '.[] | select(.kind == \"input\") | .id'\n");
-    auto* json = command->add_flag("--json", devices.json, "the library's own list, inputs and outputs");
+    auto* json = command->add_flag("--json", devices.json, "a list for programs, inputs and outputs");
     command->add_flag("--ids", devices.ids, "ids alone, one a line, for scripts")->excludes(json);
     command->add_flag("--all", devices.all, "outputs as well");
 }
@@ -132,28 +157,26 @@ void parser::add_record() {
                      "the file, overwritten: .wav, .flac or .raw; - sends raw samples to standard output")
         ->required();
     add_device(command, recording.device);
-    // Below 10 Hz no read is long enough for a sample.
-    command->add_option("-r,--rate", recording.rate, "samples per second, 10 to 384000")
-        ->check(CLI::Range(10, 384000).description(""))
+    command->add_option("-r,--rate", recording.rate, "samples per second, 100 to 384000")
+        ->check(CLI::Range(100, 384000).description(""))
         ->type_name("HZ")
         ->capture_default_str();
-    command->add_flag("--denoise", recording.denoise, "suppress noise; works on devices that run at 48000 Hz");
+    add_voice(command, recording.voice);
     command->add_option("--seconds", recording.seconds, "how long to record; default: until Ctrl-C")->type_name("S");
-    command->add_option("--block", recording.block_ms, "take the sound in blocks of so many ms, 1 to 100")
-        ->check(CLI::Range(1, 100).description(""))
-        ->type_name("MS");
     add_effects(command, recording.effects);
 }
 
 void parser::add_process() {
-    CLI::App* command = add("process", "Run the rate conversion, the filters and the gain control on a file",
+    CLI::App* command = add("process", "Convert, denoise and filter a file",
                             "  wrapper-audio process --rate 16000 music.flac for-the-recogniser.wav\n"
+                            "  wrapper-audio process --denoise --strength 0.8 noisy.wav clean.wav\n"
                             "  wrapper-audio process --highpass 80:0.9 --agc -20 quiet.wav loud.wav\n");
     command->add_option("IN", processing.in, "any sound file; several channels are mixed to one")->required();
     command->add_option("OUT", processing.out, "the file to write: .wav, .flac, .raw or -, 16 bits, mono")->required();
-    command->add_option("-r,--rate", processing.rate, "samples per second, 10 to 384000; default: those of IN")
-        ->check(CLI::Range(10, 384000).description(""))
+    command->add_option("-r,--rate", processing.rate, "samples per second, 100 to 384000; default: those of IN")
+        ->check(CLI::Range(100, 384000).description(""))
         ->type_name("HZ");
+    add_voice(command, processing.voice);
     add_effects(command, processing.effects);
 }
 

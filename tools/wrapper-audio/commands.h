@@ -7,6 +7,8 @@
 #include "effects.h"
 #include "failure.h"
 
+#include <wrapper_audio_recorder.h>
+
 #include <optional>
 #include <string>
 
@@ -21,13 +23,18 @@ struct meter_options {
     std::optional<double> seconds;
 };
 
+/** Rate conversion and noise suppression. */
+struct voice_options {
+    std::optional<float> denoise; // strength
+    wrapper_audio_conversion conversion = WRAPPER_AUDIO_CONVERSION_CLEAN;
+};
+
 struct record_options {
     std::string path;
     std::string device;
     int rate = 16000;
-    bool denoise = false;
+    voice_options voice;
     std::optional<double> seconds;
-    std::optional<int> block_ms;
     effect_options effects;
 };
 
@@ -35,6 +42,7 @@ struct process_options {
     std::string in;
     std::string out;
     std::optional<int> rate;
+    voice_options voice;
     effect_options effects;
 };
 

@@ -18,7 +18,7 @@
 #include <array>
 #include <cstdlib>
 #include <filesystem>
-#include <string_view>
+#include <sstream>
 #include <vector>
 
 namespace {
@@ -30,7 +30,7 @@ std::vector<std::string> loaded_libraries() {
     std::vector<std::string> files;
     dl_iterate_phdr(
         [](dl_phdr_info* info, std::size_t, void* to) {
-            static constexpr std::array names{"libwrapper_audio", "libportaudio", "librnnoise",
+            static constexpr std::array names{"libwrapper_audio", "libportaudio", "librnnoise", "libsoxr",
                                               "libasound.",       "libjack",      "libsndfile"};
             const std::string path = info->dlpi_name;
             const std::string file = path.substr(path.rfind('/') + 1);
@@ -45,7 +45,7 @@ std::vector<std::string> loaded_libraries() {
     return files;
 }
 
-/** PortAudio is no business of the library's header, but it is in the process and can be asked. */
+/** PortAudio is no business of the library's headers, but it is in the process and can be asked. */
 std::string portaudio_version() {
     void* const symbol = dlsym(RTLD_DEFAULT, "Pa_GetVersionText");
     if (symbol == nullptr) return "PortAudio does not tell its version";
@@ -88,69 +88,63 @@ void report_surroundings() {
 
 /** Returns whether there is something to open. */
 bool report_devices() {
-    const int capabilities = wrapper_audio_capabilities();
     print("\nDevices\n");
-    print(fmt::format("  capabilities {}: {}\n", capabilities,
-                      capabilities == 0   ? "PortAudio does not start"
-                      : capabilities == 1 ? "PortAudio starts, but no device can capture"
-                                          : "at least one device can capture"));
-    for (const device& each : parse_device_list(device_list_text()))
-        print(fmt::format("  {} {} ({})\n", each.is_default ? '*' : ' ', printable(each.id),
-                          each.can_capture ? "input" : "output"));
-    return capabilities == 3;
+    const device_list list;
+    print(list.has_input() ? "  capabilities 3: at least one device can capture\n"
+                           : "  capabilities 1: PortAudio starts, but no device can capture\n");
+    for (const wrapper_audio_device& each : list)
+        print(fmt::format("  {} {} ({})\n", each.is_default != 0 ? '*' : ' ', printable(each.id),
+                          each.input_channels > 0 ? "input" : "output"));
+    return list.has_input();
 }
 
 /* ---- What opening it says ------------------------------------------------------------------------------------ */
 
-int on_stall(stall_guard::reason reason) {
-    if (reason == stall_guard::reason::stop_requested) return fine;
-    console::show_library_lines();
-    console::error(
-        "the device opens, but no sound has come for 5 seconds. A sound server may hold it; try another one");
-    return read_failed;
-}
-
 /** Half a second of sound. */
-level listen(microphone& opened, int block_ms) {
-    std::vector<std::int16_t> samples(16000 / 10 + 1);
+level listen(microphone& opened, int rate) {
+    std::vector<float> samples(static_cast<std::size_t>(rate) / 10);
     level heard;
+    wrapper_audio_block block{};
     stop_on_signals();
-    stall_guard guard(on_stall);
-    for (int reads = 0; reads * block_ms < 500 && !stop_requested(); ++reads) {
-        std::int32_t got = 0;
-        guard.watch([&] {
-            got = wrapper_audio_read(opened.get(), block_ms, samples.data(), static_cast<std::int32_t>(samples.size()),
-                                     nullptr, nullptr);
-        });
-        if (got < 0 && !stop_requested()) throw failure(read_failed, "the device opens, but reading from it fails");
-        heard.add(std::span<const std::int16_t>(samples).first(static_cast<std::size_t>(std::max(got, 0))));
-    }
+    while (heard.samples() < static_cast<std::uint64_t>(rate) / 2 && opened.read(samples, block) > 0)
+        heard.add(block.captured_rms, block.captured_peak, block.count);
+    if (opened.trouble())
+        throw failure(opened.trouble()->code,
+                      fmt::format("{}. A sound server may hold it; try another one", opened.trouble()->what()));
     return heard;
 }
 
-constexpr const char* how_to_get_48000 =
-    "  What to do:\n"
-    "    ALSA        take the hardware itself: a device called `… (hw:0,0)` in `wrapper-audio devices`\n"
-    "    PulseAudio  default-sample-rate = 48000 in ~/.config/pulse/daemon.conf, then `pulseaudio -k`;\n"
-    "                its `pulse` device may stay at 44100 all the same: take the hw: device\n"
-    "    PipeWire    default.clock.rate = 48000 in ~/.config/pipewire/pipewire.conf.d/rate.conf, or use its JACK:\n"
-    "                `pw-jack wrapper-audio record --denoise …`\n"
-    "    JACK        start the server at 48000: `jackd -d alsa -r 48000`\n";
-
-void report_denoising(int device_rate) {
-    print("\nDenoising\n");
-    if (device_rate == denoising_rate) {
-        print("  denoise will run: the device runs at 48000 Hz\n");
-    } else if (device_rate == 0) {
-        print("  unknown: the library did not tell the rate of the device\n");
-    } else {
-        print("  " + denoise_inactive(device_rate) + "\n");
-        print(how_to_get_48000);
-    }
+void report_opening(const std::string& wanted) {
+    print(fmt::format("\nOpening {}\n", wanted.empty() ? "the default input" : printable(wanted)));
+    wrapper_audio_recorder_options options{};
+    options.rate = 16000;
+    options.denoise = 1.0F;
+    microphone opened(wanted, options);
+    const wrapper_audio_recorder_info info = opened.info();
+    print(fmt::format("  '{}' opens and runs at {} Hz\n", printable(opened.name()), info.device_rate));
+    const level heard = listen(opened, options.rate);
+    if (heard.peak() > 0)
+        print(fmt::format("  half a second of it: peak {} dBFS, RMS {} dBFS\n", decibel_text(heard.peak()),
+                          decibel_text(heard.rms())));
+    else
+        print("  half a second of it: pure silence (muted? the wrong device?)\n");
+    print(fmt::format("\nDenoising\n  --denoise works: {}\n", denoising_text(info)));
 }
 
-void report_back_ends() {
-    const auto& lines = console::back_end_lines();
+/** What PortAudio's back ends wrote, not the library about itself. */
+std::vector<std::string> audio_system_lines() {
+    std::vector<std::string> lines;
+    std::vector<char> text(65536);
+    while (wrapper_audio_log_take(text.data(), text.size()) > 0) {
+        std::istringstream taken(text.data());
+        for (std::string line; std::getline(taken, line);)
+            if (wrapper_audio_log_in_english(line.c_str(), nullptr, 0) == 0) lines.push_back(line);
+    }
+    return lines;
+}
+
+void report_audio_system() {
+    const std::vector<std::string> lines = audio_system_lines();
     if (lines.empty() || console::is_verbose()) return;
     constexpr std::size_t few = 8;
     print(fmt::format("\nThe audio system said {} lines meanwhile, most of them harmless{}\n", lines.size(),
@@ -159,35 +153,20 @@ void report_back_ends() {
         print("  " + printable(lines[i]) + "\n");
 }
 
-void report_opening(const std::string& wanted) {
-    const auto [id, is_jack] = choose_input(wanted);
-    print(fmt::format("\nOpening {}\n", id.empty() ? "the default input" : printable(id)));
-    microphone opened(16000, true, id);
-    print(fmt::format("  '{}' opens and runs at {} Hz\n", printable(opened.name()), opened.device_rate()));
-    const level heard = listen(opened, is_jack ? jack_block_ms : 100);
-    if (heard.peak() > 0)
-        print(fmt::format("  half a second of it: peak {} dBFS, RMS {} dBFS\n", decibel_text(heard.peak()),
-                          decibel_text(heard.rms())));
-    else
-        print("  half a second of it: pure silence (muted? the wrong device?)\n");
-    report_denoising(opened.device_rate());
-}
-
 } // namespace
 
 exit_code examine(const doctor_options& wanted) {
     report_versions();
     report_surroundings();
-    const bool some = report_devices();
     try {
-        if (!some)
+        if (!report_devices())
             throw failure(no_input_device, "there is no input device. Is a microphone plugged in? `arecord -l` lists "
                                            "what the kernel sees");
         report_opening(wanted.device);
     } catch (...) {
-        report_back_ends();
+        report_audio_system();
         throw;
     }
-    report_back_ends();
+    report_audio_system();
     return fine;
 }

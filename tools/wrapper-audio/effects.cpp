@@ -1,16 +1,15 @@
 #include "effects.h"
 
-#include <fmt/format.h>
-#include <wrapper_audio.h>
+#include "failure.h"
 
-#include <algorithm>
+#include <fmt/format.h>
+
 #include <charconv>
 #include <cmath>
 #include <stdexcept>
+#include <utility>
 
 namespace {
-
-constexpr float design_rate = 16000.0F; // the rate that the library designs its high-pass for
 
 /** "A[:B]" into two numbers; the second keeps its value when it is not there. */
 void parse_pair(const std::string& text, float& first, float& second) {
@@ -25,68 +24,64 @@ void parse_pair(const std::string& text, float& first, float& second) {
     if (colon != std::string::npos) number(std::string_view(text).substr(colon + 1), second);
 }
 
+void check(wrapper_audio_status status) {
+    if (status != WRAPPER_AUDIO_OK) throw failure(unexpected, wrapper_audio_status_text(status));
+}
+
 } // namespace
 
-effect_chain::effect_chain(const effect_options& wanted, int rate)
-    : wanted_(wanted), gain_block_(static_cast<std::size_t>(std::max(1L, std::lround(rate / 100.0)))) {
-    if (wanted_.highpass)
-        wrapper_audio_hpf_init(wanted_.highpass->corner_hz * design_rate / static_cast<float>(rate),
-                               wanted_.highpass->q);
-    if (wanted_.agc) wrapper_audio_agc_init(wanted_.agc->target_db, wanted_.agc->release_ms);
-}
-
-std::span<float> effect_chain::process(std::span<const float> samples) {
-    const std::size_t old = waiting_.size();
-    waiting_.insert(waiting_.end(), samples.begin(), samples.end());
-    const auto added = std::span(waiting_).subspan(old);
-    if (wanted_.depop) depop(added);
-    if (wanted_.highpass) wrapper_audio_hpf_process(nullptr, added.data(), static_cast<std::int32_t>(added.size()));
-
-    // The time constant of the gain holds for blocks of 10 ms: what is left over waits for the next call.
-    const std::size_t complete = wanted_.agc ? waiting_.size() / gain_block_ * gain_block_ : waiting_.size();
-    const auto middle = waiting_.begin() + static_cast<std::ptrdiff_t>(complete);
-    ready_.assign(waiting_.begin(), middle);
-    waiting_.erase(waiting_.begin(), middle);
-    if (wanted_.agc) control_gain(ready_);
-    return ready_;
-}
-
-std::span<float> effect_chain::finish() {
-    ready_.swap(waiting_);
-    waiting_.clear();
-    if (wanted_.agc) control_gain(ready_);
-    return ready_;
-}
-
-/** The library forgets the last sample of a call, so each call begins with the last sample of the one before. */
-void effect_chain::depop(std::span<float> samples) {
-    if (samples.empty()) return;
-    scratch_.assign(1, last_sample_);
-    scratch_.insert(scratch_.end(), samples.begin(), samples.end());
-    last_sample_ = samples.back();
-    wrapper_audio_depop_process(nullptr, scratch_.data(), static_cast<std::int32_t>(scratch_.size()), *wanted_.depop);
-    std::copy(scratch_.begin() + 1, scratch_.end(), samples.begin());
-}
-
-void effect_chain::control_gain(std::span<float> samples) {
-    while (!samples.empty()) {
-        const auto block = samples.first(std::min(gain_block_, samples.size()));
-        wrapper_audio_agc_process(nullptr, block.data(), static_cast<std::int32_t>(block.size()));
-        samples = samples.subspan(block.size());
+effect_chain::effect_chain(const effect_options& wanted, int rate) {
+    if (wanted.depop) stages.push_back(make(wrapper_audio_depop_create, *wanted.depop));
+    if (wanted.highpass) {
+        const auto [corner, q] = *wanted.highpass;
+        if (corner * 2 >= static_cast<float>(rate))
+            throw failure(usage, fmt::format("--highpass: the corner must be below half the rate, {} Hz", rate / 2));
+        stages.push_back(make(wrapper_audio_high_pass_create, rate, corner, q));
     }
+    if (wanted.agc)
+        stages.push_back(make(wrapper_audio_gain_control_create, rate, wanted.agc->target_db, wanted.agc->release_ms));
 }
 
-void to_floats(std::span<const std::int16_t> samples, std::vector<float>& floats) {
-    floats.resize(samples.size());
-    std::transform(samples.begin(), samples.end(), floats.begin(),
-                   [](std::int16_t sample) { return static_cast<float>(sample) / 32768.0F; });
+void effect_chain::begin_with(const wrapper_audio_voice_options& voice) {
+    stages.insert(stages.begin(), make(wrapper_audio_voice_create, &voice));
 }
 
-void to_16_bits(std::span<const float> floats, std::vector<std::int16_t>& samples) {
-    samples.resize(floats.size());
-    std::transform(floats.begin(), floats.end(), samples.begin(), [](float value) {
-        return static_cast<std::int16_t>(std::lrint(std::clamp(value * 32768.0F, -32768.0F, 32767.0F)));
+template <class Create, class... Arguments>
+effect_chain::stage effect_chain::make(Create create, Arguments... arguments) {
+    wrapper_audio_processor* made = nullptr;
+    check(create(&made, arguments...));
+    stage result;
+    result.processor.reset(made);
+    return result;
+}
+
+std::span<const float> effect_chain::run(std::span<const float> samples, bool at_end) {
+    for (stage& each : stages) {
+        pass(each, samples, at_end);
+        samples = each.out;
+    }
+    return samples;
+}
+
+void effect_chain::pass(stage& through, std::span<const float> samples, bool at_end) {
+    constexpr std::size_t room = 4096;
+    through.out.clear();
+    const auto take = [&](auto call) {
+        for (std::size_t given = room; given == room;) {
+            const std::size_t old = through.out.size();
+            through.out.resize(old + room);
+            check(call(through.out.data() + old, &given));
+            through.out.resize(old + given);
+        }
+    };
+    take([&](float* to, std::size_t* given) {
+        const auto in = std::exchange(samples, {}); // all of it goes in at the first call
+        return wrapper_audio_processor_process(through.processor.get(), in.data(), in.size(), to, room, given);
     });
+    if (at_end)
+        take([&](float* to, std::size_t* given) {
+            return wrapper_audio_processor_flush(through.processor.get(), to, room, given);
+        });
 }
 
 high_pass parse_high_pass(const std::string& text) {
@@ -105,4 +100,13 @@ gain_control parse_gain_control(const std::string& text) {
     if (!(parsed.release_ms >= 0 && parsed.release_ms <= 60000))
         throw std::invalid_argument("the release must lie between 0 and 60000 ms");
     return parsed;
+}
+
+float parse_share(const std::string& text) {
+    float share = -1;
+    float rest = 0;
+    parse_pair(text, share, rest);
+    if (!(share >= 0 && share <= 1) || text.find(':') != std::string::npos)
+        throw std::invalid_argument("must lie between 0 and 1");
+    return share;
 }

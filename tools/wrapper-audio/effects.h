@@ -1,10 +1,12 @@
 /**
- * The library's signal functions in a row, on a stream of any length in blocks of any size.
+ * Signal processors in a row, on a stream of any length in blocks of any size.
  */
 #ifndef EFFECTS_H
 #define EFFECTS_H
 
-#include <cstdint>
+#include <wrapper_audio_recorder.h>
+
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -28,35 +30,45 @@ struct effect_options {
     bool any() const { return highpass || depop || agc; }
 };
 
-/** De-pop, high-pass, gain control, in this order. One at a time: the library's filters are one per process. */
+/** De-pop, high-pass, gain control, in this order. */
 class effect_chain {
 public:
+    effect_chain() = default;
+
+    /** Throws a failure when an effect is impossible at this rate. */
     effect_chain(const effect_options& wanted, int rate);
 
-    /** Takes samples in and gives those out that are ready, at most 10 ms fewer. Valid until the next call. */
-    std::span<float> process(std::span<const float> samples);
+    /** Puts a voice chain in front of the others. */
+    void begin_with(const wrapper_audio_voice_options& voice);
 
-    /** What is still inside: less than 10 ms. */
-    std::span<float> finish();
+    /** Takes samples in and gives those out that are ready. Valid until the next call. */
+    std::span<const float> process(std::span<const float> samples) { return run(samples, false); }
+
+    /** What is still inside. */
+    std::span<const float> finish() { return run({}, true); }
 
 private:
-    void depop(std::span<float> samples);
-    void control_gain(std::span<float> samples);
+    struct closer {
+        void operator()(wrapper_audio_processor* made) const { wrapper_audio_processor_free(made); }
+    };
+    struct stage {
+        std::unique_ptr<wrapper_audio_processor, closer> processor;
+        std::vector<float> out;
+    };
 
-    const effect_options wanted_;
-    const std::size_t gain_block_;
-    float last_sample_ = 0;
-    std::vector<float> waiting_;
-    std::vector<float> ready_;
-    std::vector<float> scratch_;
+    template <class Create, class... Arguments>
+    static stage make(Create create, Arguments... arguments);
+    static void pass(stage& through, std::span<const float> samples, bool at_end);
+    std::span<const float> run(std::span<const float> samples, bool at_end);
+
+    std::vector<stage> stages;
 };
-
-/** 16-bit samples as floats of full scale 1.0, and back: rounded to the nearest, and cut at full scale. */
-void to_floats(std::span<const std::int16_t> samples, std::vector<float>& floats);
-void to_16_bits(std::span<const float> floats, std::vector<std::int16_t>& samples);
 
 /** "HZ[:Q]" and "DB[:RELEASE_MS]". Throw std::invalid_argument with a sentence about what is wrong. */
 high_pass parse_high_pass(const std::string& text);
 gain_control parse_gain_control(const std::string& text);
+
+/** A number from 0 to 1, in the same manner. */
+float parse_share(const std::string& text);
 
 #endif

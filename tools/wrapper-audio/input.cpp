@@ -1,114 +1,124 @@
 #include "input.h"
 
-#include "console.h"
-#include "failure.h"
+#include "stopping.h"
 #include "text.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstdlib>
-#include <string_view>
 
 namespace {
 
-/** How the lines begin that show what was opened. */
-constexpr std::string_view created = "[audio_wrapper] ctx_create device='";
-constexpr std::string_view metered = "[audio_wrapper] meter_open device='";
+constexpr int patience_ms = 5000; // with a device that delivers nothing
 
-std::string with_candidates(const std::string& sentence, const std::vector<std::string>& ids) {
-    std::string text = sentence;
-    for (const std::string& id : ids)
-        text += "\n  " + printable(id);
-    return text;
+exit_code code_of(wrapper_audio_status status) {
+    switch (status) {
+    case WRAPPER_AUDIO_NO_AUDIO_SYSTEM:
+    case WRAPPER_AUDIO_NO_INPUT_DEVICE:
+        return no_input_device;
+    case WRAPPER_AUDIO_UNKNOWN_DEVICE:
+    case WRAPPER_AUDIO_AMBIGUOUS_DEVICE:
+    case WRAPPER_AUDIO_NOT_AN_INPUT:
+        return usage;
+    case WRAPPER_AUDIO_DEVICE_REFUSED:
+    case WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK:
+        return open_failed;
+    case WRAPPER_AUDIO_DEVICE_FAILED:
+    case WRAPPER_AUDIO_NO_DATA:
+        return read_failed;
+    default:
+        return unexpected;
+    }
 }
 
-bool is_jack(const std::string& id) {
-    return id.starts_with("JACK Audio Connection Kit:");
-}
-
-/** The ids of the inputs, each once: of two devices with the same id only the first can be reached. */
-std::vector<std::string> input_ids(const std::vector<device>& devices) {
-    std::vector<std::string> ids;
-    for (const device& each : devices)
-        if (each.can_capture && std::find(ids.begin(), ids.end(), each.id) == ids.end()) ids.push_back(each.id);
-    return ids;
+failure failure_of(wrapper_audio_status status, const std::string& reason) {
+    return {code_of(status), reason.empty() ? wrapper_audio_status_text(status) : printable_lines(reason)};
 }
 
 } // namespace
 
-std::string device_list_text() {
-    const std::unique_ptr<char, decltype(&wrapper_audio_free_text)> text(wrapper_audio_list_devices_json(),
-                                                                         wrapper_audio_free_text);
-    console::collect();
-    if (!text) throw failure(unexpected, "not enough memory for the list of devices");
-    return text.get();
+device_list::device_list() {
+    wrapper_audio_device_list* made = nullptr;
+    const wrapper_audio_status status = wrapper_audio_device_list_create(&made);
+    list.reset(made);
+    if (status != WRAPPER_AUDIO_OK) throw failure_of(status, "");
+    for (std::size_t i = 0; i < wrapper_audio_device_list_count(made); ++i)
+        devices.push_back(*wrapper_audio_device_list_get(made, i));
 }
 
-std::vector<device> parse_device_list(const std::string& json) {
-    // Names are bytes of any encoding, JSON is UTF-8. Read as Latin-1 every byte survives the way there and back.
-    const auto list = nlohmann::json::parse(utf8_from_latin1(json), nullptr, false);
-    if (!list.is_array()) throw failure(unexpected, "the list of devices is too long to be read");
-    std::vector<device> devices;
-    for (const auto& entry : list)
-        devices.push_back({latin1_from_utf8(entry.at("id").get<std::string>()),
-                           latin1_from_utf8(entry.at("name").get<std::string>()), entry.at("kind") == "input",
-                           entry.at("isDefault").get<bool>()});
-    return devices;
+bool device_list::has_input() const {
+    return std::any_of(begin(), end(), [](const wrapper_audio_device& each) { return each.input_channels > 0; });
 }
 
-chosen_input choose_input(const std::string& wanted) {
-    const std::vector<device> devices = parse_device_list(device_list_text());
-    if (wanted.empty())
-        return {"", std::any_of(devices.begin(), devices.end(),
-                                [](const device& each) { return each.is_default && is_jack(each.id); })};
-    const std::vector<std::string> ids = input_ids(devices);
-    if (ids.empty()) throw failure(no_input_device, "there is no input device");
-    if (std::find(ids.begin(), ids.end(), wanted) != ids.end()) return {wanted, is_jack(wanted)};
-    std::vector<std::string> matches;
-    for (const std::string& id : ids)
-        if (folded(id).find(folded(wanted)) != std::string::npos) matches.push_back(id);
-    if (matches.size() == 1) return {matches.front(), is_jack(matches.front())};
-    if (matches.empty())
-        throw failure(usage,
-                      with_candidates(fmt::format("no input device matches '{}'. There are:", printable(wanted)), ids));
-    throw failure(usage, with_candidates(fmt::format("'{}' may mean any of:", printable(wanted)), matches));
+std::string device_list::find(const std::string& wanted) const {
+    std::size_t index = 0;
+    std::vector<char> reason(65536);
+    const wrapper_audio_status status =
+        wrapper_audio_device_list_find(list.get(), wanted.c_str(), &index, reason.data(), reason.size());
+    if (status != WRAPPER_AUDIO_OK) throw failure_of(status, reason.data());
+    return devices[index].id;
 }
 
-void check_for_fallback(const std::string& log, const std::string& id) {
-    // Behind the line that shows what was opened there are names, which may hold anything.
-    const std::string before_names = log.substr(0, std::min(log.find(created), log.find(metered)));
-    if (before_names.find("[audio_wrapper] WARN device_id") == std::string::npos) return;
-    throw failure(usage,
-                  fmt::format("the device '{}' cannot be found by its id; the library would take the default one",
-                              printable(id)));
+microphone::microphone(const std::string& wanted, wrapper_audio_recorder_options options) {
+    options.stall_ms = patience_ms / 2; // for the first sample the recorder waits twice as long by itself
+    wrapper_audio_recorder* made = nullptr;
+    wrapper_audio_status status = wrapper_audio_recorder_create(&made, &options);
+    recorder.reset(made);
+    if (status != WRAPPER_AUDIO_OK) throw failure_of(status, "");
+    const std::string id = wanted.empty() ? "" : device_list().find(wanted);
+    status = wrapper_audio_recorder_open(made, id.c_str());
+    if (status == WRAPPER_AUDIO_DEVICE_REFUSED)
+        throw failure(open_failed, fmt::format("{}. Is another program using it?", failed(status).what()));
+    if (status != WRAPPER_AUDIO_OK) throw failed(status);
 }
 
-void report_open_failure(const std::string& log, const std::string& id) {
-    check_for_fallback(log, id);
-    if (wrapper_audio_capabilities() != 3) throw failure(no_input_device, "there is no input device");
-    throw failure(open_failed,
-                  fmt::format("{} could not be opened. Is another program using it? `wrapper-audio doctor` "
-                              "tells more",
-                              id.empty() ? "the default input device" : printable(id)));
+std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& block) {
+    constexpr int often_enough = 100; // ms, to notice a signal soon
+    for (;;) {
+        if (stop_requested()) stop();
+        const wrapper_audio_status status =
+            wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), often_enough, &block);
+        stalls = block.count > 0 ? 0 : stalls + (status == WRAPPER_AUDIO_NO_DATA ? 1 : 0);
+        if (!trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
+            trouble_.emplace(read_failed, fmt::format("{}: nothing has come for {} seconds",
+                                                      wrapper_audio_status_text(status), patience_ms / 1000));
+            stop(); // what is still inside comes then
+        }
+        const bool is_over =
+            status != WRAPPER_AUDIO_OK && status != WRAPPER_AUDIO_TIMEOUT && status != WRAPPER_AUDIO_NO_DATA;
+        if (is_over && status < 0 && !trouble_) trouble_.emplace(failed(status));
+        if (is_over || block.count > 0) return block.count;
+    }
 }
 
-microphone::microphone(int rate, bool denoise, const std::string& id) {
-    const std::string log =
-        console::listen_to([&] { ctx.reset(wrapper_audio_init(rate, denoise ? 1 : 0, id.c_str())); });
-    if (!ctx) report_open_failure(log, id);
-    check_for_fallback(log, id);
-    // From the end, because a name may look like the fields behind it.
-    const std::size_t start = log.find(created);
-    const std::string request = fmt::format(", requested='{}') capture_rate=", id);
-    const std::size_t rate_at = log.rfind(request);
-    const std::size_t end = log.rfind("' (idx=", rate_at);
-    if (start == std::string::npos || rate_at == std::string::npos || end < start + created.size()) return;
-    rate_of_device = static_cast<int>(std::strtol(log.c_str() + rate_at + request.size(), nullptr, 10));
-    device_name = log.substr(start + created.size(), end - start - created.size());
+wrapper_audio_recorder_info microphone::info() const {
+    wrapper_audio_recorder_info info{};
+    wrapper_audio_recorder_get_info(recorder.get(), &info);
+    return info;
 }
 
-std::string denoise_inactive(int device_rate) {
-    return fmt::format("denoise inactive: the device runs at {} Hz, it needs {}", device_rate, denoising_rate);
+void microphone::stop() {
+    if (!stopped) wrapper_audio_recorder_stop(recorder.get());
+    stopped = true;
+}
+
+std::string microphone::text(wrapper_audio_recorder_text_kind kind) const {
+    std::string text(wrapper_audio_recorder_get_text(recorder.get(), kind, nullptr, 0), '\0');
+    wrapper_audio_recorder_get_text(recorder.get(), kind, text.data(), text.size() + 1);
+    return text;
+}
+
+failure microphone::failed(wrapper_audio_status status) const {
+    return failure_of(status, text(WRAPPER_AUDIO_TEXT_REASON));
+}
+
+std::string denoising_text(const wrapper_audio_recorder_info& info) {
+    switch (info.denoising) {
+    case WRAPPER_AUDIO_DENOISING_NATIVE:
+        return fmt::format("denoising at {} Hz, the device's own rate", info.device_rate);
+    case WRAPPER_AUDIO_DENOISING_CONVERTED:
+        return fmt::format("denoising, converted from {} Hz", info.device_rate);
+    default:
+        return "nothing is denoised";
+    }
 }

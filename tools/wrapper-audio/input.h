@@ -1,81 +1,78 @@
 /**
- * Input devices: listed, chosen, opened.
+ * Input devices: listed, chosen, listened to.
  */
 #ifndef INPUT_H
 #define INPUT_H
 
-#include <wrapper_audio.h>
+#include "failure.h"
+
+#include <wrapper_audio_recorder.h>
 
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
-struct device {
-    std::string id;
-    std::string name;
-    bool can_capture = false;
-    bool is_default = false;
-};
-
-/** The library's own text. */
-std::string device_list_text();
-
-/** Throws a failure when the text is no list, which it is not when it had to be cut. */
-std::vector<device> parse_device_list(const std::string& json);
-
-struct chosen_input {
-    std::string id; // "": the default
-    bool is_jack = false;
-};
-
-/**
- * The one input device that `wanted` means: its exact id, or a part of it in whatever case; "" is the default. Throws a
- * failure that lists the candidates when there is none or several.
- */
-chosen_input choose_input(const std::string& wanted);
-
-/**
- * The only block that may be read from a JACK device. PortAudio 19.6 counts its samples there as twice as long as they
- * are: it fills twice the buffer that it is given, and the sound is whole only when the block is that of the stream.
- * The library opens streams with blocks of 30 ms and holds room for 100.
- */
-constexpr int jack_block_ms = 30;
-
-/** Throws the failure of a device that did not open: there is none, or it refuses, or `id` is gone meanwhile. */
-[[noreturn]] void report_open_failure(const std::string& log, const std::string& id);
-
-/** Throws a failure when the library's lines tell that it fell back on another device. */
-void check_for_fallback(const std::string& log, const std::string& id);
-
-/** A capture context that is open. */
-class microphone {
+/** The devices of this moment. */
+class device_list {
 public:
-    /** Throws a failure when there is no device or it does not open. */
-    microphone(int rate, bool denoise, const std::string& id);
+    /** Throws a failure when the audio system gives none. */
+    device_list();
 
-    wrapper_audio_ctx* get() const { return ctx.get(); }
+    auto begin() const { return devices.begin(); }
+    auto end() const { return devices.end(); }
 
-    /** The rate the device runs at, in Hz; 0 when the library did not tell. */
-    int device_rate() const { return rate_of_device; }
+    /** Whether one of them can record. */
+    bool has_input() const;
 
-    /** What the library says it opened. */
-    const std::string& name() const { return device_name; }
-
-    void close() { ctx.reset(); }
+    /** The id of the one input that is called or has in its id what is `wanted`. Throws a failure. */
+    std::string find(const std::string& wanted) const;
 
 private:
     struct closer {
-        void operator()(wrapper_audio_ctx* open) const { wrapper_audio_free(open); }
+        void operator()(wrapper_audio_device_list* made) const { wrapper_audio_device_list_free(made); }
     };
-    std::unique_ptr<wrapper_audio_ctx, closer> ctx;
-    int rate_of_device = 0;
-    std::string device_name;
+    std::unique_ptr<wrapper_audio_device_list, closer> list;
+    std::vector<wrapper_audio_device> devices; // their texts belong to the list
 };
 
-/** The only rate of a device at which the library denoises. */
-constexpr int denoising_rate = 48000;
+/** An input that is being recorded. */
+class microphone {
+public:
+    /**
+     * `wanted` is an id or a part of one; "" is the default. Throws a failure when there is no such device or it does
+     * not open.
+     */
+    microphone(const std::string& wanted, wrapper_audio_recorder_options options);
 
-/** Why denoising stays off on a device at this rate, in a sentence without a full stop. */
-std::string denoise_inactive(int device_rate);
+    /**
+     * Waits for samples, at most as many as fit, and returns how many came; 0 at the end. When a signal or a failure
+     * ends the recording, what was recorded before still comes. Five seconds without a sample are a failure.
+     */
+    std::size_t read(std::span<float> samples, wrapper_audio_block& block);
+
+    /** Why the recording ended, if the device was to blame. */
+    const std::optional<failure>& trouble() const { return trouble_; }
+
+    wrapper_audio_recorder_info info() const;
+    std::string name() const { return text(WRAPPER_AUDIO_TEXT_DEVICE_NAME); }
+    void stop();
+
+private:
+    std::string text(wrapper_audio_recorder_text_kind kind) const;
+    failure failed(wrapper_audio_status status) const;
+
+    struct closer {
+        void operator()(wrapper_audio_recorder* open) const { wrapper_audio_recorder_free(open); }
+    };
+    std::unique_ptr<wrapper_audio_recorder, closer> recorder;
+    std::optional<failure> trouble_;
+    bool stopped = false;
+    int stalls = 0;
+};
+
+/** "denoising at 48000 Hz, the device's own rate", "denoising, converted from 44100 Hz" or "nothing is denoised". */
+std::string denoising_text(const wrapper_audio_recorder_info& info);
 
 #endif

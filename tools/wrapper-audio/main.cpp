@@ -1,5 +1,5 @@
 /**
- * wrapper-audio, the command-line host: a program like any other that knows the library by its public header.
+ * wrapper-audio, the command-line host: a program like any other that knows the library by a public header.
  */
 #include "command_line.h"
 #include "console.h"
@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
+#include <wrapper_audio_recorder.h>
 
 #include <cerrno>
 #include <clocale>
@@ -19,7 +20,7 @@
 
 namespace {
 
-/** A file opened later must not become file descriptor 2, where PortAudio's back ends write. */
+/** A file opened later must not become file descriptor 2, where others write as well. */
 void fill_standard_descriptors() {
     int descriptor = 0;
     do
@@ -44,11 +45,9 @@ int run(const command_line& wanted) try {
 } catch (const reader_gone&) {
     return fine;
 } catch (const failure& end) {
-    if (end.code >= no_input_device && end.code <= read_failed) console::show_library_lines();
     console::error(end.what());
     return end.code;
 } catch (const std::exception& error) {
-    console::show_library_lines();
     console::error(error.what());
     return unexpected;
 }
@@ -70,6 +69,9 @@ int main(int argc, char** argv) {
     if (const auto code = parse(argc, argv, wanted)) return *code;
     console::begin(wanted.loudness);
     const int code = run(wanted);
-    console::end();
-    return code;
+    status_line::finish();
+    if (wrapper_audio_abandoned_threads() == 0) return code;
+    // What libraries do at the end of a process would wait for the device that hangs, or be used by its thread.
+    std::fflush(nullptr);
+    _exit(code);
 }

@@ -9,124 +9,86 @@
 
 #include <fmt/format.h>
 #include <unistd.h>
-#include <wrapper_audio.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
-#include <memory>
 
 namespace {
 
-constexpr int block_ms = 30; // what the library measures at a time
-static_assert(block_ms == jack_block_ms);
+constexpr int rate = 16000; // of the samples, which nobody hears: the levels are those that the device gave
 
-struct closer {
-    void operator()(wrapper_audio_meter* open) const { wrapper_audio_meter_close(open); }
-};
-using open_meter = std::unique_ptr<wrapper_audio_meter, closer>;
-
-/** What there is to measure. */
-class listener {
-public:
-    explicit listener(const chosen_input& input) {
-        if (input.is_jack) { // a meter has no room for what PortAudio writes there, a context has
-            context = std::make_unique<microphone>(48000, false, input.id);
-            return;
-        }
-        const std::string log = console::listen_to([&] { meter.reset(wrapper_audio_meter_open(input.id.c_str())); });
-        if (!meter) report_open_failure(log, input.id);
-        check_for_fallback(log, input.id);
-    }
-
-    /** Returns the number of samples measured, below 1 when the device failed. */
-    int read(float& rms, float& peak) {
-        if (meter) return wrapper_audio_meter_read(meter.get(), &peak, &rms);
-        return wrapper_audio_read(context->get(), block_ms, samples, static_cast<std::int32_t>(std::size(samples)),
-                                  &rms, &peak);
-    }
-
-private:
-    open_meter meter;
-    std::unique_ptr<microphone> context;
-    std::int16_t samples[48000 * block_ms / 1000]{};
-};
-
-std::int64_t blocks_wanted(const std::optional<double>& seconds) {
-    if (!seconds) return std::numeric_limits<std::int64_t>::max();
-    const double blocks = std::ceil(*seconds * 1000.0 / block_ms - 1e-9);
-    if (!(blocks >= 1.0 && blocks < 1e15)) throw failure(usage, "--seconds: must be above 0, and a number to live by");
-    return static_cast<std::int64_t>(blocks);
+std::uint64_t samples_wanted(const std::optional<double>& seconds) {
+    if (!seconds) return std::numeric_limits<std::uint64_t>::max();
+    const double samples = std::ceil(*seconds * rate - 1e-9);
+    if (!(samples >= 1.0 && samples < 1e15))
+        throw failure(usage, "--seconds: must be above 0, and a number to live by");
+    return static_cast<std::uint64_t>(samples);
 }
 
 /** A bar on a terminal, a line a second elsewhere. The time is that of the sound. */
 class display {
 public:
-    void show(std::int64_t blocks, float rms, float peak, int samples) {
-        const double now = static_cast<double>(blocks) * block_ms / 1000.0;
-        second_.add(rms, peak, static_cast<std::uint64_t>(samples));
-        block_.add(rms, peak, static_cast<std::uint64_t>(samples));
+    void show(const wrapper_audio_block& block) {
+        const std::uint64_t seconds_before = samples_ / rate;
+        samples_ += block.count;
+        second_.add(block.captured_rms, block.captured_peak, block.count);
+        moment_.add(block.captured_rms, block.captured_peak, block.count);
         if (screen_.redraws)
-            draw(now);
-        else if (blocks * block_ms / 1000 > (blocks - 1) * block_ms / 1000)
-            print_second(now);
+            draw();
+        else if (samples_ / rate > seconds_before)
+            print_second();
     }
 
     /** The last second, when it was none. */
-    void finish(std::int64_t blocks) {
-        if (!screen_.redraws && second_.samples() > 0) print_second(static_cast<double>(blocks) * block_ms / 1000.0);
+    void finish() {
+        if (!screen_.redraws && second_.samples() > 0) print_second();
+        status_line::finish();
     }
+
+    std::uint64_t samples() const { return samples_; }
 
 private:
-    void draw(double now) {
-        meter_.hold(now, block_.peak());
+    double now() const { return static_cast<double>(samples_) / rate; }
+
+    void draw() {
+        meter_.hold(now(), moment_.peak());
         if (!status_line::is_due()) return;
-        status_line::show(screen_, meter_.line(screen_, now, "", block_.rms(), block_.peak()));
-        block_ = {};
+        status_line::show(screen_, meter_.line(screen_, now(), "", moment_.rms(), moment_.peak()));
+        moment_ = {};
     }
 
-    void print_second(double now) {
-        print(fmt::format("{}  RMS {:>5}  peak {:>5} dBFS{}\n", time_text(now), decibel_text(second_.rms()),
+    void print_second() {
+        print(fmt::format("{}  RMS {:>5}  peak {:>5} dBFS{}\n", time_text(now()), decibel_text(second_.rms()),
                           decibel_text(second_.peak()), second_.peak() >= 32767.0F / 32768.0F ? "  CLIP" : ""));
         second_ = {};
     }
 
     const terminal screen_{STDOUT_FILENO};
     level_meter meter_;
-    level block_;
+    level moment_;
     level second_;
+    std::uint64_t samples_ = 0;
 };
-
-int rescue(stall_guard::reason reason) {
-    status_line::finish();
-    if (reason == stall_guard::reason::stop_requested) return fine;
-    console::show_library_lines();
-    console::error("no sound has come for 5 seconds: the device is gone or stuck");
-    return read_failed;
-}
 
 } // namespace
 
 exit_code show_meter(const meter_options& wanted) {
-    const std::int64_t limit = blocks_wanted(wanted.seconds);
-    listener input(choose_input(wanted.device));
+    const std::uint64_t limit = samples_wanted(wanted.seconds);
+    wrapper_audio_recorder_options options{};
+    options.rate = rate;
+    options.conversion = WRAPPER_AUDIO_CONVERSION_LINEAR; // without delay
+    microphone input(wanted.device, options);
     stop_on_signals();
-    stall_guard guard(rescue);
     display shown;
-    std::int64_t blocks = 0;
-    while (!stop_requested() && blocks < limit) {
-        int got = 0;
-        float rms = 0;
-        float peak = 0;
-        guard.watch([&] { got = input.read(rms, peak); });
-        console::collect();
-        if (got <= 0 && stop_requested()) break;
-        if (got <= 0) {
-            status_line::finish();
-            throw failure(read_failed, "the input device failed");
-        }
-        shown.show(++blocks, rms, peak, got);
+    std::array<float, rate * 30 / 1000> samples{};
+    for (wrapper_audio_block block{}; !stop_requested() && shown.samples() < limit;) {
+        const std::size_t most = std::min<std::uint64_t>(samples.size(), limit - shown.samples());
+        if (input.read(std::span(samples).first(most), block) == 0) break;
+        shown.show(block);
     }
-    shown.finish(blocks);
-    status_line::finish();
+    shown.finish();
+    if (input.trouble()) throw failure(*input.trouble());
     return fine;
 }

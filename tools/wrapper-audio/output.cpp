@@ -21,7 +21,10 @@ namespace {
 std::string lower_case_extension(const std::string& path) {
     const std::size_t name = path.rfind('/') + 1; // npos + 1 is 0
     const std::size_t dot = path.find_last_of('.');
-    return dot == std::string::npos || dot <= name ? "" : folded(path.substr(dot));
+    std::string extension = dot == std::string::npos || dot <= name ? "" : path.substr(dot);
+    for (char& letter : extension)
+        if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+    return extension;
 }
 
 class sound_file : public output {

@@ -1,5 +1,5 @@
 /**
- * wrapper-audio process: the library's signal functions on a file.
+ * wrapper-audio process: the library's signal processors on a file.
  */
 #include "commands.h"
 #include "console.h"
@@ -11,7 +11,7 @@
 #include <fmt/format.h>
 #include <sndfile.h>
 #include <sys/stat.h>
-#include <wrapper_audio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -36,8 +36,9 @@ public:
     int channels() const { return info.channels; }
     double seconds() const { return static_cast<double>(info.frames) / info.samplerate; }
 
-    /** Appends at most `count` samples; returns how many. */
-    std::size_t read(std::size_t count, std::vector<float>& mono) {
+    /** At most `count` samples; fewer at the end. */
+    std::vector<float> read(std::size_t count) {
+        std::vector<float> mono;
         frames.resize(count * static_cast<std::size_t>(info.channels));
         const sf_count_t got =
             std::max<sf_count_t>(sf_readf_float(file.get(), frames.data(), static_cast<sf_count_t>(count)), 0);
@@ -48,7 +49,7 @@ public:
             spoilt += std::isfinite(sample) ? 0 : 1;
             mono.push_back(std::isfinite(sample) ? sample : 0.0F); // one of those would spoil the filters for good
         }
-        return static_cast<std::size_t>(got);
+        return mono;
     }
 
     bool failed() const { return sf_error(file.get()) != SF_ERR_NO_ERROR; }
@@ -71,52 +72,15 @@ private:
 };
 
 /**
- * The library's resampler on a file of any length. Each of its calls begins at position 0, so a block must end where
- * an output falls exactly on an input: after in/gcd inputs, which give out/gcd outputs. One sample of the next block
- * goes along as the right-hand neighbour of the last outputs. So the result is that of one call for the whole file, but
- * for the last bit here and there: each block rounds its positions anew.
+ * Floats as the 16 bits of sound files, whose full scale is 32768: what came from a file and was not changed returns
+ * exactly.
  */
-class converter {
-public:
-    converter(int in_rate, int out_rate) : resampler(wrapper_audio_resampler_init(in_rate, out_rate, 0)) {
-        if (!resampler) throw failure(unexpected, "not enough memory for the rate conversion");
-        const int divisor = std::gcd(in_rate, out_rate);
-        const auto repeat = static_cast<std::size_t>(
-            std::max<std::int64_t>(1, std::int64_t{48000} * divisor / std::max(in_rate, out_rate)));
-        in_block = static_cast<std::size_t>(in_rate / divisor) * repeat;
-        out_block = static_cast<std::size_t>(out_rate / divisor) * repeat;
-        longest_rest = 2 * out_block + 2;
-    }
-
-    /** Takes whole blocks from the front of `in` and appends what they give to `out`; at the end all there is. */
-    void convert(std::vector<float>& in, bool at_end, std::vector<float>& out) {
-        std::size_t at = 0;
-        for (; in.size() - at > in_block; at += in_block)
-            run(in.data() + at, in_block + 1, out_block, out);
-        if (at_end) {
-            run(in.data() + at, in.size() - at, longest_rest, out);
-            at = in.size();
-        }
-        in.erase(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(at));
-    }
-
-private:
-    void run(const float* in, std::size_t count, std::size_t most, std::vector<float>& out) {
-        const std::size_t old = out.size();
-        out.resize(old + most);
-        const std::int32_t got = wrapper_audio_resample(resampler.get(), in, static_cast<std::int32_t>(count),
-                                                        out.data() + old, static_cast<std::int32_t>(most));
-        out.resize(old + static_cast<std::size_t>(std::max(got, 0)));
-    }
-
-    struct closer {
-        void operator()(wrapper_audio_resampler* open) const { wrapper_audio_resampler_free(open); }
-    };
-    std::unique_ptr<wrapper_audio_resampler, closer> resampler;
-    std::size_t in_block = 0;
-    std::size_t out_block = 0;
-    std::size_t longest_rest = 0;
-};
+void to_16_bits(std::span<const float> floats, std::vector<std::int16_t>& samples) {
+    samples.resize(floats.size());
+    std::transform(floats.begin(), floats.end(), samples.begin(), [](float value) {
+        return static_cast<std::int16_t>(std::lrint(std::clamp(value * 32768.0F, -32768.0F, 32767.0F)));
+    });
+}
 
 /** Drawn for files that take longer than half a second. */
 class progress {
@@ -136,15 +100,13 @@ public:
     }
 
 private:
-    const terminal screen{console::descriptor()};
+    const terminal screen{STDERR_FILENO};
     const std::chrono::steady_clock::time_point begun = std::chrono::steady_clock::now();
 };
 
 class processing {
 public:
-    explicit processing(const process_options& options)
-        : wanted(options), in(options.in), rate(options.rate.value_or(in.rate())), chain(options.effects, rate) {}
-
+    explicit processing(const process_options& options);
     exit_code run();
 
 private:
@@ -157,14 +119,23 @@ private:
     source in;
     const int rate;
     effect_chain chain;
-    std::unique_ptr<converter> conversion;
     std::unique_ptr<output> out;
     level before;
     level after;
-    std::vector<float> waiting;
-    std::vector<float> converted;
     std::vector<std::int16_t> rounded;
 };
+
+processing::processing(const process_options& options)
+    : wanted(options), in(options.in), rate(options.rate.value_or(in.rate())) {
+    const float denoise = wanted.voice.denoise.value_or(0.0F);
+    const bool has_voice = rate != in.rate() || denoise > 0;
+    if ((has_voice || wanted.effects.any()) && (in.rate() < 100 || in.rate() > 768000))
+        throw failure(file_trouble,
+                      fmt::format("{} is at {} Hz, and only 100 to 768000 Hz can be converted or filtered",
+                                  printable(wanted.in), in.rate()));
+    chain = effect_chain(wanted.effects, rate);
+    if (has_voice) chain.begin_with({in.rate(), rate, denoise, 0, wanted.voice.conversion});
+}
 
 /** So many that neither their channels nor what a low rate is converted to take much memory. */
 std::size_t processing::samples_at_once() const {
@@ -175,17 +146,11 @@ std::size_t processing::samples_at_once() const {
 
 /** Reads a piece and writes what it gives. Returns false when the output failed. */
 bool processing::step(bool& at_end) {
-    const std::size_t piece = samples_at_once();
-    const std::size_t old = waiting.size();
+    const std::vector<float> piece = in.read(samples_at_once());
     // Some damaged files could be read on, but the next read would forget the error.
-    at_end = in.read(piece, waiting) < piece || in.failed();
-    before.add(std::span<const float>(waiting).subspan(old));
-    converted.clear();
-    if (conversion)
-        conversion->convert(waiting, at_end, converted);
-    else
-        converted.swap(waiting);
-    if (!write(chain.process(converted))) return false;
+    at_end = piece.size() < samples_at_once() || in.failed();
+    before.add(piece);
+    if (!write(chain.process(piece))) return false;
     return !at_end || write(chain.finish());
 }
 
@@ -197,9 +162,6 @@ bool processing::write(std::span<const float> samples) {
 }
 
 exit_code processing::run() {
-    if (wanted.effects.highpass && wanted.effects.highpass->corner_hz * 2 >= static_cast<float>(rate))
-        throw failure(usage, fmt::format("--highpass: the corner must be below half the rate, {} Hz", rate / 2));
-    if (rate != in.rate()) conversion = std::make_unique<converter>(in.rate(), rate);
     const auto limit = static_cast<double>(sample_limit(format_of(wanted.out)));
     if (in.seconds() * rate > limit)
         throw failure(file_trouble, fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC holds more",
@@ -243,7 +205,7 @@ void processing::report() const {
     const std::string text =
         line("before", printable(wanted.in), before, in.rate()) + line("after ", printable(wanted.out), after, rate);
     if (wanted.out == "-")
-        console::write_all(console::descriptor(), text);
+        console::write_all(STDERR_FILENO, text);
     else
         print(text);
 }

@@ -11,7 +11,7 @@ _wrapper_audio_devices() {
 
 _wrapper_audio() {
     local line=${COMP_LINE:0:COMP_POINT} command=${COMP_WORDS[1]} current=${COMP_WORDS[COMP_CWORD]}
-    local common='--help --quiet --verbose' effects='--highpass --depop --agc'
+    local common='--help --quiet --verbose' effects='--denoise --strength --converter --highpass --depop --agc'
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
         mapfile -t COMPREPLY < <(compgen -W 'devices meter record process doctor --help --version' -- "$current")
@@ -23,14 +23,15 @@ _wrapper_audio() {
     fi
     case $command:${COMP_WORDS[COMP_CWORD - 1]} in
     *:--rate | *:-r) mapfile -t COMPREPLY < <(compgen -W '8000 16000 22050 24000 44100 48000' -- "$current"); return ;;
-    *:--seconds | *:--block | *:--highpass | *:--depop | *:--agc) return ;;
+    *:--converter) mapfile -t COMPREPLY < <(compgen -W 'clean linear' -- "$current"); return ;;
+    *:--seconds | *:--strength | *:--highpass | *:--depop | *:--agc) return ;;
     esac
     if [[ $current == -* ]]; then
         local options=$common
         case $command in
         devices) options+=' --json --ids --all' ;;
         meter) options+=' --device --seconds' ;;
-        record) options+=" --device --rate --denoise --seconds --block $effects" ;;
+        record) options+=" --device --rate --seconds $effects" ;;
         process) options+=" --rate $effects" ;;
         doctor) options+=' --device' ;;
         esac

@@ -167,7 +167,7 @@ TEST(folded, keeps_every_character_a_character) {
 // ---- Into a host's memory ----
 
 TEST(copy_out, never_cuts_a_character) {
-    const std::string text = "aä€😀 z€€";
+    const std::string text = "aä€😀 z€€߿अẞ\uFFFD\U0010FFFF!";
     for (std::size_t capacity = 1; capacity <= text.size() + 3; ++capacity) {
         std::string out(capacity + 1, '#');
         EXPECT_EQ(copy_out(text, out.data(), capacity), text.size());
@@ -186,6 +186,14 @@ TEST(copy_out, cuts_bytes_that_are_no_utf8_anywhere) {
     char out[21];
     EXPECT_EQ(copy_out(bytes, out, 21), 40U);
     EXPECT_EQ(out, bytes.substr(0, 20));
+}
+
+TEST(copy_out, copies_all_of_what_fits_whatever_it_is) {
+    char out[6];
+    for (const std::string bytes : {"caf\xE9", "\xE2\x82", "caf\xF0\x9F", "\xFF\xFF\xFF\xFF\xFF"}) {
+        EXPECT_EQ(copy_out(bytes, out, sizeof out), bytes.size());
+        EXPECT_EQ(out, bytes);
+    }
 }
 
 TEST(copy_out, needs_no_memory_to_tell_the_length) {

@@ -183,11 +183,11 @@ TEST_F(hanging_device, that_opens_late_can_be_stopped_by_another_thread) {
     EXPECT_EQ(info().device_rate, 0);
     EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_DEVICE_ID), "");
     std::thread stopper([&] { EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK); });
-    nanosleep(std::array{timespec{0, 20000000}}.data(), nullptr); // whether it stops first does not matter
+    ASSERT_TRUE(soon([] { return test_clock::waiting() == 2; }));
     place.open();
     stopper.join();
     opener.join();
-    EXPECT_TRUE(opened == WRAPPER_AUDIO_STOPPED || opened == WRAPPER_AUDIO_OK) << opened;
+    EXPECT_EQ(opened, WRAPPER_AUDIO_STOPPED);
     EXPECT_TRUE(soon(no_device_is_held));
     before_each(nullptr);
     EXPECT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_OK);
@@ -369,6 +369,29 @@ TEST_F(late_host, has_no_stall_while_a_file_waits_for_it) {
     test_clock::skip(milliseconds(5000));
     EXPECT_EQ(read(1600).status, WRAPPER_AUDIO_OK);
     EXPECT_EQ(read(1600).status, WRAPPER_AUDIO_OK);
+}
+
+// A ramp of a second tells which time the levels and the speech are of.
+TEST_F(late_host, is_told_the_levels_and_the_speech_behind_a_loss_inside_the_system) {
+    world().devices = {device{.name = "A", .rate = 48000}};
+    microphone.sound = [](uint64_t n) { return static_cast<float>(n % 48000) / 48000.0F; };
+    world().speech = [](const float* frame) { return frame[0] / 32767.0F; };
+    microphone.keeps_time = true;
+    microphone.hang_after(70 * block);
+    record({.rate = 48000, .speech = 1});
+    ASSERT_EQ(read(60 * block).status, WRAPPER_AUDIO_OK);
+    test_clock::skip(milliseconds(500));
+    microphone.hang_after(200 * block);
+    uint64_t dropped = 0;
+    for (int i = 0; i < 80; ++i)
+        dropped += read(block).block.dropped;
+    EXPECT_NEAR(static_cast<double>(dropped), 24000.0, 300.0);
+    for (int i = 0; i < 20; ++i) {
+        const reading got = read(block);
+        ASSERT_NEAR(got.block.captured_peak, got.block.peak, 0.05) << i;
+        const float spoken = got.block.speech_probability;
+        ASSERT_NEAR(spoken, got.block.peak, 0.08) << i;
+    }
 }
 
 TEST_F(late_host, learns_of_what_was_lost_inside_the_system) {

@@ -256,6 +256,7 @@ TEST_F(reading_samples, counts_what_is_at_full_scale_on_either_side) {
     EXPECT_EQ(read(1).block.clipped, 2U) << "the 10 ms have begun";
     EXPECT_EQ(read(479).block.clipped, 0U);
     EXPECT_EQ(read(480).block.clipped, 2U);
+    EXPECT_EQ(read(3840 + 960).block.clipped, 4U) << "in several 10 ms";
 }
 
 TEST_F(reading_samples, does_not_know_of_speech_unless_it_is_asked) {
@@ -288,6 +289,16 @@ TEST_F(reading_samples, tells_the_speech_of_each_10_ms) {
         EXPECT_EQ(wrapper_audio_recorder_take_speech(recorder, probabilities, 10), 0U);
         EXPECT_EQ(wrapper_audio_recorder_take_speech(recorder, probabilities, 0), 0U);
     }
+}
+
+TEST_F(reading_samples, tells_the_largest_speech_wherever_it_stands) {
+    create({.rate = 16000, .speech = 1});
+    world().speech = [frame = -2](const float* /*samples*/) mutable { return frame++ % 5 == 1 ? 0.75F : 0.25F; };
+    ASSERT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_OK);
+    EXPECT_EQ(read(800).block.speech_probability, 0.75F);
+    EXPECT_EQ(read(160).block.speech_probability, 0.25F);
+    EXPECT_EQ(read(640).block.speech_probability, 0.75F);
+    EXPECT_EQ(read(160).block.speech_probability, 0.25F);
 }
 
 TEST_F(reading_samples, tells_the_speech_to_the_end) {

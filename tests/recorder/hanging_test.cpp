@@ -291,6 +291,24 @@ TEST_F(late_host, learns_of_a_loss_before_the_first_sample_of_a_read) {
     EXPECT_EQ(next.pcm, microphone.expected(16320, 480));
 }
 
+TEST_F(late_host, learns_where_the_first_of_two_losses_was) {
+    microphone.keeps_time = true;
+    microphone.hang_after(0);
+    record({.rate = 16000, .buffer_ms = 100});
+    deliver(16320);
+    const uint64_t kept = info().available;
+    read(1000);
+    deliver(25920);
+    const uint64_t stored = info().available - (kept - 1000);
+    ASSERT_GT(stored, 0U);
+    microphone.hang_after(25920 + 960);
+    const reading across = read(kept - 1000 + stored + 100);
+    EXPECT_EQ(across.status, WRAPPER_AUDIO_OK);
+    EXPECT_EQ(across.block.position, 1000U);
+    EXPECT_EQ(across.block.dropped, 25920 - kept - stored) << "both";
+    EXPECT_EQ(across.block.dropped_at, kept - 1000);
+}
+
 TEST_F(late_host, accounts_for_every_sample_over_many_losses) {
     microphone.keeps_time = true;
     microphone.hang_after(0);

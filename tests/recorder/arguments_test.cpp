@@ -189,7 +189,7 @@ TEST_F(calls, may_leave_out_what_they_do_not_need) {
 
 TEST_F(calls, taking_speech_into_nothing_loses_none) {
     const auto listening = voice({48000, 48000, 0.0F, 1, 0});
-    whole(listening, samples);
+    whole_stream(listening, samples);
     EXPECT_EQ(wrapper_audio_processor_take_speech(listening.get(), nullptr, 10), 0U);
     EXPECT_EQ(take_speech(listening).size(), 1U);
 }

@@ -21,7 +21,7 @@ std::vector<float> tone(double hz, int32_t rate, double seconds, double amplitud
 }
 
 std::vector<float> clean(int32_t in_rate, int32_t out_rate, const std::vector<float>& in) {
-    return whole({in_rate, out_rate, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_CLEAN}, in);
+    return whole_stream({in_rate, out_rate, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_CLEAN}, in);
 }
 
 // Without the quarters at both ends, where a tone that begins and stops is no pure one.
@@ -158,7 +158,8 @@ TEST(clean_conversion, every_sample_lies_at_its_time) {
 
 TEST(linear_conversion, every_sample_lies_at_its_time) {
     for (const auto& [in_rate, out_rate] : usual_pairs) {
-        const auto out = whole({in_rate, out_rate, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR}, pulse(0.1, in_rate, 0.3));
+        const auto out =
+            whole_stream({in_rate, out_rate, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR}, pulse(0.1, in_rate, 0.3));
         // A mean stands at the first of its samples and so is early by half of the others.
         const double ratio = static_cast<double>(in_rate) / out_rate;
         const double early = in_rate % out_rate == 0 ? (ratio - 1.0) / ratio / 2.0 : 0.0;
@@ -182,7 +183,7 @@ TEST(conversion, at_equal_rates_changes_no_bit) {
     std::mt19937 random(5);
     const auto in = signals::noise(random, 5000, 3.0F);
     for (const int32_t conversion : {WRAPPER_AUDIO_CONVERSION_CLEAN, WRAPPER_AUDIO_CONVERSION_LINEAR}) {
-        const auto out = whole({44100, 44100, 0.0F, 0, conversion}, in);
+        const auto out = whole_stream({44100, 44100, 0.0F, 0, conversion}, in);
         ASSERT_EQ(out.size(), in.size());
         EXPECT_TRUE(same(out.data(), in));
     }
@@ -214,19 +215,19 @@ TEST(linear_conversion, loses_no_precision_in_a_long_stream) {
     std::mt19937 random(7);
     const auto in = signals::noise(random, 3000000);
     const auto expected = reference::linear_stream(in, 47999, 8001);
-    const auto out = whole({47999, 8001, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR}, in);
+    const auto out = whole_stream({47999, 8001, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR}, in);
     ASSERT_EQ(out.size(), expected.size());
     EXPECT_TRUE(same(out.data(), expected));
 }
 
 TEST(linear_conversion, by_hand) {
     const wrapper_audio_voice_options thirds{48000, 16000, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR};
-    EXPECT_EQ(whole(thirds, std::vector{0.0F, 3.0F, 6.0F, 1.0F, 1.0F}), (std::vector{3.0F, 1.0F}));
-    EXPECT_EQ(whole(thirds, std::vector{0.0F, 3.0F, 6.0F, 1.0F}), (std::vector{3.0F}));
+    EXPECT_EQ(whole_stream(thirds, std::vector{0.0F, 3.0F, 6.0F, 1.0F, 1.0F}), (std::vector{3.0F, 1.0F}));
+    EXPECT_EQ(whole_stream(thirds, std::vector{0.0F, 3.0F, 6.0F, 1.0F}), (std::vector{3.0F}));
     const wrapper_audio_voice_options twice{8000, 16000, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR};
-    EXPECT_EQ(whole(twice, std::vector{1.0F, 2.0F, 4.0F}), (std::vector{1.0F, 1.5F, 2.0F, 3.0F, 4.0F, 4.0F}));
+    EXPECT_EQ(whole_stream(twice, std::vector{1.0F, 2.0F, 4.0F}), (std::vector{1.0F, 1.5F, 2.0F, 3.0F, 4.0F, 4.0F}));
     const wrapper_audio_voice_options two_thirds{300, 200, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_LINEAR};
-    EXPECT_EQ(whole(two_thirds, std::vector{1.0F, 2.0F, 4.0F, 8.0F}), (std::vector{1.0F, 3.0F, 8.0F}));
+    EXPECT_EQ(whole_stream(two_thirds, std::vector{1.0F, 2.0F, 4.0F, 8.0F}), (std::vector{1.0F, 3.0F, 8.0F}));
 }
 
 } // namespace

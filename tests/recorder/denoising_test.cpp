@@ -32,7 +32,7 @@ std::vector<float> some_speech() {
 }
 
 std::vector<float> converted(const std::vector<float>& in, int32_t in_rate, int32_t out_rate) {
-    return whole({in_rate, out_rate, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_CLEAN}, in);
+    return whole_stream({in_rate, out_rate, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_CLEAN}, in);
 }
 
 double level_db(const std::vector<float>& samples, int32_t rate, double from, double to) {
@@ -94,7 +94,7 @@ TEST(denoising, at_48000_is_rnnoise_to_the_last_bit) {
 
 TEST(denoising, lies_where_the_original_lay) {
     const auto in = part(some_speech(), 0, 48000);
-    EXPECT_EQ(lag(whole({48000, 48000, 1.0F, 0, 0}, in), in, 1000), 0);
+    EXPECT_EQ(lag(whole_stream({48000, 48000, 1.0F, 0, 0}, in), in, 1000), 0);
 }
 
 TEST(denoising, takes_away_the_share_that_was_asked_for) {
@@ -107,7 +107,7 @@ TEST(denoising, takes_away_the_share_that_was_asked_for) {
             const float kept = (1.0F - strength) * in[i];
             expected.push_back(cleaned + kept);
         }
-        const auto out = whole({48000, 48000, strength, 0, 0}, in);
+        const auto out = whole_stream({48000, 48000, strength, 0, 0}, in);
         ASSERT_EQ(out.size(), in.size());
         EXPECT_TRUE(same(out.data(), expected)) << strength;
     }
@@ -116,7 +116,7 @@ TEST(denoising, takes_away_the_share_that_was_asked_for) {
 TEST(denoising, only_listening_for_speech_changes_no_sample) {
     const auto in = some_speech();
     const auto processor = voice({48000, 48000, 0.0F, 1, 0});
-    const auto out = whole(processor, in);
+    const auto out = whole_stream(processor, in);
     EXPECT_EQ(out, in);
     EXPECT_EQ(take_speech(processor), reference::denoised_at_48000(in).speech);
 }
@@ -136,7 +136,7 @@ TEST(speech, is_told_for_each_10_ms_that_began) {
                                                      {7 * frame, 7U},
                                                      {7 * frame + 1, 8U}}) {
                     const auto processor = voice({in_rate, out_rate, 1.0F, 0, conversion});
-                    whole(processor, std::vector<float>(length, 0.1F));
+                    whole_stream(processor, std::vector<float>(length, 0.1F));
                     EXPECT_EQ(take_speech(processor).size(), frames)
                         << in_rate << " to " << out_rate << ", conversion " << conversion << ", " << length << " in";
                 }
@@ -164,7 +164,7 @@ TEST(speech, comes_with_the_samples_that_it_is_about) {
 TEST(speech, is_taken_oldest_first_and_as_much_as_fits) {
     const auto in = some_speech();
     const auto processor = voice({48000, 16000, 0.0F, 1, 0});
-    whole(processor, in);
+    whole_stream(processor, in);
     std::vector<float> speech = take_speech(processor, 0);
     EXPECT_TRUE(speech.empty());
     for (std::vector<float> some(1); !some.empty(); speech.insert(speech.end(), some.begin(), some.end()))
@@ -174,7 +174,7 @@ TEST(speech, is_taken_oldest_first_and_as_much_as_fits) {
 
 TEST(speech, is_not_told_where_nobody_asked) {
     const auto processor = voice({48000, 16000, 0.0F, 0, 0});
-    whole(processor, some_speech());
+    whole_stream(processor, some_speech());
     EXPECT_TRUE(take_speech(processor).empty());
 }
 
@@ -182,7 +182,7 @@ TEST(speech, tells_sentences_from_the_noise_around_them) {
     const auto in = speech_in_noise();
     for (const int32_t rate : {48000, 44100, 16000}) {
         const auto processor = voice({rate, 16000, 0.0F, 1, 0});
-        whole(processor, rate == 48000 ? in : converted(in, 48000, rate));
+        whole_stream(processor, rate == 48000 ? in : converted(in, 48000, rate));
         const auto speech = take_speech(processor);
         ASSERT_EQ(speech.size(), 600U);
         const auto mean = [&](std::size_t first, std::size_t last) {
@@ -205,12 +205,12 @@ TEST(speech, tells_sentences_from_the_noise_around_them) {
 // was 12.1 dB before the noise suppression, 15.288 dB after it, and 15.289 dB by way of 44100 Hz.
 TEST(denoising, at_44100_is_that_of_48000) {
     const auto in = speech_in_noise();
-    const auto native = whole({48000, 48000, 1.0F, 0, 0}, in);
+    const auto native = whole_stream({48000, 48000, 1.0F, 0, 0}, in);
     const auto at_44100 = converted(in, 48000, 44100);
-    const auto out = whole({44100, 48000, 1.0F, 0, 0}, at_44100);
+    const auto out = whole_stream({44100, 48000, 1.0F, 0, 0}, at_44100);
     ASSERT_EQ(out.size(), native.size());
     EXPECT_GT(si_sdr(out, native), 55.0); // 62.9 was measured
-    EXPECT_GT(si_sdr(whole({44100, 44100, 1.0F, 0, 0}, at_44100), converted(native, 48000, 44100)), 55.0);
+    EXPECT_GT(si_sdr(whole_stream({44100, 44100, 1.0F, 0, 0}, at_44100), converted(native, 48000, 44100)), 55.0);
     EXPECT_LT(si_sdr(in, native), 30.0); // which a chain that did nothing would have
 }
 
@@ -220,7 +220,7 @@ TEST(denoising, silences_the_pauses_and_leaves_the_voice_at_every_rate) {
         for (const int32_t conversion : {WRAPPER_AUDIO_CONVERSION_CLEAN, WRAPPER_AUDIO_CONVERSION_LINEAR}) {
             if (rate == 48000 && conversion == WRAPPER_AUDIO_CONVERSION_LINEAR) continue; // nothing is converted
             const auto before = rate == 48000 ? in : converted(in, 48000, rate);
-            const auto out = whole({rate, rate, 1.0F, 0, conversion}, before);
+            const auto out = whole_stream({rate, rate, 1.0F, 0, conversion}, before);
             ASSERT_EQ(out.size(), before.size());
             const auto falls = [&](double from, double to) {
                 return level_db(before, rate, from, to) - level_db(out, rate, from, to);

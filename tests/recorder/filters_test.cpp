@@ -39,13 +39,14 @@ void expect_stream(const processor_holder& processor, const std::vector<float>& 
                    const std::vector<float>& expected) {
     std::mt19937 random(1);
     for (int round = 0; round < 3; ++round) {
-        const auto out = round == 0 ? whole(processor, in) : in_pieces(processor, in, [&] { return random() % 700; });
+        const auto out =
+            round == 0 ? whole_stream(processor, in) : in_pieces(processor, in, [&] { return random() % 700; });
         ASSERT_EQ(out.size(), expected.size());
         EXPECT_TRUE(same(out.data(), expected)) << "round " << round;
     }
     process(processor, in, in.size() / 2);
     EXPECT_EQ(wrapper_audio_processor_reset(processor.get()), WRAPPER_AUDIO_OK);
-    const auto out = whole(processor, in);
+    const auto out = whole_stream(processor, in);
     ASSERT_EQ(out.size(), expected.size());
     EXPECT_TRUE(same(out.data(), expected)) << "after a reset";
 }
@@ -72,7 +73,7 @@ TEST(high_pass, takes_rumble_away_and_leaves_the_rest) {
         std::vector<float> in(48000);
         for (std::size_t i = 0; i < in.size(); ++i)
             in[i] = static_cast<float>(std::sin(6.283185307179586 * hz * static_cast<double>(i) / 48000.0));
-        const auto out = whole(high_pass(48000, 80.0F, 0.707F), in);
+        const auto out = whole_stream(high_pass(48000, 80.0F, 0.707F), in);
         return std::sqrt(2.0 * reference::mean_square({out.begin() + 24000, out.end()}));
     };
     EXPECT_LT(level(8.0), 0.0105); // 40 dB, a decade below the corner
@@ -168,15 +169,16 @@ TEST(gain_control, gives_10_ms_when_they_are_full) {
 TEST(gain_control, lets_silence_below_120_db_pass) {
     for (const float quiet : {0.99e-6F, -0.5e-6F, 0.0F}) {
         const std::vector<float> in(160, quiet);
-        EXPECT_EQ(whole(gain_control(16000, -20.0F, 0.0F), in), in);
+        EXPECT_EQ(whole_stream(gain_control(16000, -20.0F, 0.0F), in), in);
     }
-    const auto out = whole(gain_control(16000, -20.0F, 0.0F), std::vector<float>(160, 1.01e-6F));
+    const auto out = whole_stream(gain_control(16000, -20.0F, 0.0F), std::vector<float>(160, 1.01e-6F));
     EXPECT_FLOAT_EQ(out[0], 1.01e-5F); // 20 dB up, which is the most
 }
 
 TEST(gain_control, a_release_of_minus_0_is_one_of_0) {
     const auto in = noise(1000);
-    EXPECT_EQ(whole(gain_control(16000, -20.0F, -0.0F), in), whole(gain_control(16000, -20.0F, 0.0F), in));
+    EXPECT_EQ(whole_stream(gain_control(16000, -20.0F, -0.0F), in),
+              whole_stream(gain_control(16000, -20.0F, 0.0F), in));
 }
 
 // ---- Any processor ----
@@ -200,9 +202,9 @@ std::vector<processor_holder> one_of_each() {
 // What `in` gives is, to the last bit, what `plain` gives.
 void expect_same_output(const std::vector<float>& in, const std::vector<float>& plain) {
     for (const auto& processor : one_of_each()) {
-        const auto out = whole(processor, in);
+        const auto out = whole_stream(processor, in);
         const auto speech = take_speech(processor);
-        const auto expected = whole(processor, plain);
+        const auto expected = whole_stream(processor, plain);
         ASSERT_EQ(out.size(), expected.size());
         EXPECT_TRUE(same(out.data(), expected));
         EXPECT_EQ(speech, take_speech(processor));
@@ -235,14 +237,14 @@ TEST(strange_samples, huge_ones_are_limited_to_40_db_above_full_scale) {
     }
     expect_same_output(in, limited);
     const auto untouched = std::vector{100.0F, -100.0F, 99.9F, 1.5F, -0.0F};
-    EXPECT_TRUE(same(whole(voice({48000, 48000, 0.0F, 0, 0}), untouched).data(), untouched));
+    EXPECT_TRUE(same(whole_stream(voice({48000, 48000, 0.0F, 0, 0}), untouched).data(), untouched));
 }
 
 TEST(strange_samples, noise_suppression_recovers_from_the_loudest) {
     auto in = noise(96000, 0.05F);
     std::fill(in.begin() + 20000, in.begin() + 20100, 3e38F);
     for (const int32_t rate : {48000, 44100}) {
-        const auto out = whole({rate, 48000, 1.0F, 0, 0}, in);
+        const auto out = whole_stream({rate, 48000, 1.0F, 0, 0}, in);
         for (std::size_t i = out.size() - 24000; i < out.size(); ++i)
             ASSERT_LT(std::abs(out[i]), 0.05F) << rate;
     }
@@ -251,13 +253,13 @@ TEST(strange_samples, noise_suppression_recovers_from_the_loudest) {
 TEST(strange_samples, denormal_ones_and_full_scale_squares_give_ordinary_numbers) {
     std::vector<float> in(9000, std::numeric_limits<float>::denorm_min());
     for (const auto& processor : one_of_each()) {
-        for (const float x : whole(processor, in))
+        for (const float x : whole_stream(processor, in))
             ASSERT_LE(std::abs(x), 1e-6F);
     }
     for (std::size_t i = 0; i < in.size(); ++i)
         in[i] = i / 37 % 2 == 0 ? 1.0F : -1.0F;
     for (const auto& processor : one_of_each()) {
-        for (const float x : whole(processor, in))
+        for (const float x : whole_stream(processor, in))
             ASSERT_LE(std::abs(x), 2.0F);
     }
 }

@@ -64,15 +64,15 @@ inline std::vector<float> flush(const processor_holder& processor, std::size_t c
 }
 
 // A whole stream in one piece.
-inline std::vector<float> whole(const processor_holder& processor, std::span<const float> in) {
+inline std::vector<float> whole_stream(const processor_holder& processor, std::span<const float> in) {
     auto out = process(processor, in);
     const auto rest = flush(processor);
     out.insert(out.end(), rest.begin(), rest.end());
     return out;
 }
 
-inline std::vector<float> whole(const wrapper_audio_voice_options& options, std::span<const float> in) {
-    return whole(voice(options), in);
+inline std::vector<float> whole_stream(const wrapper_audio_voice_options& options, std::span<const float> in) {
+    return whole_stream(voice(options), in);
 }
 
 // A whole stream in pieces as long, and with room for as much, as `choose` says.

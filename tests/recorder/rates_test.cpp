@@ -64,19 +64,19 @@ TEST(rates, halves_are_rounded_up) {
     for (const auto& [in_rate, out_rate, in_count, out_count] : cases) {
         for (const int32_t conversion : {WRAPPER_AUDIO_CONVERSION_CLEAN, WRAPPER_AUDIO_CONVERSION_LINEAR}) {
             const wrapper_audio_voice_options options{in_rate, out_rate, 0.0F, 0, conversion};
-            EXPECT_EQ(whole(options, noise(in_count)).size(), out_count) << options << ", " << in_count << " in";
+            EXPECT_EQ(whole_stream(options, noise(in_count)).size(), out_count) << options << ", " << in_count << " in";
         }
     }
 }
 
-void expect_counts(float denoise, const std::vector<wrapper_audio_voice_options>& chains) {
-    for (auto options : chains) {
+void expect_counts(float denoise, const std::vector<wrapper_audio_voice_options>& every_pair) {
+    for (auto options : every_pair) {
         options.denoise = denoise;
         const auto processor = voice(options);
         for (const std::size_t length : {0U, 1U, 2U, options.in_rate < 1000 ? 13U : 1009U}) {
             if (length == 2 && denoise > 0.0F && options.in_rate < 1000) continue; // takes as long as 1
 
-            EXPECT_EQ(whole(processor, noise(length)).size(),
+            EXPECT_EQ(whole_stream(processor, noise(length)).size(),
                       reference::stream_count(length, options.in_rate, options.out_rate))
                 << options << ", " << length << " in";
         }
@@ -84,28 +84,28 @@ void expect_counts(float denoise, const std::vector<wrapper_audio_voice_options>
 }
 
 TEST(rates, every_pair_gives_what_belongs_to_the_input) {
-    std::vector<wrapper_audio_voice_options> chosen;
+    std::vector<wrapper_audio_voice_options> every_pair;
     for (const int32_t in_rate : rates) {
         for (const int32_t out_rate : rates) {
             for (const int32_t conversion : {WRAPPER_AUDIO_CONVERSION_CLEAN, WRAPPER_AUDIO_CONVERSION_LINEAR})
-                chosen.push_back({in_rate, out_rate, 0.0F, 0, conversion});
+                every_pair.push_back({in_rate, out_rate, 0.0F, 0, conversion});
         }
     }
-    expect_counts(0.0F, chosen);
+    expect_counts(0.0F, every_pair);
 }
 
 TEST(rates, every_pair_gives_as_much_with_denoising) {
-    std::vector<wrapper_audio_voice_options> chosen;
+    std::vector<wrapper_audio_voice_options> every_pair;
     for (const int32_t in_rate : rates) {
         for (const int32_t out_rate : rates) {
             // At 100 Hz a stream is so slow that its end alone takes seconds to denoise: a few pairs do.
             const int low = (in_rate == 100 ? 1 : 0) + (out_rate == 100 ? 1 : 0);
             if (low == 1 && in_rate != 44100 && out_rate != 44100) continue;
             for (const int32_t conversion : {WRAPPER_AUDIO_CONVERSION_CLEAN, WRAPPER_AUDIO_CONVERSION_LINEAR})
-                chosen.push_back({in_rate, out_rate, 1.0F, 0, conversion});
+                every_pair.push_back({in_rate, out_rate, 1.0F, 0, conversion});
         }
     }
-    expect_counts(1.0F, chosen);
+    expect_counts(1.0F, every_pair);
 }
 
 // ---- Pieces ----
@@ -115,7 +115,7 @@ TEST(rates, no_cut_of_the_input_changes_the_output) {
     for (const auto& options : chains()) {
         const auto in = sound_for(options);
         const auto processor = voice(options);
-        const auto expected = whole(processor, in);
+        const auto expected = whole_stream(processor, in);
         const auto speech = take_speech(processor);
         const std::size_t longest = static_cast<std::size_t>(options.in_rate) / 100 * 3 + 2;
         const auto out = in_pieces(processor, in, [&] { return random() % longest; });
@@ -131,7 +131,7 @@ TEST(rates, single_samples_give_the_same) {
         auto in = sound_for(options);
         in.resize(std::min<std::size_t>(in.size(), 3001));
         const auto processor = voice(options);
-        const auto expected = whole(processor, in);
+        const auto expected = whole_stream(processor, in);
         std::vector<float> out;
         for (const float& sample : in) {
             const auto given = process(processor, {&sample, 1});
@@ -147,7 +147,7 @@ TEST(rates, single_samples_give_the_same) {
 TEST(rates, what_does_not_fit_waits) {
     const auto in = noise(44100);
     const wrapper_audio_voice_options options{44100, 16000, 0.0F, 0, WRAPPER_AUDIO_CONVERSION_CLEAN};
-    const auto expected = whole(options, in);
+    const auto expected = whole_stream(options, in);
     const auto processor = voice(options);
     std::vector<float> out = process(processor, in, 0);
     EXPECT_TRUE(out.empty());
@@ -249,9 +249,9 @@ TEST(rates, after_a_flush_the_chain_is_as_new) {
     for (const auto& options : chains()) {
         const auto in = sound_for(options);
         const auto processor = voice(options);
-        const auto first = whole(processor, in);
+        const auto first = whole_stream(processor, in);
         const auto speech = take_speech(processor);
-        const auto second = whole(processor, in);
+        const auto second = whole_stream(processor, in);
         ASSERT_EQ(second.size(), first.size()) << options;
         EXPECT_TRUE(same(second.data(), first)) << options;
         EXPECT_EQ(take_speech(processor), speech) << options;
@@ -262,12 +262,12 @@ TEST(rates, a_reset_forgets_everything) {
     for (const auto& options : chains()) {
         const auto in = sound_for(options);
         const auto processor = voice(options);
-        const auto first = whole(processor, in);
+        const auto first = whole_stream(processor, in);
         const auto speech = take_speech(processor);
         process(processor, noise(in.size() - 29, 9), 3);
         EXPECT_EQ(wrapper_audio_processor_reset(processor.get()), WRAPPER_AUDIO_OK);
         EXPECT_TRUE(take_speech(processor).empty()) << options;
-        const auto second = whole(processor, in);
+        const auto second = whole_stream(processor, in);
         ASSERT_EQ(second.size(), first.size()) << options;
         EXPECT_TRUE(same(second.data(), first)) << options;
         EXPECT_EQ(take_speech(processor), speech) << options;
@@ -282,7 +282,7 @@ TEST(rates, a_reset_ends_a_flush) {
     EXPECT_EQ(wrapper_audio_processor_flush(processor.get(), out.data(), 10, &count), WRAPPER_AUDIO_OK);
     EXPECT_EQ(count, 10U);
     EXPECT_EQ(wrapper_audio_processor_reset(processor.get()), WRAPPER_AUDIO_OK);
-    EXPECT_EQ(whole(processor, noise(480)).size(), 160U);
+    EXPECT_EQ(whole_stream(processor, noise(480)).size(), 160U);
 }
 
 } // namespace

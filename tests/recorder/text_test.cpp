@@ -172,7 +172,7 @@ TEST(copy_out, never_cuts_a_character) {
         std::string out(capacity + 1, '#');
         EXPECT_EQ(copy_out(text, out.data(), capacity), text.size());
         EXPECT_EQ(out[capacity], '#') << "it wrote too far";
-        const std::string copied(out, 0, out.find('\0'));
+        const std::string copied = out.substr(0, out.find('\0'));
         EXPECT_EQ(copied, text.substr(0, copied.size()));
         EXPECT_EQ(valid_utf8(copied), copied);
         // No more is cut than must be: the next character would not have fitted.

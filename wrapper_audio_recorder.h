@@ -94,10 +94,10 @@ typedef enum wrapper_audio_status {
 /**
  * An English sentence about a status, without a full stop.
  *
- * @param status  a status
+ * @param status  a wrapper_audio_status
  * @return a constant text, also for numbers that are no status
  */
-const char *wrapper_audio_status_text(wrapper_audio_status status) WRAPPER_AUDIO_NOEXCEPT;
+const char *wrapper_audio_status_text(int32_t status) WRAPPER_AUDIO_NOEXCEPT;
 
 /** @} */
 
@@ -333,8 +333,8 @@ wrapper_audio_status wrapper_audio_recorder_get_info(wrapper_audio_recorder *rec
  * @param capacity  bytes that fit, the terminator included
  * @return the length of the whole text; 0 when there is none
  */
-size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder *recorder, wrapper_audio_recorder_text_kind kind,
-                                       char *text, size_t capacity) WRAPPER_AUDIO_NOEXCEPT;
+size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder *recorder, int32_t kind, char *text,
+                                       size_t capacity) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
  * Ends the recording and gives the device back, within a second: a device that hangs is left to its thread. The samples

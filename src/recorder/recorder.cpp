@@ -14,7 +14,7 @@ using namespace recorder;
 
 // ---- Status ----
 
-const char* wrapper_audio_status_text(wrapper_audio_status status) noexcept {
+const char* wrapper_audio_status_text(int32_t status) noexcept {
     switch (status) {
     case WRAPPER_AUDIO_OK:
         return "everything is fine";
@@ -46,8 +46,9 @@ const char* wrapper_audio_status_text(wrapper_audio_status status) noexcept {
         return "the device is open but delivers no sound";
     case WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK:
         return "the audio system does not answer";
+    default:
+        return "unknown status";
     }
-    return "unknown status";
 }
 
 // ---- Devices ----
@@ -290,8 +291,8 @@ wrapper_audio_status wrapper_audio_recorder_get_info(wrapper_audio_recorder* rec
     return WRAPPER_AUDIO_OK;
 }
 
-std::size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder* recorder, wrapper_audio_recorder_text_kind kind,
-                                            char* text, std::size_t capacity) noexcept {
+std::size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder* recorder, int32_t kind, char* text,
+                                            std::size_t capacity) noexcept {
     copy_out("", text, capacity);
     if (recorder == nullptr) return 0;
     std::size_t length = 0;
@@ -317,6 +318,8 @@ std::size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder* recorder, wr
             break;
         case WRAPPER_AUDIO_TEXT_LOG_LINE:
             length = copy_out(failed.log_line, text, capacity);
+            break;
+        default:
             break;
         }
         return WRAPPER_AUDIO_OK;

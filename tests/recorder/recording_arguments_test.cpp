@@ -127,9 +127,7 @@ TEST_F(recorder_arguments, of_texts_may_be_any) {
     EXPECT_STREQ(copied, "Host");
     EXPECT_EQ(copied[5], 'd') << "written behind the end";
     for (const int kind : {-1, 4, 1000}) {
-        EXPECT_EQ(wrapper_audio_recorder_get_text(recorder, static_cast<wrapper_audio_recorder_text_kind>(kind), copied,
-                                                  sizeof copied),
-                  0U);
+        EXPECT_EQ(wrapper_audio_recorder_get_text(recorder, kind, copied, sizeof copied), 0U);
         EXPECT_STREQ(copied, "");
     }
 }

@@ -90,9 +90,15 @@ class PulseAudio(ServerTest):
 
         Without denoising digital silence is not one of them: a busy server leaves it where it had no sound to give.
         """
-        code, _, errors = self.record(*arguments, "--device", self.device, "--seconds", 6, self.file)
-        self.assertEqual((code, errors), (FINE, says and f"wrapper-audio: {says}\n"))
-        samples = self.recorded(16000)
+        for _ in range(3):
+            code, _, errors = self.record(*arguments, "--device", self.device, "--seconds", 6, self.file)
+            self.assertEqual((code, errors.split("\n")[0]), (FINE, says and f"wrapper-audio: {says}"))
+            samples = self.recorded(16000)
+            if any(samples):
+                break
+            # PipeWire's PulseAudio server (0.3.65) gives a new stream nothing but zeros now and then.
+            self.play()
+        self.assertEqual(errors, says and f"wrapper-audio: {says}\n")
         self.assertEqual(len(samples), 96000)
         samples = samples[-56000:]
         self.assertAlmostEqual(decibels(rms(samples)), -20, delta=5)

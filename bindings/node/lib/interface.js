@@ -124,7 +124,7 @@ const coreFunctions = [
 
 // wrapper_audio_recorder.h
 const functions = [
-  'const char *wrapper_audio_status_text(int status)',
+  'const char *wrapper_audio_status_text(int32_t status)',
   'int wrapper_audio_device_list_create(_Out_ void **list)',
   'size_t wrapper_audio_device_list_count(const void *list)',
   'const wrapper_audio_device *wrapper_audio_device_list_get(const void *list, size_t index)',
@@ -136,7 +136,7 @@ const functions = [
   'int wrapper_audio_recorder_read_f32(void *recorder, float *samples, size_t count, int32_t timeout_ms, _Out_ wrapper_audio_block *block)',
   'size_t wrapper_audio_recorder_take_speech(void *recorder, float *probabilities, size_t capacity)',
   'int wrapper_audio_recorder_get_info(void *recorder, _Out_ wrapper_audio_recorder_info *info)',
-  'size_t wrapper_audio_recorder_get_text(void *recorder, int kind, void *text, size_t capacity)',
+  'size_t wrapper_audio_recorder_get_text(void *recorder, int32_t kind, void *text, size_t capacity)',
   'int wrapper_audio_recorder_stop(void *recorder)',
   'void wrapper_audio_recorder_free(void *recorder)',
   'uint32_t wrapper_audio_abandoned_threads()',

@@ -159,7 +159,7 @@ CORE_FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
 
 # wrapper_audio_recorder.h
 FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
-    "wrapper_audio_status_text": (c_char_p, [c_int]),
+    "wrapper_audio_status_text": (c_char_p, [c_int32]),
     "wrapper_audio_device_list_create": (c_int, [POINTER(c_void_p)]),
     "wrapper_audio_device_list_count": (c_size_t, [c_void_p]),
     "wrapper_audio_device_list_get": (POINTER(Device), [c_void_p, c_size_t]),
@@ -171,7 +171,7 @@ FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
     "wrapper_audio_recorder_read_f32": (c_int, [c_void_p, POINTER(c_float), c_size_t, c_int32, POINTER(Block)]),
     "wrapper_audio_recorder_take_speech": (c_size_t, [c_void_p, POINTER(c_float), c_size_t]),
     "wrapper_audio_recorder_get_info": (c_int, [c_void_p, POINTER(RecorderInfo)]),
-    "wrapper_audio_recorder_get_text": (c_size_t, [c_void_p, c_int, POINTER(c_char), c_size_t]),
+    "wrapper_audio_recorder_get_text": (c_size_t, [c_void_p, c_int32, POINTER(c_char), c_size_t]),
     "wrapper_audio_recorder_stop": (c_int, [c_void_p]),
     "wrapper_audio_recorder_free": (None, [c_void_p]),
     "wrapper_audio_abandoned_threads": (c_uint32, []),

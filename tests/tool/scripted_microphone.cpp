@@ -16,6 +16,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -33,6 +35,24 @@ void end_the_process(const std::string& how) {
         // cppcheck-suppress invalidFunctionArg ; memory of no file has the descriptor -1
         *static_cast<volatile int*>(mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) = 1;
     std::exit(77);
+}
+
+using clock = std::chrono::steady_clock;
+
+/** When the next sound of each stream is due. */
+std::map<PaStream*, clock::time_point> due;
+std::mutex due_mutex;
+
+/** By the clock, as a device: what one sleep lasts too long the next one makes up for. */
+void wait_for_sound(PaStream* stream, unsigned long frames) {
+    const std::chrono::duration<double> length(static_cast<double>(frames) / Pa_GetStreamInfo(stream)->sampleRate);
+    clock::time_point until;
+    {
+        const std::lock_guard lock(due_mutex);
+        until = due.try_emplace(stream, clock::now()).first->second +=
+            std::chrono::duration_cast<clock::duration>(length);
+    }
+    std::this_thread::sleep_until(until);
 }
 
 bool is_over(const char* limit, int reads) {
@@ -61,19 +81,20 @@ extern "C" PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* in
     return next<decltype(Pa_OpenStream)>("Pa_OpenStream")(stream, input, output, rate, frames, flags, callback, data);
 }
 
+extern "C" PaError Pa_CloseStream(PaStream* stream) {
+    {
+        const std::lock_guard lock(due_mutex);
+        due.erase(stream);
+    }
+    return next<decltype(Pa_CloseStream)>("Pa_CloseStream")(stream);
+}
+
 extern "C" PaError Pa_ReadStream(PaStream* stream, void* buffer, unsigned long frames) {
     static int reads = 0;
     if (is_over(std::getenv("MICROPHONE_FAILS_AFTER"), reads)) return paUnanticipatedHostError;
     while (is_over(std::getenv("MICROPHONE_STALLS_AFTER"), reads))
         std::this_thread::sleep_for(std::chrono::hours(1));
     ++reads;
-    if (std::getenv("MICROPHONE_PACED") != nullptr) {
-        // By the clock, as a device: what one sleep lasts too long the next one makes up for.
-        using clock = std::chrono::steady_clock;
-        static clock::time_point due = clock::now();
-        const std::chrono::duration<double> length(static_cast<double>(frames) / Pa_GetStreamInfo(stream)->sampleRate);
-        due += std::chrono::duration_cast<clock::duration>(length);
-        std::this_thread::sleep_until(due);
-    }
+    if (std::getenv("MICROPHONE_PACED") != nullptr) wait_for_sound(stream, frames);
     return next<decltype(Pa_ReadStream)>("Pa_ReadStream")(stream, buffer, frames);
 }

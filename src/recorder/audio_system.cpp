@@ -5,6 +5,7 @@
 #include <portaudio.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -13,10 +14,18 @@ namespace recorder {
 
 namespace {
 
-// Never destroyed: a thread that was left behind may still hold it when the process ends.
-std::timed_mutex& mutex() {
-    static auto* const lock = new std::timed_mutex;
-    return *lock;
+struct ownership {
+    std::mutex mutex;
+    std::condition_variable given_back;
+    bool taken = false;
+
+    bool is_free() const { return !taken; }
+};
+
+// Never destroyed: a thread that was left behind may still have it when the process ends.
+ownership& audio_system_ownership() {
+    static auto* const owned = new ownership;
+    return *owned;
 }
 
 const char* text_or(const char* text, const char* otherwise) {
@@ -94,17 +103,26 @@ std::string with_words(const std::string& sentence, const std::string& log_line)
 } // namespace
 
 audio_system_lock::audio_system_lock() {
-    mutex().lock();
+    ownership& owned = audio_system_ownership();
+    std::unique_lock hold{owned.mutex};
+    owned.given_back.wait(hold, [&] { return owned.is_free(); });
+    owned.taken = true;
 }
 
 audio_system_lock::audio_system_lock(std::chrono::milliseconds patience) {
-    if (!mutex().try_lock_for(patience))
+    ownership& owned = audio_system_ownership();
+    std::unique_lock hold{owned.mutex};
+    if (!owned.given_back.wait_for(hold, patience, [&] { return owned.is_free(); }))
         throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a call into it has not "
                                                         "returned"};
+    owned.taken = true;
 }
 
 audio_system_lock::~audio_system_lock() {
-    mutex().unlock();
+    ownership& owned = audio_system_ownership();
+    const std::lock_guard hold{owned.mutex};
+    owned.taken = false;
+    owned.given_back.notify_one();
 }
 
 audio_system::audio_system() {

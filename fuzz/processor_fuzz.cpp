@@ -108,14 +108,14 @@ std::vector<float> run(wrapper_audio_processor* handle, const std::vector<float>
     for (std::size_t at = 0; at < in.size();) {
         const std::size_t length =
             whole ? in.size() : std::min<std::size_t>(in.size() - at, 1 + 7U * pieces.below(200));
-        const std::size_t capacity = whole ? room.size() : 3U * pieces.below(256);
+        const std::size_t capacity = whole ? room.size() : std::size_t{3} * pieces.below(256);
         const auto status =
             wrapper_audio_processor_process(handle, in.data() + at, length, room.data(), capacity, &count);
         take(status, count, capacity);
         at += length;
     }
     for (bool more = true; more && out.size() < 40 * most_output;) {
-        const std::size_t capacity = whole ? room.size() : 1 + 50U * pieces.below(256);
+        const std::size_t capacity = whole ? room.size() : 1 + std::size_t{50} * pieces.below(256);
         take(wrapper_audio_processor_flush(handle, room.data(), capacity, &count), count, capacity);
         more = count == capacity;
     }

@@ -14,7 +14,7 @@ namespace {
 std::vector<float> speech_in_noise() {
     std::ifstream file(SPEECH_IN_NOISE, std::ios::binary);
     std::vector<int16_t> pcm(288000);
-    file.read(reinterpret_cast<char*>(pcm.data()), 2 * 288000);
+    file.read(reinterpret_cast<char*>(pcm.data()), std::streamsize{2} * 288000);
     EXPECT_EQ(file.gcount(), 2 * 288000);
     std::vector<float> samples(pcm.size());
     EXPECT_EQ(wrapper_audio_s16_to_f32(pcm.data(), pcm.size(), samples.data()), WRAPPER_AUDIO_OK);

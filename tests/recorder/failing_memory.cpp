@@ -112,8 +112,10 @@ void operator delete(void* block, std::size_t /*size*/) noexcept {
 
 // std::thread's beginning, to which the linker leads from the layer.
 #define START_THREAD _ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): nothing else makes a name of two
 #define JOINED(a, b) a##b
 #define NAMED(prefix, name) JOINED(prefix, name)
+// NOLINTEND(cppcoreguidelines-macro-usage)
 
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
 extern "C" void NAMED(__real_, START_THREAD)(void* thread, void* state, void (*depend)());

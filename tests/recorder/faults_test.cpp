@@ -112,7 +112,7 @@ protected:
         wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
     }
 
-    void expect_nothing_left() {
+    void expect_nothing_left() const {
         EXPECT_TRUE(soon(no_device_is_held));
         EXPECT_TRUE(soon(no_denoiser_is_held));
         EXPECT_EQ(wrapper_audio_abandoned_threads(), 0U);

@@ -136,7 +136,8 @@ TEST(gain_control, is_the_core_on_blocks_of_10_ms) {
     for (const int32_t rate : {100, 8000, 16000, 44100, 48000}) {
         for (const float target_db : {-60.0F, -20.0F, 0.0F}) {
             for (const float release_ms : {0.0F, 10.0F, 500.0F, 60000.0F}) {
-                const auto in = loud_and_quiet(static_cast<std::size_t>(rate / 2 + rate / 300));
+                const auto in =
+                    loud_and_quiet(static_cast<std::size_t>(rate) / 2 + static_cast<std::size_t>(rate) / 300);
                 const auto block = static_cast<std::size_t>(rate / 100);
                 expect_stream(gain_control(rate, target_db, release_ms), in,
                               in_blocks_by_the_core(in, block, target_db, release_ms));

@@ -337,7 +337,10 @@ TEST_F(late_host, accounts_for_every_sample_over_many_losses) {
 TEST_F(late_host, is_told_the_levels_and_the_speech_of_what_it_reads) {
     world().devices = {device{.name = "A", .rate = 48000}};
     // Every second has a level of its own, and a sample at full scale.
-    microphone.sound = [](uint64_t n) { return n % 48000 == 0 ? 1.0F : static_cast<float>(n / 48000 + 1) / 100.0F; };
+    microphone.sound = [](uint64_t n) {
+        const uint64_t second = n / 48000;
+        return n % 48000 == 0 ? 1.0F : static_cast<float>(second + 1) / 100.0F;
+    };
     microphone.keeps_time = true;
     microphone.hang_after(0);
     record({.rate = 48000, .buffer_ms = 100});

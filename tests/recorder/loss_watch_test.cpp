@@ -94,7 +94,8 @@ TEST(loss_watch, bursts_of_a_sound_server_are_no_losses) {
     uint64_t lost = 0;
     for (int i = 0; i < 5000; ++i) {
         const int burst = i < 1000 ? 1 : 6; // the server changes to larger blocks
-        lost += watch.add(block_seconds * ((i / burst + 1) * burst), block);
+        const int bursts = i / burst + 1;
+        lost += watch.add(block_seconds * (bursts * burst), block);
     }
     EXPECT_EQ(lost, 0U);
 }

@@ -233,7 +233,10 @@ TEST_F(reading_samples, repeats_the_levels_of_the_10_ms_that_a_short_read_lies_i
 TEST_F(reading_samples, tells_levels_where_10_ms_are_no_whole_number_of_samples) {
     world().devices = {device{.name = "A", .rate = 11025}};
     // 10 ms number k begin at the sample 110.25 * k, rounded up.
-    microphone.sound = [](uint64_t n) { return static_cast<float>(n * 100 / 11025 + 1) / 200.0F; };
+    microphone.sound = [](uint64_t n) {
+        const uint64_t number = n * 100 / 11025;
+        return static_cast<float>(number + 1) / 200.0F;
+    };
     record({.rate = 8000});
     for (int number = 1; number <= 150; ++number) {
         const reading got = read(80);

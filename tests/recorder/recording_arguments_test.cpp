@@ -62,7 +62,7 @@ TEST_F(recorder_arguments, of_create_have_limits) {
     }
     for (std::size_t i = 0; i < bad.size(); ++i)
         EXPECT_EQ(creating(bad[i]), WRAPPER_AUDIO_INVALID_ARGUMENT) << i;
-    EXPECT_EQ(wrapper_audio_recorder_create(nullptr, &good[0]), WRAPPER_AUDIO_INVALID_ARGUMENT);
+    EXPECT_EQ(wrapper_audio_recorder_create(nullptr, std::data(good)), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_THAT(calls(), IsEmpty()) << "no device is touched";
 }
 

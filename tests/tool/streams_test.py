@@ -12,7 +12,7 @@ import time
 import unittest
 import wave
 
-from host import FILE_TROUBLE, FINE, HOST, SPEECH, USAGE, HostTest, decibels, rms
+from host import FILE_TROUBLE, FINE, HOST, INPUT_BREAKS_OFF, SPEECH, USAGE, HostTest, decibels, rms
 
 EFFECTS = ["--depop", "0.3", "--highpass", "100:0.8", "--agc", "-35:300"]
 
@@ -136,12 +136,15 @@ class Formats(StreamTest):
         time.sleep(8)  # the pipe holds less than a second, the recorder five
         output, errors = process.communicate(timeout=30)
         self.assertEqual((process.returncode, len(output)), (FINE, 8 * 48000 * 2))
-        told = re.fullmatch(rb"wrapper-audio: (\d+) samples were lost, because .*: at ([\d:., ]+)( and .*)?\n", errors)
+        told = re.fullmatch(
+            rb"wrapper-audio: (\S+) s of sound \((\d+) samples\) were lost at ([\d:., ]+)( and .*)?: .* too slow\n", errors
+        )
         self.assertIsNotNone(told, errors)
+        self.assertAlmostEqual(float(told[1]), int(told[2]) / 48000, delta=0.0051)
         samples = struct.unpack(f"<{8 * 48000}h", output)
-        self.assertAlmostEqual((len(samples) - 1 + int(told[1])) % 30000, samples[-1], delta=1)
+        self.assertAlmostEqual((len(samples) - 1 + int(told[2])) % 30000, samples[-1], delta=1)
         jumps = [at for at in range(1, len(samples)) if (samples[at] - samples[at - 1]) % 30000 > 2]
-        self.assertEqual([f"0:{at // 4800 / 10:04.1f}" for at in jumps][:3], told[2].decode().split(", "))
+        self.assertEqual([f"0:{at // 4800 / 10:04.1f}" for at in jumps][:3], told[3].decode().split(", "))
 
 
 class Effects(StreamTest):
@@ -347,13 +350,16 @@ class Process(StreamTest):
         sound = tone(500, 16000, 1, 16384)
         path = self.write_wav("in.wav", 16000, sound)
         path.write_bytes(path.read_bytes()[: 44 + 2 * 5000])
-        self.assertEqual(self.process(path), sound[:5000])
+        out = self.folder / "short.raw"
+        code, _, errors = self.host("process", path, out)
+        self.assertEqual((code, self.read_raw(out)), (INPUT_BREAKS_OFF, sound[:5000]))
+        self.assertRegex(errors, r"in\.wav breaks off after 0:00\.3: its header promises more\n\Z")
 
     def test_damage_with_sound_behind_it_is_reported(self):
         seed = pathlib.Path(__file__).parents[2] / "fuzz/seeds/files/found_damage_with_sound_behind_it"
         (self.folder / "damaged.flac").write_bytes(seed.read_bytes()[3:])
         code, _, errors = self.host("process", "damaged.flac", self.file, "--rate", 44100)
-        self.assertEqual(code, FILE_TROUBLE)
+        self.assertEqual(code, INPUT_BREAKS_OFF)
         self.assertRegex(errors, r"damaged\.flac breaks off after 0:0")
 
     def test_into_a_pipe(self):

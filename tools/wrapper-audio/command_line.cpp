@@ -1,10 +1,17 @@
 #include "command_line.h"
 
+#include "text.h"
+#include "values.h"
+
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <iostream>
 #include <map>
+#include <numeric>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -15,7 +22,8 @@ constexpr const char* exit_codes = "\nExit codes:\n"
                                    "  3  there is no input device\n"
                                    "  4  the input device could not be opened\n"
                                    "  5  the input device failed; what was recorded before is kept\n"
-                                   "  6  a file could not be read, created or written";
+                                   "  6  a file could not be read, created or written\n"
+                                   "  7  the input file breaks off; what it holds was processed";
 
 struct common_options {
     bool quiet = false;
@@ -29,6 +37,8 @@ public:
 
 private:
     CLI::App* add(const std::string& name, const std::string& description, const std::string& examples);
+    void add_loudness(CLI::App* command);
+    static void add_output(CLI::App* command, output_options& output);
     static void add_device(CLI::App* command, std::string& device);
     static void add_voice(CLI::App* command, voice_options& voice);
     static void add_effects(CLI::App* command, effect_options& effects);
@@ -37,6 +47,7 @@ private:
     void add_record();
     void add_process();
     void add_doctor();
+    std::string mistake(const CLI::ParseError& error, const CLI::App* command);
 
     CLI::App app{"Records clean speech: microphone capture with neural noise suppression, for people and for pipes.",
                  "wrapper-audio"};
@@ -49,8 +60,8 @@ private:
 };
 
 /** Turns what a parsing function throws into CLI11's error. */
-template <class Value>
-CLI::callback_t value_of(const char* option, std::optional<Value>& to, Value (*parse_text)(const std::string&)) {
+template <class To, class Value>
+CLI::callback_t value_of(const char* option, To& to, Value (*parse_text)(const std::string&)) {
     return [option, &to, parse_text](const CLI::results_t& texts) {
         try {
             to = parse_text(texts.at(0));
@@ -63,6 +74,7 @@ CLI::callback_t value_of(const char* option, std::optional<Value>& to, Value (*p
 
 parser::parser() {
     app.require_subcommand(1);
+    add_loudness(&app);
     app.set_version_flag("--version", "wrapper-audio " WRAPPER_AUDIO_VERSION);
     app.footer(std::string("\nExamples:\n"
                            "  wrapper-audio record --denoise speech.wav       record until Ctrl-C\n"
@@ -79,15 +91,21 @@ parser::parser() {
 
 CLI::App* parser::add(const std::string& name, const std::string& description, const std::string& examples) {
     CLI::App* command = app.add_subcommand(name, description);
-    auto* quiet = command->add_flag("-q,--quiet", common.quiet, "say nothing but errors");
-    command->add_flag("-v,--verbose", common.verbose, "show all that the library and the audio system say")
-        ->excludes(quiet);
+    add_loudness(command);
     command->footer("\nExamples:\n" + examples + exit_codes);
     return command;
 }
 
+void parser::add_loudness(CLI::App* command) {
+    auto* quiet = command->add_flag("-q,--quiet", common.quiet, "print errors only");
+    command->add_flag("-v,--verbose", common.verbose, "print everything that the library and the audio system say")
+        ->excludes(quiet);
+}
+
 void parser::add_device(CLI::App* command, std::string& device) {
-    command->add_option("-d,--device", device, "an input device: its id, or a part that only one has; see `devices`")
+    command
+        ->add_option("-d,--device", device,
+                     "the input device: its id, or a part of it that no other id has; see `devices`")
         ->type_name("ID");
 }
 
@@ -98,17 +116,18 @@ void parser::add_voice(CLI::App* command, voice_options& voice) {
             return texts.at(0) == "true" ? (voice.denoise = 1.0F, true)
                                          : value_of("--denoise", voice.denoise, parse_share)(texts);
         },
-        "suppress noise; --denoise=0.5 takes half of it away");
+        "suppress noise; --denoise=0.5 removes half of it");
     denoise->expected(0);
     command
         ->add_option("--strength", value_of("--strength", voice.denoise, parse_share),
-                     "with --denoise: how much of the noise is taken away, 0 to 1; 1 if not given")
+                     "with --denoise: how much of the noise to remove, 0 to 1; default: 1")
         ->needs(denoise)
         ->type_name("SHARE");
     const std::map<std::string, wrapper_audio_conversion> conversions{{"clean", WRAPPER_AUDIO_CONVERSION_CLEAN},
                                                                       {"linear", WRAPPER_AUDIO_CONVERSION_LINEAR}};
     command
-        ->add_option("--converter", voice.conversion, "of sample rates: clean, or linear, which is quick and aliases")
+        ->add_option("--converter", voice.conversion,
+                     "how to convert sample rates: clean (default), or linear, which is fast but aliases")
         ->transform(CLI::CheckedTransformer(conversions).description(""))
         ->type_name("clean|linear");
 }
@@ -116,34 +135,47 @@ void parser::add_voice(CLI::App* command, voice_options& voice) {
 void parser::add_effects(CLI::App* command, effect_options& effects) {
     command
         ->add_option("--highpass", value_of("--highpass", effects.highpass, parse_high_pass),
-                     "remove rumble below this corner; Q is 0.707 if not given")
+                     "remove rumble below this frequency; default for Q: 0.707")
         ->type_name("HZ[:Q]");
     command
         ->add_option("--depop", value_of("--depop", effects.depop, parse_share),
-                     "subtract this share of the sample before, 0 to 1, against pops")
+                     "against pops: subtract this share, 0 to 1, of the previous sample")
         ->type_name("COEF");
     command
         ->add_option("--agc", value_of("--agc", effects.agc, parse_gain_control),
-                     "steer the RMS level to DB, such as -20, within RELEASE_MS (200 if not given)")
+                     "bring the RMS level to DB, such as -20, within RELEASE_MS (default: 200)")
         ->type_name("DB[:RELEASE_MS]");
+}
+
+void parser::add_output(CLI::App* command, output_options& output) {
+    const std::map<std::string, sound_format> formats{
+        {"wav", sound_format::wav}, {"flac", sound_format::flac}, {"raw", sound_format::raw}};
+    command->add_option("-t,--type", output.format, "the format, whatever the name of the file says")
+        ->transform(CLI::CheckedTransformer(formats).description(""))
+        ->type_name("wav|flac|raw");
+    command->add_flag("-n,--no-clobber", output.keeps_older, "never overwrite a file");
 }
 
 void parser::add_devices() {
     CLI::App* command = add("devices", "List the devices to record from",
                             "  wrapper-audio devices\n"
                             "  wrapper-audio devices --json | jq -r '.[] | select(.kind == \"input\") | .id'\n");
-    auto* json = command->add_flag("--json", devices.json, "a list for programs, inputs and outputs");
-    command->add_flag("--ids", devices.ids, "ids alone, one a line, for scripts")->excludes(json);
-    command->add_flag("--all", devices.all, "outputs as well");
+    auto* json = command->add_flag("--json", devices.json, "print JSON for programs: inputs and outputs");
+    command->add_flag("--ids", devices.ids, "print ids only, one per line, for scripts")->excludes(json);
+    command->add_flag("--all", devices.all, "include outputs");
 }
 
 void parser::add_meter() {
     CLI::App* command = add("meter", "Show the level of an input, live",
                             "  wrapper-audio meter\n"
                             "  wrapper-audio meter --device usb --seconds 10\n"
-                            "  wrapper-audio meter | tee levels.txt       one line a second\n");
+                            "  wrapper-audio meter | tee levels.txt       one line per second\n");
     add_device(command, meter.device);
-    command->add_option("--seconds", meter.seconds, "how long; default: until Ctrl-C")->type_name("S");
+    command
+        ->add_option("--seconds", value_of("--seconds", meter.seconds, parse_duration),
+                     "how long, such as 90 or 1m30s; default: until Ctrl-C")
+        ->type_name("TIME");
+    command->add_flag("--json", meter.json, "print one JSON object per second");
 }
 
 void parser::add_record() {
@@ -153,17 +185,25 @@ void parser::add_record() {
                             "  wrapper-audio record --highpass 80 --agc -20:300 talk.wav\n"
                             "  wrapper-audio record --denoise - | recogniser       raw signed 16-bit at 16000 Hz\n");
     command
-        ->add_option("FILE", recording.path,
-                     "the file, overwritten: .wav, .flac or .raw; - sends raw samples to standard output")
+        ->add_option(
+            "FILE", recording.path,
+            "the file to write: .wav, .flac or .raw, or - for standard output; %F and the like become the date and "
+            "time, {} a number")
         ->required();
     add_device(command, recording.device);
-    command->add_option("-r,--rate", recording.rate, "samples per second, 100 to 384000")
-        ->check(CLI::Range(100, 384000).description(""))
+    command
+        ->add_option("-r,--rate", value_of("--rate", recording.rate, parse_rate),
+                     "samples per second, 100 to 384000, such as 44100 or 48k")
         ->type_name("HZ")
-        ->capture_default_str();
+        ->default_str(std::to_string(recording.rate));
     add_voice(command, recording.voice);
-    command->add_option("--seconds", recording.seconds, "how long to record; default: until Ctrl-C")->type_name("S");
+    command
+        ->add_option("--seconds", value_of("--seconds", recording.seconds, parse_duration),
+                     "how long to record, such as 90 or 1m30s; default: until Ctrl-C")
+        ->type_name("TIME");
     add_effects(command, recording.effects);
+    add_output(command, recording.output);
+    command->add_flag("--fill-gaps", recording.fill_gaps, "put silence where sound was lost, so that times stay true");
 }
 
 void parser::add_process() {
@@ -171,13 +211,26 @@ void parser::add_process() {
                             "  wrapper-audio process --rate 16000 music.flac for-the-recogniser.wav\n"
                             "  wrapper-audio process --denoise --strength 0.8 noisy.wav clean.wav\n"
                             "  wrapper-audio process --highpass 80:0.9 --agc -20 quiet.wav loud.wav\n");
-    command->add_option("IN", processing.in, "any sound file; several channels are mixed to one")->required();
+    command->add_option("IN", processing.in, "any sound file; - is standard input")->required();
     command->add_option("OUT", processing.out, "the file to write: .wav, .flac, .raw or -, 16 bits, mono")->required();
-    command->add_option("-r,--rate", processing.rate, "samples per second, 100 to 384000; default: those of IN")
-        ->check(CLI::Range(100, 384000).description(""))
+    auto* raw = command
+                    ->add_option("--raw-rate", value_of("--raw-rate", processing.raw_rate, parse_rate),
+                                 "IN is raw signed 16-bit samples at this rate")
+                    ->type_name("HZ");
+    command->add_option("--raw-channels", processing.raw_channels, "with --raw-rate: how many channels; default: 1")
+        ->needs(raw)
+        ->check(CLI::Range(1, 64).description(""))
+        ->type_name("N");
+    command->add_option("--channel", processing.channel, "take this channel, from 1; default: all of them, mixed")
+        ->check(CLI::Range(1, 1024).description(""))
+        ->type_name("N");
+    command
+        ->add_option("-r,--rate", value_of("--rate", processing.rate, parse_rate),
+                     "samples per second, 100 to 384000, such as 44100 or 48k; default: those of IN")
         ->type_name("HZ");
     add_voice(command, processing.voice);
     add_effects(command, processing.effects);
+    add_output(command, processing.output);
 }
 
 void parser::add_doctor() {
@@ -187,19 +240,71 @@ void parser::add_doctor() {
     add_device(command, doctor.device);
 }
 
+/** How many letters must be added, removed or replaced to make one word of the other. */
+std::size_t distance(const std::string& one, const std::string& other) {
+    std::vector<std::size_t> row(other.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (std::size_t i = 0; i < one.size(); ++i) {
+        std::size_t diagonal = std::exchange(row[0], i + 1);
+        for (std::size_t j = 0; j < other.size(); ++j) {
+            const std::size_t replaced = diagonal + (one[i] == other[j] ? 0 : 1);
+            diagonal = std::exchange(row[j + 1], std::min({row[j] + 1, row[j + 1] + 1, replaced}));
+        }
+    }
+    return row.back();
+}
+
+/** "; did you mean '--rate'?", or nothing when no word is near. */
+std::string suggestion(const std::string& word, const std::vector<std::string>& words) {
+    const auto nearest = std::min_element(words.begin(), words.end(), [&](const auto& one, const auto& other) {
+        return distance(word, one) < distance(word, other);
+    });
+    const bool is_near = nearest != words.end() && distance(word, *nearest) <= (word.size() < 4 ? 1U : 2U);
+    return is_near ? fmt::format("; did you mean '{}'?", *nearest) : "";
+}
+
+/** What was wrong, in one sentence that names the word which was. */
+std::string parser::mistake(const CLI::ParseError& error, const CLI::App* command) {
+    const std::vector<std::string> left = app.remaining(true);
+    if (command == nullptr) {
+        const auto word = std::find_if(left.begin(), left.end(), [](const auto& each) { return each[0] != '-'; });
+        std::vector<std::string> names{"help"};
+        for (const CLI::App* each : app.get_subcommands(nullptr))
+            names.push_back(each->get_name());
+        if (word != left.end()) return fmt::format("there is no command '{}'{}", *word, suggestion(*word, names));
+    }
+    // CLI11 names all words that it could not place, or what it missed because of them.
+    const auto option =
+        std::find_if(left.begin(), left.end(), [](const auto& each) { return each.size() > 1 && each[0] == '-'; });
+    if (option == left.end())
+        return left.empty() ? error.what() : fmt::format("'{}' is one argument too many", left.front());
+    std::vector<std::string> names;
+    for (const CLI::Option* each : (command != nullptr ? command : &app)->get_options())
+        for (const std::string& name : each->get_lnames())
+            names.push_back("--" + name);
+    const std::string name = option->substr(0, option->find('='));
+    return fmt::format("there is no option '{}'{}", name, suggestion(name, names));
+}
+
 std::optional<exit_code> parser::parse(int argc, char** argv, command_line& wanted) {
+    std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    if (!words.empty() && words[0] == "help") { // `help record` is `record --help`
+        words.erase(words.begin());
+        words.emplace_back("--help");
+    }
+    std::reverse(words.begin(), words.end()); // as CLI11 takes them
     try {
-        app.parse(argc, argv);
+        app.parse(words);
+        if (common.quiet && common.verbose) throw CLI::ParseError("--quiet and --verbose exclude each other", usage);
     } catch (const CLI::Success& help) {
         app.exit(help);
         return std::cout.flush() ? fine : file_trouble;
     } catch (const CLI::ParseError& error) {
         const auto named = app.get_subcommands();
-        const std::string command = named.empty() ? "" : " " + named.front()->get_name();
-        const std::string sentence = named.empty() && argc > 1 && argv[1][0] != '-'
-                                         ? fmt::format("there is no command '{}'", argv[1])
-                                         : std::string(error.what());
-        std::cerr << fmt::format("wrapper-audio: {}\nTry `wrapper-audio{} --help`.\n", sentence, command);
+        const CLI::App* command = named.empty() ? nullptr : named.front();
+        std::cerr << fmt::format("wrapper-audio: {}\nTry `wrapper-audio{} --help`.\n",
+                                 printable(mistake(error, command)),
+                                 command != nullptr ? " " + command->get_name() : "");
         return usage;
     }
     wanted.loudness = common.quiet     ? console::loudness::quiet

@@ -6,6 +6,7 @@
 
 #include "effects.h"
 #include "failure.h"
+#include "output.h"
 
 #include <wrapper_audio_recorder.h>
 
@@ -21,6 +22,7 @@ struct devices_options {
 struct meter_options {
     std::string device;
     std::optional<double> seconds;
+    bool json = false;
 };
 
 /** Rate conversion and noise suppression. */
@@ -36,14 +38,20 @@ struct record_options {
     voice_options voice;
     std::optional<double> seconds;
     effect_options effects;
+    output_options output;
+    bool fill_gaps = false;
 };
 
 struct process_options {
     std::string in;
     std::string out;
+    std::optional<int> raw_rate; // of the input, which has no header then
+    int raw_channels = 1;
+    std::optional<int> channel; // counted from 1; all of them mixed if not given
     std::optional<int> rate;
     voice_options voice;
     effect_options effects;
+    output_options output;
 };
 
 struct doctor_options {

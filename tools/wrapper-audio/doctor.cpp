@@ -48,7 +48,7 @@ std::vector<std::string> loaded_libraries() {
 /** PortAudio is no business of the library's headers, but it is in the process and can be asked. */
 std::string portaudio_version() {
     void* const symbol = dlsym(RTLD_DEFAULT, "Pa_GetVersionText");
-    if (symbol == nullptr) return "PortAudio does not tell its version";
+    if (symbol == nullptr) return "PortAudio does not report its version";
     return reinterpret_cast<const char* (*)()>(symbol)();
 }
 
@@ -73,9 +73,9 @@ void report_surroundings() {
         if (!variable(name).empty()) print(fmt::format("  {}={}\n", name, printable(variable(name))));
     std::error_code error;
     if (!std::filesystem::exists("/dev/snd", error))
-        print("  /dev/snd is not there: no sound hardware, or a container that was not given it\n");
+        print("  /dev/snd does not exist: there is no sound hardware, or this is a container without access to it\n");
     else if (access("/dev/snd", R_OK | X_OK) != 0)
-        print("  /dev/snd cannot be read by this user: the group audio may\n");
+        print("  this user cannot read /dev/snd; members of the group audio can\n");
     else
         print("  /dev/snd is there\n");
     const std::filesystem::path runtime = variable("XDG_RUNTIME_DIR");
@@ -83,15 +83,14 @@ void report_surroundings() {
     const bool pipewire = !runtime.empty() && std::filesystem::exists(runtime / "pipewire-0", error);
     print(fmt::format("  sound server of this user: {}\n", pipewire ? "PipeWire"
                                                            : pulse  ? "PulseAudio"
-                                                                    : "none that can be seen"));
+                                                                    : "none found"));
 }
 
 /** Returns whether there is something to open. */
 bool report_devices() {
     print("\nDevices\n");
     const device_list list;
-    print(list.has_input() ? "  capabilities 3: at least one device can capture\n"
-                           : "  capabilities 1: PortAudio starts, but no device can capture\n");
+    print(list.has_input() ? "  at least one device can record\n" : "  PortAudio starts, but no device can record\n");
     for (const wrapper_audio_device& each : list)
         print(fmt::format("  {} {} ({})\n", each.is_default != 0 ? '*' : ' ', printable(each.id),
                           each.input_channels > 0 ? "input" : "output"));
@@ -110,7 +109,7 @@ level listen(microphone& opened, int rate) {
         heard.add(block.captured_rms, block.captured_peak, block.count);
     if (opened.trouble())
         throw failure(opened.trouble()->code,
-                      fmt::format("{}. A sound server may hold it; try another one", opened.trouble()->what()));
+                      fmt::format("{}. Another program may be using it; try another device", opened.trouble()->what()));
     return heard;
 }
 
@@ -124,10 +123,10 @@ void report_opening(const std::string& wanted) {
     print(fmt::format("  '{}' opens and runs at {} Hz\n", printable(opened.name()), info.device_rate));
     const level heard = listen(opened, options.rate);
     if (heard.peak() > 0)
-        print(fmt::format("  half a second of it: peak {} dBFS, RMS {} dBFS\n", decibel_text(heard.peak()),
+        print(fmt::format("  half a second of sound: peak {} dBFS, RMS {} dBFS\n", decibel_text(heard.peak()),
                           decibel_text(heard.rms())));
     else
-        print("  half a second of it: pure silence (muted? the wrong device?)\n");
+        print("  half a second of sound: complete silence (muted? the wrong device?)\n");
     print(fmt::format("\nDenoising\n  --denoise works: {}\n", denoising_text(info)));
 }
 
@@ -147,8 +146,8 @@ void report_audio_system() {
     const std::vector<std::string> lines = audio_system_lines();
     if (lines.empty() || console::is_verbose()) return;
     constexpr std::size_t few = 8;
-    print(fmt::format("\nThe audio system said {} lines meanwhile, most of them harmless{}\n", lines.size(),
-                      lines.size() > few ? "; --verbose shows all:" : ":"));
+    print(fmt::format("\nThe audio system printed {} lines, most of them harmless{}\n", lines.size(),
+                      lines.size() > few ? "; --verbose shows them all:" : ":"));
     for (std::size_t i = 0; i < std::min(few, lines.size()); ++i)
         print("  " + printable(lines[i]) + "\n");
 }

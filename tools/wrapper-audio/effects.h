@@ -9,7 +9,6 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <string>
 #include <vector>
 
 struct high_pass {
@@ -63,12 +62,5 @@ private:
 
     std::vector<stage> stages;
 };
-
-/** "HZ[:Q]" and "DB[:RELEASE_MS]". Throw std::invalid_argument with a sentence about what is wrong. */
-high_pass parse_high_pass(const std::string& text);
-gain_control parse_gain_control(const std::string& text);
-
-/** A number from 0 to 1, in the same manner. */
-float parse_share(const std::string& text);
 
 #endif

@@ -14,7 +14,8 @@ enum exit_code {
     no_input_device = 3,
     open_failed = 4,
     read_failed = 5,
-    file_trouble = 6
+    file_trouble = 6,
+    input_breaks_off = 7
 };
 
 /** Ends the command with one sentence for the user, who need not know the program from inside. */

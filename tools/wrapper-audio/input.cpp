@@ -1,5 +1,6 @@
 #include "input.h"
 
+#include "console.h"
 #include "stopping.h"
 #include "text.h"
 
@@ -110,6 +111,13 @@ std::string microphone::text(wrapper_audio_recorder_text_kind kind) const {
 
 failure microphone::failed(wrapper_audio_status status) const {
     return failure_of(status, text(WRAPPER_AUDIO_TEXT_REASON));
+}
+
+void silence_watch::look_at(const wrapper_audio_block& block) {
+    zeros = block.captured_peak > 0 ? 0 : zeros + block.count;
+    if (said || zeros < limit) return;
+    console::note("the input is silent (muted? the wrong device?)");
+    said = true;
 }
 
 std::string denoising_text(const wrapper_audio_recorder_info& info) {

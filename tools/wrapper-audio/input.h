@@ -72,6 +72,19 @@ private:
     int stalls = 0;
 };
 
+/** Says once that nothing comes in. A quiet room is not that quiet: two seconds of zeros come from no microphone. */
+class silence_watch {
+public:
+    explicit silence_watch(int rate) : limit(2 * static_cast<std::uint64_t>(rate)) {}
+
+    void look_at(const wrapper_audio_block& block);
+
+private:
+    const std::uint64_t limit;
+    std::uint64_t zeros = 0;
+    bool said = false;
+};
+
 /** "denoising at 48000 Hz, the device's own rate", "denoising, converted from 44100 Hz" or "nothing is denoised". */
 std::string denoising_text(const wrapper_audio_recorder_info& info);
 

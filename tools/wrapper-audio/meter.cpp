@@ -22,20 +22,21 @@ constexpr int rate = 16000; // of the samples, which nobody hears: the levels ar
 std::uint64_t samples_wanted(const std::optional<double>& seconds) {
     if (!seconds) return std::numeric_limits<std::uint64_t>::max();
     const double samples = std::ceil(*seconds * rate - 1e-9);
-    if (!(samples >= 1.0 && samples < 1e15))
-        throw failure(usage, "--seconds: must be above 0, and a number to live by");
+    if (!(samples < 1e15)) throw failure(usage, "--seconds: longer than anybody can wait");
     return static_cast<std::uint64_t>(samples);
 }
 
 /** A bar on a terminal, a line a second elsewhere. The time is that of the sound. */
 class display {
 public:
+    explicit display(bool json) : json_(json) {}
+
     void show(const wrapper_audio_block& block) {
         const std::uint64_t seconds_before = samples_ / rate;
         samples_ += block.count;
         second_.add(block.captured_rms, block.captured_peak, block.count);
         moment_.add(block.captured_rms, block.captured_peak, block.count);
-        if (screen_.redraws)
+        if (redraws())
             draw();
         else if (samples_ / rate > seconds_before)
             print_second();
@@ -43,7 +44,7 @@ public:
 
     /** The last second, when it was none. */
     void finish() {
-        if (!screen_.redraws && second_.samples() > 0) print_second();
+        if (!redraws() && second_.samples() > 0) print_second();
         status_line::finish();
     }
 
@@ -60,11 +61,19 @@ private:
     }
 
     void print_second() {
-        print(fmt::format("{}  RMS {:>5}  peak {:>5} dBFS{}\n", time_text(now()), decibel_text(second_.rms()),
-                          decibel_text(second_.peak()), second_.peak() >= 32767.0F / 32768.0F ? "  CLIP" : ""));
+        const bool clips = second_.peak() >= 32767.0F / 32768.0F;
+        if (json_)
+            print(fmt::format("{{\"time\":{:.1f},\"rms\":{:.6f},\"peak\":{:.6f},\"clips\":{}}}\n", now(), second_.rms(),
+                              second_.peak(), clips));
+        else
+            print(fmt::format("{}  RMS {:>5}  peak {:>5} dBFS{}\n", time_text(now()), decibel_text(second_.rms()),
+                              decibel_text(second_.peak()), clips ? "  CLIP" : ""));
         second_ = {};
     }
 
+    bool redraws() const { return screen_.redraws && !json_; }
+
+    const bool json_;
     const terminal screen_{STDOUT_FILENO};
     level_meter meter_;
     level moment_;
@@ -81,12 +90,14 @@ exit_code show_meter(const meter_options& wanted) {
     options.conversion = WRAPPER_AUDIO_CONVERSION_LINEAR; // without delay
     microphone input(wanted.device, options);
     stop_on_signals();
-    display shown;
+    display shown(wanted.json);
+    silence_watch silence(rate);
     std::array<float, rate * 30 / 1000> samples{};
     for (wrapper_audio_block block{}; !stop_requested() && shown.samples() < limit;) {
         const std::size_t most = std::min<std::uint64_t>(samples.size(), limit - shown.samples());
         if (input.read(std::span(samples).first(most), block) == 0) break;
         shown.show(block);
+        silence.look_at(block);
     }
     shown.finish();
     if (input.trouble()) throw failure(*input.trouble());

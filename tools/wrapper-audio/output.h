@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -28,13 +29,24 @@ public:
 
 enum class sound_format { wav, flac, raw };
 
-/** By the name of the file. Throws a failure for an extension that promises something else. */
-sound_format format_of(const std::string& path);
+struct output_options {
+    std::optional<sound_format> format;
+    bool keeps_older = false;
+};
+
+/** As wanted, or by the name of the file. Throws a failure for an extension that promises something else. */
+sound_format format_of(const std::string& path, const output_options& wanted);
 
 /** The number of samples that fit. */
 std::uint64_t sample_limit(sound_format format);
 
-/** Creates the file, or takes standard output for "-". Throws a failure. */
-std::unique_ptr<output> create_output(const std::string& path, int rate);
+/** With the local time for what strftime() knows, and for {} the first number from 1 whose file is not there yet. */
+std::string expanded(const std::string& path);
+
+/**
+ * Creates the file, or takes standard output for "-". Throws a failure; a file that another program is recording into
+ * is left alone. When the program is told to stop, what takes no samples for a second has failed.
+ */
+std::unique_ptr<output> create_output(const std::string& path, int rate, const output_options& wanted);
 
 #endif

@@ -14,22 +14,79 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <numeric>
 #include <vector>
 
 namespace {
 
+struct file_closer {
+    void operator()(std::FILE* open) const { std::fclose(open); }
+};
+using open_file = std::unique_ptr<std::FILE, file_closer>;
+
+/** The input as a file of its own, where it comes out of a pipe: libsndfile must be able to go back. */
+open_file spooled(int from, const std::string& name) {
+    open_file file(std::tmpfile());
+    std::array<char, 65536> piece{};
+    for (ssize_t got = 0; file;) {
+        got = read(from, piece.data(), piece.size());
+        if (got < 0) throw failure(file_trouble, fmt::format("cannot read {}: {}", name, std::strerror(errno)));
+        if (got == 0 && std::fseek(file.get(), 0, SEEK_SET) == 0) return file; // which brings everything into it
+        if (got == 0 || std::fwrite(piece.data(), 1, static_cast<std::size_t>(got), file.get()) == 0) break;
+    }
+    throw failure(file_trouble, fmt::format("cannot keep {} in a temporary file: {}", name, std::strerror(errno)));
+}
+
+/** Whether the header of a WAV file names a size that the file does not have. That of a stream is not known. */
+bool is_cut_short(int wav) {
+    std::array<unsigned char, 8> header{};
+    struct stat file {};
+    if (fstat(wav, &file) != 0 || pread(wav, header.data(), header.size(), 0) != 8) return false;
+    if (!std::equal(header.begin(), header.begin() + 4, "RIFF")) return false;
+    const std::int64_t size = header[4] | header[5] << 8 | header[6] << 16 | std::int64_t{header[7]} << 24;
+    constexpr std::int64_t unknown = 0x7FFFF000; // and above
+    return size < unknown && size + 8 > file.st_size;
+}
+
 /** A sound file, read as mono. */
 class source {
 public:
-    explicit source(const std::string& path) {
-        file.reset(sf_open(path.c_str(), SFM_READ, &info));
-        if (!file) throw failure(file_trouble, fmt::format("cannot read {}: {}", printable(path), reason()));
+    explicit source(const process_options& wanted)
+        : name(wanted.in == "-" ? "standard input" : printable(wanted.in)), channel(wanted.channel) {
+        if (wanted.raw_rate) {
+            info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
+            info.samplerate = *wanted.raw_rate;
+            info.channels = wanted.raw_channels;
+        }
+        if (wanted.in == "-" && isatty(STDIN_FILENO) == 1)
+            throw failure(usage, "sound is not read from a terminal: name a file, or send it through a pipe");
+        open_file descriptor(wanted.in == "-" ? fdopen(dup(STDIN_FILENO), "rb") : std::fopen(wanted.in.c_str(), "rbe"));
+        if (!descriptor) throw failure(file_trouble, fmt::format("cannot read {}: {}", name, std::strerror(errno)));
+        struct stat kind {};
+        fstat(fileno(descriptor.get()), &kind);
+        if (S_ISDIR(kind.st_mode)) throw failure(file_trouble, name + " is a directory");
+        if (!S_ISREG(kind.st_mode)) descriptor = spooled(fileno(descriptor.get()), name);
+        cut_short = !wanted.raw_rate && is_cut_short(fileno(descriptor.get()));
+        // By its name where it has one, from which libsndfile knows formats that have no header.
+        file.reset(S_ISREG(kind.st_mode) && wanted.in != "-"
+                       ? sf_open(wanted.in.c_str(), SFM_READ, &info)
+                       : sf_open_fd(dup(fileno(descriptor.get())), SFM_READ, &info, SF_TRUE));
+        if (!file)
+            throw failure(file_trouble, fmt::format("cannot read {}: {}{}", name, reason(),
+                                                    sf_error(nullptr) == SF_ERR_UNRECOGNISED_FORMAT
+                                                        ? "; of raw samples --raw-rate tells the rate"
+                                                        : ""));
         if (info.samplerate < 1 || info.channels < 1)
-            throw failure(file_trouble, fmt::format("cannot read {}: its header makes no sense", printable(path)));
+            throw failure(file_trouble, fmt::format("cannot read {}: its header makes no sense", name));
+        if (channel && *channel > info.channels)
+            throw failure(usage, fmt::format("--channel: {} has {} of them", name, info.channels));
     }
 
     int rate() const { return info.samplerate; }
@@ -45,30 +102,47 @@ public:
         for (sf_count_t frame = 0; frame < got; ++frame) {
             const auto first = frames.begin() + static_cast<std::ptrdiff_t>(frame * info.channels);
             const float sample =
-                std::accumulate(first, first + info.channels, 0.0F) / static_cast<float>(info.channels);
+                channel ? first[*channel - 1]
+                        : std::accumulate(first, first + info.channels, 0.0F) / static_cast<float>(info.channels);
             spoilt += std::isfinite(sample) ? 0 : 1;
             mono.push_back(std::isfinite(sample) ? sample : 0.0F); // one of those would spoil the filters for good
         }
+        all_channels.add(std::span(frames).first(static_cast<std::size_t>(got * info.channels)));
         return mono;
     }
 
     bool failed() const { return sf_error(file.get()) != SF_ERR_NO_ERROR; }
+
+    /** Why what was read is not all; nothing when it is. */
+    std::string breaks_off() const {
+        if (failed()) return reason();
+        return cut_short ? "its header promises more" : "";
+    }
+    std::uint64_t spoilt_samples() const { return spoilt; }
+
+    /** Of the channels before they were mixed. */
+    float rms() const { return all_channels.rms(); }
+
+    const std::string name;
+
+private:
     std::string reason() const {
         std::string text = sf_strerror(file.get());
         while (text.ends_with('\n') || text.ends_with('.'))
             text.pop_back();
         return text;
     }
-    std::uint64_t spoilt_samples() const { return spoilt; }
 
-private:
     struct closer {
         void operator()(SNDFILE* open) const { sf_close(open); }
     };
+    const std::optional<int> channel;
     SF_INFO info{};
     std::unique_ptr<SNDFILE, closer> file;
     std::vector<float> frames;
+    level all_channels;
     std::uint64_t spoilt = 0;
+    bool cut_short = false;
 };
 
 /**
@@ -126,13 +200,13 @@ private:
 };
 
 processing::processing(const process_options& options)
-    : wanted(options), in(options.in), rate(options.rate.value_or(in.rate())) {
+    : wanted(options), in(options), rate(options.rate.value_or(in.rate())) {
     const float denoise = wanted.voice.denoise.value_or(0.0F);
     const bool has_voice = rate != in.rate() || denoise > 0;
     if ((has_voice || wanted.effects.any()) && (in.rate() < 100 || in.rate() > 768000))
-        throw failure(file_trouble,
-                      fmt::format("{} is at {} Hz, and only 100 to 768000 Hz can be converted or filtered",
-                                  printable(wanted.in), in.rate()));
+        throw failure(
+            file_trouble,
+            fmt::format("{} is at {} Hz, and only 100 to 768000 Hz can be converted or filtered", in.name, in.rate()));
     chain = effect_chain(wanted.effects, rate);
     if (has_voice) chain.begin_with({in.rate(), rate, denoise, 0, wanted.voice.conversion});
 }
@@ -162,12 +236,12 @@ bool processing::write(std::span<const float> samples) {
 }
 
 exit_code processing::run() {
-    const auto limit = static_cast<double>(sample_limit(format_of(wanted.out)));
+    const auto limit = static_cast<double>(sample_limit(format_of(wanted.out, wanted.output)));
     if (in.seconds() * rate > limit)
         throw failure(file_trouble, fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC holds more",
-                                                printable(wanted.in), time_text(in.seconds()), rate));
-    out = create_output(wanted.out, rate);
+                                                in.name, time_text(in.seconds()), rate));
     stop_on_signals();
+    out = create_output(wanted.out, rate, wanted.output);
     progress bar;
     bool good = true;
     for (bool at_end = false; good && !at_end && !stop_requested();) {
@@ -180,19 +254,23 @@ exit_code processing::run() {
     if (!good || !closed)
         throw failure(file_trouble, fmt::format("cannot write {}: {}", printable(wanted.out), out->reason()));
     report();
-    if (in.failed())
-        throw failure(file_trouble,
-                      fmt::format("{} breaks off after {}: {}", printable(wanted.in),
-                                  time_text(static_cast<double>(before.samples()) / in.rate()), in.reason()));
+    if (const std::string reason = in.breaks_off(); !reason.empty() && !stop_requested())
+        throw failure(input_breaks_off,
+                      fmt::format("{} breaks off after {}: {}", in.name,
+                                  time_text(static_cast<double>(before.samples()) / in.rate()), reason));
     return fine;
 }
 
 void processing::report() const {
     if (stop_requested()) console::note(fmt::format("stopped early; {} is not complete", printable(wanted.out)));
     if (in.spoilt_samples() > 0)
-        console::note(fmt::format("{} samples of {} were no numbers and count as silence", in.spoilt_samples(),
-                                  printable(wanted.in)));
-    if (in.channels() > 1) console::note(fmt::format("{} channels were mixed to one", in.channels()));
+        console::note(
+            fmt::format("{} samples of {} were no numbers and count as silence", in.spoilt_samples(), in.name));
+    if (in.channels() > 1 && !wanted.channel) {
+        console::note(fmt::format("{} channels were mixed to one", in.channels()));
+        if (before.rms() < 0.1F * in.rms())
+            console::note("they cancel each other out: take one of them, such as --channel 1");
+    }
     if (after.peak() > 1.0F)
         console::note(
             fmt::format("the result was cut at full scale: its peak would be at {} dBFS", decibel_text(after.peak())));
@@ -203,7 +281,7 @@ void processing::report() const {
                            decibel_text(measured.rms()), path);
     };
     const std::string text =
-        line("before", printable(wanted.in), before, in.rate()) + line("after ", printable(wanted.out), after, rate);
+        line("before", in.name, before, in.rate()) + line("after ", printable(wanted.out), after, rate);
     if (wanted.out == "-")
         console::write_all(STDERR_FILENO, text);
     else
@@ -213,12 +291,11 @@ void processing::report() const {
 } // namespace
 
 exit_code process(const process_options& wanted) {
-    format_of(wanted.out);
+    format_of(wanted.out, wanted.output);
     struct stat one {};
     struct stat other {};
-    if (stat(wanted.in.c_str(), &one) == 0 && stat(wanted.out.c_str(), &other) == 0 && one.st_dev == other.st_dev &&
-        one.st_ino == other.st_ino)
+    if (stat(wanted.in.c_str(), &one) == 0 && stat(wanted.out.c_str(), &other) == 0 && S_ISREG(one.st_mode) &&
+        one.st_dev == other.st_dev && one.st_ino == other.st_ino)
         throw failure(usage, "the input and the output are the same file, which would be lost");
-    if (S_ISDIR(one.st_mode)) throw failure(file_trouble, printable(wanted.in) + " is a directory");
     return processing(wanted).run();
 }

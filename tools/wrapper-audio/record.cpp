@@ -23,9 +23,9 @@ std::uint64_t samples_wanted(const record_options& wanted, sound_format format) 
     const std::uint64_t limit = sample_limit(format);
     if (!wanted.seconds) return limit;
     const double samples = std::round(*wanted.seconds * wanted.rate);
-    if (!(samples >= 1.0)) throw failure(usage, "--seconds: must be above 0, and long enough for a sample");
+    if (!(samples >= 1.0)) throw failure(usage, "--seconds: too short for a single sample");
     if (!(samples <= static_cast<double>(limit)))
-        throw failure(usage, "--seconds: longer than a file of this kind can be at this rate (WAV: 4 GiB)");
+        throw failure(usage, "--seconds: longer than such a file can be at this rate (WAV: 4 GiB)");
     return static_cast<std::uint64_t>(samples);
 }
 
@@ -37,38 +37,22 @@ wrapper_audio_recorder_options recorder_options(const record_options& wanted) {
     return options;
 }
 
-/** Says once that nothing comes in. A quiet room is not that quiet: two seconds of zeros come from no microphone. */
-class silence_watch {
-public:
-    explicit silence_watch(int rate) : limit(2 * static_cast<std::uint64_t>(rate)) {}
-
-    void look_at(const wrapper_audio_block& block) {
-        zeros = block.captured_peak > 0 ? 0 : zeros + block.count;
-        if (said || zeros < limit) return;
-        console::note("the input is silent (muted? the wrong device?)");
-        said = true;
-    }
-
-private:
-    const std::uint64_t limit;
-    std::uint64_t zeros = 0;
-    bool said = false;
-};
-
-/** Samples that came too late to be kept. */
+/** Sound that came too late to be kept, or was lost inside the system. */
 class losses {
 public:
-    void add(std::uint64_t samples, double seconds) {
+    void add(std::uint64_t samples, double at) {
         if (samples == 0) return;
         lost += samples;
-        if (++places <= 3) where += fmt::format("{}{}", where.empty() ? "" : ", ", time_text(seconds));
+        if (++places <= 3) where += fmt::format("{}{}", where.empty() ? "" : ", ", time_text(at));
     }
 
-    void report() const {
+    void report(int rate, bool filled) const {
         if (lost == 0) return;
-        console::error(fmt::format("{} samples were lost, because this computer or the reader of the sound was too "
-                                   "slow: at {}{}",
-                                   lost, where, places > 3 ? fmt::format(" and {} other places", places - 3) : ""));
+        console::error(fmt::format("{:.2f} s of sound ({} samples) were lost at {}{}{}: this computer, or whoever "
+                                   "reads the sound, was too slow",
+                                   static_cast<double>(lost) / rate, lost, where,
+                                   places > 3 ? fmt::format(" and {} other places", places - 3) : "",
+                                   filled ? " and replaced by silence" : ""));
     }
 
 private:
@@ -80,21 +64,23 @@ private:
 class recording {
 public:
     explicit recording(const record_options& options)
-        : wanted_(options), limit_(samples_wanted(options, format_of(options.path))),
-          chain_(options.effects, options.rate), silence_(options.rate),
-          microphone_(options.device, recorder_options(options)) {}
+        : wanted_(options), path_(expanded(options.path)),
+          limit_(samples_wanted(options, format_of(path_, options.output))), chain_(options.effects, options.rate),
+          silence_(options.rate), microphone_(options.device, recorder_options(options)) {}
 
     exit_code run();
 
 private:
     exit_code listen();
+    std::span<const float> with_gap(std::span<const float> samples, const wrapper_audio_block& block);
     exit_code keep(std::span<const float> samples);
     void show(std::span<const std::int16_t> samples);
     exit_code finish(exit_code code);
     double seconds() const { return static_cast<double>(level_.samples()) / wanted_.rate; }
-    std::string name() const { return wanted_.path == "-" ? "standard output" : printable(wanted_.path); }
+    std::string name() const { return path_ == "-" ? "standard output" : printable(path_); }
 
     const record_options& wanted_;
+    const std::string path_;
     const std::uint64_t limit_;
     effect_chain chain_;
     silence_watch silence_;
@@ -104,6 +90,7 @@ private:
     level level_;
     microphone microphone_;
     std::unique_ptr<output> output_;
+    std::vector<float> filled_;
     std::vector<std::int16_t> rounded_;
 };
 
@@ -114,7 +101,8 @@ exit_code recording::run() {
     else if (wanted_.voice.denoise)
         console::error(denoising_text(info));
     stop_on_signals();
-    output_ = create_output(wanted_.path, wanted_.rate); // last: a device that does not open leaves an older file alone
+    output_ = create_output(path_, wanted_.rate,
+                            wanted_.output); // last: a device that does not open leaves an older file alone
     const exit_code code = listen();
     microphone_.stop();
     return finish(code);
@@ -123,15 +111,27 @@ exit_code recording::run() {
 exit_code recording::listen() {
     std::vector<float> buffer(static_cast<std::size_t>(std::max(1, wanted_.rate * 30 / 1000)));
     wrapper_audio_block block{};
-    for (std::uint64_t heard = 0; heard < limit_; heard += block.count) {
+    for (std::uint64_t heard = 0; heard < limit_;) {
         const auto room = std::span(buffer).first(std::min<std::uint64_t>(buffer.size(), limit_ - heard));
-        const auto samples = room.first(microphone_.read(room, block));
+        auto samples = std::span<const float>(room.first(microphone_.read(room, block)));
         if (samples.empty()) break;
         silence_.look_at(block);
         losses_.add(block.dropped, static_cast<double>(heard + block.dropped_at) / wanted_.rate);
+        if (wanted_.fill_gaps && block.dropped > 0) samples = with_gap(samples, block);
+        samples = samples.first(std::min<std::uint64_t>(samples.size(), limit_ - heard));
+        heard += samples.size();
         if (const exit_code code = keep(chain_.process(samples)); code != fine) return code;
     }
     return keep(chain_.finish());
+}
+
+/** What was read, with silence where samples are missing. */
+std::span<const float> recording::with_gap(std::span<const float> samples, const wrapper_audio_block& block) {
+    const auto gap = static_cast<std::ptrdiff_t>(block.dropped_at);
+    filled_.assign(samples.begin(), samples.begin() + gap);
+    filled_.resize(filled_.size() + block.dropped);
+    filled_.insert(filled_.end(), samples.begin() + gap, samples.end());
+    return filled_;
 }
 
 exit_code recording::keep(std::span<const float> samples) {
@@ -168,10 +168,11 @@ exit_code recording::finish(exit_code code) {
     } else if (level_.samples() == limit_ && !wanted_.seconds) {
         console::note(fmt::format("the recording ends here: {} is as long as such a file can be", name()));
     }
-    losses_.report();
-    const std::string result = fmt::format("{}: {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS", name(), seconds(),
-                                           wanted_.rate, decibel_text(level_.peak()), decibel_text(level_.rms()));
-    if (wanted_.path == "-")
+    losses_.report(wanted_.rate, wanted_.fill_gaps);
+    const std::string result = fmt::format("{}: {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}", name(), seconds(),
+                                           wanted_.rate, decibel_text(level_.peak()), decibel_text(level_.rms()),
+                                           wanted_.voice.denoise ? ", " + denoising_text(microphone_.info()) : "");
+    if (path_ == "-")
         console::note(result);
     else if (!console::is_quiet())
         print(result + "\n");

@@ -11,10 +11,10 @@ _wrapper_audio_devices() {
 
 _wrapper_audio() {
     local line=${COMP_LINE:0:COMP_POINT} command=${COMP_WORDS[1]} current=${COMP_WORDS[COMP_CWORD]}
-    local common='--help --quiet --verbose' effects='--denoise --strength --converter --highpass --depop --agc'
+    local common='--help --quiet --verbose' effects='--denoise --converter --highpass --depop --agc --type --no-clobber'
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'devices meter record process doctor --help --version' -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W 'devices meter record process doctor help --quiet --verbose --help --version' -- "$current")
         return
     fi
     if [[ $line =~ (--device|-d)[[:space:]]+([^[:space:]]*)$ ]]; then
@@ -22,19 +22,21 @@ _wrapper_audio() {
         return
     fi
     case $command:${COMP_WORDS[COMP_CWORD - 1]} in
-    *:--rate | *:-r) mapfile -t COMPREPLY < <(compgen -W '8000 16000 22050 24000 44100 48000' -- "$current"); return ;;
+    *:--rate | *:-r | *:--raw-rate) mapfile -t COMPREPLY < <(compgen -W '8000 16000 22050 24000 44100 48000' -- "$current"); return ;;
+    *:--type | *:-t) mapfile -t COMPREPLY < <(compgen -W 'wav flac raw' -- "$current"); return ;;
     *:--converter) mapfile -t COMPREPLY < <(compgen -W 'clean linear' -- "$current"); return ;;
-    *:--seconds | *:--strength | *:--highpass | *:--depop | *:--agc) return ;;
+    *:--seconds | *:--strength | *:--highpass | *:--depop | *:--agc | *:--raw-channels | *:--channel) return ;;
     esac
     if [[ $current == -* ]]; then
         local options=$common
         case $command in
         devices) options+=' --json --ids --all' ;;
-        meter) options+=' --device --seconds' ;;
-        record) options+=" --device --rate --seconds $effects" ;;
-        process) options+=" --rate $effects" ;;
+        meter) options+=' --device --seconds --json' ;;
+        record) options+=" --device --rate --seconds --fill-gaps $effects" ;;
+        process) options+=" --rate --raw-rate --raw-channels --channel $effects" ;;
         doctor) options+=' --device' ;;
         esac
+        [[ $line != *" --denoise"* ]] || options+=' --strength'
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
     elif [[ $command == record || $command == process ]]; then
         compopt -o filenames 2>/dev/null

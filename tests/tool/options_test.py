@@ -1,0 +1,241 @@
+"""What the words on the command line mean: names of files, formats, pipes, times, rates and channels."""
+
+import fcntl
+import json
+import os
+import re
+import signal
+import struct
+import subprocess
+import time
+import unittest
+import wave
+
+from host import FILE_TROUBLE, FINE, HEADER_BYTES, INPUT_BREAKS_OFF, SPEECH, USAGE, HostTest
+
+
+class Words(HostTest):
+    def test_a_word_that_is_none_is_named_with_the_one_that_was_meant(self):
+        for words, sentence in (
+            (["reccord", "x.wav"], "there is no command 'reccord'; did you mean 'record'?"),
+            (["hlep"], "there is no command 'hlep'; did you mean 'help'?"),
+            (["listen"], "there is no command 'listen'"),
+            (["--quite", "devices"], "there is no option '--quite'; did you mean '--quiet'?"),
+            (["process", "a", "b", "--highpas=3"], "there is no option '--highpas'; did you mean '--highpass'?"),
+            (["meter", "-z"], "there is no option '-z'"),
+            (["meter", "\033[2J"], "'?[2J' is one argument too many"),
+            (["-q", "devices", "-v"], "--quiet and --verbose exclude each other"),
+        ):
+            with self.subTest(words=words):
+                code, output, errors = self.host(*words)
+                self.assertEqual((code, output, errors.split("\n")[0]), (USAGE, "", f"wrapper-audio: {sentence}"))
+
+    def test_help_is_a_command_too(self):
+        self.assertEqual(self.host("help"), self.host("--help"))
+        self.assertEqual(self.host("help", "record"), self.host("record", "--help"))
+        self.assertEqual(self.host("help", "record")[0], FINE)
+
+    def test_quiet_may_stand_before_the_command(self):
+        self.listen_to(SPEECH)
+        self.assertEqual(self.host("-q", "record", "--seconds", 1, self.file), (FINE, "", ""))
+
+    def test_times_and_rates_have_units(self):
+        self.listen_to(SPEECH)
+        for seconds, rate, samples in (
+            ("0.5", "16k", 8000),
+            ("0.5s", "8K", 4000),
+            ("0m1s", "44.1k", 44100),
+            ("0h0m1.5", "8000", 12000),
+            ("0:01", "8000", 8000),
+            ("0:00:01.5", "8000", 12000),
+        ):
+            with self.subTest(seconds=seconds, rate=rate):
+                code, _, errors = self.record("--seconds", seconds, "--rate", rate, self.file)
+                self.assertEqual((code, errors), (FINE, ""))
+                with wave.open(str(self.file)) as wav:
+                    self.assertEqual((wav.getnframes(), wav.getframerate()), (samples, round(eval(rate.lower().replace("k", "*1000")))))
+
+    def test_the_meter_speaks_json_and_tells_of_silence(self):
+        self.listen_to_samples([16384] * 48000 * 3)
+        code, output, errors = self.host("meter", "--json", "--seconds", "2")
+        self.assertEqual((code, errors), (FINE, ""))
+        lines = [json.loads(line) for line in output.splitlines()]
+        self.assertEqual([line["time"] for line in lines], [1.0, 2.0])
+        for line in lines:
+            self.assertAlmostEqual(line["rms"], 0.5, delta=0.001)
+            self.assertAlmostEqual(line["peak"], 0.5, delta=0.001)
+            self.assertIs(line["clips"], False)
+        self.listen_to_samples([0] * 4800)
+        _, _, errors = self.host("meter", "--seconds", "5")
+        self.assertEqual(errors, "wrapper-audio: the input is silent (muted? the wrong device?)\n")
+
+
+class Names(HostTest):
+    def setUp(self):
+        super().setUp()
+        self.listen_to(SPEECH)
+
+    def test_no_clobber_keeps_an_older_file(self):
+        self.file.write_bytes(b"older")
+        for command in ["record", "--seconds", 1], ["process", self.wav("in.wav")]:
+            result = self.host(*command, "--no-clobber", self.file)
+            self.assert_failed(result, FILE_TROUBLE, r"out\.wav is there already")
+            self.assertEqual(self.file.read_bytes(), b"older")
+        self.file.unlink()
+        self.assertEqual(self.record("-n", "--seconds", 1, self.file)[0], FINE)
+
+    def wav(self, name, channels=1, samples=(1, 2, 3, 4)):
+        path = self.folder / name
+        with wave.open(str(path), "wb") as wav:
+            wav.setparams((channels, 2, 16000, 0, "NONE", ""))
+            wav.writeframes(struct.pack(f"<{len(samples)}h", *samples))
+        return path
+
+    def test_braces_become_the_first_number_that_is_free(self):
+        (self.folder / "talk-2.wav").write_bytes(b"older")
+        names = []
+        for _ in range(3):
+            output = self.record("--seconds", "0.1", "talk-{}.wav")[1]
+            names.append(output.split(":")[0])
+        self.assertEqual(names, ["talk-1.wav", "talk-3.wav", "talk-4.wav"])
+        self.assertEqual((self.folder / "talk-2.wav").read_bytes(), b"older")
+
+    def test_percent_signs_become_the_time(self):
+        before = time.localtime()
+        output = self.record("--seconds", "0.1", "%Y-%m-%d 100%%.wav")[1]
+        self.assertIn(output.split(":")[0], [time.strftime("%Y-%m-%d 100%.wav", at) for at in (before, time.localtime())])
+
+    def test_a_file_that_another_recorder_writes_is_left_alone(self):
+        first = self.start("record", self.file, microphone={"MICROPHONE_PACED": "1"})
+        self.wait_for(lambda: self.file.exists() and self.file.stat().st_size > HEADER_BYTES, first)
+        self.assert_failed(self.record("--seconds", 1, self.file), FILE_TROUBLE, "another program is writing .*out.wav")
+        first.send_signal(signal.SIGINT)
+        self.assertEqual((first.wait(timeout=10), first.stderr.read()), (FINE, ""))
+        self.assertEqual(self.record("--seconds", 1, self.file)[0], FINE)
+
+    def test_a_file_without_a_name_is_refused_in_a_sentence(self):
+        self.assert_failed(self.record("--seconds", 1, ""), FILE_TROUBLE, "cannot create a file without a name")
+
+    def test_the_type_decides_whatever_the_name_says(self):
+        self.assertEqual(self.record("--seconds", 1, "--type", "flac", "out.mp3")[0], FINE)
+        self.assertEqual((self.folder / "out.mp3").read_bytes()[:4], b"fLaC")
+
+    def test_one_channel_can_be_taken_and_channels_that_cancel_are_told(self):
+        stereo = self.wav("stereo.wav", 2, [1000, -1000, 2000, -2000] * 100)
+        out = self.folder / "out.raw"
+        for channel, samples in (1, (1000, 2000)), (2, (-1000, -2000)):
+            code, _, errors = self.host("process", "--channel", channel, stereo, out)
+            self.assertEqual((code, errors, struct.unpack("<2h", out.read_bytes()[:4])), (FINE, "", samples))
+        self.assertRegex(self.host("process", stereo, out)[2], "cancel each other out.*--channel 1\n")
+        self.assert_failed(self.host("process", "--channel", 3, stereo, out), USAGE, "stereo.wav has 2 of them")
+
+
+class Pipes(HostTest):
+    def setUp(self):
+        super().setUp()
+        self.listen_to(SPEECH)
+
+    def record_bytes(self, *arguments):
+        code, output, errors = self.record(*arguments, text=False)
+        self.assertEqual(code, FINE, errors)
+        return output
+
+    def test_a_wav_file_goes_into_a_pipe(self):
+        plain = self.record_bytes("--seconds", 1, "-")
+        for words in ["--type", "wav", "-"], ["/dev/stdout"]:
+            piped = self.record_bytes("--quiet", "--seconds", 1, *words)
+            self.assertEqual((piped[:4], piped[8:16], len(piped)), (b"RIFF", b"WAVEfmt ", HEADER_BYTES + len(plain)))
+            self.assertEqual(struct.unpack("<HHIIHH", piped[20:36]), (1, 1, 16000, 32000, 2, 16))
+            self.assertEqual(piped[HEADER_BYTES:], plain)
+            (self.folder / "piped.wav").write_bytes(piped)
+            code, output, errors = self.host("process", "piped.wav", "back.raw")
+            self.assertEqual((code, errors), (FINE, ""), "the header of a stream promises nothing")
+            self.assertEqual((self.folder / "back.raw").read_bytes(), plain)
+
+    def test_a_wav_file_on_standard_output_is_whole_where_that_is_a_file(self):
+        with open(self.file, "wb") as out:
+            code, _, _ = self.record("--seconds", 1, "--type", "wav", "-", stdout=out)
+        self.assertEqual((code, len(self.recorded(16000))), (FINE, 16000))
+        with open(self.file, "ab") as out:  # what is there already stays
+            self.assertEqual(self.record("--seconds", 1, "--type", "wav", "-", stdout=out)[0], FINE)
+        self.assertEqual(self.file.stat().st_size, 2 * (HEADER_BYTES + 32000))
+
+    def test_flac_into_a_pipe_is_refused(self):
+        self.assert_failed(self.record("--type", "flac", "--seconds", 1, "-"), USAGE, "pipe, which cannot take FLAC")
+
+    def test_a_reader_that_is_stuck_does_not_keep_the_program_from_ending(self):
+        for number in signal.SIGTERM, signal.SIGINT:
+            with self.subTest(signal=number.name):
+                process = self.start("record", "-", text=False, microphone={"MICROPHONE_PACED": "1"})
+                self.wait_for(lambda: self.waiting_in(process.stdout) >= 56000, process)
+                time.sleep(0.5)
+                begun = time.monotonic()
+                process.send_signal(number)
+                self.assertEqual(process.wait(timeout=8), FILE_TROUBLE)
+                self.assertLess(time.monotonic() - begun, 3)
+                self.assertRegex(process.stderr.read(), rb"cannot write standard output: its reader takes no more\n")
+
+    @staticmethod
+    def waiting_in(pipe):
+        return struct.unpack("i", fcntl.ioctl(pipe, 0x541B, b"\0" * 4))[0]  # FIONREAD
+
+    def test_a_fifo_that_nobody_reads_can_be_given_up(self):
+        fifo = self.folder / "fifo.raw"
+        os.mkfifo(fifo)
+        process = self.start("record", fifo, microphone={"MICROPHONE_PACED": "1"})
+        time.sleep(1.5)
+        process.send_signal(signal.SIGTERM)
+        _, errors = process.communicate(timeout=5)
+        self.assertEqual(process.returncode, FILE_TROUBLE)
+        self.assertRegex(errors, r"\Awrapper-audio: stopped before anybody read from .*fifo\.raw\n\Z")
+
+    def process_from(self, data, *arguments):
+        """What `process` makes of its standard input, on its standard output."""
+        done = subprocess.run(
+            [os.environ["HOST"], "process", *map(str, arguments)], input=data, capture_output=True, cwd=self.folder, timeout=60
+        )
+        return done.returncode, done.stdout, done.stderr
+
+    def test_sound_files_come_in_through_a_pipe(self):
+        raw = self.record_bytes("--seconds", 1, "-")
+        for kind in "wav", "flac":
+            self.record("--seconds", 1, f"in.{kind}")
+            data = (self.folder / f"in.{kind}").read_bytes()
+            self.assertEqual(self.process_from(data, "-q", "-", "-")[:2], (FINE, raw))
+            with open(self.folder / f"in.{kind}", "rb") as file:
+                done = subprocess.run([os.environ["HOST"], "process", "-q", "-", "-"], stdin=file, capture_output=True)
+                self.assertEqual((done.returncode, done.stdout), (FINE, raw))
+        code, _, errors = self.process_from((self.folder / "in.wav").read_bytes()[:10044], "-", "out.raw")
+        self.assertEqual(code, INPUT_BREAKS_OFF)
+        self.assertRegex(errors, b"standard input breaks off after 0:00.3")
+
+    def test_raw_samples_come_in_where_their_rate_is_told(self):
+        raw = self.record_bytes("--seconds", 1, "--rate", 48000, "-")
+        (self.folder / "in.raw").write_bytes(raw)
+        self.assertEqual(self.process_from(raw, "--raw-rate", "48k", "-", "-")[:2], (FINE, raw))
+        self.assertEqual(self.process_from(b"", "--raw-rate", "48k", "in.raw", "-")[:2], (FINE, raw))
+        code, left, _ = self.process_from(raw, "--raw-rate", "24000", "--raw-channels", "2", "--channel", "1", "-", "-")
+        self.assertEqual((code, left), (FINE, b"".join(raw[at : at + 2] for at in range(0, len(raw), 4))))
+        self.assert_failed(self.host("process", "in.raw", "out.wav"), FILE_TROUBLE, "of raw samples --raw-rate tells the rate")
+        self.assert_failed(self.host("process", "--raw-channels", 2, "in.raw", "out.wav"), USAGE, "--raw-rate")
+
+    def test_a_gap_can_be_filled_with_silence(self):
+        ramp = [2 + at % 30000 for at in range(48000 * 20)]
+        self.listen_to_samples(ramp)
+        process = self.start(
+            *("record", "--rate", 48000, "--seconds", 9, "--fill-gaps", "--quiet", "-"),
+            text=False,
+            microphone={"MICROPHONE_PACED": "1"},
+        )
+        time.sleep(8)  # the pipe holds less than a second, the recorder five
+        output, errors = process.communicate(timeout=30)
+        told = re.search(rb"\((\d+) samples\) were lost at .* and replaced by silence: ", errors)
+        self.assertIsNotNone(told, errors)
+        samples = struct.unpack(f"<{9 * 48000}h", output)
+        self.assertEqual((process.returncode, samples.count(0)), (FINE, int(told[1])))
+        apart = [abs(s - h) for s, h in zip(samples, ramp) if s != 0]
+        self.assertLessEqual(max(apart), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -371,7 +371,7 @@ uint32_t wrapper_audio_abandoned_threads(void) WRAPPER_AUDIO_NOEXCEPT;
  * @{
  */
 
-/** A converter, denoiser, filter or gain control. */
+/** A converter, denoiser, filter, gain control or limiter. */
 typedef struct wrapper_audio_processor wrapper_audio_processor;
 
 /** What a voice chain is to do. Zeros are the defaults of `denoise`, `speech` and `conversion`. */
@@ -422,7 +422,7 @@ wrapper_audio_status wrapper_audio_depop_create(wrapper_audio_processor **proces
 /**
  * Makes an automatic gain control: it measures 10 ms, moves the gain towards what would bring them to the target, at
  * most 20 dB up or down, and multiplies them by it. Silence below -120 dB passes as it is. Nothing is limited: the
- * result may exceed full scale.
+ * result may exceed full scale, so put a limiter behind it.
  *
  * @param processor   receives the gain control; NULL on failure
  * @param rate        of the samples, 100 to 768000 Hz
@@ -432,6 +432,22 @@ wrapper_audio_status wrapper_audio_depop_create(wrapper_audio_processor **proces
  */
 wrapper_audio_status wrapper_audio_gain_control_create(wrapper_audio_processor **processor, int32_t rate,
                                                        float target_db, float release_ms) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Makes a peak limiter that looks 5 ms ahead: no sample exceeds the ceiling, the gain falls to what a peak needs in the
+ * 5 ms before it and recovers exponentially, and what needs no limiting passes bit for bit. With N samples in 5 ms, sample
+ * i needs n[i] = min(1, ceiling / |x[i]|); r[i] is the least of n[i - N] to n[i] and of r[i - 1] + (1 - r[i - 1]) *
+ * (1 - exp(-1 / (release * rate))); the gain of sample i is the mean of r[i + 1] to r[i + N]. Gains are multiples of
+ * 2^-40, those needed rounded down and those recovered rounded up. In double precision.
+ *
+ * @param processor   receives the limiter; NULL on failure
+ * @param rate        of the samples, 100 to 768000 Hz
+ * @param ceiling_db  the largest magnitude, -60 to 0 dB against full scale
+ * @param release_ms  time constant of the recovery, 0 to 60000
+ * @return OK, INVALID_ARGUMENT, OUT_OF_MEMORY
+ */
+wrapper_audio_status wrapper_audio_limiter_create(wrapper_audio_processor **processor, int32_t rate, float ceiling_db,
+                                                  float release_ms) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
  * Takes all of the input, and gives as much as is ready and fits. What does not fit waits for the next call, which may

@@ -9,6 +9,7 @@
 
 #include "conversion_reference.h"
 #include "dsp_reference.h"
+#include "limiter_reference.h"
 
 #include <sndfile.h>
 #include <wrapper_audio_recorder.h>
@@ -129,8 +130,10 @@ std::vector<std::int16_t> processed(const sound& in, const process_options& want
     }
     if (wanted.effects.highpass)
         samples = reference::high_pass(wanted.effects.highpass->corner_hz, wanted.effects.highpass->q, rate)(samples);
-    if (wanted.effects.agc)
+    if (wanted.effects.agc) {
         samples = in_blocks({wanted.effects.agc->target_db, wanted.effects.agc->release_ms}, samples, rate);
+        samples = reference::limited(samples, rate, -1.0F, 100.0F);
+    }
     std::vector<std::int16_t> rounded;
     for (const float sample : samples) {
         const float scaled = sample * 32768.0F;

@@ -276,6 +276,14 @@ export class GainControl extends Processor {
   constructor(targetDb?: number, releaseMs?: number, options?: BlockRate);
 }
 
+/**
+ * Keeps peaks below a ceiling of -60 to 0 dB against full scale (default: -1). It looks 5 ms ahead, recovers with a time
+ * constant of 0 to 60000 ms (default: 100), and passes what needs no limiting unchanged.
+ */
+export class Limiter extends Processor {
+  constructor(ceilingDb?: number, releaseMs?: number, options?: BlockRate);
+}
+
 /** Subtracts from each sample a share, 0 to 1, of the one before it: y[i] = x[i] - coef * x[i - 1]. */
 export class DePop extends Processor {
   constructor(coef: number);

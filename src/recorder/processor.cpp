@@ -1,5 +1,6 @@
 // The signal processors behind their plain functions.
 #include "failure.h"
+#include "limiter.h"
 #include "numeric/biquad.h"
 #include "numeric/in_place.h"
 #include "numeric/levels.h"
@@ -162,6 +163,38 @@ private:
     std::vector<float> waiting_;
 };
 
+class peak_limiter : public wrapper_audio_processor {
+public:
+    peak_limiter(int32_t rate, float ceiling_db, float release_ms) : limiter_(rate, ceiling_db, release_ms) {}
+
+    void process(sample_span in, std::vector<float>& out) override {
+        for (const float sample : in)
+            push(limited(sample), out);
+    }
+    void finish(std::vector<float>& out) override {
+        for (std::size_t i = 0; i < limiter_.look_ahead(); ++i)
+            push(0.0F, out);
+        reset();
+    }
+    void reset() override {
+        limiter_.reset();
+        filled_ = 0;
+    }
+    std::size_t delay() const override { return limiter_.look_ahead(); }
+
+private:
+    void push(float sample, std::vector<float>& out) {
+        const float given = limiter_.process(sample);
+        if (filled_ < limiter_.look_ahead())
+            ++filled_; // nothing waited yet
+        else
+            out.push_back(given);
+    }
+
+    limiter limiter_;
+    std::size_t filled_ = 0;
+};
+
 bool is_rate(int32_t rate) {
     return rate >= lowest_rate && rate <= highest_rate;
 }
@@ -212,6 +245,13 @@ wrapper_audio_status wrapper_audio_gain_control_create(wrapper_audio_processor**
     const bool valid =
         is_rate(rate) && target_db >= -60.0F && target_db <= 0.0F && release_ms >= 0.0F && release_ms <= 60000.0F;
     return create(processor, valid, [&] { return std::make_unique<gain_control>(rate, target_db, release_ms); });
+}
+
+wrapper_audio_status wrapper_audio_limiter_create(wrapper_audio_processor** processor, int32_t rate, float ceiling_db,
+                                                  float release_ms) noexcept {
+    const bool valid =
+        is_rate(rate) && ceiling_db >= -60.0F && ceiling_db <= 0.0F && release_ms >= 0.0F && release_ms <= 60000.0F;
+    return create(processor, valid, [&] { return std::make_unique<peak_limiter>(rate, ceiling_db, release_ms); });
 }
 
 wrapper_audio_status wrapper_audio_processor_process(wrapper_audio_processor* processor, const float* in,

@@ -54,6 +54,11 @@ bool gain_control_accepted(int32_t rate, float target_db, float release_ms) {
         [&](auto** processor) { return wrapper_audio_gain_control_create(processor, rate, target_db, release_ms); });
 }
 
+bool limiter_accepted(int32_t rate, float ceiling_db, float release_ms) {
+    return accepted(
+        [&](auto** processor) { return wrapper_audio_limiter_create(processor, rate, ceiling_db, release_ms); });
+}
+
 constexpr int32_t rates_inside[] = {100, 101, 48000, 767999, 768000};
 constexpr int32_t rates_outside[] = {99, 768001, 0, -1, -48000, int_max, int_min};
 
@@ -111,20 +116,30 @@ TEST(limits, of_a_depop) {
     EXPECT_EQ(wrapper_audio_depop_create(nullptr, 0.5F), WRAPPER_AUDIO_INVALID_ARGUMENT);
 }
 
-TEST(limits, of_a_gain_control) {
+// Gain control and limiter.
+void expect_limits_of_a_level(bool (*is_accepted)(int32_t rate, float level_db, float release_ms)) {
     for (const int32_t rate : rates_inside)
-        EXPECT_TRUE(gain_control_accepted(rate, -20.0F, 100.0F)) << rate;
+        EXPECT_TRUE(is_accepted(rate, -20.0F, 100.0F)) << rate;
     for (const int32_t rate : rates_outside)
-        EXPECT_FALSE(gain_control_accepted(rate, -20.0F, 100.0F)) << rate;
-    for (const float target_db : {-60.0F, above(-60.0F), -20.0F, -tiny, 0.0F})
-        EXPECT_TRUE(gain_control_accepted(16000, target_db, 100.0F)) << target_db;
-    for (const float target_db : {below(-60.0F), tiny, 1.0F, -100.0F, nan, infinity, -infinity})
-        EXPECT_FALSE(gain_control_accepted(16000, target_db, 100.0F)) << target_db;
+        EXPECT_FALSE(is_accepted(rate, -20.0F, 100.0F)) << rate;
+    for (const float level_db : {-60.0F, above(-60.0F), -20.0F, -tiny, 0.0F})
+        EXPECT_TRUE(is_accepted(16000, level_db, 100.0F)) << level_db;
+    for (const float level_db : {below(-60.0F), tiny, 1.0F, -100.0F, nan, infinity, -infinity})
+        EXPECT_FALSE(is_accepted(16000, level_db, 100.0F)) << level_db;
     for (const float release_ms : {0.0F, -0.0F, tiny, 60000.0F, below(60000.0F)})
-        EXPECT_TRUE(gain_control_accepted(16000, -20.0F, release_ms)) << release_ms;
+        EXPECT_TRUE(is_accepted(16000, -20.0F, release_ms)) << release_ms;
     for (const float release_ms : {-tiny, -1.0F, above(60000.0F), nan, infinity, -infinity})
-        EXPECT_FALSE(gain_control_accepted(16000, -20.0F, release_ms)) << release_ms;
+        EXPECT_FALSE(is_accepted(16000, -20.0F, release_ms)) << release_ms;
+}
+
+TEST(limits, of_a_gain_control) {
+    expect_limits_of_a_level(gain_control_accepted);
     EXPECT_EQ(wrapper_audio_gain_control_create(nullptr, 16000, -20.0F, 100.0F), WRAPPER_AUDIO_INVALID_ARGUMENT);
+}
+
+TEST(limits, of_a_limiter) {
+    expect_limits_of_a_level(limiter_accepted);
+    EXPECT_EQ(wrapper_audio_limiter_create(nullptr, 16000, -20.0F, 100.0F), WRAPPER_AUDIO_INVALID_ARGUMENT);
 }
 
 // ---- Calls without a pointer ----

@@ -308,12 +308,21 @@ class Process(StreamTest):
         self.assertEqual(errors, "wrapper-audio: 2 channels were mixed to one\n")
 
     def test_levels_before_and_after_are_told_and_clipping_too(self):
-        source = self.write_wav("in.wav", 16000, tone(500, 16000, 1, 16384))
-        code, output, errors = self.host("process", source, self.file, "--agc", "0:0")
+        source = self.write_wav("in.wav", 16000, [23170, -23170] * 8000)
+        code, output, errors = self.host("process", source, self.file, "--depop", "1")
         self.assertEqual(code, FINE)
-        self.assertRegex(output, r"before  1\.00 s at 16000 Hz, peak -6\.0 dBFS, RMS -9\.0 dBFS: .*in\.wav\n")
-        self.assertRegex(output, r"after   1\.00 s at 16000 Hz, peak 3\.0 dBFS, RMS 0\.0 dBFS: .*out\.wav\n")
+        self.assertRegex(output, r"before  1\.00 s at 16000 Hz, peak -3\.0 dBFS, RMS -3\.0 dBFS: .*in\.wav\n")
+        self.assertRegex(output, r"after   1\.00 s at 16000 Hz, peak 3\.0 dBFS, RMS 3\.0 dBFS: .*out\.wav\n")
         self.assertRegex(errors, r"cut at full scale: its peak would be at 3\.0 dBFS")
+
+    def test_the_gain_control_does_not_clip_speech(self):
+        speech = self.write_wav("in.wav", 48000, struct.unpack("<288000h", SPEECH.read_bytes()))
+        code, output, errors = self.host("process", speech, self.file, "--agc", "-12")
+        self.assertEqual((code, errors), (FINE, ""))
+        self.assertRegex(output, r"after   6\.00 s at 48000 Hz, peak -1\.0 dBFS")
+        with wave.open(str(self.file)) as wav:
+            samples = struct.unpack("<288000h", wav.readframes(288000))
+        self.assertEqual(max(map(abs, samples)), math.floor(32768 * 10 ** (-1 / 20) + 0.5))
 
     def test_numbers_that_are_none_count_as_silence(self):
         header = struct.pack("<4sI4s4sIHHIIHH4sI", b"RIFF", 52, b"WAVE", b"fmt ", 16, 3, 1, 8000, 32000, 4, 32, b"data", 16)

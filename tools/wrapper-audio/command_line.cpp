@@ -142,8 +142,9 @@ void parser::add_effects(CLI::App* command, effect_options& effects) {
                      "against pops: subtract this share, 0 to 1, of the previous sample")
         ->type_name("COEF");
     command
-        ->add_option("--agc", value_of("--agc", effects.agc, parse_gain_control),
-                     "bring the RMS level to DB, such as -20, within RELEASE_MS (default: 200)")
+        ->add_option(
+            "--agc", value_of("--agc", effects.agc, parse_gain_control),
+            "bring the RMS level to DB, such as -20, within RELEASE_MS (default: 200); peaks stay below -1 dBFS")
         ->type_name("DB[:RELEASE_MS]");
 }
 

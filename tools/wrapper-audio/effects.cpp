@@ -8,6 +8,9 @@
 
 namespace {
 
+constexpr float ceiling_db = -1.0F;
+constexpr float limiter_release_ms = 100.0F;
+
 void check(wrapper_audio_status status) {
     if (status != WRAPPER_AUDIO_OK) throw failure(unexpected, wrapper_audio_status_text(status));
 }
@@ -22,8 +25,10 @@ effect_chain::effect_chain(const effect_options& wanted, int rate) {
             throw failure(usage, fmt::format("--highpass: the corner must be below half the rate, {} Hz", rate / 2));
         stages.push_back(make(wrapper_audio_high_pass_create, rate, corner, q));
     }
-    if (wanted.agc)
+    if (wanted.agc) {
         stages.push_back(make(wrapper_audio_gain_control_create, rate, wanted.agc->target_db, wanted.agc->release_ms));
+        stages.push_back(make(wrapper_audio_limiter_create, rate, ceiling_db, limiter_release_ms));
+    }
 }
 
 void effect_chain::begin_with(const wrapper_audio_voice_options& voice) {

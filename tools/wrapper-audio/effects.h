@@ -29,7 +29,7 @@ struct effect_options {
     bool any() const { return highpass || depop || agc; }
 };
 
-/** De-pop, high-pass, gain control, in this order. */
+/** De-pop, high-pass, gain control and a limiter for what that makes too loud, in this order. */
 class effect_chain {
 public:
     effect_chain() = default;

@@ -144,6 +144,7 @@ const functions = [
   'int wrapper_audio_high_pass_create(_Out_ void **processor, int32_t rate, float cutoff_hz, float q)',
   'int wrapper_audio_depop_create(_Out_ void **processor, float coef)',
   'int wrapper_audio_gain_control_create(_Out_ void **processor, int32_t rate, float target_db, float release_ms)',
+  'int wrapper_audio_limiter_create(_Out_ void **processor, int32_t rate, float ceiling_db, float release_ms)',
   'int wrapper_audio_processor_process(void *processor, const float *in, size_t in_count, float *out, size_t capacity, _Out_ size_t *out_count)',
   'int wrapper_audio_processor_flush(void *processor, float *out, size_t capacity, _Out_ size_t *out_count)',
   'size_t wrapper_audio_processor_take_speech(void *processor, float *probabilities, size_t capacity)',

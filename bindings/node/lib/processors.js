@@ -115,10 +115,17 @@ class GainControl extends Processor {
   }
 }
 
+class Limiter extends Processor {
+  constructor(ceilingDb = -1, releaseMs = 100, { rate = 16000 } = {}) {
+    lib.demandWholeNumbers({ rate });
+    super(lib.make('limiter_create', rate, ceilingDb, releaseMs));
+  }
+}
+
 class DePop extends Processor {
   constructor(coef) {
     super(lib.make('depop_create', coef));
   }
 }
 
-module.exports = { Converter, DePop, Denoiser, GainControl, HighPass, toFloat32, toInt16 };
+module.exports = { Converter, DePop, Denoiser, GainControl, HighPass, Limiter, toFloat32, toInt16 };

@@ -1,7 +1,7 @@
 'use strict';
 const assert = require('node:assert');
 const { test } = require('node:test');
-const { ClosedError, Converter, DePop, Denoiser, GainControl, HighPass, toFloat32, toInt16 } = require('..');
+const { ClosedError, Converter, DePop, Denoiser, GainControl, HighPass, Limiter, toFloat32, toInt16 } = require('..');
 
 const f = Math.fround;
 const hum = (count) => Float32Array.from({ length: count }, (_, i) => 0.3 * Math.sin(i / 7) + 0.05 * Math.cos(i * 1.3));
@@ -53,6 +53,15 @@ test('the gain control works in steps of 10 ms, wherever the blocks end', () => 
   const outputs = [0, 100, 250].map((begin, i) => control.process(hum(480).subarray(begin, [100, 250, 480][i])));
   assertNear(joined(...outputs, control.flush()), expected, 1e-5);
   assert(control.delay >= 159 && control.delay <= 160);
+});
+
+test('a limiter keeps peaks below its ceiling', () => {
+  const peak = (samples) => samples.reduce((most, x) => Math.max(most, Math.abs(x)), 0);
+  const limiter = new Limiter(-40, 50);
+  const loud = joined(limiter.process(hum(4800)), limiter.flush());
+  assertNear([peak(loud)], [0.01], 1e-4);
+  assert.strictEqual(loud.length, 4800);
+  assert.strictEqual(limiter.delay, 80);
 });
 
 test('de-pop subtracts a share of the sample before, also of the block before', () => {
@@ -125,6 +134,7 @@ test('wrong arguments are refused', () => {
     () => new HighPass(100, 0),
     () => new GainControl(NaN),
     () => new GainControl(-20, -1),
+    () => new Limiter(0.1),
     () => new DePop(2),
   ])
     assert.throws(make, RangeError, String(make));

@@ -8,6 +8,7 @@ import {
   type Denoising,
   type Device,
   GainControl,
+  Limiter,
   HighPass,
   type Level,
   Meter,
@@ -94,7 +95,7 @@ export async function dispose(): Promise<void> {
   converter.reset();
   denoiser.flush();
   console.log(denoiser.speechProbabilities().length, denoiser.delay, recorder.closed, abandonedThreads());
-  new GainControl().process(toFloat32(await recorder.read()));
+  new GainControl().process(new Limiter(-3).process(toFloat32(await recorder.read())));
   logEcho(false);
   for (const { line, english } of logLines()) console.log(line, english?.length);
 }

@@ -7,7 +7,7 @@ from array import array
 from typing import Any, Callable, Iterable, List
 
 import support
-from wrapper_audio import AudioError, ClosedError, Converter, Denoiser, DePop, GainControl, HighPass, Processor
+from wrapper_audio import AudioError, ClosedError, Converter, Denoiser, DePop, GainControl, HighPass, Limiter, Processor
 from wrapper_audio import to_float32, to_int16
 
 
@@ -52,6 +52,7 @@ class Streams(unittest.TestCase):
             Denoiser(44100, out_rate=16000),
             HighPass(120),
             GainControl(rate=22050),
+            Limiter(-20, rate=48000),
             DePop(0.9),
         ]
 
@@ -79,6 +80,12 @@ class Streams(unittest.TestCase):
             self.assertLessEqual(len(processor.flush()), processor.delay)
             self.assertGreater(given, 0)
         self.assertEqual((HighPass(120).delay, GainControl(rate=48000).delay), (0, 479))
+
+    def test_a_limiter_keeps_peaks_below_its_ceiling(self) -> None:
+        loud = processed(Limiter(-6, rate=16000), sine(440, amplitude=0.9), [100])
+        self.assertAlmostEqual(max(map(abs, loud)), 10 ** (-6 / 20), delta=0.001)
+        quiet = sine(440, amplitude=0.1)
+        self.assertEqual(processed(Limiter(-6), quiet, [100]), quiet)
 
     def test_every_kind_of_block_gives_the_same_and_is_not_written_to(self) -> None:
         tone = sine(440)
@@ -130,6 +137,7 @@ class Streams(unittest.TestCase):
             lambda: GainControl(1),
             lambda: GainControl(-20, -1),
             lambda: GainControl(rate=99),
+            lambda: Limiter(0.1),
             lambda: DePop(1.1),
             lambda: DePop(math.nan),
         ]

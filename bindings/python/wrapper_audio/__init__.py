@@ -17,13 +17,13 @@ from ._errors import ReadError, ReadTimeout, UnknownDeviceError
 from ._interface import Denoising, Status
 from ._library import load
 from ._recorder import Level, Meter, Recorder
-from ._signal import Converter, Denoiser, DePop, GainControl, HighPass, Processor
+from ._signal import Converter, Denoiser, DePop, GainControl, HighPass, Limiter, Processor
 
 __version__ = "1.0.0"
 
 __all__ = [
     "AmbiguousDeviceError", "ArgumentError", "AudioError", "Capability", "ClosedError", "Converter", "DePop",
     "Denoiser", "Denoising", "Device", "Float32Block", "GainControl", "HighPass", "Int16Block", "Level",
-    "LibraryError", "Meter", "OpenError", "Processor", "ReadError", "ReadTimeout", "Recorder", "Status",
+    "LibraryError", "Limiter", "Meter", "OpenError", "Processor", "ReadError", "ReadTimeout", "Recorder", "Status",
     "UnknownDeviceError", "capability", "devices", "find_device", "load", "log_lines", "to_float32", "to_int16",
 ]

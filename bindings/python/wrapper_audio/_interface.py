@@ -179,6 +179,7 @@ FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
     "wrapper_audio_high_pass_create": (c_int, [POINTER(c_void_p), c_int32, c_float, c_float]),
     "wrapper_audio_depop_create": (c_int, [POINTER(c_void_p), c_float]),
     "wrapper_audio_gain_control_create": (c_int, [POINTER(c_void_p), c_int32, c_float, c_float]),
+    "wrapper_audio_limiter_create": (c_int, [POINTER(c_void_p), c_int32, c_float, c_float]),
     "wrapper_audio_processor_process": (
         c_int,
         [c_void_p, POINTER(c_float), c_size_t, POINTER(c_float), c_size_t, POINTER(c_size_t)],

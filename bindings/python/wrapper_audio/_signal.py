@@ -106,6 +106,14 @@ class GainControl(Processor):
         super().__init__("wrapper_audio_gain_control_create", int32("rate", rate), target_db, release_ms)
 
 
+class Limiter(Processor):
+    """Keeps peaks below a ceiling: it looks 5 ms ahead, and what needs no limiting passes unchanged."""
+
+    def __init__(self, ceiling_db: float = -1.0, release_ms: float = 100.0, *, rate: int = 16000) -> None:
+        """The ceiling is -60 to 0 dB against full scale, the time constant of the recovery 0 to 60000 ms."""
+        super().__init__("wrapper_audio_limiter_create", int32("rate", rate), ceiling_db, release_ms)
+
+
 class DePop(Processor):
     """Subtracts from each sample a share of the one before it: y[i] = x[i] - coef * x[i - 1]."""
 

@@ -349,7 +349,7 @@ wrapper_audio_resampler *wrapper_audio_resampler_init(int32_t in_rate, int32_t o
  *
  * Pitfalls:
  * - Nothing is filtered, so converting to a lower rate aliases: 48000 to 16000 returns exactly every third sample.
- * - Every block starts at position 0, and past its last sample that sample is repeated. A stream converted block by
+ * - Every block starts at position 0, and its last sample stands in for the one after it. A stream converted block by
  *   block therefore differs from the same stream converted in one piece.
  * - The count is in_count / (in_rate / out_rate), divided in floating point and rounded down, so it can be one short:
  *   480 samples from 48000 to 44100 give 440.

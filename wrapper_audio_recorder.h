@@ -155,7 +155,7 @@ const wrapper_audio_device *wrapper_audio_device_list_get(const wrapper_audio_de
                                                           size_t index) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Finds the one input device that a user means: by its id or, if no id is equal, by a part of its id, ignoring case.
+ * Finds the one input device that a user means: by its id or, if none is the same, by a part of its id, ignoring case.
  *
  * @param list      a list
  * @param wanted    an id or a part of one; bytes
@@ -205,12 +205,12 @@ typedef struct wrapper_audio_block {
     uint32_t count;           /**< samples returned */
     uint32_t dropped;         /**< samples that were lost before `count` was reached: because reads came too late, or
                                    inside the system. The latter are detected by the clock, half a second later, and
-                                   only from 0.1 s on. */
+                                   only if they last 0.1 s or more. */
     uint32_t dropped_at;      /**< how many of the samples returned came before the loss */
     uint32_t clipped;         /**< samples from the device that were at full scale in this time */
     float rms;                /**< root mean square of the samples returned */
     float peak;               /**< their largest magnitude */
-    float captured_rms;       /**< root mean square of what the device delivered in this time, not yet denoised */
+    float captured_rms;       /**< root mean square of what the device delivered in this time, before denoising */
     float captured_peak;      /**< its largest magnitude */
     float speech_probability; /**< largest probability of speech among the 10 ms that begin in this block, 0.0 to 1.0;
                                    -1.0 if unknown */
@@ -226,7 +226,7 @@ typedef struct wrapper_audio_recorder_info {
     uint64_t captured;         /**< samples that the device has delivered, at its rate */
     uint64_t available;        /**< samples that a read would return at once */
     uint64_t read;             /**< samples that reads have returned */
-    uint64_t dropped;          /**< samples lost before the point up to which reads have come */
+    uint64_t dropped;          /**< samples that were lost up to the current read position */
     int64_t first_sample_time; /**< when the first sample was captured, in ns of CLOCK_MONOTONIC; accurate to the
                                     latency of the device; 0 until it has arrived */
 } wrapper_audio_recorder_info;

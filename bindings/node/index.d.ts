@@ -7,29 +7,29 @@
  *     await recorder.close();
  *
  * 16-bit samples go from -32767 to 32767, and floats have full scale 1.0, which is the same. Levels are linear
- * amplitudes from 0 to 1, rates are in Hz, lengths in samples, times in milliseconds. An argument out of range is a
+ * amplitudes from 0 to 1, rates are in Hz, lengths in samples, times in milliseconds. An argument out of range throws a
  * RangeError.
  *
- * The library records on threads of its own. Whatever may wait runs on a thread of Node's pool, a fifth of a second at
- * most where it waits for sound, and gives a promise; the event loop goes on meanwhile. Nothing is printed.
+ * The library records on its own threads. Whatever may wait returns a promise and runs on a thread of Node's pool, for
+ * at most a fifth of a second while it waits for sound; the event loop continues meanwhile. Nothing is printed.
  */
 
 import type { Readable } from 'node:stream';
 
-export {}; // what is not marked so stays inside
+export {}; // what is not marked so stays private
 
-/** The base of all errors of this package. The message is English, with the audio system's own words. */
+/** The base of all errors of this package. The message says in English what happened and what to do. */
 export class AudioError extends Error {
-  /** What went wrong, for programs; '' where it was not the library that said so. */
+  /** The library's status, for programs; '' if the error is not the library's. */
   readonly status: Status;
-  /** The line that the capture library logged about it, or ''. */
+  /** The line that the capture library logged about it, partly in Russian, or ''. */
   readonly logLine: string;
 }
-/** The shared library cannot be loaded, or is another one. */
+/** The shared library cannot be loaded, or is not the right one. */
 export class LibraryError extends AudioError {}
 /** There is no audio system or no microphone, or the device refuses. */
 export class OpenError extends AudioError {}
-/** No device has this id. The message lists those that there are. */
+/** No device has this id. The message lists the devices available. */
 export class UnknownDeviceError extends OpenError {}
 /** Several devices match. The message lists them. */
 export class AmbiguousDeviceError extends OpenError {}
@@ -43,26 +43,26 @@ export type Status =
   | 'AMBIGUOUS_DEVICE' | 'NOT_AN_INPUT' | 'DEVICE_REFUSED' | 'DEVICE_FAILED' | 'NO_DATA' | 'AUDIO_SYSTEM_STUCK';
 
 /**
- * Loads the shared library; without a call of yours the first object does. It is looked for at `file`, at the
- * environment variable WRAPPER_AUDIO_LIBRARY, beside this package's index.js, and where the system has its libraries.
- * One that is named, by `file` or by the variable, is the only one tried.
+ * Loads the shared library; if you do not call this, the first object does. The library is looked for at `file`, at the
+ * path in the environment variable WRAPPER_AUDIO_LIBRARY, next to this package's index.js, and where the system keeps
+ * its libraries. If `file` or the variable names one, no other is tried.
  *
- * @throws {LibraryError} with all that was tried and what to install; or another one is loaded already
+ * @throws {LibraryError} with everything that was tried and what to install, or if a different one is already loaded
  */
 export function load(file?: string): void;
 
 // ---- Devices ----
 
-/** How a device is denoised: at its own 48000 Hz, converted to 48000 Hz, or not. */
+/** How a device is denoised: at its own 48000 Hz, converted to 48000 Hz, or not at all. */
 export type Denoising = 'native' | 'converted' | 'off';
 
 /** One audio device of the machine. */
 export interface Device {
-  /** Names the device for Recorder and Meter. A byte that is no UTF-8 stands in it as U+DC00 and the byte. */
+  /** What Recorder and Meter take. A byte that is not valid UTF-8 appears as U+DC00 plus the byte. */
   id: string;
-  /** The name for people. */
+  /** The name for display. */
   name: string;
-  /** The part of the system it belongs to, such as 'ALSA'. */
+  /** The audio API it belongs to, such as 'ALSA'. */
   hostApi: string;
   /** 'input' when the device can capture, otherwise 'output'. */
   kind: 'input' | 'output';
@@ -71,14 +71,14 @@ export interface Device {
   defaultRate: number;
   inputChannels: number;
   outputChannels: number;
-  /** What recording with denoise would do. */
+  /** How recording with denoise would work. */
   denoising: Denoising;
 }
 
-/** Lists the audio devices, outputs too. They are looked for anew only while nothing in the process records. */
+/** Lists the audio devices, outputs included. They are looked for again only while nothing in the process records. */
 export function devices(): Promise<Device[]>;
 
-/** Finds the one input device whose id is this or, where none is, has this in it, in capitals or not. */
+/** Finds the one input device with this id or, if there is none, with this as a part of its id, ignoring case. */
 export function findDevice(wanted: string): Promise<Device>;
 
 /** Whether capture is possible at all: PortAudio does not start, no device can capture, or one can. */
@@ -88,7 +88,7 @@ export function capability(): Promise<Capability>;
 
 // ---- Recording ----
 
-/** How rates are converted: so that nothing aliases, or by means and linear interpolation, quick and without delay. */
+/** How rates are converted: without aliasing, or by means and linear interpolation, fast and without delay. */
 export type Conversion = 'clean' | 'linear';
 
 export interface RecorderOptions<Format extends SampleFormat = SampleFormat> {
@@ -96,20 +96,20 @@ export interface RecorderOptions<Format extends SampleFormat = SampleFormat> {
   device?: Device | string | null;
   /** Rate of the samples returned, 100 to 768000 Hz; 16000 if not given. The device runs at a rate of its own. */
   rate?: number;
-  /** Neural noise suppression: true, or the share of the noise to take away, from 0 to 1. */
+  /** Neural noise suppression: true, or the share of the noise to remove, from 0 to 1. */
   denoise?: boolean | number;
-  /** Tells the probability of speech also where nothing is denoised. */
+  /** Reports the probability of speech even without denoising. */
   speech?: boolean;
   converter?: Conversion;
   /** 'int16' if not given, for an Int16Array; 'float32' for a Float32Array, which may exceed full scale. */
   format?: Format;
   /** Length of a block; 30 if not given. */
   blockMs?: number;
-  /** Sound that is kept for a program that reads late, 100 to 60000; 5000 if not given. */
+  /** How much sound is kept for a program that reads late, 100 to 60000; 5000 if not given. */
   bufferMs?: number;
-  /** A device that delivers nothing for so long, before its first sound twice, is an error: 100 to 60000; 1500. */
+  /** How long a device may deliver nothing, twice that at first, before a read fails: 100 to 60000; 1500. */
   stallMs?: number;
-  /** Leaves the microphone alone until open(). */
+  /** Does not open the microphone until open(). */
   armed?: boolean;
 }
 
@@ -117,19 +117,19 @@ export type SampleFormat = 'int16' | 'float32';
 type SamplesOf<Format extends SampleFormat> = Format extends 'float32' ? Float32Array : Int16Array;
 
 export interface BlockOptions {
-  /** How much to record; without a number, until the recorder is stopped or closed. */
+  /** How much to record; if not given, until the recorder is stopped or closed. */
   seconds?: number;
 }
 
 /**
- * A microphone. Reads run one after the other, in the order in which they were asked for.
+ * A microphone. Reads run one after the other, in the order in which they were called.
  *
- * Close it, also before a worker ends: the process would keep the device otherwise.
+ * Close it, also before a worker ends: otherwise the process keeps the device.
  */
 export class Recorder<Samples extends Int16Array | Float32Array = Int16Array> implements AsyncIterable<Samples> {
   private constructor();
 
-  /** Takes the microphone. */
+  /** Opens the microphone. */
   static open<Format extends SampleFormat = 'int16'>(
     options?: RecorderOptions<Format>,
   ): Promise<Recorder<SamplesOf<Format>>>;
@@ -138,63 +138,63 @@ export class Recorder<Samples extends Int16Array | Float32Array = Int16Array> im
   readonly blockMs: number;
   /** Rate of the samples returned. */
   readonly rate: number;
-  /** Rate that the device runs at; 0 before it was opened. */
+  /** Rate that the device runs at; 0 before it is opened. */
   readonly deviceRate: number;
   readonly denoising: Denoising;
-  /** Samples by which the last one lags behind the device at most. */
+  /** The most samples by which the output lags behind the device. */
   readonly delay: number;
   /** Samples that a read would return at once. */
   readonly available: number;
-  /** Samples that were lost so far, because the program read too late. */
+  /** Samples lost so far, because the program read too late or in the system. */
   readonly dropped: number;
-  /** When the first sample was captured, on the clock of process.hrtime.bigint(); null before it has come. */
+  /** When the first sample was captured, on the clock of process.hrtime.bigint(); null until it has arrived. */
   readonly firstSampleTime: bigint | null;
 
-  // Of the block read last:
-  /** Its first sample, counted from the opening; those that were lost count too. */
+  // About the last block read:
+  /** Position of its first sample since the opening, lost samples included. */
   readonly position: number;
-  /** Samples of the device that were at full scale. */
+  /** Samples from the device that were at full scale. */
   readonly clipped: number;
   readonly rms: number;
   readonly peak: number;
   /** The levels before noise suppression. */
   readonly capturedRms: number;
   readonly capturedPeak: number;
-  /** The largest in the block, 0 to 1; -1 when it is not known. */
+  /** The largest in the block, 0 to 1; -1 if unknown. */
   readonly speechProbability: number;
 
-  /** Takes out the probabilities of speech, one for each 10 ms that was read, oldest first. */
+  /** Returns the probabilities of speech since the last call, one for each 10 ms read, oldest first. */
   speechProbabilities(): Float32Array;
 
-  /** Takes the microphone, also again after stop(): it begins anew, and what had not been read is lost. */
+  /** Opens the microphone, also after stop(): recording starts afresh, and what has not been read is lost. */
   open(): Promise<void>;
   /**
-   * Gives the microphone back, within a second. What was recorded before can still be read.
+   * Releases the microphone, within a second. What was recorded before can still be read.
    *
-   * @throws {AudioError} 'AUDIO_SYSTEM_STUCK' when the device hangs and its thread was left behind
+   * @throws {AudioError} 'AUDIO_SYSTEM_STUCK' if the device hangs and its thread was abandoned
    */
   stop(): Promise<void>;
 
   /**
-   * Waits until `count` samples have come; without a count, a block of `blockMs`. It returns fewer when the time runs
+   * Waits for `count` samples, by default a block of `blockMs`, and returns them. It returns fewer when the time runs
    * out, the recorder is stopped or closed, or the device fails. Once everything before a stop has been read, it
-   * returns none; once everything before a failure has, it throws.
+   * returns none; once everything before a failure has been read, it throws.
    *
    * @throws {ReadError}
    */
   read(count?: number, options?: { timeout?: number }): Promise<Samples>;
 
-  /** Iterates over blocks; the last may be shorter. Ends without an error when the recorder is stopped or closed. */
+  /** Iterates over blocks; the last may be shorter. Ends without an error if the recorder is stopped or closed. */
   blocks(options?: BlockOptions): AsyncGenerator<Samples, void, void>;
   [Symbol.asyncIterator](): AsyncGenerator<Samples, void, void>;
 
   /**
-   * The samples as a stream of bytes, little endian. It reads a block or two ahead of who takes them, and then waits.
+   * The samples as a stream of bytes, little endian. It reads a block or two ahead of its consumer, and then waits.
    * Destroying it leaves the recorder open.
    */
   stream(options?: BlockOptions): Readable;
 
-  /** Gives the device back and ends a read that waits, within about a second. May be called again. */
+  /** Releases the device and ends a waiting read, within about a second. May be called again. */
   close(): Promise<void>;
   [Symbol.asyncDispose](): Promise<void>;
 }
@@ -206,55 +206,55 @@ export interface Level {
   clipped: number;
 }
 
-/** The level of a microphone, as the device gives it, every 30 ms. Close it as a recorder. */
+/** The level of a microphone as captured, every 30 ms. Close it like a recorder. */
 export class Meter implements AsyncIterable<Level> {
   private constructor();
   static open(options?: Pick<RecorderOptions, 'device'>): Promise<Meter>;
   readonly closed: boolean;
   read(): Promise<Level>;
-  /** Goes on until the meter is closed. */
+  /** Continues until the meter is closed. */
   [Symbol.asyncIterator](): AsyncGenerator<Level, void, void>;
   close(): Promise<void>;
   [Symbol.asyncDispose](): Promise<void>;
 }
 
-/** Threads that this process has left behind in devices that hang, and that still hang there. */
+/** Counts the threads that this process has abandoned in hanging devices, and that still hang there. */
 export function abandonedThreads(): number;
 
-/** Takes out what the capture library and PortAudio wrote, oldest first, and what it means where that is known. */
+/** Returns what the capture library and PortAudio logged since the last call, and what it means in English if known. */
 export function logLines(): { line: string; english: string | null }[];
-/** Has such lines go to standard error as well. */
+/** Turns copying of such lines to standard error on or off. */
 export function logEcho(on?: boolean): void;
 
 // ---- Signal processors ----
 
 /**
- * A processor takes a stream of samples, full scale 1.0, in blocks of any length and gives a stream back. It works on
- * the thread that calls it: put minutes of sound into a worker.
+ * A processor takes a stream of samples, full scale 1.0, in blocks of any length and returns a stream. It works on the
+ * calling thread: for minutes of sound, use a worker.
  */
 declare abstract class Processor {
-  /** The most samples that it may keep inside before it gives them. */
+  /** The most samples that it may hold back. */
   readonly delay: number;
-  /** Takes a block and gives what is ready. */
+  /** Takes a block and returns the samples that are ready. */
   process(block: Float32Array): Float32Array;
-  /** Ends the stream and gives the rest; the processor is as new then. */
+  /** Ends the stream and returns the samples still inside. The next block starts a new stream. */
   flush(): Float32Array;
-  /** Forgets everything that was put in. */
+  /** Discards everything inside and starts a new stream. */
   reset(): void;
   /** Frees it. May be called again. */
   close(): void;
   [Symbol.dispose](): void;
 }
 
-/** Converts rates, 100 to 768000 Hz. In all it gives in * outRate / inRate samples; the delay is taken out. */
+/** Converts rates, 100 to 768000 Hz. In all, it returns in * outRate / inRate samples; the delay is compensated. */
 export class Converter extends Processor {
   constructor(inRate: number, outRate: number, options?: { converter?: Conversion });
 }
 
-/** Suppresses noise, at any rate; `strength` is the share of the noise that goes, 1 if not given. */
+/** Suppresses noise, at any rate; `strength` is the share of the noise to remove, 1 if not given. */
 export class Denoiser extends Processor {
   constructor(rate: number, options?: { outRate?: number; strength?: number; converter?: Conversion });
-  /** Takes out the probabilities of speech, one for each 10 ms. */
+  /** Returns the probabilities of speech since the last call, one for each 10 ms processed. */
   speechProbabilities(): Float32Array;
 }
 
@@ -269,8 +269,8 @@ export class HighPass extends Processor {
 }
 
 /**
- * Steers the RMS level towards -60 to 0 dB against full scale (-20 if not given), by 20 dB at most, with a time
- * constant of 0 to 60000 ms (100). There is no limiter: the result may exceed 1.
+ * Steers the RMS level towards -60 to 0 dB relative to full scale (-20 if not given), by 20 dB at most, with a time
+ * constant of 0 to 60000 ms (100 if not given). There is no limiter: the result may exceed 1.
  */
 export class GainControl extends Processor {
   constructor(targetDb?: number, releaseMs?: number, options?: BlockRate);
@@ -284,7 +284,7 @@ export class Limiter extends Processor {
   constructor(ceilingDb?: number, releaseMs?: number, options?: BlockRate);
 }
 
-/** Subtracts from each sample a share, 0 to 1, of the one before it: y[i] = x[i] - coef * x[i - 1]. */
+/** Subtracts from each sample a fraction, 0 to 1, of the previous one: y[i] = x[i] - coef * x[i - 1]. */
 export class DePop extends Processor {
   constructor(coef: number);
 }

@@ -1,5 +1,5 @@
 'use strict';
-// Written so that `import { Recorder } from 'wrapper-audio'` finds the names as `require` does.
+// Written so that `import { Recorder } from 'wrapper-audio'` finds the same names as `require`.
 const { Capability, abandonedThreads, capability, devices, findDevice, logEcho, logLines } = require('./lib/devices');
 const { load } = require('./lib/library');
 

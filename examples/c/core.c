@@ -1,5 +1,5 @@
 /*
- * The smallest host of the library alone, without the recorder layer: denoised speech at 16000 Hz from the default
+ * The smallest host of the core alone, without the recorder layer: denoised speech at 16000 Hz from the default
  * microphone, as raw signed 16-bit samples on standard output.
  *
  *   core SECONDS >speech.raw
@@ -20,7 +20,7 @@ int main(int argc, char **argv)
         return 2;
     }
     wrapper_audio_ctx *mic = wrapper_audio_init(RATE, 1, NULL);
-    if (mic == NULL) /* the library has said why, and so it does below */
+    if (mic == NULL) /* the library has said why, as it does when a read fails */
         return 1;
     int32_t n = 0, left = RATE * seconds;
     while (left > 0) {
@@ -34,7 +34,7 @@ int main(int argc, char **argv)
     }
     wrapper_audio_free(mic);
     if (fflush(stdout) != 0 || left > 0) {
-        fputs(n < 1 ? "core: the microphone gives no more\n" : "core: cannot write\n", stderr);
+        fputs(n < 1 ? "core: the microphone stopped delivering\n" : "core: cannot write to standard output\n", stderr);
         return 1;
     }
     return 0;

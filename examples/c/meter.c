@@ -1,9 +1,9 @@
 /*
- * Shows the level of a microphone as a bar until Ctrl-C, or for a number of seconds: is it alive, and is it too loud?
+ * Shows the level of a microphone as a bar until Ctrl-C, or for a number of seconds: does it work, and is it too loud?
  *
  *   meter [-d DEVICE] [-s SECONDS]
  *
- * DEVICE is an id. In a terminal one line is redrawn; elsewhere each reading is a line of its own.
+ * DEVICE is an id. In a terminal, a single line is redrawn; elsewhere each reading is a line of its own.
  *
  * cc -std=c99 meter.c $(pkg-config --cflags --libs wrapper_audio_recorder) -lm -o meter
  */
@@ -25,7 +25,7 @@ static void interrupt(int signal)
     interrupted = 1;
 }
 
-/* Linear level to dB against full scale. Silence has no logarithm and is shown as the floor. */
+/* Linear level to dB relative to full scale. Silence has no logarithm and is shown as the floor. */
 static double decibels(float level)
 {
     const double db = level > 0 ? 20 * log10((double)level) : FLOOR_DB;
@@ -37,7 +37,7 @@ static int column(double db)
     return (int)lround((db - FLOOR_DB) * WIDTH / -FLOOR_DB);
 }
 
-/* The bar is the RMS, which is what is heard; the mark is the peak, which is what clips. */
+/* The bar is the RMS, which is what you hear; the mark is the peak, which is what clips. */
 static void draw(double rms, double peak, int clipped)
 {
     char bar[WIDTH + 2] = "";
@@ -48,7 +48,7 @@ static void draw(double rms, double peak, int clipped)
     fflush(stdout);
 }
 
-/* Until it is interrupted, `readings` have been shown (0: no end), or the device fails. */
+/* Runs until it is interrupted, has shown `readings` (0: no limit), or the device fails. */
 static wrapper_audio_status show(wrapper_audio_recorder *recorder, int readings)
 {
     wrapper_audio_status status = WRAPPER_AUDIO_OK;
@@ -56,13 +56,13 @@ static wrapper_audio_status show(wrapper_audio_recorder *recorder, int readings)
         float samples[READ];
         wrapper_audio_block block;
         status = wrapper_audio_recorder_read_f32(recorder, samples, READ, 200, &block);
-        if (status == WRAPPER_AUDIO_NO_DATA) { /* nothing to hear: it may come back */
+        if (status == WRAPPER_AUDIO_NO_DATA) { /* no sound for now: it may come back */
             fputs("meter: the microphone is open but delivers nothing\n", stderr);
             status = WRAPPER_AUDIO_TIMEOUT;
         }
         if (block.count == 0)
             continue;
-        /* What the device gave, before it was converted: there it clips. */
+        /* The levels as captured, before conversion: that is where it clips. */
         draw(decibels(block.captured_rms), decibels(block.captured_peak), block.clipped > 0);
         ++i;
     }

@@ -1,10 +1,10 @@
 /*
- * Lets people choose a microphone, remembers the choice, and shows the level that it records.
+ * Lets the user choose a microphone, remembers the choice, and shows the level that it records.
  *
  *   pick FILE
  *
- * FILE remembers the id. Ids survive a restart but not every change of plugs: the id is looked up in the list first, and
- * asked for again when it is gone.
+ * FILE stores the id. Ids survive a restart but not every change of plugs: the id is looked up in the list first, and
+ * if it is gone, the user is asked again.
  *
  * cc -std=c99 pick.c $(pkg-config --cflags --libs wrapper_audio_recorder) -o pick
  */
@@ -15,8 +15,8 @@
 
 enum { SECONDS = 3, RATE = 16000, MAX_INPUTS = 64 };
 
-/* Fills `inputs` with the devices that can record, shows them, and returns how many there are. An id may hold any
-   bytes; what is shown are the names, which are fit for a terminal. */
+/* Fills `inputs` with the devices that can record, shows them, and returns how many there are. An id may contain any
+   bytes, so the names are shown, which are safe for a terminal. */
 static int list_inputs(const wrapper_audio_device_list *list, const wrapper_audio_device *inputs[])
 {
     int count = 0;
@@ -30,7 +30,7 @@ static int list_inputs(const wrapper_audio_device_list *list, const wrapper_audi
     return count;
 }
 
-/* Returns the device whose id FILE remembers, or else the one that the user names; NULL for none. */
+/* Returns the device whose id FILE stores, or else the one that the user chooses; NULL for none. */
 static const wrapper_audio_device *choose(const char *file_name, const wrapper_audio_device *inputs[], int count)
 {
     char id[1000] = "", answer[20];
@@ -43,7 +43,7 @@ static const wrapper_audio_device *choose(const char *file_name, const wrapper_a
         if (strcmp(inputs[i]->id, id) == 0)
             return inputs[i];
     if (*id != '\0')
-        puts("The one that you chose is not there any more.");
+        puts("The device that you chose is no longer available.");
     printf("Which one, 1 to %d? ", count);
     fflush(stdout);
     const int number = fgets(answer, sizeof answer, stdin) != NULL ? atoi(answer) : 0;
@@ -53,12 +53,12 @@ static const wrapper_audio_device *choose(const char *file_name, const wrapper_a
     file = fopen(file_name, "wb");
     if (file != NULL)
         fputs(chosen->id, file);
-    if (file == NULL || fclose(file) != 0) /* what could not be written shows here, if not before */
-        fprintf(stderr, "pick: cannot write %s; the choice holds for this time\n", file_name);
+    if (file == NULL || fclose(file) != 0) /* write errors show up here at the latest */
+        fprintf(stderr, "pick: cannot write %s; the choice applies to this run only\n", file_name);
     return chosen;
 }
 
-/* Returns the loudest level of three seconds; below 0 if there were none. */
+/* Returns the loudest level in three seconds; below 0 on failure. */
 static float listen(const wrapper_audio_device *device)
 {
     float loudest = 0;

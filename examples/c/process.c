@@ -1,10 +1,10 @@
 /*
- * Cleans a sound as it comes: takes away rumble, softens pops, takes away noise, converts the rate, evens out the level.
+ * Cleans sound as it comes in: removes rumble, softens pops, removes noise, converts the rate, evens out the level.
  *
  *   process [-n] IN_RATE OUT_RATE [FILE] >out.raw
  *
- * FILE, or else standard input, holds mono signed 16-bit samples without a header, and so does what is written. Rates
- * are in Hz. -n takes the noise away.
+ * FILE, or else standard input, contains mono signed 16-bit samples without a header, and so does the output. Rates
+ * are in Hz. -n removes noise.
  *
  * cc -std=c99 process.c $(pkg-config --cflags --libs wrapper_audio_recorder) -lm -o process
  */
@@ -15,12 +15,12 @@
 #include <unistd.h>
 #include <wrapper_audio_recorder.h>
 
-/* Any size will do: each processor has a state of its own, and what does not fit waits. */
+/* Any size will do: each processor has a state of its own, and samples that do not fit wait. */
 enum { BLOCK = 4096, STAGES = 4 };
 
 struct level {
     double squares, peak;
-    long long count, beyond; /* samples, and those of them beyond full scale */
+    long long count, beyond; /* samples, and how many of them are beyond full scale */
 };
 
 static void add_level(struct level *level, const float *samples, size_t count)
@@ -55,8 +55,8 @@ static wrapper_audio_status make_chain(wrapper_audio_processor *chain[STAGES], i
     return status;
 }
 
-/* Passes samples through the stages from `first` on, and writes what comes out. With `ending` the first of them gives
-   what it still has inside, and then the ones behind it do. */
+/* Passes samples through the stages from `first` on, and writes what comes out. With `ending`, the first one returns
+   what it still has inside, and then the ones after it do. */
 static wrapper_audio_status run(wrapper_audio_processor *chain[STAGES], int first, const float *in, size_t count,
                                 int ending, struct level *after)
 {
@@ -123,8 +123,8 @@ int main(int argc, char **argv)
     if (status != WRAPPER_AUDIO_OK)
         fprintf(stderr, "process: %s\n", wrapper_audio_status_text(status));
     if (!readable)
-        fputs("process: cannot read\n", stderr);
+        fputs("process: cannot read the input\n", stderr);
     if (!written)
-        fputs("process: cannot write\n", stderr);
+        fputs("process: cannot write to standard output\n", stderr);
     return status != WRAPPER_AUDIO_OK || !readable || !written;
 }

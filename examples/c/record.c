@@ -1,9 +1,9 @@
 /*
- * Records a microphone until Ctrl-C, or for a number of seconds.
+ * Records from a microphone until Ctrl-C, or for a number of seconds.
  *
  *   record [-n] [-d DEVICE] [-r RATE] [-s SECONDS] FILE
  *
- * FILE is a WAV file if its name ends in .wav; any other holds the samples alone (signed 16-bit, little endian), and
+ * FILE is a WAV file if its name ends in .wav; any other contains only the samples (signed 16-bit, little endian), and
  * "-" is standard output. -n denoises. DEVICE is an id or a part of one. RATE is 16000 Hz if not given.
  *
  * cc -std=c99 record.c $(pkg-config --cflags --libs wrapper_audio_recorder) -o record
@@ -26,7 +26,7 @@ static void interrupt(int signal)
     interrupted = 1;
 }
 
-/* The library runs on x86-64 alone, whose byte order is that of WAV. No member of this needs padding. */
+/* The library runs only on x86-64, whose byte order is that of WAV. No member of this struct needs padding. */
 static int write_wav_header(FILE *file, uint32_t rate, uint32_t samples)
 {
     const struct {
@@ -43,7 +43,7 @@ static int write_wav_header(FILE *file, uint32_t rate, uint32_t samples)
     return fwrite(&header, WAV_HEADER, 1, file) == 1;
 }
 
-/* Says what went wrong, and why if there is more to say. */
+/* Says what went wrong, and why if that is known. */
 static void complain(wrapper_audio_recorder *recorder, wrapper_audio_status status)
 {
     char reason[2000] = "";
@@ -52,7 +52,7 @@ static void complain(wrapper_audio_recorder *recorder, wrapper_audio_status stat
         fprintf(stderr, "record: %s\n", reason);
 }
 
-/* Opens the one device that is meant; no other takes its place. */
+/* Opens the one device that is meant, and never another one instead. */
 static wrapper_audio_status open_device(wrapper_audio_recorder *recorder, const char *wanted)
 {
     if (wanted == NULL)
@@ -71,7 +71,7 @@ static wrapper_audio_status open_device(wrapper_audio_recorder *recorder, const 
     return status;
 }
 
-/* Adds what is recorded and written to `*written`. Where it cannot be written, `file` has an error. */
+/* Adds the number of samples recorded and written to `*written`. On a write error, `file` has its error flag set. */
 static wrapper_audio_status record(wrapper_audio_recorder *recorder, FILE *file, uint32_t rate, uint32_t wanted,
                                    uint32_t *written)
 {
@@ -81,9 +81,9 @@ static wrapper_audio_status record(wrapper_audio_recorder *recorder, FILE *file,
     while (*written < wanted && status >= 0 && status != WRAPPER_AUDIO_STOPPED && !ferror(file)) {
         const uint32_t left = wanted - *written;
         wrapper_audio_block block;
-        if (interrupted) /* what has been recorded until now can still be read */
+        if (interrupted) /* what has been recorded so far can still be read */
             wrapper_audio_recorder_stop(recorder);
-        /* A read that waits no longer than this lets Ctrl-C be noticed where the microphone is silent. */
+        /* The timeout lets Ctrl-C be noticed even when the microphone delivers nothing. */
         status = wrapper_audio_recorder_read_s16(recorder, pcm, left < most ? left : most, READ_MS, &block);
         *written += (uint32_t)fwrite(pcm, sizeof *pcm, block.count, file);
         if (block.dropped > 0)
@@ -114,7 +114,7 @@ int main(int argc, char **argv)
     const uint32_t rate = (uint32_t)options.rate;
     const uint32_t wanted = seconds ? rate * (uint32_t)seconds : (UINT32_MAX - WAV_HEADER) / 2;
 
-    /* The microphone first: where there is none, an older file stays as it is. */
+    /* The microphone first: if there is none, an existing file stays as it is. */
     wrapper_audio_recorder *recorder;
     wrapper_audio_status status = wrapper_audio_recorder_create(&recorder, &options);
     if (status == WRAPPER_AUDIO_OK)
@@ -126,7 +126,7 @@ int main(int argc, char **argv)
     }
     FILE *file = strcmp(name, "-") == 0 ? stdout : fopen(name, "wb");
     int writable = file != NULL && (!wav || write_wav_header(file, rate, 0));
-    /* What is being read or written is finished first; a second Ctrl-C ends the program at once. */
+    /* The read or write under way is finished first; a second Ctrl-C ends the program at once. */
     struct sigaction on_signal = {.sa_handler = interrupt, .sa_flags = SA_RESTART | (int)SA_RESETHAND};
     sigaction(SIGINT, &on_signal, NULL);
     sigaction(SIGTERM, &on_signal, NULL);
@@ -137,7 +137,7 @@ int main(int argc, char **argv)
     if (status < 0)
         complain(recorder, status);
     wrapper_audio_recorder_free(recorder);
-    if (writable && wav) /* now the length is known */
+    if (writable && wav) /* the length is known now */
         writable = fseek(file, 0, SEEK_SET) == 0 && write_wav_header(file, rate, written);
     if (file != NULL) {
         writable &= !ferror(file);

@@ -22,7 +22,7 @@ struct ownership {
     bool is_free() const { return !taken; }
 };
 
-// Never destroyed: a thread that was left behind may still have it when the process ends.
+// Never destroyed: an abandoned thread may still hold it when the process ends.
 ownership& audio_system_ownership() {
     static auto* const owned = new ownership;
     return *owned;
@@ -41,17 +41,17 @@ std::string core_id(const PaDeviceInfo& info) {
     return host_api_name(info) + ":" + text_or(info.name, "");
 }
 
-// The default rate as the core takes it.
+// The default rate as the core reads it.
 int32_t rounded_rate(double rate) {
     constexpr double limit = 2147483648.0;
     const double rounded = rate > 0.0 ? rate + 0.5 : limit;
     return rounded < limit ? static_cast<int32_t>(rounded) : 48000;
 }
 
-// What PortAudio says of a device, changed as long as this lives. The core opens a device at the default rate and finds
-// it by its name; both are read from PortAudio's table, which is memory of PortAudio's own, and not constant. PortAudio
-// itself looks at neither when it opens an ALSA device, and at the name of a JACK device, so that this must be over by
-// then. So a device can be opened at another rate, and whatever its name is, also when it shares it with others.
+// Changes PortAudio's entry for a device during its own lifetime. The core opens a device at the default rate and finds
+// it by its name; it reads both from PortAudio's table, which is PortAudio's own memory, and not constant. PortAudio
+// itself uses neither when it opens an ALSA device, but the name when it opens a JACK device, so this must be undone by
+// then. So a device can be opened at another rate, and whatever its name is, even one that it shares with others.
 class table_entry {
 public:
     explicit table_entry(const PaDeviceInfo* info)
@@ -66,10 +66,10 @@ public:
 
     // Returns the id by which the core finds this device and no other.
     std::string set(double rate, std::string& unique_name) {
-        constexpr std::size_t room = 250; // the core compares 255 bytes
+        constexpr std::size_t room = 250; // the core compares 255 bytes at most
         const std::size_t host_api_length = host_api_name(*info_).size() + 1;
         unique_name = std::string(text_or(name_, "")).substr(0, room - std::min(room, host_api_length));
-        // The core logs it, and what follows a line feed would look like a line of the core's.
+        // The core logs the name, and whatever follows a line feed would look like one of the core's lines.
         std::replace(unique_name.begin(), unique_name.end(), '\n', '?');
         while (is_taken(host_api_name(*info_) + ":" + unique_name))
             unique_name += '\'';
@@ -93,7 +93,7 @@ private:
     const double rate_;
 };
 
-// The words behind the last colon of the core's line that are PortAudio's.
+// The sentence, followed by PortAudio's own message from the core's line.
 std::string with_words(const std::string& sentence, const std::string& log_line) {
     const std::string english = log::in_english(log_line);
     const std::size_t words = english.find(": ");
@@ -146,8 +146,8 @@ bool has_jack_devices() {
 
 } // namespace
 
-// When a JACK server ends that was there in the beginning, the end of PortAudio's last user ends the process, by an
-// assertion of PortAudio's or inside libjack, whatever device was used. So where there is JACK the last user stays.
+// If a JACK server that was there at the start has ended, terminating PortAudio ends the process, by an assertion in
+// PortAudio or inside libjack, whatever device was used. So if there is JACK, PortAudio is never terminated.
 audio_system::~audio_system() {
     if (!has_jack_devices()) Pa_Terminate();
 }
@@ -178,8 +178,8 @@ std::vector<device> read_devices() {
     return devices;
 }
 
-// PortAudio's default rate of an ALSA device is the one nearest to 44100 Hz that the hardware has. If that is farther away
-// than 48000, the hardware has no 48000, and ALSA would make it up by linear interpolation.
+// PortAudio's default rate of an ALSA device is the hardware's rate nearest to 44100 Hz. If that is farther away than
+// 48000, the hardware does not support 48000, and ALSA would fake it by linear interpolation.
 bool runs_at_48000(const device& device) {
     constexpr int32_t portaudios_rate = 44100;
     if (device.input_channels < 1) return false;
@@ -236,8 +236,8 @@ microphone::microphone(const std::string& id, int32_t best_rate, log::scope& log
                   with_words(valid_utf8(device_.id) + " did not open", line), line};
 }
 
-// Returns false when the device refuses, and when the core would take another one in its place: it may not find it where
-// PortAudio fails in the middle of the search.
+// Returns false if the device refuses, and if the core would use another one instead: it may not find this one if
+// PortAudio fails during the search.
 bool microphone::open(int32_t rate, const log::scope& log) {
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(device_.index);
     if (info == nullptr)

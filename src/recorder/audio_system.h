@@ -14,12 +14,12 @@ namespace recorder {
 
 constexpr int32_t denoiser_rate = 48000;
 
-// PortAudio keeps its tables and its list of streams without a lock. Whoever opens or closes holds this one; a call
-// into PortAudio that never returns holds it for ever.
+// PortAudio does not lock its tables or its list of streams. Whoever opens or closes holds this lock; a call into
+// PortAudio that never returns holds it for ever.
 class audio_system_lock {
 public:
     audio_system_lock();
-    // Throws AUDIO_SYSTEM_STUCK when the lock is not to be had in that time.
+    // Throws AUDIO_SYSTEM_STUCK if the lock cannot be acquired in that time.
     explicit audio_system_lock(std::chrono::milliseconds patience);
     ~audio_system_lock();
     audio_system_lock(const audio_system_lock&) = delete;
@@ -28,7 +28,7 @@ public:
 
 constexpr std::chrono::seconds opening_patience{10};
 
-// One initialisation of PortAudio, under which its table of devices stays as it is. Needs the lock at both ends.
+// One initialisation of PortAudio, during which its table of devices does not change. Needs the lock at both ends.
 class audio_system {
 public:
     audio_system(); // throws NO_AUDIO_SYSTEM
@@ -48,7 +48,7 @@ struct device {
     bool is_default = false;
 };
 
-// The devices of an initialisation, each with an id of its own.
+// The devices of an initialisation, each with a unique id.
 std::vector<device> read_devices();
 
 // Whether a device records mono floats at 48000 Hz by itself.
@@ -60,18 +60,18 @@ std::string candidates(const std::vector<const device*>& devices);
 // A device that records. Needs the lock at both ends of its life.
 class microphone {
 public:
-    // Takes the device of that id, or the default one for "". It is opened at its default rate if that is the best, or
-    // else at 48000 Hz if the device can, or else at its default rate. Throws a failure.
+    // Opens the device with that id, or the default one for "". It runs at its default rate if that is the best, or
+    // else at 48000 Hz if the device supports it, or else at its default rate. Throws a failure.
     microphone(const std::string& id, int32_t best_rate, log::scope& log);
 
     const recorder::device& device() const { return device_; }
     int32_t rate() const { return rate_; }
     std::chrono::steady_clock::time_point opened_at() const { return opened_at_; }
 
-    // Waits for the next block of the core. Returns how many samples came. Throws DEVICE_FAILED.
+    // Waits for the core's next block. Returns how many samples arrived. Throws DEVICE_FAILED.
     int32_t read(std::vector<int16_t>& samples, log::scope& log);
 
-    // PortAudio 19.6 garbles JACK devices in blocks of any other length, and others have no use for one.
+    // PortAudio 19.6 garbles the sound of JACK devices in blocks of any other length, and no other device needs one.
     static constexpr int32_t block_ms = 30;
 
 private:

@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 constexpr auto stopping_patience = 900ms;
 
-// Of the core's samples: the largest positive sample of a 16-bit device is a 32768th short of full scale.
+// For the core's samples: the largest positive sample of a 16-bit device is 1/32768 below full scale.
 constexpr int full_scale = 32766;
 
 std::atomic<uint32_t> g_abandoned_threads{0};
@@ -109,7 +109,7 @@ void history::report(uint64_t end, wrapper_audio_block& block) {
         if (reported_ < speech_count_)
             block.speech_probability = std::max(block.speech_probability, speech_[reported_ % speech_.size()]);
     }
-    block.captured_peak = last_.peak; // of the 10 ms before, where none began
+    block.captured_peak = last_.peak; // of the previous 10 ms if none began
     block.captured_rms = root_mean_square(last_.squares, static_cast<uint64_t>(last_.count));
 }
 
@@ -129,7 +129,7 @@ capture::~capture() {
     if (thread_.joinable()) thread_.detach(); // it may be this one
 }
 
-// The thread has nothing left to do. Leaves the lock for a moment.
+// The thread has nothing left to do. Releases the lock for a moment.
 void capture::join(std::unique_lock<std::mutex>& hold) {
     std::thread thread = std::move(thread_);
     hold.unlock();
@@ -162,8 +162,8 @@ void capture::run() noexcept {
     try {
         {
             const audio_system_lock lock{opening_patience};
-            // A device at the rate that is wanted needs no conversion. Any other is best taken at 48000 Hz: sound servers
-            // run at it, and would convert themselves, and less cleanly.
+            // A device that already runs at the wanted rate needs no conversion. Any other is best opened at 48000 Hz:
+            // sound servers run at it, and would themselves convert less cleanly.
             const bool denoises = options_.denoise > 0.0F || options_.speech != 0;
             opened.emplace(device_id_, denoises ? denoiser_rate : options_.rate, log);
         }
@@ -224,14 +224,14 @@ void capture::begin(const microphone& opened) {
 
 // ---- The thread ----
 
-// A device keeps to the clock, but for the accuracy of either; a file is read as fast as the processor can.
+// A device keeps to the clock, within the accuracy of both; a file is read as fast as the processor can.
 bool capture::runs_ahead() const {
     const std::chrono::duration<double> elapsed = clock::now() - began_;
     const double delivered = static_cast<double>(info_.captured) / info_.device_rate;
     return delivered > elapsed.count() * 1.01 + 0.05;
 }
 
-// Whether to read on. What comes from a file waits for the host; nothing else does.
+// Whether to continue reading. A file waits for the host; nothing else does.
 bool capture::may_read() {
     std::unique_lock hold{mutex_};
     const auto has_room = [&] { return buffer_->room() >= largest_step_; };
@@ -281,7 +281,7 @@ void capture::end(failure reason) {
         processed_.clear();
         try {
             chain_->flush(processed_);
-        } catch (const std::bad_alloc&) { // what has not come by then is lost
+        } catch (const std::bad_alloc&) { // what is still inside is lost
         }
         store(processed_);
     }
@@ -303,7 +303,7 @@ void capture::leave_behind() {
 
 std::optional<capture::clock::time_point> capture::stalls_at() const {
     if (!waits_since_) return std::nullopt;
-    const int32_t times = info_.captured == 0 ? 2 : 1; // sound servers take their time to begin
+    const int32_t times = info_.captured == 0 ? 2 : 1; // sound servers are slow to start
     return *waits_since_ + milliseconds(int64_t{options_.stall_ms} * times);
 }
 
@@ -345,7 +345,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
             status = ended_by_.status;
         } else if (stall && now >= *stall) {
             status = WRAPPER_AUDIO_NO_DATA;
-            if (done == 0) waits_since_ = now; // otherwise the next read tells it again, at once
+            if (done == 0) waits_since_ = now; // otherwise the next read returns it again, at once
         } else if (now >= deadline) {
             status = WRAPPER_AUDIO_TIMEOUT;
         }

@@ -14,7 +14,7 @@
 
 namespace recorder {
 
-// What the device gave in some time.
+// What the device delivered in some time.
 struct captured_levels {
     float peak = 0.0F;
     double squares = 0.0;
@@ -22,7 +22,7 @@ struct captured_levels {
     uint32_t clipped = 0;
 };
 
-// Levels and probabilities of speech by the 10 ms of the recording, as long as they may be asked for. Not locked.
+// Levels and probabilities of speech for each 10 ms of the recording, as long as they may be needed. Not locked.
 class history {
 public:
     history() = default;
@@ -32,10 +32,10 @@ public:
     void add_speech(std::span<const float> probabilities);
     void add_lost(uint64_t count); // of the device's samples: silence
 
-    // Tells of what began since the last call and before `end`, in 10 ms.
+    // Reports what began since the last call and before `end`, in units of 10 ms.
     void report(uint64_t end, wrapper_audio_block& block);
 
-    // The probabilities of what was reported, oldest first.
+    // Takes the probabilities of what was reported, oldest first.
     std::size_t take_speech(float* probabilities, std::size_t capacity);
 
 private:
@@ -52,14 +52,14 @@ private:
 // Shared by the host's handle and the thread, which outlives the handle when the device hangs.
 class capture : public std::enable_shared_from_this<capture> {
 public:
-    // No zero stands for a default any more in these options.
+    // In these options, zeros no longer stand for defaults.
     capture(const wrapper_audio_recorder_options& options, std::string device_id)
         : options_(options), device_id_(std::move(device_id)) {}
     ~capture();
     capture(const capture&) = delete;
     capture& operator=(const capture&) = delete;
 
-    void open(); // throws a failure; STOPPED when another thread stopped it meanwhile
+    void open(); // throws a failure; STOPPED if another thread stopped it meanwhile
 
     // Fills whichever of the two is not empty.
     wrapper_audio_status read(std::span<float> floats, std::span<int16_t> pcm, int32_t timeout_ms,
@@ -90,13 +90,13 @@ private:
     const wrapper_audio_recorder_options options_;
     const std::string device_id_;
 
-    // The chain belongs to whoever holds this: the thread, or who ends the recording while the thread hangs.
+    // The chain belongs to whoever holds this: the thread, or whoever ends the recording while the thread hangs.
     std::mutex chain_mutex_;
     std::unique_ptr<voice_chain> chain_;
     std::vector<float> captured_;
     std::vector<float> processed_;
 
-    mutable std::mutex mutex_; // of all that follows
+    mutable std::mutex mutex_; // protects all that follows
     std::condition_variable changed_;
     std::thread thread_;
     state state_ = state::opening;
@@ -108,7 +108,7 @@ private:
     recorder::device device_;
     wrapper_audio_recorder_info info_{};
     std::optional<sample_buffer> buffer_;
-    std::size_t largest_step_ = 0; // samples that come out at once at most, the last ones included
+    std::size_t largest_step_ = 0; // the most samples that come out at once, the last ones included
     history history_;
     std::optional<loss_watch> loss_watch_;
     clock::time_point began_;

@@ -12,10 +12,10 @@ namespace recorder {
 struct failure {
     wrapper_audio_status status = WRAPPER_AUDIO_OK;
     std::string reason = {};   // English sentences, valid UTF-8
-    std::string log_line = {}; // the core's own
+    std::string log_line = {}; // the core's own words
 };
 
-// Runs what stands behind a function of the interface. No exception passes that boundary.
+// Runs the implementation of a function of the interface. No exception crosses that boundary.
 template <typename Action>
 wrapper_audio_status guarded(Action action) noexcept try {
     return action();
@@ -23,7 +23,7 @@ wrapper_audio_status guarded(Action action) noexcept try {
     return failed.status;
 } catch (const std::bad_alloc&) {
     return WRAPPER_AUDIO_OUT_OF_MEMORY;
-} catch (const std::system_error&) { // no further thread
+} catch (const std::system_error&) { // no more threads
     return WRAPPER_AUDIO_OUT_OF_MEMORY;
 }
 

@@ -24,7 +24,7 @@ struct kept_lines {
     std::deque<std::string> lines;
 };
 
-// Never destroyed: a thread that was left behind in a device may still write when the process ends.
+// Never destroyed: a thread abandoned in a device may still write when the process ends.
 kept_lines& kept() {
     static auto* const lines = new kept_lines;
     return *lines;
@@ -36,7 +36,7 @@ thread_local scope* t_scope = nullptr;
 
 void pass_on(const char* bytes, std::size_t size) {
     FILE* const to = g_hosts_stderr;
-    static_cast<void>(std::fwrite(bytes, 1, size, to)); // there is nowhere else to tell
+    static_cast<void>(std::fwrite(bytes, 1, size, to)); // a failure cannot be reported anywhere
 }
 
 constexpr std::string_view no_input_device = "there is no input device";
@@ -49,7 +49,7 @@ struct translation {
                       begins.find("WARN") != std::string_view::npos || english == no_input_device;
 };
 
-// What stands behind the beginning of a line is the same in both languages: PortAudio's words and numbers.
+// What follows the beginning of a line is the same in both languages: PortAudio's message and numbers.
 constexpr translation translations[] = {
     {"[audio_wrapper] WARN device_id ", "the default input device is taken, because no device has the id ",
      " не найден, fallback на default input"},
@@ -86,7 +86,7 @@ const translation* find_translation(std::string_view line) {
     return found == std::end(translations) ? nullptr : found;
 }
 
-// Names from outside are in other lines only.
+// Of these lines, only the warning contains a name from outside.
 bool is_failure(std::string_view line) {
     const translation* const known = find_translation(line);
     return known != nullptr && known->is_failure;
@@ -110,7 +110,7 @@ private:
 
     static void keep(scope& to) {
         if (is_failure(to.line_)) to.failure_ = to.line_;
-        if (g_echo) { // to a terminal, perhaps, and with names from outside
+        if (g_echo) { // perhaps to a terminal, and with names from outside
             const std::string shown = valid_utf8(to.line_) + '\n';
             pass_on(shown.data(), shown.size());
         }
@@ -126,19 +126,19 @@ namespace {
 
 ssize_t write_to_stderr(void* /*cookie*/, const char* bytes, std::size_t size) {
     const std::string_view text{bytes, size};
-    // A failed assertion inside a library ends the process: its words must not end with it.
+    // A failed assertion inside a library ends the process: its message must not be lost.
     if (t_scope == nullptr || text.find("Assertion") != std::string_view::npos) {
         pass_on(bytes, size);
         return static_cast<ssize_t>(size);
     }
     try {
         collector::add(*t_scope, text);
-    } catch (const std::bad_alloc&) { // the line is lost, the host goes on
+    } catch (const std::bad_alloc&) { // the line is lost, the host continues
     }
     return static_cast<ssize_t>(size);
 }
 
-// The core and the back ends look the variable `stderr` up at each write. Descriptor 2 is shared with everything else
+// The core and the back ends look up the variable `stderr` at each write. Descriptor 2 is shared with everything else
 // in the process and its children, and stays as it is.
 void take_over_stderr() {
     static std::mutex mutex;
@@ -150,10 +150,10 @@ void take_over_stderr() {
         functions.write = write_to_stderr;
         ours = fopencookie(nullptr, "w", functions);
         if (ours == nullptr) return;
-        static_cast<void>(std::setvbuf(ours, nullptr, _IONBF, 0)); // which cannot fail: no buffer is given
+        static_cast<void>(std::setvbuf(ours, nullptr, _IONBF, 0)); // which cannot fail: no buffer is needed
     }
     g_hosts_stderr = stderr;
-    ours->_fileno = fileno(stderr); // what the host asks isatty() about
+    ours->_fileno = fileno(stderr); // which the host passes to isatty()
     stderr = ours;
 }
 
@@ -167,7 +167,7 @@ scope::scope() : outer_(t_scope) {
 scope::~scope() {
     t_scope = outer_;
     try {
-        if (!line_.empty()) collector::add(*this, "\n"); // whoever wrote it will not go on
+        if (!line_.empty()) collector::add(*this, "\n"); // its writer will not continue it
     } catch (const std::bad_alloc&) {                    // the line is lost
     }
 }

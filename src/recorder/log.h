@@ -1,4 +1,4 @@
-// What the core and PortAudio's back ends write to C's `stderr`: collected, kept and told in English.
+// What the core and PortAudio's back ends write to C's `stderr`: collected, kept and translated into English.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace recorder::log {
 
-// While one lives, what its thread writes to `stderr` is collected. Other threads write as before.
+// During its lifetime, what its thread writes to `stderr` is collected. Other threads write as before.
 class scope {
 public:
     scope();
@@ -25,7 +25,7 @@ private:
     std::string failure_;
 };
 
-// What a line of the core says, in English; empty for other lines.
+// What a line of the core means, in English; empty for other lines.
 std::string in_english(std::string_view line);
 
 } // namespace recorder::log

@@ -1,6 +1,6 @@
-// Sound that the system lost before the core could read it. PortAudio's word about it does not pass the core, but the
-// clock tells: what a device has delivered falls behind by a step, and never catches up. Whatever was only late, in the
-// buffers of a sound server or of a busy machine, does catch up; and clocks drift apart slowly.
+// Sound that the system lost before the core could read it. The core does not pass on PortAudio's report of it, but the
+// clock shows it: what a device has delivered falls behind by a step, and never catches up. Whatever was only late, in
+// the buffers of a sound server or of a busy machine, does catch up; and clocks drift apart slowly.
 #pragma once
 
 #include <algorithm>
@@ -15,8 +15,8 @@ class loss_watch {
 public:
     explicit loss_watch(int32_t rate) : rate_(rate) {}
 
-    // A block of `count` samples came at `seconds` of a clock that does not jump. Returns how many samples are known now
-    // to have been lost since they were last told: about half a second later, and only losses of 0.1 s and more.
+    // A block of `count` samples arrived at `seconds` of a clock that does not jump. Returns how many samples are now
+    // known to have been lost since the last report: about half a second later, and only losses of 0.1 s or more.
     uint64_t add(double seconds, std::size_t count) {
         delivered_ += static_cast<double>(count);
         if (size_ == arrivals_.size()) forget_oldest();
@@ -36,7 +36,7 @@ public:
 private:
     struct arrival {
         double at;
-        double lateness; // seconds, from a constant that does not matter
+        double lateness; // seconds, relative to a constant that does not matter
     };
     static constexpr double patience = 0.5;       // seconds
     static constexpr double smallest_loss = 0.1;  // seconds

@@ -1,4 +1,4 @@
-// The signal processors behind their plain functions.
+// The signal processors and their plain C functions.
 #include "failure.h"
 #include "limiter.h"
 #include "numeric/biquad.h"
@@ -12,7 +12,7 @@
 #include <cstring>
 #include <iterator>
 
-// What all processors share: output waits here until the host takes it.
+// The base of all processors: output waits here until the host takes it.
 struct wrapper_audio_processor {
     using sample_span = recorder::sample_span;
 
@@ -22,7 +22,7 @@ struct wrapper_audio_processor {
     wrapper_audio_processor& operator=(const wrapper_audio_processor&) = delete;
 
     virtual void process(sample_span in, std::vector<float>& out) = 0; // appends
-    virtual void finish(std::vector<float>& out) = 0;                  // appends the rest, and is as new then
+    virtual void finish(std::vector<float>& out) = 0;                  // appends the rest, and resets
     virtual void reset() = 0;
     virtual std::size_t delay() const { return 0; }
     virtual std::vector<float>* speech() { return nullptr; }
@@ -35,7 +35,7 @@ struct wrapper_audio_processor {
         const std::size_t count = std::min(capacity, ready.size() - taken);
         if (count > 0) std::memcpy(out, ready.data() + taken, count * sizeof *out);
         taken += count;
-        if (taken >= ready.size() - taken) { // so that the rest is moved no more often than it was put in
+        if (taken >= ready.size() - taken) { // so that no more is moved than was taken
             ready.erase(ready.begin(), ready.begin() + static_cast<std::ptrdiff_t>(taken));
             taken = 0;
         }
@@ -66,13 +66,13 @@ private:
     voice_chain chain_;
 };
 
-// A filter that gives a sample for each sample.
+// A filter that returns one sample per input sample.
 class in_place_processor : public wrapper_audio_processor {
 public:
     void process(sample_span in, std::vector<float>& out) override {
         const std::size_t old = out.size();
         std::transform(in.begin(), in.end(), std::back_inserter(out), limited);
-        constexpr std::size_t most = 1 << 30; // what a count of the loops can hold
+        constexpr std::size_t most = 1 << 30; // fits the loops' counts
         for (std::size_t at = old; at < out.size(); at += most)
             filter(out.data() + at, static_cast<int32_t>(std::min(out.size() - at, most)));
     }
@@ -108,7 +108,7 @@ protected:
         const float before = last_;
         last_ = block[count - 1];
         numeric::subtract_previous(block, count, coef_);
-        block[0] -= before * coef_; // which the loop leaves as it is
+        block[0] -= before * coef_; // which the loop leaves unchanged
     }
 
 private:
@@ -116,7 +116,7 @@ private:
     float last_ = 0.0F;
 };
 
-// The core's gain control on blocks of 10 ms, whatever pieces the samples come in.
+// The core's gain control on blocks of 10 ms, whatever pieces the samples arrive in.
 class gain_control : public wrapper_audio_processor {
 public:
     gain_control(int32_t rate, float target_db, float release_ms)
@@ -210,7 +210,7 @@ wrapper_audio_status create(wrapper_audio_processor** processor, bool valid, Mak
     });
 }
 
-// What a call that gives samples needs.
+// What a call that returns samples needs.
 bool has_room(const wrapper_audio_processor* processor, const float* out, std::size_t capacity,
               std::size_t* out_count) {
     if (out_count != nullptr) *out_count = 0;

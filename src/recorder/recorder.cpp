@@ -1,4 +1,4 @@
-// Devices and recorders behind their plain functions.
+// The plain C functions of devices and recorders.
 #include "audio_system.h"
 #include "capture.h"
 #include "failure.h"
@@ -55,7 +55,7 @@ const char* wrapper_audio_status_text(int32_t status) noexcept {
 
 struct wrapper_audio_device_list {
     std::vector<device> devices;
-    std::vector<wrapper_audio_device> records; // with texts of `devices`
+    std::vector<wrapper_audio_device> records; // whose texts belong to `devices`
 };
 
 namespace {
@@ -150,8 +150,8 @@ void wrapper_audio_device_list_free(wrapper_audio_device_list* list) noexcept {
 struct wrapper_audio_recorder {
     explicit wrapper_audio_recorder(const wrapper_audio_recorder_options& wanted) : options(wanted) {}
 
-    const wrapper_audio_recorder_options options; // without a zero that stands for a default
-    std::mutex mutex;                             // of all that follows
+    const wrapper_audio_recorder_options options; // with defaults filled in
+    std::mutex mutex;                             // protects all that follows
     std::condition_variable idle;
     std::shared_ptr<capture> current;
     failure failed_open;
@@ -181,7 +181,7 @@ bool is_valid(const wrapper_audio_recorder_options& options) {
            std::all_of(std::begin(options.reserved), std::end(options.reserved), is_zero);
 }
 
-// A call on a recorder, which is not released before it is over, and the recording it is about.
+// A call on a recorder, which is not released until the call is over, and the recording it concerns.
 class call {
 public:
     explicit call(wrapper_audio_recorder& recorder) : recorder_(recorder), current_(entered(recorder)) {}
@@ -213,7 +213,7 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
         const std::lock_guard hold{recorder.mutex};
         const bool is_open = recorder.current != nullptr && !recorder.current->has_ended();
         if (is_open || recorder.closing) return WRAPPER_AUDIO_INVALID_STATE;
-        recorder.current = made; // so that another thread may stop what is just opening
+        recorder.current = made; // so that another thread can stop it while it is opening
         recorder.failed_open = {};
     }
     failure failed{WRAPPER_AUDIO_OUT_OF_MEMORY};
@@ -222,7 +222,7 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
         return WRAPPER_AUDIO_OK;
     } catch (failure& reason) {
         failed = std::move(reason);
-    } catch (const std::system_error&) { // no further thread
+    } catch (const std::system_error&) { // no more threads
     } catch (const std::bad_alloc&) {
     }
     const wrapper_audio_status status = failed.status;

@@ -1,4 +1,4 @@
-// The samples that wait for the host: a ring, and what is missing in it.
+// The samples waiting for the host: a ring, and a record of what is missing in it.
 #pragma once
 
 #include <spa/utils/ringbuffer.h>
@@ -26,10 +26,10 @@ public:
         uint64_t lost = 0; // before the first of them
     };
 
-    // Takes out samples that follow upon each other without a loss between them.
+    // Removes and returns consecutive samples without a loss between them.
     piece read(std::span<float> samples);
 
-    // Samples taken out and lost before the next one.
+    // Samples read or lost before the next one.
     uint64_t position() const { return read_ + lost_; }
     uint64_t read_count() const { return read_; }
     uint64_t lost_count() const { return lost_; }
@@ -39,7 +39,7 @@ private:
         uint64_t before; // the number of the sample that follows
         uint64_t lost;
     };
-    static constexpr std::size_t most_gaps = 64; // what is lost after these is added to the last one
+    static constexpr std::size_t most_gaps = 64; // further losses are added to the last one
 
     const std::size_t capacity_;
     std::vector<float> ring_; // a power of two, as the ring's indices wrap around

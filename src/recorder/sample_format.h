@@ -1,4 +1,4 @@
-// 16-bit samples and floats, at the core's full scale. Both ways keep every 16-bit sample as it is.
+// Conversion between 16-bit samples and floats, at the core's full scale. A round trip preserves every 16-bit sample.
 #pragma once
 
 #include "numeric/pcm16.h"
@@ -17,7 +17,7 @@ inline float to_full_scale(float sample) {
     return std::isnan(sample) ? 0.0F : std::clamp(sample, -1.0F, 1.0F);
 }
 
-// Rounded to the nearest, where the core rounds toward zero: what was a 16-bit sample before becomes the same one.
+// Rounded to the nearest, where the core rounds toward zero: what was a 16-bit sample becomes the same one again.
 inline int16_t to_s16(float sample) {
     return static_cast<int16_t>(std::lrintf(to_full_scale(sample) * numeric::pcm16_scale));
 }

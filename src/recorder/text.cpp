@@ -11,7 +11,7 @@ namespace recorder {
 namespace {
 
 struct character {
-    char32_t code = 0; // 0 for a byte that is no UTF-8
+    char32_t code = 0; // 0 for a byte that is not valid UTF-8
     std::size_t length = 1;
 };
 
@@ -89,7 +89,7 @@ std::string folded(std::string_view bytes) {
 
 namespace {
 
-// How many bytes at the end belong to a character that is cut off.
+// How many bytes at the end belong to a truncated character.
 std::size_t begun_character(std::string_view text) {
     for (std::size_t back = 1; back <= std::min<std::size_t>(3, text.size()); ++back) {
         const auto byte = static_cast<unsigned char>(text[text.size() - back]);

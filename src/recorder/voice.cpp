@@ -14,7 +14,7 @@ namespace recorder {
 
 namespace {
 
-// By soxr: its high quality passes what lies below 0.91 of the lower Nyquist frequency and stops what lies above it.
+// By soxr: its high quality passes what is below 0.91 of the lower Nyquist frequency and stops what is above Nyquist.
 class clean_converter : public rate_converter {
 public:
     clean_converter(int32_t in_rate, int32_t out_rate) {
@@ -47,7 +47,7 @@ private:
     std::unique_ptr<soxr, release> state_;
 };
 
-// The core's means over whole ratios, across the borders of blocks.
+// The core's means over integer ratios, continued across block boundaries.
 class mean_converter : public rate_converter {
 public:
     explicit mean_converter(int32_t ratio) : ratio_(static_cast<std::size_t>(ratio)) {}
@@ -67,8 +67,8 @@ private:
     std::vector<float> waiting_;
 };
 
-// The core's linear interpolation, across the borders of blocks. Positions are whole numbers of 1 / out_rate, so that
-// none is ever rounded.
+// The core's linear interpolation, continued across block boundaries. Positions are integer multiples of 1 / out_rate,
+// so none is ever rounded.
 class linear_converter : public rate_converter {
 public:
     linear_converter(int32_t in_rate, int32_t out_rate)
@@ -95,7 +95,7 @@ private:
     std::vector<float> waiting_;
 };
 
-// How long a converter may keep what it is given, in seconds: what it did while it was fed with pieces of 10 ms.
+// How long a converter may hold samples back, in seconds: measured by feeding it pieces of 10 ms.
 double longest_delay(int32_t in_rate, int32_t out_rate, wrapper_audio_conversion conversion) {
     if (conversion == WRAPPER_AUDIO_CONVERSION_LINEAR) return 1.0 / in_rate + 1.0 / out_rate;
     const auto converter = make_rate_converter(in_rate, out_rate, conversion);
@@ -201,7 +201,7 @@ void voice_chain::reset() {
     last_ = 0.0F;
 }
 
-// How many samples belong to what was taken: the quotient of the rates, rounded to the nearest, halves up.
+// How many samples belong to the input so far: times the ratio of the rates, rounded to the nearest, halves up.
 uint64_t voice_chain::due() const {
     const auto in_rate = static_cast<uint64_t>(options_.in_rate);
     const auto out_rate = static_cast<uint64_t>(options_.out_rate);
@@ -236,7 +236,7 @@ void voice_chain::give(std::vector<float>& out) {
     given_ += count;
 }
 
-// In pieces of at most 10 ms, so that a long input takes no more memory than a short one.
+// In pieces of at most 10 ms, so that a long input needs no more memory than a short one.
 void voice_chain::process(sample_span in, std::vector<float>& out) {
     float piece[highest_rate / 100];
     const auto length = static_cast<std::size_t>(options_.in_rate / 100);
@@ -251,8 +251,8 @@ void voice_chain::process(sample_span in, std::vector<float>& out) {
     }
 }
 
-// What is inside comes out when as much is put in behind it: silence, or where lines are drawn from sample to sample,
-// more of the last one.
+// What is inside comes out when as much is put in after it: silence, or for linear interpolation, more of the last
+// sample.
 void voice_chain::flush(std::vector<float>& out) {
     const float filling = options_.conversion == WRAPPER_AUDIO_CONVERSION_LINEAR ? last_ : 0.0F;
     const std::vector<float> piece(static_cast<std::size_t>(options_.in_rate / 100), filling);

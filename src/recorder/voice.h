@@ -17,12 +17,12 @@ using sample_span = std::span<const float>;
 constexpr int32_t lowest_rate = 100;
 constexpr int32_t highest_rate = 768000;
 
-// What every processor makes of a sample first: no number and no infinity, of which a filter would never recover, and
-// nothing so large that it becomes one in RNNoise's single precision.
+// What every processor does to a sample first: removes NaN and infinity, from which a filter would never recover, and
+// anything so large that it becomes one in RNNoise's single precision.
 float limited(float sample);
 
-// Converts a stream of samples, each piece as the continuation of the one before. Output i belongs to the time of input
-// i * in_rate / out_rate.
+// Converts a stream of samples, each piece as the continuation of the previous one. Output i belongs to the time of
+// input i * in_rate / out_rate.
 class rate_converter {
 public:
     virtual ~rate_converter() = default;
@@ -37,11 +37,11 @@ class noise_suppressor {
 public:
     explicit noise_suppressor(float strength);
 
-    // Appends what is denoised, and the probability of speech of each 10 ms of it.
+    // Appends what is denoised, and the probability of speech for each 10 ms of it.
     void process(sample_span in, std::vector<float>& out, std::vector<float>& speech);
 
     static constexpr int32_t frame = 480;
-    static constexpr int32_t delayed_frames = 2; // RNNoise gives a frame while it takes the second one after it
+    static constexpr int32_t delayed_frames = 2; // RNNoise returns a frame when it is passed the second one after it
 
 private:
     void process_frame(std::vector<float>& out, std::vector<float>& speech);
@@ -51,7 +51,7 @@ private:
     };
     std::unique_ptr<DenoiseState, release> state_;
     const float strength_;
-    float frames_[delayed_frames + 1][frame] = {}; // the last ones that came in, in turn
+    float frames_[delayed_frames + 1][frame] = {}; // the last ones that came in, in rotation
     uint64_t count_ = 0;
     int32_t filled_ = 0;
 };
@@ -62,15 +62,15 @@ public:
 
     static bool is_valid(const wrapper_audio_voice_options& options);
 
-    // Append what is ready. After `flush` the chain is as new, and the stream has had as many samples as belong to it.
+    // Append what is ready. `flush` resets the chain; by then the stream has had as many samples as belong to it.
     void process(sample_span in, std::vector<float>& out);
     void flush(std::vector<float>& out);
     void reset();
 
-    // Probabilities of speech that have come since the host last cleared it.
+    // Probabilities of speech since the host last cleared them.
     std::vector<float>& speech() { return speech_; }
 
-    // Samples at the output's rate that are kept inside at most.
+    // The most samples, at the output rate, that are held back.
     std::size_t delay() const { return delay_; }
 
 private:
@@ -80,7 +80,7 @@ private:
     void give(std::vector<float>& out);
 
     const wrapper_audio_voice_options options_;
-    std::unique_ptr<rate_converter> in_; // null where the rates are the same
+    std::unique_ptr<rate_converter> in_; // null if the rates are the same
     std::unique_ptr<noise_suppressor> suppressor_;
     std::unique_ptr<rate_converter> out_;
     std::vector<float> at_48000_;

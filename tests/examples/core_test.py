@@ -19,7 +19,7 @@ class Core(ExampleTest):
         self.configure(default=([1000] * 48000, "unplugged_after 10000"))
         code, output, errors = self.run_example("core", 1)
         self.assertEqual((code, len(output)), (FAILED, 6 * 2 * 480))
-        self.assertTrue(errors.endswith("\ncore: the microphone gives no more\n"), errors)
+        self.assertTrue(errors.endswith("\ncore: the microphone stopped delivering\n"), errors)
 
     def test_without_a_device_it_fails(self):
         self.no_device()
@@ -32,7 +32,7 @@ class Core(ExampleTest):
         with open("/dev/full", "wb") as full:
             code, _, errors = self.run_example("core", 1, stdout=full)
         self.assertEqual(code, FAILED)
-        self.assertTrue(errors.endswith("\ncore: cannot write\n"), errors)
+        self.assertTrue(errors.endswith("\ncore: cannot write to standard output\n"), errors)
 
     def test_bad_arguments_are_refused(self):
         for arguments in [], ["0"], ["10001"], ["x"], ["1", "2"]:

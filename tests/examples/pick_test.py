@@ -40,7 +40,7 @@ class Pick(ExampleTest):
     def test_a_device_that_is_gone_is_asked_for_again(self):
         self.memory.write_text("ALSA:gone")
         code, output, _ = self.pick(b"3\n")
-        asked = "The one that you chose is not there any more.\nWhich one, 1 to 3? "
+        asked = "The device that you chose is no longer available.\nWhich one, 1 to 3? "
         self.assertEqual((code, output), (FINE, self.list + asked + "Three seconds of default: peak 0.122\n"))
         self.assertEqual(self.memory.read_text(), "ALSA:default")
 
@@ -53,7 +53,7 @@ class Pick(ExampleTest):
 
     def test_the_choice_holds_where_it_cannot_be_kept(self):
         code, output, errors = self.run_example("pick", "/dev/full", feed=b"2\n")
-        self.assertEqual((code, errors), (FINE, "pick: cannot write /dev/full; the choice holds for this time\n"))
+        self.assertEqual((code, errors), (FINE, "pick: cannot write /dev/full; the choice applies to this run only\n"))
         self.assertTrue(output.decode().endswith("Three seconds of микрофон: peak 0.061\n"))
 
     def test_only_devices_that_can_capture_are_listed(self):

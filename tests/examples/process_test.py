@@ -129,7 +129,7 @@ class Process(ExampleTest):
         for arguments in ["there/is/no/such.raw"], [self.folder]:
             code, output, errors = self.run_example("process", 48000, 16000, *arguments)
             self.assertEqual((code, output), (FAILED, b""))
-            self.assertTrue(errors.endswith("process: cannot read\n"), errors)
+            self.assertTrue(errors.endswith("process: cannot read the input\n"), errors)
 
     def test_nothing_gives_nothing(self):
         code, output, errors = self.run_example("process", 48000, 16000, self.sound_file([]))
@@ -141,7 +141,7 @@ class Process(ExampleTest):
         with open("/dev/full", "wb") as full:
             code, _, errors = self.run_example("process", 48000, 16000, self.file, stdout=full, stderr=subprocess.PIPE)
         self.assertEqual(code, FAILED)
-        self.assertTrue(errors.endswith("\nprocess: cannot write\n"))
+        self.assertTrue(errors.endswith("\nprocess: cannot write to standard output\n"))
 
     def test_bad_arguments_are_refused(self):
         for arguments in [], ["48000"], ["7999", "16000"], ["48000", "192001"], ["x", "16000"], ["48000", "16000", "a", "b"]:

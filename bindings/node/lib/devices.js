@@ -6,7 +6,7 @@ const { call, callOnThread, check, decode, encode, nameOf, structAt } = require(
 
 const MOST_BYTES = 1 << 16; // of a text
 
-/** Lists the devices, and gives the list to a function of ours while it exists. */
+/** Lists the devices, and passes the list to a function while it exists. */
 async function listed(use) {
   const list = [null];
   check(await callOnThread('device_list_create', list), { Kind: OpenError });
@@ -38,12 +38,12 @@ async function findDevice(wanted) {
   });
 }
 
-/** A device's id as C takes it; null for the default device. */
+/** A device's id as C expects it; null for the default device. */
 function idOf(device) {
   const id = device?.id ?? device ?? null;
   if (id === null) return null;
-  if (typeof id !== 'string') throw new TypeError('a device is one of devices(), or its id');
-  if (id.includes('\0')) throw new TypeError('a device id has no NUL');
+  if (typeof id !== 'string') throw new TypeError('device must be one of devices(), or its id');
+  if (id.includes('\0')) throw new TypeError('a device id must not contain NUL; pass one from devices()');
   return encode(id);
 }
 

@@ -1,5 +1,5 @@
 'use strict';
-// What goes wrong, and how it is said.
+// The errors of this package.
 
 class AudioError extends Error {
   constructor(message, { status = '', logLine = '', ...options } = {}) {

@@ -1,8 +1,8 @@
 // Made by scripts/generate-bindings from wrapper_audio.h and wrapper_audio_recorder.h; do not edit.
 'use strict';
 
-// Handles are plain addresses, and so is a text that has to be given back. `_Out_` marks what koffi
-// copies back into the object or array that it was given.
+// Handles are plain addresses, and so are texts that have to be released. `_Out_` marks what koffi
+// copies back into the object or array passed to it.
 
 const enums = {
   Status: {

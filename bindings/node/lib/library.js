@@ -1,5 +1,5 @@
 'use strict';
-// Finds the shared library, calls its functions, and makes errors of their statuses.
+// Finds the shared library, calls its functions, and turns their statuses into errors.
 
 const koffi = require('koffi');
 const { randomUUID } = require('node:crypto');
@@ -7,6 +7,7 @@ const path = require('node:path');
 const { inspect, promisify } = require('node:util');
 const { AmbiguousDeviceError, AudioError, LibraryError, UnknownDeviceError } = require('./errors');
 const { enums, functions, structs } = require('./interface');
+
 
 const NAME = 'libwrapper_audio_recorder.so.1';
 const UNIQUE = randomUUID().replaceAll('-', '');
@@ -28,10 +29,10 @@ function openFirst(files) {
   throw new LibraryError(['the library wrapper_audio_recorder was not found. Tried:', ...tried, ADVICE].join('\n'));
 }
 
-// All who use koffi share its types by their names: another copy of this package may be among them.
+// All users of koffi in a process share its type names: another copy of this package may be among them.
 const ours = (prototype) => prototype.replace(/\bwrapper_audio_\w+(?= \*)/g, `$&_${UNIQUE}`);
 
-// With members in camel case, and an id, which is bytes, as the address that koffi would make text of.
+// With members in camel case. An id is bytes, so it is declared as an address: koffi would turn it into text.
 for (const [name, members] of Object.entries(structs)) {
   const camel = Object.entries(members).map(([member, type]) => [
     member.replace(/_(\w)/g, (_, letter) => letter.toUpperCase()),
@@ -41,21 +42,21 @@ for (const [name, members] of Object.entries(structs)) {
 }
 
 let loadedFrom = null;
-const library = {}; // the functions by their names without `wrapper_audio_`
+const library = {}; // the functions, by their names without `wrapper_audio_`
 
-/** Plug-ins of audio servers run on the thread that lists the devices; who knows how much stack they take. */
+/** Plug-ins of audio servers run on the thread that lists the devices, and may need more stack than koffi's default. */
 function reserveStack() {
   try {
     koffi.config({ async_stack_size: 1 << 20 });
   } catch {
-    // Another package of the program has used koffi already, and the size is settled.
+    // Another package in the program has already used koffi, and the size can no longer be changed.
   }
 }
 
 function load(named) {
   if (loadedFrom !== null) {
     if (named === undefined || named === loadedFrom) return;
-    throw new LibraryError(`${loadedFrom} is loaded already, so ${named} cannot be`);
+    throw new LibraryError(`${loadedFrom} is already loaded, so ${named} cannot be. Call load() before anything else`);
   }
   const only = named ?? process.env.WRAPPER_AUDIO_LIBRARY;
   const candidates = only ? [only] : [path.join(__dirname, '..', NAME), NAME];
@@ -66,14 +67,15 @@ function load(named) {
     try {
       library[name] = opened.func(ours(prototype));
     } catch (cause) {
-      throw new LibraryError(`${file} is not wrapper_audio_recorder 1: it has no wrapper_audio_${name}`, { cause });
+      const wrong = `${file} is not ${NAME}: it lacks wrapper_audio_${name}. Name the right file`;
+      throw new LibraryError(wrong, { cause });
     }
   }
   library.strlen = koffi.load(null).func('size_t strlen(const void *text)');
   loadedFrom = file;
 }
 
-/** Calls a function here and now. */
+/** Calls a function on this thread. */
 function call(name, ...values) {
   load();
   return library[name](...values);
@@ -87,7 +89,7 @@ function callOnThread(name, ...values) {
 
 // ---- Texts ----
 
-// In strings, a byte that is no UTF-8 is U+DC00 and the byte: a surrogate by itself, which no UTF-8 has.
+// In strings, a byte that is not valid UTF-8 is U+DC00 plus the byte: a lone surrogate, which valid UTF-8 never yields.
 
 function decode(bytes) {
   let text = bytes.toString();
@@ -102,20 +104,20 @@ function decode(bytes) {
   return text;
 }
 
-/** With the NUL that ends a text of C. */
+/** With the NUL that terminates a C string. */
 function encode(text) {
   const parts = `${text}\0`.split(/([\udc80-\udcff])/u);
   return Buffer.concat(parts.map((part, i) => (i % 2 ? Buffer.of(part.charCodeAt(0) & 0xff) : Buffer.from(part))));
 }
 
-/** The text that a function copies into a buffer, which its last two arguments are. */
+/** The text that a function copies into a buffer, passed as its last two arguments. */
 function copied(name, ...values) {
   const buffer = Buffer.alloc(call(name, ...values, null, 0) + 1);
   call(name, ...values, buffer, buffer.length);
   return decode(buffer.subarray(0, buffer.indexOf(0)));
 }
 
-/** The probabilities of speech that a function takes out of a recorder or processor. */
+/** Takes all probabilities of speech out of a recorder or processor. */
 function speechTaken(name, pointer) {
   const all = [];
   const some = new Float32Array(1000);
@@ -132,10 +134,10 @@ function structAt(address, type) {
 
 // ---- Arguments and statuses ----
 
-/** koffi makes other numbers of what is none, or ends the process. */
+/** koffi would turn anything else into a different number, or end the process. */
 function demandWholeNumbers(values) {
   for (const [name, value] of Object.entries(values)) {
-    if (value !== (value | 0)) throw new RangeError(`${name} is ${String(value)}; it must be a whole number`);
+    if (value !== (value | 0)) throw new RangeError(`${name} is ${String(value)}; it must be a whole 32-bit number`);
   }
 }
 
@@ -149,7 +151,7 @@ const nameOf = (type, number) => Object.keys(enums[type]).find((name) => enums[t
 
 function conversion(name) {
   const number = { clean: enums.Conversion.CLEAN, linear: enums.Conversion.LINEAR }[name];
-  if (number === undefined) throw new RangeError(`there is no converter ${String(name)}; there are clean and linear`);
+  if (number === undefined) throw new RangeError(`converter is ${String(name)}; it must be 'clean' or 'linear'`);
   return number;
 }
 
@@ -159,23 +161,43 @@ const KINDS = {
   AMBIGUOUS_DEVICE: AmbiguousDeviceError,
 };
 
-/** Throws what a status means if it is a failure; otherwise gives its name. */
+/** What ends the messages of these statuses. One that lists devices ends with the advice to choose among them. */
+const ADVICE_BY_STATUS = {
+  INVALID_ARGUMENT: 'index.d.ts has the ranges',
+  INVALID_STATE: 'Call open() once, before the first read',
+  OUT_OF_MEMORY: 'Free some memory and try again',
+  NO_AUDIO_SYSTEM: 'Check the configuration of the sound system',
+  NO_INPUT_DEVICE: 'Connect a microphone, or start the sound server',
+  NOT_AN_INPUT: 'Choose an input device from devices()',
+  DEVICE_REFUSED: 'Close other programs that may be using it, or choose another device',
+  DEVICE_FAILED: 'Check that it is connected, and open it again',
+  NO_DATA: 'Read again, or choose another device',
+  AUDIO_SYSTEM_STUCK: 'Reconnect the device, or restart the sound server',
+};
+
+function withAdvice(text, status) {
+  if (text.includes('\n')) return `${text}\nChoose one of these`;
+  return status in ADVICE_BY_STATUS ? `${text}. ${ADVICE_BY_STATUS[status]}` : text;
+}
+
+/** Throws the error that a failed status stands for; returns the name of any other. */
 function check(status, { Kind = AudioError, reason = '', logLine = '' } = {}) {
   const name = nameOf('Status', status);
   if (status >= 0) return name;
-  throw new (KINDS[name] ?? Kind)(reason || call('status_text', status), { status: name, logLine });
+  const message = withAdvice(reason || call('status_text', status), name);
+  throw new (KINDS[name] ?? Kind)(message, { status: name, logLine });
 }
 
-/** The address of what a function makes. */
+/** The address of what a function creates. */
 function make(name, ...values) {
   const made = [null];
   const status = call(name, made, ...values);
   const given = values.map((value) => inspect(value, { breakLength: Infinity })).join(', ');
-  check(status, { reason: status === enums.Status.INVALID_ARGUMENT ? `out of range: ${given}` : '' });
+  check(status, { reason: status === enums.Status.INVALID_ARGUMENT ? `an argument is out of range: ${given}` : '' });
   return made[0];
 }
 
 module.exports = {
-  call, callOnThread, check, conversion, copied, decode, demandNumbers, demandWholeNumbers, encode, load, make, nameOf,
-  speechTaken, structAt,
+  ADVICE_BY_STATUS, call, callOnThread, check, conversion, copied, decode, demandNumbers, demandWholeNumbers, encode,
+  load, make, nameOf, speechTaken, structAt,
 };

@@ -1,5 +1,5 @@
 'use strict';
-// Signal processors for blocks of floats, and 16-bit samples as floats. Each has a state of its own.
+// Signal processors for blocks of floats, each with its own state, and conversion between 16-bit samples and floats.
 
 const { types } = require('node:util');
 const { ClosedError } = require('./errors');
@@ -8,11 +8,11 @@ const lib = require('./library');
 const forgotten = new FinalizationRegistry((pointer) => lib.call('processor_free', pointer));
 
 function demandFloat32(block) {
-  if (!types.isFloat32Array(block)) throw new TypeError('a block of floats is a Float32Array');
+  if (!types.isFloat32Array(block)) throw new TypeError('the block must be a Float32Array');
 }
 
 function toFloat32(block) {
-  if (!types.isInt16Array(block)) throw new TypeError('a block of 16-bit samples is an Int16Array');
+  if (!types.isInt16Array(block)) throw new TypeError('the block must be an Int16Array');
   const floats = new Float32Array(block.length);
   lib.check(lib.call('s16_to_f32', block, block.length, floats));
   return floats;
@@ -36,7 +36,7 @@ class Processor {
   }
 
   get #open() {
-    if (this.#pointer === null) throw new ClosedError('the processor is closed');
+    if (this.#pointer === null) throw new ClosedError('the processor is closed; create a new one');
     return this.#pointer;
   }
 
@@ -53,7 +53,7 @@ class Processor {
     return this.#taken(0, 'processor_flush');
   }
 
-  /** What a function gives: no more than what it kept inside and what the input makes. */
+  /** What a function returns: at most what it held back and what the input yields. */
   #taken(expected, name, ...input) {
     const out = new Float32Array(expected + this.delay + 1);
     const count = [0];
@@ -79,7 +79,7 @@ class Processor {
 
 if (Symbol.dispose) Processor.prototype[Symbol.dispose] = Processor.prototype.close;
 
-/** The chain that a recorder has, of which these two are parts. */
+/** The chain of a recorder, of which these two are parts. */
 class Voice extends Processor {
   constructor(inRate, outRate, denoise, speech, converter = 'clean') {
     lib.demandWholeNumbers({ inRate, outRate });

@@ -18,11 +18,11 @@ const NO_LEVELS = { clipped: 0, rms: 0, peak: 0, capturedRms: 0, capturedPeak: 0
 const NOTHING = { position: 0, count: 0, ...NO_LEVELS };
 
 const forgotten = new FinalizationRegistry((pointer) => {
-  process.emitWarning('a recorder was not closed', 'ResourceWarning');
+  process.emitWarning('a recorder was not closed; call its close()', 'ResourceWarning');
   lib.callOnThread('recorder_free', pointer).catch(() => {});
 });
 
-/** What is known of two pieces that follow each other. */
+/** What is known about two consecutive pieces. */
 function joined(a, b) {
   if (a.count === 0) return b;
   const count = a.count + b.count;
@@ -47,7 +47,7 @@ class Recorder {
   #blockMs;
   #info = {};
   #block = NOTHING;
-  #failed = enums.Status.OK; // or why the last read returned fewer samples, which the next one tells
+  #failed = enums.Status.OK; // or why the last read returned fewer samples, which the next one throws
   #last = Promise.resolve();
   #closing = null;
 
@@ -65,8 +65,10 @@ class Recorder {
   constructor({ device, rate = 16000, denoise = 0, speech = false, converter = 'clean', ...others } = {}) {
     const { format = 'int16', blockMs = 30, bufferMs = 0, stallMs = 0 } = others;
     lib.demandWholeNumbers({ rate, bufferMs, stallMs });
-    if (!(blockMs > 0 && blockMs <= 60000)) throw new RangeError(`blockMs is ${blockMs}; it must be 60000 at most`);
-    if (!Object.hasOwn(FORMATS, format)) throw new RangeError(`there is no format ${format}`);
+    if (!(blockMs > 0 && blockMs <= 60000)) {
+      throw new RangeError(`blockMs is ${blockMs}; it must be above 0 and at most 60000`);
+    }
+    if (!Object.hasOwn(FORMATS, format)) throw new RangeError(`format is ${format}; it must be 'int16' or 'float32'`);
     const strength = typeof denoise === 'boolean' ? Number(denoise) : denoise;
     lib.demandNumbers({ denoise: strength });
     this.#id = idOf(device);
@@ -83,9 +85,9 @@ class Recorder {
     forgotten.register(this, this.#pointer, this);
   }
 
-  // ---- What it is doing ----
+  // ---- Its state ----
 
-  /** What the library tells, and after close() what it told last. */
+  /** The library's info, and after close() the last one. */
   get #state() {
     if (!this.closed) lib.call('recorder_get_info', this.#pointer, this.#info);
     return this.#info;
@@ -101,7 +103,7 @@ class Recorder {
   get dropped() { return this.#state.dropped; }
   get firstSampleTime() { return BigInt(this.#state.firstSampleTime) || null; }
 
-  // ---- The block read last ----
+  // ---- The last block read ----
 
   get position() { return this.#block.position; }
   get clipped() { return this.#block.clipped; }
@@ -119,10 +121,10 @@ class Recorder {
   // ---- Recording ----
 
   #demandOpen() {
-    if (this.closed) throw new ClosedError('the recorder is closed');
+    if (this.closed) throw new ClosedError('the recorder is closed; create a new one');
   }
 
-  /** Runs a task behind those before it. */
+  /** Runs a task after those before it. */
   #inTurn(task) {
     const result = this.#last.then(() => {
       this.#demandOpen();
@@ -142,7 +144,9 @@ class Recorder {
     return this.#inTurn(async () => {
       this.#failed = enums.Status.OK;
       const status = await lib.callOnThread('recorder_open', this.#pointer, this.#id);
-      if (this.#check(status, OpenError) === 'STOPPED') throw new ClosedError('the recorder was stopped meanwhile');
+      if (this.#check(status, OpenError) === 'STOPPED') {
+        throw new ClosedError('the recorder was stopped while it was opening; call open() again');
+      }
     });
   }
 
@@ -157,7 +161,9 @@ class Recorder {
   async read(count = this.#blockLength, { timeout = Infinity } = {}) {
     lib.demandWholeNumbers({ count });
     if (count < 0) throw new RangeError(`count is ${count}; it must be 0 or more`);
-    if (typeof timeout !== 'number' || !(timeout >= 0)) throw new RangeError(`timeout is ${timeout}; it must be >= 0`);
+    if (typeof timeout !== 'number' || !(timeout >= 0)) {
+      throw new RangeError(`timeout is ${timeout}; it must be 0 or more`);
+    }
     return this.#inTurn(async () => {
       const before = this.#failed;
       this.#failed = enums.Status.OK;
@@ -170,7 +176,7 @@ class Recorder {
         const piece = {};
         const wait = Math.ceil(Math.max(0, Math.min(WAIT_MS, end - performance.now())));
         const rest = samples.subarray(read.count);
-        // The thread writes into memory of ours; the caller, who could hand his to a worker meanwhile, gets it later.
+        // The thread writes into our own memory; the caller could transfer his to a worker meanwhile.
         status = await lib.callOnThread(this.#format.read, this.#pointer, rest, rest.length, wait, piece);
         read = joined(read, piece);
       } while (status === enums.Status.TIMEOUT && performance.now() < end && !this.closed);
@@ -195,7 +201,7 @@ class Recorder {
       try {
         block = await this.read(Math.min(left, this.#blockLength));
       } catch (error) {
-        if (error instanceof ClosedError) return; // which is a good end, and no error
+        if (error instanceof ClosedError) return; // a normal end
         throw error;
       }
       if (block.length === 0) return;
@@ -207,7 +213,7 @@ class Recorder {
     return this.blocks();
   }
 
-  /** The samples as bytes, little endian. It reads no further than one block ahead of who takes them. */
+  /** The samples as bytes, little endian. It reads no more than one block ahead of its consumer. */
   stream(options) {
     const blocks = this.blocks(options);
     async function* bytes() {
@@ -225,7 +231,7 @@ class Recorder {
 
   async #release() {
     forgotten.unregister(this);
-    await lib.callOnThread('recorder_stop', this.#pointer); // a read that waits returns
+    await lib.callOnThread('recorder_stop', this.#pointer); // a waiting read returns
     await this.#last;
     await lib.callOnThread('recorder_free', this.#pointer);
   }
@@ -239,7 +245,7 @@ class Meter {
   }
 
   constructor(recorder) {
-    if (!(recorder instanceof Recorder)) throw new TypeError('a meter is made by open()');
+    if (!(recorder instanceof Recorder)) throw new TypeError('use Meter.open() to create a meter');
     this.#recorder = recorder;
   }
 

@@ -82,9 +82,11 @@ test('load() names a library, once', async () => {
   );
   assert.strictEqual(code, 0);
   assert.deepStrictEqual(stdout.split('\n'), [
-    'LibraryError: libc.so.6 is not wrapper_audio_recorder 1: it has no wrapper_audio_status_text',
+    'LibraryError: libc.so.6 is not libwrapper_audio_recorder.so.1: it lacks wrapper_audio_status_text.' +
+      ' Name the right file',
     '0',
-    `LibraryError: ${process.env.WRAPPER_AUDIO_LIBRARY} is loaded already, so /another.so cannot be`,
+    `LibraryError: ${process.env.WRAPPER_AUDIO_LIBRARY} is already loaded, so /another.so cannot be.` +
+      ' Call load() before anything else',
     '',
   ]);
 });

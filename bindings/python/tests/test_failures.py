@@ -240,7 +240,7 @@ class Waiting(SilentTest):
             """,
             MICROPHONE_STALLS_AFTER="1",
         )
-        self.assertEqual(output, "the Meter is closed\n")
+        self.assertEqual(output, "the Meter is closed; create a new one\n")
 
     def test_a_waiting_read_ends_when_another_thread_stops_or_closes(self) -> None:
         output = self.scripted(

@@ -1,4 +1,4 @@
-"""Recording from any microphone as mono blocks at the rate you want, with neural noise suppression, a level meter and a
+"""Recording from any microphone as mono blocks at the rate you want, with neural noise suppression, a level meter, a
 device list, and signal processors for your own buffers.
 
     import wrapper_audio
@@ -7,7 +7,7 @@ device list, and signal processors for your own buffers.
         for block in recorder.blocks(seconds=5):
             print(len(block), recorder.peak)
 
-Levels are linear amplitudes, full scale 1.0; rates are in Hz. `python -m wrapper_audio` shows the devices.
+Levels are linear amplitudes, full scale 1.0; rates are in Hz. `python -m wrapper_audio` lists the devices.
 """
 
 from ._blocks import Float32Block, Int16Block, to_float32, to_int16

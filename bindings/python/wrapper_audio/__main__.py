@@ -1,10 +1,11 @@
-"""python -m wrapper_audio: what there is to record from."""
+"""python -m wrapper_audio: lists the audio devices."""
 
 from __future__ import annotations
 
 import sys
 
-from . import AudioError, devices
+from . import AudioError, Status, devices
+from ._errors import ADVICE
 
 
 def main() -> int:
@@ -23,7 +24,7 @@ def main() -> int:
     sys.stdout.flush()
     inputs = any(device.kind == "input" for device in found)
     if not inputs:
-        print("wrapper_audio: there is no input device", file=sys.stderr)
+        print(f"wrapper_audio: there is no input device. {ADVICE[Status.NO_INPUT_DEVICE]}", file=sys.stderr)
     return 0 if inputs else 1
 
 

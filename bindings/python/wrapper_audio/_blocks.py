@@ -1,4 +1,4 @@
-"""Blocks of samples: numpy arrays where numpy is there, arrays of the standard library where it is not."""
+"""Blocks of samples: numpy arrays if numpy is installed, otherwise arrays of the standard library."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def new_block(code: str, count: int) -> Any:
 
 
 def samples_of(block: Any, codes: str, written: bool = False) -> Tuple[str, Any]:
-    """The block's code, and its own memory, which cannot be moved as long as the result lives."""
+    """The block's code and its own memory, which cannot be moved while the result exists."""
     try:
         view = memoryview(block)
     except TypeError:
@@ -37,7 +37,8 @@ def samples_of(block: Any, codes: str, written: bool = False) -> Tuple[str, Any]
     code = view.format.lstrip("<")
     if code not in tuple(codes) or view.ndim != 1 or not view.contiguous or (written and view.readonly):
         kinds = " or ".join({"h": "16-bit samples", "f": "32-bit floats"}[code] for code in codes)
-        raise TypeError(f"a block is one row of {kinds}: a numpy array of that type, or an array('{codes[0]}')")
+        raise TypeError(f"the block must be a single row of {kinds}: pass a numpy array of that type, or an "
+                        f"array('{codes[0]}')")
     kind = _TYPES[code] * len(view)
     return code, kind.from_buffer_copy(view) if view.readonly else kind.from_buffer(view)
 

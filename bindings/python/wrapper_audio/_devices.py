@@ -1,4 +1,4 @@
-"""What there is to record from, and the library's log."""
+"""The list of devices, and the library's log."""
 
 from __future__ import annotations
 
@@ -19,11 +19,11 @@ class Device:
     """One audio device of the machine."""
 
     id: str
-    """Names the device for Recorder and Meter. Bytes that are no UTF-8 are surrogate escapes."""
+    """What Recorder and Meter take. Bytes that are not valid UTF-8 are surrogate escapes."""
     name: str
-    """For people."""
+    """For display."""
     host_api: str
-    """The part of the system it belongs to, such as "ALSA"."""
+    """The audio API it belongs to, such as "ALSA"."""
     default_rate: int
     """In Hz."""
     input_channels: int
@@ -31,7 +31,7 @@ class Device:
     is_default: bool
     """Whether it is the default input device."""
     denoising: Denoising
-    """What recording with denoising would do."""
+    """How recording with denoising would work."""
 
     @property
     def kind(self) -> str:
@@ -62,9 +62,9 @@ def _device(found: _interface.Device) -> Device:
 
 
 def devices() -> List[Device]:
-    """Lists the machine's audio devices, outputs too.
+    """Lists the machine's audio devices, outputs included.
 
-    PortAudio looks for devices when the first user in the process begins, and not again while a recorder is open.
+    PortAudio looks for devices when its first user in the process begins, and not again while a recorder is open.
     """
     library, handle = load(), _list()
     count = library.wrapper_audio_device_list_count(handle)
@@ -72,9 +72,9 @@ def devices() -> List[Device]:
 
 
 def find_device(wanted: str) -> Device:
-    """The one input device that has this id or, when none has it, this as a part of its id, in capitals or not.
+    """Finds the one input device with this id or, if there is none, with this as a part of its id, ignoring case.
 
-    Raises UnknownDeviceError or AmbiguousDeviceError, whose texts list the candidates, or OpenError.
+    Raises UnknownDeviceError or AmbiguousDeviceError, whose messages list the candidates, or OpenError.
     """
     library, handle = load(), _list()
     index, reason = c_size_t(), ctypes.create_string_buffer(1 << 16)
@@ -84,7 +84,7 @@ def find_device(wanted: str) -> Device:
 
 
 def capability() -> Capability:
-    """Tells whether PortAudio starts, and whether any device can record."""
+    """Returns whether PortAudio starts, and whether any device can record."""
     try:
         inputs = any(device.input_channels > 0 for device in devices())
     except OpenError as error:
@@ -95,9 +95,10 @@ def capability() -> Capability:
 
 
 def log_lines() -> List[str]:
-    """Takes out what the capture library and PortAudio have written since the last call; the last 1000 lines are kept.
+    """Returns what the capture library and PortAudio have logged since the last call; the last 1000 lines are kept.
 
-    None of it goes to standard error. Replace control characters before you show it: names from outside are in it.
+    None of it goes to standard error. The capture library's lines are partly in Russian. Replace control characters
+    before you display a line: it may contain names from outside.
     """
     taken, text = b"", ctypes.create_string_buffer(1 << 16)
     while load().wrapper_audio_log_take(text, len(text)) > 0:

@@ -1,19 +1,33 @@
-"""What goes wrong, and how it is said."""
+"""The errors, and what to do about each."""
 
 from __future__ import annotations
 
-from typing import Optional
+from typing import Dict, Optional
 
 from ._interface import Status
 
+ADVICE: Dict[int, str] = {
+    Status.INVALID_ARGUMENT: "help(wrapper_audio) has the ranges",
+    Status.INVALID_STATE: "Call open() once, before the first read",
+    Status.OUT_OF_MEMORY: "Free some memory and try again",
+    Status.NO_AUDIO_SYSTEM: "Check the configuration of the sound system",
+    Status.NO_INPUT_DEVICE: "Connect a microphone, or start the sound server",
+    Status.NOT_AN_INPUT: "Choose an input device from devices()",
+    Status.DEVICE_REFUSED: "Close other programs that may be using it, or choose another device",
+    Status.DEVICE_FAILED: "Check that it is connected, and open it again",
+    Status.NO_DATA: "Read again, or choose another device",
+    Status.AUDIO_SYSTEM_STUCK: "Reconnect the device, or restart the sound server",
+}
+"""Ends the messages of these statuses. A message that lists devices ends with the advice to choose one of them."""
+
 
 class AudioError(Exception):
-    """The base of all errors of this package. Its text is an English sentence or more."""
+    """The base of all errors of this package. The message says in English what happened and what to do."""
 
     status: Optional[Status] = None
-    """What the library answered; None where it was not asked, and for numbers of a newer library."""
+    """The library's status; None if the error is not the library's, or for a status that only a newer library has."""
     log_line: Optional[str] = None
-    """The line that the capture library wrote to its log about it, or None."""
+    """The line that the capture library logged about it, partly in Russian, or None."""
 
     def __init__(self, text: str, status: Optional[int] = None, log_line: Optional[str] = None) -> None:
         super().__init__(text)
@@ -22,7 +36,7 @@ class AudioError(Exception):
 
 
 class LibraryError(AudioError, ImportError):
-    """The shared library cannot be loaded, or is another one."""
+    """The shared library cannot be loaded, or is not the right one."""
 
 
 class ArgumentError(AudioError, ValueError):
@@ -34,11 +48,11 @@ class OpenError(AudioError):
 
 
 class UnknownDeviceError(OpenError):
-    """No device has this id. The text lists those there are."""
+    """No device has this id. The message lists the devices available."""
 
 
 class AmbiguousDeviceError(OpenError):
-    """Several devices match. The text lists them."""
+    """Several devices match. The message lists them."""
 
 
 class ReadError(AudioError):
@@ -46,7 +60,7 @@ class ReadError(AudioError):
 
 
 class ReadTimeout(AudioError, TimeoutError):
-    """The time ran out before a single sample came."""
+    """The time ran out before a single sample arrived."""
 
 
 class ClosedError(AudioError, ValueError):

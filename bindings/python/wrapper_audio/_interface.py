@@ -1,7 +1,7 @@
 # Made by scripts/generate-bindings from wrapper_audio.h and wrapper_audio_recorder.h; do not edit.
 """The interface of the library: its enums, its structs, and the types of its functions.
 
-Handles are plain addresses, and so is a text that has to be given back.
+Handles are plain addresses, and so are texts that have to be released.
 """
 
 from __future__ import annotations

@@ -9,7 +9,8 @@ from ctypes import c_int32, c_void_p
 from pathlib import Path
 from typing import Any, Dict, List, Optional, Sequence, Type, TypeVar, Union
 
-from ._errors import AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError, UnknownDeviceError
+from ._errors import ADVICE, AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError
+from ._errors import UnknownDeviceError
 from ._interface import CORE_FUNCTIONS, FUNCTIONS, Status
 
 _NAMES = ("libwrapper_audio_recorder.so.1", "libwrapper_audio_recorder.so")
@@ -29,20 +30,20 @@ def _open_first(candidates: List[str]) -> ctypes.CDLL:
     tried = []
     for candidate in candidates:
         try:
-            return ctypes.CDLL(candidate)  # not PyDLL: other Python threads run while a call lasts
+            return ctypes.CDLL(candidate)  # not PyDLL: other Python threads run during a call
         except OSError as error:
             tried.append(f"  {candidate}: {error}")
     raise LibraryError("\n".join(["the library wrapper_audio was not found. Tried:", *tried, _ADVICE]))
 
 
 def load(path: Union[None, str, "os.PathLike[str]"] = None) -> ctypes.CDLL:
-    """Loads the shared library; without a call of yours the first object does.
+    """Loads the shared library; if you do not call this, the first object does.
 
-    It is looked for at `path`, at the environment variable WRAPPER_AUDIO_LIBRARY, beside this module, and where the
-    system has its libraries. One that is named, by `path` or by the variable, is the only one tried. A process loads
-    one library; naming another one later raises LibraryError.
+    The library is looked for at `path`, at the path in the environment variable WRAPPER_AUDIO_LIBRARY, next to this
+    module, and where the system keeps its libraries. If `path` or the variable names one, no other is tried. A process
+    loads one library; naming a different one later raises LibraryError.
 
-    Returns it with all functions of its two headers declared, for those who want to call them by themselves.
+    Returns it with all functions of its two headers declared, for those who want to call them directly.
     """
     global _loaded, _loaded_from
     with _lock:
@@ -54,19 +55,21 @@ def load(path: Union[None, str, "os.PathLike[str]"] = None) -> ctypes.CDLL:
                 try:
                     function = getattr(library, name)
                 except AttributeError:
-                    raise LibraryError(f"{library._name} is not wrapper_audio's recorder: it has no {name}") from None
+                    wrong = f"{library._name} is not {_NAMES[0]}: it lacks {name}. Name the right file"
+                    raise LibraryError(wrong) from None
                 function.restype, function.argtypes = result, arguments
             _loaded, _loaded_from = library, library._name
         elif path is not None and os.fspath(path) != _loaded_from:
-            raise LibraryError(f"{_loaded_from} is loaded already, so {os.fspath(path)} cannot be")
+            text = f"{_loaded_from} is already loaded, so {os.fspath(path)} cannot be. Call load() before anything else"
+            raise LibraryError(text)
         return _loaded
 
 
 class Handle(c_void_p):
-    """A pointer that frees itself with its last reference.
+    """A pointer that is freed with its last reference.
 
-    A call on it holds a reference, so that nothing is freed under a call on another thread. The library writes the
-    pointer into the object, so that no Ctrl-C can come between its answer and our keeping it.
+    A call on it holds a reference, so that nothing is freed during a call on another thread. The library writes the
+    pointer into the object, so that no Ctrl-C can strike between its return and our storing it.
     """
 
     free: Any = None
@@ -77,7 +80,7 @@ class Handle(c_void_p):
 
 
 def make(create: str, free: str, *arguments: Any) -> Handle:
-    """A handle that the function `create` made."""
+    """A handle that the function `create` creates."""
     library, handle = load(), Handle()
     handle.free = getattr(library, free)
     check(getattr(library, create)(ctypes.byref(handle), *arguments), given=arguments)
@@ -85,14 +88,14 @@ def make(create: str, free: str, *arguments: Any) -> Handle:
 
 
 class Closing:
-    """What holds a handle until it is closed."""
+    """An object that holds a handle until it is closed."""
 
     _handle: Optional[Handle] = None
 
     def _pointer(self) -> Handle:
         handle = self._handle
         if handle is None:
-            raise ClosedError(f"the {type(self).__name__} is closed")
+            raise ClosedError(f"the {type(self).__name__} is closed; create a new one")
         return handle
 
     def close(self) -> None:
@@ -126,11 +129,15 @@ def check(
     log_line: Optional[str] = None,
     given: Sequence[Any] = (),
 ) -> None:
-    """Raises what a status below 0 stands for."""
+    """Raises the error that a status below 0 stands for."""
     if status < 0:
         text = reason or load().wrapper_audio_status_text(status).decode()
         if given:
             text += f": {', '.join(map(_shown, given))}"
+        if "\n" in text:
+            text += "\nChoose one of these"
+        elif status in ADVICE:
+            text += f". {ADVICE[status]}"
         raise _KINDS.get(status, kind)(text, status, log_line)
 
 
@@ -142,14 +149,14 @@ def _shown(argument: Any) -> str:
 
 
 def int32(name: str, value: int, lowest: int = 1) -> int:
-    """A number that the library gets as it is: ctypes would cut it, and 0 may stand for a default there."""
+    """A number to pass to the library unchanged: ctypes would truncate it, and 0 may mean a default there."""
     if not lowest <= value == c_int32(value).value:
         raise ArgumentError(f"{name} is {value}; it must be {lowest} or more, and fit in 32 bits")
     return value
 
 
 def bytes_of(text: str) -> bytes:
-    """An id as the library wants it."""
+    """An id as the library expects it."""
     if "\0" in text:
-        raise ArgumentError("a device id has no NUL")
+        raise ArgumentError("a device id must not contain NUL; pass one from devices()")
     return text.encode(errors="surrogateescape")

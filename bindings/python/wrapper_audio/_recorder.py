@@ -38,8 +38,8 @@ class Recorder(Closing):
                 ...
 
     A thread of the library records, and keeps the sound until it is read. Blocks are numpy arrays if numpy can be
-    imported, otherwise array('h') or array('f'). Any method may be called on any thread. Ctrl-C ends a read within
-    0.2 s. `for block in recorder` goes on until the recorder is stopped or closed, by whatever thread.
+    imported, otherwise array('h') or array('f'). Any method may be called on any thread. Ctrl-C interrupts a read
+    within 0.2 s. `for block in recorder` continues until the recorder is stopped or closed, on whatever thread.
     """
 
     def __init__(
@@ -56,19 +56,19 @@ class Recorder(Closing):
         stall_ms: int = 1500,
         armed: bool = False,
     ) -> None:
-        """Takes the microphone at once, or with armed=True leaves it to open().
+        """Opens the microphone at once, or with armed=True leaves that to open().
 
-        device     a Device or its id; None or "" is the default input device. find_device() knows parts of ids.
+        device     a Device or its id; None or "" is the default input device. find_device() accepts parts of ids.
         rate       of the samples returned, 100 to 768000 Hz
-        denoise    neural noise suppression, whatever rate the device has: False, True, or a share from 0.0 to 1.0
-        speech     tell the probability of speech also where nothing is denoised
-        converter  of sample rates: "clean" is soxr's high quality; "linear" is quick, and aliases
+        denoise    neural noise suppression, whatever the device's rate: False, True, or a share from 0.0 to 1.0
+        speech     report the probability of speech even without denoising
+        converter  of sample rates: "clean" is soxr's high quality; "linear" is fast, but aliases
         block_ms   length of a block in milliseconds
         dtype      "int16": samples from -32767 to 32767; "float32": full scale 1.0
-        buffer_ms  sound that is kept for a program that comes late, 100 to 60000
-        stall_ms   a device that delivers nothing for so long makes a read fail, 100 to 60000
+        buffer_ms  how much sound is kept for a program that reads late, 100 to 60000
+        stall_ms   how long a device may deliver nothing before a read fails, 100 to 60000
 
-        Raises OpenError; UnknownDeviceError lists the devices there are.
+        Raises OpenError; UnknownDeviceError lists the devices available.
         """
         if dtype not in ("int16", "float32"):
             raise ArgumentError(f"the dtype is {dtype!r}; it must be 'int16' or 'float32'")
@@ -90,20 +90,20 @@ class Recorder(Closing):
                 raise
 
     def open(self) -> None:
-        """Takes the microphone, also after stop(): recording begins anew, and what had not been read is lost.
+        """Opens the microphone, also after stop(): recording starts afresh, and what has not been read is lost.
 
-        Raises OpenError; it may then be tried again.
+        Raises OpenError, after which you may try again.
         """
         self._check(self._library.wrapper_audio_recorder_open(self._pointer(), self._device_id), OpenError)
 
     def stop(self) -> None:
-        """Ends the recording and gives the microphone back, within a second. What was recorded can still be read."""
+        """Stops recording and releases the microphone, within a second. What was recorded can still be read."""
         status = self._library.wrapper_audio_recorder_stop(self._pointer())
         if status != Status.INVALID_STATE:  # stopped already, or never opened
             self._check(status, ReadError)
 
     def close(self) -> None:
-        """Ends everything. May be called again, and while another thread reads, which gets what there is."""
+        """Closes the recorder. May be called again, and while another thread reads, which then gets what there is."""
         handle = self._handle
         if handle is not None:
             self._library.wrapper_audio_recorder_stop(handle)
@@ -112,24 +112,25 @@ class Recorder(Closing):
     def __del__(self) -> None:
         if self._handle is not None:
             try:
-                warnings.warn("a recorder was not closed", ResourceWarning, stacklevel=2, source=self)
+                text = "a recorder was not closed; close it, or use it in a with statement"
+                warnings.warn(text, ResourceWarning, stacklevel=2, source=self)
             finally:
                 self.close()
 
     def read(self, count: Optional[int] = None, timeout: Optional[float] = None) -> Any:
-        """Waits for so many samples, a block of block_ms if not given, and returns them.
+        """Waits for `count` samples, by default a block of block_ms, and returns them.
 
         timeout  how long to wait at most, in seconds; 0 does not wait, None waits as long as the device delivers
 
         Returns fewer samples when the time runs out, the recorder is stopped or the device fails; none at all once it
-        is stopped and everything has been read. Raises ReadTimeout when the time runs out before the first sample,
-        ReadError when the device failed and everything before that has been read.
+        is stopped and everything has been read. Raises ReadTimeout if the time runs out before the first sample,
+        ReadError if the device failed and everything before that has been read.
         """
         block = new_block(self._code, self._length if count is None else int32("count", count, 0))
         return block[: self.read_into(block, timeout)]
 
     def read_into(self, block: Union[Int16Block, Float32Block], timeout: Optional[float] = None) -> int:
-        """As read(), into a block of yours, of 16-bit samples or of floats. Returns how many samples came."""
+        """Like read(), into your own block of 16-bit samples or floats. Returns the number of samples read."""
         if timeout is not None and not timeout >= 0:
             raise ArgumentError(f"the timeout is {timeout}; it must be 0 or more")
         stalled, self._stalled = self._stalled, False
@@ -146,17 +147,17 @@ class Recorder(Closing):
             _append(whole, part)
             if status != Status.TIMEOUT or time.monotonic() >= end:
                 break
-        self._last, self._stalled = whole, whole.count > 0 and status == Status.NO_DATA  # told by the next read
+        self._last, self._stalled = whole, whole.count > 0 and status == Status.NO_DATA  # raised by the next read
         if whole.count == 0 and status != Status.STOPPED:
             if status == Status.TIMEOUT:
-                raise ReadTimeout(f"no sample came within {timeout} s", status)
+                raise ReadTimeout(f"no sample arrived within {timeout} s. Read again, or wait longer", status)
             self._check(status, ReadError)
         return int(whole.count)
 
     def blocks(self, seconds: Optional[float] = None) -> Iterator[Any]:
-        """Iterates over the blocks of so many seconds, of which the last may be shorter; else until the end.
+        """Iterates over blocks for this many seconds, or until the end; the last block may be shorter.
 
-        Ends without an error when the recorder is stopped, once everything has been read, or closed.
+        Ends without an error when the recorder is stopped, once everything has been read, or when it is closed.
         """
         self._pointer()
         return self._blocks(math.inf if seconds is None else round(seconds * self.rate))
@@ -175,14 +176,14 @@ class Recorder(Closing):
     def __iter__(self) -> Iterator[Any]:
         return self.blocks()
 
-    # Of the block that was read last.
+    # Of the last block read.
 
-    position: int = _of_block("position", "Of its first sample, counted from open(); dropped samples count too.")
+    position: int = _of_block("position", "Position of its first sample since open(), dropped samples included.")
     rms: float = _of_block("rms", "Its root mean square; linear, full scale 1.0.")
     peak: float = _of_block("peak", "Its largest magnitude; linear, full scale 1.0.")
-    captured_rms: float = _of_block("captured_rms", "The same of what the device gave, before noise suppression.")
-    captured_peak: float = _of_block("captured_peak", "The same of what the device gave, before noise suppression.")
-    clipped: int = _of_block("clipped", "How many samples of the device were at full scale in this time.")
+    captured_rms: float = _of_block("captured_rms", "Its root mean square as captured, before noise suppression.")
+    captured_peak: float = _of_block("captured_peak", "Its largest magnitude as captured, before noise suppression.")
+    clipped: int = _of_block("clipped", "How many samples from the device were at full scale in this time.")
 
     @property
     def speech_probability(self) -> Optional[float]:
@@ -190,15 +191,15 @@ class Recorder(Closing):
         return None if self._last.speech_probability < 0 else float(self._last.speech_probability)
 
     def speech_probabilities(self) -> List[float]:
-        """Takes out the probabilities of speech since the last call, one for each 10 ms of what was read."""
+        """Returns the probabilities of speech since the last call, one for each 10 ms read."""
         return take_speech(self._library.wrapper_audio_recorder_take_speech, self._pointer())
 
     # Of the recording.
 
-    device_rate: int = _of_recording("device_rate", "The rate of the device in Hz; 0 before it was opened.")
-    dropped: int = _of_recording("dropped", "Samples that were lost so far, because the program came too late.")
+    device_rate: int = _of_recording("device_rate", "The rate of the device in Hz; 0 before it is opened.")
+    dropped: int = _of_recording("dropped", "Samples lost so far, because the program read too late or in the system.")
     available: int = _of_recording("available", "Samples that a read would return at once.")
-    delay: int = _of_recording("delay", "Samples by which the last one lags behind the device at most.")
+    delay: int = _of_recording("delay", "The most samples by which the output lags behind the device.")
 
     @property
     def denoising(self) -> Denoising:
@@ -207,7 +208,7 @@ class Recorder(Closing):
 
     @property
     def first_sample_time(self) -> Optional[int]:
-        """When the first sample was captured, as time.monotonic_ns() tells it; None before it has come."""
+        """When the first sample was captured, on the clock of time.monotonic_ns(); None until it has arrived."""
         return self._info().first_sample_time or None
 
     @property
@@ -217,7 +218,7 @@ class Recorder(Closing):
 
     @property
     def device_name(self) -> str:
-        """Its name for people."""
+        """Its name for display."""
         return self._text(RecorderTextKind.DEVICE_NAME)
 
     def _info(self) -> RecorderInfo:
@@ -232,13 +233,15 @@ class Recorder(Closing):
         return text.value.decode(errors="surrogateescape")
 
     def _check(self, status: int, kind: Type[AudioError]) -> None:
-        if status < 0:
+        if status == Status.INVALID_STATE:  # the library's texts are about an earlier failure
+            check(status, kind)
+        elif status < 0:
             line = self._text(RecorderTextKind.LOG_LINE).rstrip("\n")
             check(status, kind, self._text(RecorderTextKind.REASON), line or None)
 
 
 def _append(whole: Block, part: Block) -> None:
-    """Adds what is known of the samples that came next."""
+    """Adds what is known about the samples that follow."""
     if whole.count == 0:
         ctypes.pointer(whole)[0] = part
         return
@@ -262,7 +265,7 @@ def _close_forgotten() -> None:
 
 
 def _leave_to_parent() -> None:
-    """A forked child has its parent's handles, but not the threads behind them."""
+    """A forked child has its parent's handles, but not their threads."""
     for recorder in list(_recorders):
         if recorder._handle is not None:
             recorder._handle.value = None
@@ -288,23 +291,23 @@ class Meter(Closing):
     """
 
     def __init__(self, device: Union[None, str, Device] = None) -> None:
-        """Opens a device, chosen as for Recorder, and starts to measure. Raises OpenError."""
+        """Opens a device, chosen as for Recorder, and starts measuring. Raises OpenError."""
         self._recorder = Recorder(device, converter="linear")
         self._handle = self._recorder._handle
 
     def read(self, timeout: Optional[float] = None) -> Level:
-        """Waits for the next 30 ms of sound and measures them, with the errors of Recorder.read()."""
+        """Waits for the next 30 ms of sound and measures it. Raises the errors of Recorder.read()."""
         self._pointer()
         if len(self._recorder.read(timeout=timeout)) == 0:
-            raise ClosedError("the Meter is closed")  # by another thread, while this one waited
+            raise ClosedError("the Meter is closed; create a new one")  # by another thread, while this one waited
         return Level(self._recorder.captured_peak, self._recorder.captured_rms)
 
     def __iter__(self) -> Iterator[Level]:
-        """Goes on until another thread closes the meter."""
+        """Continues until another thread closes the meter."""
         self._pointer()
         return (Level(self._recorder.captured_peak, self._recorder.captured_rms) for _ in self._recorder)
 
     def close(self) -> None:
-        """Gives the device back. May be called again, and on any thread."""
+        """Releases the device. May be called again, and on any thread."""
         self._recorder.close()
         self._handle = None

@@ -1,6 +1,7 @@
 """The host on PipeWire, on PulseAudio and on JACK, all without hardware: in real time, and with a server that goes away."""
 
 import re
+import signal
 import sys
 import tempfile
 import time
@@ -44,7 +45,7 @@ class ServerTest(HostTest):
     def record(self, *arguments, **options):
         """As everywhere, without what a busy machine may add: it connects a stream late, or misses some of its sound."""
         code, output, errors = super().record(*arguments, **options)
-        return code, output, re.sub(r"wrapper-audio: (the input is silent|\d+ samples were lost).*\n", "", errors)
+        return code, output, re.sub(r"wrapper-audio: (the input is silent|\S+ s of sound .* were lost).*\n", "", errors)
 
     def record_until_the_server_dies(self, *arguments):
         process = self.start("record", *arguments, self.file, environment=LEAKS)
@@ -113,6 +114,20 @@ class PulseAudio(ServerTest):
 class PipeWire(PulseAudio):
     kind = servers.PipeWire
     device = "pipewire"
+
+    def test_sound_that_is_lost_while_the_program_is_stopped_is_reported_and_filled(self):
+        self.play()
+        begun = time.monotonic()
+        process = self.start("record", "--device", self.device, "--fill-gaps", "--seconds", 9, self.file)
+        self.wait_for(lambda: self.file.exists() and self.file.stat().st_size > 40000, process)
+        process.send_signal(signal.SIGSTOP)
+        time.sleep(3)
+        process.send_signal(signal.SIGCONT)
+        _, errors = process.communicate(timeout=30)
+        lost = [float(seconds) for seconds in re.findall(r"(\S+) s of sound .* were lost at .* replaced by silence", errors)]
+        self.assertEqual((process.returncode, len(lost)), (FINE, 1), errors)
+        self.assertTrue(2 < lost[0] < 3.5, errors)
+        self.assertAlmostEqual(time.monotonic() - begun, 9.5, delta=1)  # times in the file are those of the clock
 
 
 class PipeWireForPulseAudio(PipeWire):

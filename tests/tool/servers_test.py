@@ -130,8 +130,8 @@ class PipeWire(PulseAudio):
         self.assertAlmostEqual(time.monotonic() - begun, 9.5, delta=1)  # times in the file are those of the clock
 
 
-class PipeWireForPulseAudio(PipeWire):
-    device = "pulse"
+class PipeWireForPulseAudio(PulseAudio):
+    kind = servers.PipeWire
 
 
 class Jack(ServerTest):

@@ -1,4 +1,5 @@
-# The three Debian packages, a component each. scripts/package makes them.
+# The three Debian packages, a component each, and a part of the installs that carry their libraries along.
+# scripts/package makes them all.
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library development program)
@@ -67,6 +68,15 @@ foreach(component LIBRARY DEVELOPMENT PROGRAM)
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${component}_PACKAGE_NAME}
     COMPONENT ${lower_case} EXCLUDE_FROM_ALL)
 endforeach()
+
+# What installs that carry PortAudio with them have in the place of JACK's library.
+add_library(system_jack SHARED EXCLUDE_FROM_ALL cmake/packages/system_jack.cpp)
+target_link_libraries(system_jack PRIVATE wrapper_audio_warnings)
+target_compile_options(system_jack PRIVATE -fno-exceptions -fno-rtti -Wno-deprecated-declarations)
+set_target_properties(system_jack PROPERTIES
+  OUTPUT_NAME jack
+  SOVERSION 0
+  LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/system_jack)
 
 set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/packages/finish.cmake)
 include(CPack)

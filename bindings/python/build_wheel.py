@@ -1,5 +1,7 @@
 """Packs the wheel: a zip of the package and three short texts. It replaces a build tool, which pip would download.
 
+With the settings `libraries`, a folder, and `platform`, the wheel carries what is in that folder, and its licences.
+
 Name and version stand in pyproject.toml as well; a test compares them.
 """
 
@@ -21,23 +23,31 @@ Requires-Python: >=3.9
 Provides-Extra: numpy
 Requires-Dist: numpy; extra == "numpy"
 """
-WHEEL = "Wheel-Version: 1.0\nGenerator: wrapper_audio\nRoot-Is-Purelib: true\nTag: py3-none-any\n"
+WHEEL = "Wheel-Version: 1.0\nGenerator: wrapper_audio\nRoot-Is-Purelib: {pure}\nTag: {tag}\n"
 
 
 def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
     sources = sorted([*HERE.glob("wrapper_audio/*.py"), HERE / "wrapper_audio/py.typed"])
     files = {str(source.relative_to(HERE)): source.read_bytes() for source in sources}
+    settings = config_settings or {}
+    if "libraries" in settings:
+        libraries = Path(settings["libraries"])
+        for library in sorted(libraries.glob("*.so.*")):
+            files[f"wrapper_audio/{library.name}"] = library.read_bytes()
+        for licence in sorted(libraries.glob("licences/*")):
+            files[f"{INFO}/licenses/{licence.name}"] = licence.read_bytes()
+    tag = "py3-none-" + settings.get("platform", "any")
     files[INFO + "/METADATA"] = METADATA.encode()
-    files[INFO + "/WHEEL"] = WHEEL.encode()
+    files[INFO + "/WHEEL"] = WHEEL.format(tag=tag, pure="false" if "libraries" in settings else "true").encode()
     record = ""
     for path, content in files.items():
         digest = base64.urlsafe_b64encode(hashlib.sha256(content).digest()).rstrip(b"=").decode()
         record += f"{path},sha256={digest},{len(content)}\n"
     files[INFO + "/RECORD"] = (record + INFO + "/RECORD,,\n").encode()
-    name = STEM + "-py3-none-any.whl"
-    with zipfile.ZipFile(Path(wheel_directory, name), "w", zipfile.ZIP_DEFLATED) as wheel:
+    name = f"{STEM}-{tag}.whl"
+    with zipfile.ZipFile(Path(wheel_directory, name), "w") as wheel:
         for path, content in files.items():
-            wheel.writestr(zipfile.ZipInfo(path), content)
+            wheel.writestr(zipfile.ZipInfo(path), content, zipfile.ZIP_DEFLATED)
     return name
 
 

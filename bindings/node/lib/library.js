@@ -15,7 +15,7 @@ const UNIQUE = randomUUID().replaceAll('-', '');
 const ADVICE = `\
 Install the package libwrapper-audio1, or build wrapper_audio and name the file:
   export WRAPPER_AUDIO_LIBRARY=/path/to/${NAME}
-It needs PortAudio, RNNoise and soxr (packages libportaudio2, librnnoise0 and libsoxr0).`;
+It needs PortAudio, RNNoise, soxr and ALSA (packages libportaudio2, librnnoise0, libsoxr0 and libasound2).`;
 
 function openFirst(files) {
   const tried = [];
@@ -53,13 +53,22 @@ function reserveStack() {
   }
 }
 
+/** The library of the package that carries it for this machine, if that is installed. */
+function carried() {
+  try {
+    return [require.resolve(`wrapper-audio-${process.platform}-${process.arch}/${NAME}`)];
+  } catch {
+    return [];
+  }
+}
+
 function load(named) {
   if (loadedFrom !== null) {
     if (named === undefined || named === loadedFrom) return;
     throw new LibraryError(`${loadedFrom} is already loaded, so ${named} cannot be. Call load() before anything else`);
   }
   const only = named ?? process.env.WRAPPER_AUDIO_LIBRARY;
-  const candidates = only ? [only] : [path.join(__dirname, '..', NAME), NAME];
+  const candidates = only ? [only] : [...carried(), path.join(__dirname, '..', NAME), NAME];
   reserveStack();
   const [opened, file] = openFirst(candidates);
   for (const prototype of functions) {

@@ -18,7 +18,8 @@ _NAMES = ("libwrapper_audio_recorder.so.1", "libwrapper_audio_recorder.so")
 _ADVICE = """\
 Install the package libwrapper-audio1, or build wrapper_audio and name the file:
   export WRAPPER_AUDIO_LIBRARY=/path/to/libwrapper_audio_recorder.so.1
-It needs libwrapper_audio.so.1, PortAudio, RNNoise and soxr (packages libportaudio2, librnnoise0 and libsoxr0)."""
+It needs libwrapper_audio.so.1, PortAudio, RNNoise, soxr and ALSA (packages libportaudio2, librnnoise0, libsoxr0 and
+libasound2)."""
 
 _Self = TypeVar("_Self", bound="Closing")
 _lock = threading.Lock()

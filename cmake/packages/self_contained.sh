@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Makes what is installed without a package of the system but libasound: a wheel for Python, two packages for npm, and a
 # tarball with the program. Each carries the libraries that it needs, and their licences.
-# Usage: self_contained.sh BUILD_FOLDER   which holds the objects, and receives them
+# Usage: self_contained.sh BUILD_FOLDER FOLDER   which receives them
 set -euo pipefail
 build=$(realpath "$1")
+result=$(realpath "$2")
 source=$(realpath "$(dirname "$0")/../..")
 version=$(sed -n 's/^project(wrapper_audio VERSION \([^ ]*\).*/\1/p' "$source/CMakeLists.txt")
 machine=$(cc -dumpmachine)
@@ -13,9 +14,9 @@ case $machine in
   aarch64) node_machine=arm64 ;;
   *) node_machine=$machine ;;
 esac
-stage=$build/self_contained
-rm -rf "$stage"
-mkdir "$stage"
+umask 022
+stage=$(mktemp -d)
+trap 'rm -rf "$stage"' EXIT
 
 die() { printf 'self_contained: %s\n' "$*" >&2; exit 1; }
 
@@ -25,14 +26,13 @@ of_the_system='^(ld-linux.*|lib(c|m|dl|rt|pthread|gcc_s|asound))\.so\.'
 
 # The licence of the Debian package that a file is of, with the texts that it names. Debian has the source of the version.
 add_licence() { # file, folder, its name there
-  local package text
+  local package
   package=$(dpkg -S "$1" 2>/dev/null || dpkg -S "${1#/usr}" 2>/dev/null) ||
     die "$1 is of no Debian package, so that its licence is unknown"
   package=${package%%:*}
   cp -L "/usr/share/doc/$package/copyright" "$2/$package.txt"
-  for text in $(grep -ohE '/usr/share/common-licenses/[A-Za-z0-9]+(-[0-9]+(\.[0-9]+)*)?' "$2/$package.txt" | sort -u); do
-    cp -L "$text" "$2"
-  done
+  { grep -ohE '/usr/share/common-licenses/[A-Za-z0-9]+(-[0-9]+(\.[0-9]+)*)?' "$2/$package.txt" || true; } | sort -u |
+    xargs --no-run-if-empty cp -L --target-directory "$2"
   # shellcheck disable=SC2016 # dpkg's own names
   printf '%s is of %s\n' "$3" "$(dpkg-query -W -f '${Package} ${Version}, source ${source:Package} ${source:Version}' "$package")" >>"$2/README"
 }
@@ -52,8 +52,10 @@ carry() { # file, folder, folder of the licences
         add_licence "$origin" "$3" "$carried"
       fi
       install -m 644 "$origin" "$2/$carried"
+      # Not at once: patchelf 0.14 would write the run path in the place of the name too.
+      patchelf --set-soname "$carried" "$2/$carried"
       # shellcheck disable=SC2016 # the loader's own name
-      patchelf --set-soname "$carried" --set-rpath '$ORIGIN' "$2/$carried"
+      patchelf --set-rpath '$ORIGIN' "$2/$carried"
       carry "$2/$carried" "$2" "$3"
     fi
     patchelf --replace-needed "$needed" "$carried" "$1"
@@ -101,16 +103,16 @@ done
 patchelf --set-rpath '$ORIGIN' "$tarball"/lib/libwrapper_audio.so.*.*.* "$libraries"/libwrapper_audio.so.*
 
 sed -i '/^Requires.private: portaudio/d' "$tarball"/lib/pkgconfig/*.pc # it is carried
-chmod -R u=rwX,go=rX "$stage"
+chmod -R u=rwX,go=rX "$tarball"
 tar -C "$stage" --sort=name --mtime="@$SOURCE_DATE_EPOCH" --owner=0 --group=0 --numeric-owner -c "$name" |
-  gzip --best --no-name >"$build/$name.tar.gz"
+  gzip --best --no-name >"$result/$name.tar.gz"
 
 # The wheel says which glibc is the oldest that it runs with: the newest of which anything in it needs a symbol.
 glibc=$(readelf -V "$libraries"/*.so* | grep -o 'GLIBC_[0-9.]*' | sort -uV | tail -n 1)
 glibc=${glibc#GLIBC_}
 (cd "$source/bindings/python" && python3 -B -c 'import build_wheel, sys
 build_wheel.build_wheel(sys.argv[1], {"libraries": sys.argv[2], "platform": sys.argv[3]})' \
-  "$build" "$libraries" "manylinux_${glibc/./_}_$machine")
+  "$result" "$libraries" "manylinux_${glibc/./_}_$machine")
 
 # For npm the libraries are a package of their own, which the binding asks for by the machine's name. It does so here
 # only: the binding's folder in the source is for those who have the libraries otherwise, and would ask a registry for it.
@@ -130,4 +132,4 @@ mkdir "$stage/node"
 cp -R "$source"/bindings/node/{package.json,README.md,index.js,index.d.ts,lib} "$stage/node"
 cd "$stage/node"
 npm pkg set "optionalDependencies.$platform=$version"
-npm pack --silent --pack-destination "$build" . "$libraries"
+npm pack --silent --pack-destination "$result" . "$libraries"

@@ -104,8 +104,13 @@ patchelf --set-rpath '$ORIGIN' "$tarball"/lib/libwrapper_audio.so.*.*.* "$librar
 
 sed -i '/^Requires.private: portaudio/d' "$tarball"/lib/pkgconfig/*.pc # it is carried
 chmod -R u=rwX,go=rX "$tarball"
-tar -C "$stage" --sort=name --mtime="@$SOURCE_DATE_EPOCH" --owner=0 --group=0 --numeric-owner -c "$name" |
-  gzip --best --no-name >"$result/$name.tar.gz"
+
+# The same files make the same archive, to the byte.
+pack() { # name of the archive, tar's options and arguments...
+  tar --sort=name --mtime="@$SOURCE_DATE_EPOCH" --owner=0 --group=0 --numeric-owner -c "${@:2}" |
+    gzip --best --no-name >"$result/$1"
+}
+pack "$name.tar.gz" -C "$stage" "$name"
 
 # The wheel says which glibc is the oldest that it runs with: the newest of which anything in it needs a symbol.
 glibc=$(readelf -V "$libraries"/*.so* | grep -o 'GLIBC_[0-9.]*' | sort -uV | tail -n 1)
@@ -116,20 +121,26 @@ build_wheel.build_wheel(sys.argv[1], {"libraries": sys.argv[2], "platform": sys.
 
 # For npm the libraries are a package of their own, which the binding asks for by the machine's name. It does so here
 # only: the binding's folder in the source is for those who have the libraries otherwise, and would ask a registry for it.
+# npm itself, with its hundreds of packages, is not needed to pack them.
 platform=wrapper-audio-linux-$node_machine
 cat >"$libraries/package.json" <<END
 {
   "name": "$platform",
   "version": "$version",
-  "description": "The libraries of wrapper-audio",
-  "files": ["*.so.*", "licences"],
+  "description": "The libraries of wrapper-audio for $machine",
   "os": ["linux"],
   "cpu": ["$node_machine"],
   "libc": ["glibc"]
 }
 END
-mkdir "$stage/node"
-cp -R "$source"/bindings/node/{package.json,README.md,index.js,index.d.ts,lib} "$stage/node"
-cd "$stage/node"
-npm pkg set "optionalDependencies.$platform=$version"
-npm pack --silent --pack-destination "$result" . "$libraries"
+cp -R "$source"/bindings/node/{README.md,index.js,index.d.ts,lib} "$stage"
+python3 - "$source/bindings/node/package.json" "$stage/package.json" "$platform" "$version" <<'END'
+import json, sys
+read, written, platform, version = sys.argv[1:]
+package = json.load(open(read))
+del package["devDependencies"], package["scripts"]
+package["optionalDependencies"] = {platform: version}
+json.dump(package, open(written, "w"), indent=2)
+END
+pack "$platform-$version.tgz" --transform 's|^\.|package|' -C "$libraries" .
+pack "wrapper-audio-$version.tgz" --transform 's|^|package/|' -C "$stage" README.md index.d.ts index.js lib package.json

@@ -46,23 +46,24 @@ libasound=$(dpkg -S "$(realpath "$(cc -print-file-name=libasound.so.2)")" | cut 
 
 # Nothing is installed: no script runs, and there is no shell but where a package brings one.
 make_root() { # name, packages...
-  local root=$folder/$1 package needed directory
-  needed=$(apt-get "${apt[@]}" --simulate --no-install-recommends install "${@:2}" | sed -n 's/^Inst \([^ ]*\) .*/\1/p')
+  local root=$folder/$1 needed package directory
+  apt-get "${apt[@]}" --simulate --no-install-recommends install "${@:2}" >"$folder/plan"
+  mapfile -t needed < <(sed -n 's/^Inst \([^ ]*\) .*/\1/p' "$folder/plan")
+  # apt-get leaves alone what it has downloaded before.
+  (cd "$folder/archives" && apt-get "${apt[@]}" download "${needed[@]}") >"$folder/log" 2>&1 ||
+    { cat "$folder/log"; fail "could not download ${needed[*]}"; }
   mkdir -p "$root"/{proc,dev,microphone,tmp,usr/{bin,sbin,lib,lib64}}
   for directory in bin sbin lib lib64; do
     ln -s "usr/$directory" "$root/$directory"
   done
   touch "$root/dev/null" "$root/dev/full"
-  for package in $needed; do
-    compgen -G "$folder/archives/${package%%:*}_*.deb" >/dev/null ||
-      (cd "$folder/archives" && apt-get "${apt[@]}" download "$package" >"$folder/log" 2>&1) ||
-      { cat "$folder/log"; fail "could not download $package"; }
+  for package in "${needed[@]}"; do
     dpkg-deb --fsys-tarfile "$folder/archives/${package%%:*}"_*.deb |
       tar -C "$root" --keep-directory-symlink --no-same-owner -x
   done
   "$source/scripts/file-microphone" "$source/tests/data/speech_in_noise_48k.raw" "$root/microphone" >/dev/null
   sed -i "s|$root||" "$root/microphone/microphone.conf"
-  echo "ok: a root with $(wc -w <<<"$needed") packages for $1: ${*:2}"
+  echo "ok: a root with ${#needed[@]} packages for $1: ${*:2}"
 }
 
 # Six seconds, with denoising and without: the last half second is noise alone, and falls by 30 dB; the voice does not.

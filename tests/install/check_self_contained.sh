@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # What carries its libraries along, without installing it: what is in it, what it needs of the system, whether that makes
-# the same again, and whether it works in company. check_bare_roots.sh is about where it has no company at all.
+# the same again, and whether it works in company. check_bare_roots.sh is about where it has no company at all. Exits with 77 where something could not be tried.
 # Usage: check_self_contained.sh FOLDER   where scripts/package has put it
 set -euo pipefail
 packages=$(realpath "$1")
@@ -9,6 +9,7 @@ source=$(realpath "$here/../..")
 folder=$(mktemp -d /tmp/wrapper-audio.XXXXXX) # not in TMPDIR: ALSA_CONFIG_PATH takes neither space nor colon
 trap 'rm -rf "$folder"' EXIT
 unset LD_LIBRARY_PATH
+skipped=0
 
 fail() { echo "FAILED: $*"; exit 1; }
 expect() { # what, expected, actual
@@ -18,7 +19,11 @@ expect() { # what, expected, actual
 version=$(dpkg-parsechangelog --file "$source/cmake/packages/changelog" --show-field Version)
 major=${version%%.*}
 machine=$(uname -m)
-node_machine=$(node -p process.arch)
+case $machine in # as Node calls it
+  x86_64) node_machine=x64 ;;
+  aarch64) node_machine=arm64 ;;
+  *) node_machine=$machine ;;
+esac
 libdir=/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 name=wrapper_audio-$version-linux-$machine
 wheel=$(cd "$packages" && printf '%s' *.whl)
@@ -52,6 +57,9 @@ expect "the wheel's modules" "$(cd "$source/bindings/python/wrapper_audio" && pr
   "$(names "$module" | grep -v '\.so')"
 expect "the files for npm" "$libraries
 package.json" "$(names "$platform" | grep -v '^licences/')"
+expect "the files of the binding for npm" "README.md index.d.ts index.js package.json" \
+  "$(names "$folder/wrapper-audio-$version/package" | grep -v '^lib/' | xargs)"
+diff -r "$source/bindings/node/lib" "$folder/wrapper-audio-$version/package/lib"
 for library in "$module"/*.so.*; do
   cmp "$library" "$platform/${library##*/}"
 done
@@ -139,6 +147,18 @@ expect "six seconds" 192000 "$(stat -c %s "$folder/in_company")"
 cmp "$folder/alone" "$folder/in_company"
 echo "ok: the wheel beside the system's libraries hears what the program hears"
 
+# On servers: PipeWire's plug-in brings libraries of its own, and JACK's library is the system's.
+HOST=$tarball/bin/wrapper-audio SCRIPTED_MICROPHONE='' python3 -B "$source/tests/tool/servers_test.py" \
+  Jack.test_it_records_and_denoises_the_sound_that_is_played PipeWire.test_it_records_and_denoises_in_real_time \
+  >"$folder/log" 2>&1 || { cat "$folder/log"; fail "the program on sound servers"; }
+if grep -q skipped= "$folder/log"; then
+  cat "$folder/log"
+  echo "SKIPPED: the program on sound servers"
+  skipped=77
+else
+  echo "ok: the program on JACK and on PipeWire"
+fi
+
 mkdir "$folder/again"
 (umask 077 && TZ=Asia/Tokyo LC_ALL=C SOURCE_DATE_EPOCH=$(dpkg-parsechangelog \
   --file "$source/cmake/packages/changelog" --show-field Timestamp) \
@@ -147,3 +167,4 @@ for file in "$name.tar.gz" "$wheel" "wrapper-audio-$version.tgz" "wrapper-audio-
   cmp "$packages/$file" "$folder/again/$file" || fail "$file is another one when it is made again"
 done
 echo "ok: the same again, to the byte"
+exit "$skipped"

@@ -129,6 +129,10 @@ check_denoising Python "$folder/python".{false,true}
 check_without_libasound python 'libasound2' /environment/bin/python -m wrapper_audio
 
 # ---- The packages for npm. Node's binding needs koffi, which comes from npm's registry.
+if ! command -v npm >/dev/null; then
+  skipped "npm is not installed: the packages for npm were not tried"
+  exit "$skipped"
+fi
 make_root node nodejs "$libasound"
 mkdir "$folder/node/program"
 if ! (cd "$folder/node/program" && npm install --ignore-scripts --prefer-offline --no-audit --no-fund --fetch-retries=1 \

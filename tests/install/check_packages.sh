@@ -29,11 +29,11 @@ lintian "${as_root[@]}" --fail-on error "$library" "$development" "$program" || 
 echo "ok: lintian finds no errors"
 
 # Names alone, and without what differs from one Debian to the next.
-needs() { dpkg-deb -f "$1" Depends | tr , '\n' | sed -E 's/ *([^ ]+).*/\1/; s/t64$//; s/^libfmt[0-9]+$/libfmt/' | sort | xargs; }
+needs() { dpkg-deb -f "$1" Depends | tr , '\n' | sed -E 's/ *([^ ]+).*/\1/; s/t64$//' | sort | xargs; }
 expect "what the libraries need" "libc6 libgcc-s1 libportaudio2 librnnoise0 libsoxr0 libstdc++6" "$(needs "$library")"
 expect "what the development files need" \
   "libwrapper-audio$major (= $version), portaudio19-dev, librnnoise-dev" "$(dpkg-deb -f "$development" Depends)"
-expect "what the program needs" "libc6 libfmt libgcc-s1 libsndfile1 libstdc++6 libwrapper-audio$major" "$(needs "$program")"
+expect "what the program needs" "libc6 libgcc-s1 libsndfile1 libstdc++6 libwrapper-audio$major" "$(needs "$program")"
 expect "kinds" "same same foreign" \
   "$(for package in "$library" "$development" "$program"; do dpkg-deb -f "$package" Multi-Arch; done | xargs)"
 expect "what others that link the libraries are told to need" \

@@ -37,7 +37,7 @@ test('a library that is named is the only one tried', async () => {
   assert.doesNotMatch(stdout, / libwrapper_audio_recorder\.so\.1:/);
 });
 
-test('otherwise it is looked for beside the package and in the system', async (t) => {
+test('otherwise it is looked for in the package that carries it, beside this one and in the system', async (t) => {
   const copy = temporary(t);
   for (const name of ['package.json', 'index.js', 'lib'])
     fs.cpSync(path.join(folder, name), path.join(copy, name), { recursive: true });
@@ -64,6 +64,14 @@ test('otherwise it is looked for beside the package and in the system', async (t
   for (const tried of [`${beside}: `, ' libwrapper_audio_recorder.so.1: ']) {
     assert(stdout.includes(tried), `${tried} is not in ${stdout}`);
   }
+
+  const carrying = path.join(copy, 'lib', 'node_modules', `wrapper-audio-${process.platform}-${process.arch}`);
+  fs.mkdirSync(carrying, { recursive: true });
+  install(carrying);
+  assert.strictEqual((await run(TRY, { env: { ...env, LD_LIBRARY_PATH: '' }, cwd: copy })).stdout, 'found\n');
+  fs.writeFileSync(path.join(carrying, 'libwrapper_audio_recorder.so.1'), 'no library');
+  const [, first] = /Tried:\n {2}(.*?): /.exec((await run(TRY, { env, cwd: copy })).stdout);
+  assert.strictEqual(first, path.join(carrying, 'libwrapper_audio_recorder.so.1'));
 });
 
 test('load() names a library, once', async () => {

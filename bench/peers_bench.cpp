@@ -9,8 +9,13 @@
 #include <speex/speex_preprocess.h>
 #include <speex/speex_resampler.h>
 #include <volk/volk.h>
+#if __has_include(<webrtc/modules/interface/module_common_types.h>)
 #include <webrtc/modules/audio_processing/include/audio_processing.h>
 #include <webrtc/modules/interface/module_common_types.h>
+#else // from version 1 on
+#include <modules/audio_processing/include/audio_processing.h>
+#define WEBRTC_CONFIG
+#endif
 
 extern "C" {
 #include <libavutil/channel_layout.h>
@@ -139,9 +144,32 @@ void register_volk(int count) {
 
 // ---- 10 ms at 16000 Hz through whole voice processors, with one thing switched on ----
 
-void with_webrtc(benchmark::State& state, const std::function<void(webrtc::AudioProcessing&)>& set_up) {
-    const std::unique_ptr<webrtc::AudioProcessing> processing(webrtc::AudioProcessing::Create());
-    set_up(*processing);
+enum class part { high_pass, gain_control, noise_suppression };
+
+#ifdef WEBRTC_CONFIG
+auto webrtc_with(part wanted) {
+    webrtc::AudioProcessing::Config config;
+    config.high_pass_filter.enabled = wanted == part::high_pass;
+    config.gain_controller1.enabled = wanted == part::gain_control;
+    config.gain_controller1.mode = webrtc::AudioProcessing::Config::GainController1::kAdaptiveDigital;
+    config.noise_suppression.enabled = wanted == part::noise_suppression;
+    rtc::scoped_refptr<webrtc::AudioProcessing> processing(webrtc::AudioProcessingBuilder().Create());
+    processing->ApplyConfig(config);
+    return processing;
+}
+#else
+auto webrtc_with(part wanted) {
+    std::unique_ptr<webrtc::AudioProcessing> processing(webrtc::AudioProcessing::Create());
+    processing->high_pass_filter()->Enable(wanted == part::high_pass);
+    processing->gain_control()->set_mode(webrtc::GainControl::kAdaptiveDigital);
+    processing->gain_control()->Enable(wanted == part::gain_control);
+    processing->noise_suppression()->Enable(wanted == part::noise_suppression);
+    return processing;
+}
+#endif
+
+void with_webrtc(benchmark::State& state, part wanted) {
+    const auto processing = webrtc_with(wanted);
     const auto speech = bench::speech(SPEECH);
     const webrtc::StreamConfig mono(16000, 1);
     std::size_t position = 0;
@@ -172,16 +200,10 @@ void with_speex(benchmark::State& state, int denoise, int gain) {
 }
 
 void register_voice_processors() {
-    const auto webrtc = [](const std::string& name, std::function<void(webrtc::AudioProcessing&)> set_up) {
-        benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& state) { with_webrtc(state, set_up); });
-    };
-    webrtc("10 ms of high-pass, webrtc", [](auto& processing) { processing.high_pass_filter()->Enable(true); });
-    webrtc("10 ms of gain control, webrtc", [](auto& processing) {
-        processing.gain_control()->set_mode(webrtc::GainControl::kAdaptiveDigital);
-        processing.gain_control()->Enable(true);
-    });
-    webrtc("10 ms of noise suppression, webrtc",
-           [](auto& processing) { processing.noise_suppression()->Enable(true); });
+    for (const auto& [name, wanted] : {std::pair{"10 ms of high-pass, webrtc", part::high_pass},
+                                       {"10 ms of gain control, webrtc", part::gain_control},
+                                       {"10 ms of noise suppression, webrtc", part::noise_suppression}})
+        benchmark::RegisterBenchmark(name, [wanted = wanted](benchmark::State& state) { with_webrtc(state, wanted); });
     benchmark::RegisterBenchmark("10 ms of noise suppression, speexdsp",
                                  [](benchmark::State& state) { with_speex(state, 1, 0); });
     benchmark::RegisterBenchmark("10 ms of gain control, speexdsp",

@@ -173,7 +173,7 @@ def test_host(workshop, language):
 
 
 def skip(reason):
-    print("skipped:", reason)
+    print("SKIPPED:", reason)
     sys.exit(SKIPPED)
 
 

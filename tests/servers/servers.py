@@ -122,8 +122,8 @@ class Server:
         return {**kept, **self.environment}
 
     def start(self, *command, **options):
-        """Starts one of the unpacked programs on this server, to be ended with it at the latest."""
-        with open(self.folder / f"{command[0]}.log", "ab") as log:
+        """Starts a program on this server, an unpacked one or one of a path, to be ended with it at the latest."""
+        with open(self.folder / f"{Path(command[0]).name}.log", "ab") as log:
             options = {"stdin": subprocess.DEVNULL, "stdout": log, "stderr": log, **options}
             process = subprocess.Popen(
                 [UNPACKED / "usr/bin" / command[0], *map(str, command[1:])],
@@ -226,9 +226,12 @@ class PulseAudio(Server):
 
 
 class Jack(Server):
-    """JACK with its dummy driver. Its microphones are the players: input devices `jack-play-PID`."""
+    """JACK with its dummy driver. Its microphones are the players: input devices `jack-play-PID`.
 
-    programs = ("jackd", "jack_lsp", "jack-play")
+    JACK_PLAY in the environment is the program jack_play, which the build makes.
+    """
+
+    programs = ("jackd",)
 
     def __init__(self, folder, rate=48000):
         super().__init__(folder)
@@ -244,7 +247,7 @@ class Jack(Server):
                 *("-d", "dummy", "-r", self.rate, "-C", "2", "-P", "2", "-p", "1024"),
             )
         ]
-        self.wait_for(lambda: "system:capture_1" in self.output("jack_lsp"), "the server")
+        self.wait_for(lambda: self.output(os.environ["JACK_PLAY"]) == "ready\n", "the server")
 
     def close(self):
         killed = any(process.returncode == -signal.SIGKILL for process in self.servers)
@@ -257,8 +260,10 @@ class Jack(Server):
         self.lock.close()
 
     def play(self, wav):
-        player = self.start("jack-play", Path(wav).resolve())
-        self.wait_for(lambda: f"jack-play-{player.pid}" in self.output("jack_lsp"), "the player")
+        player = self.start(os.environ["JACK_PLAY"], Path(wav).resolve(), stdout=subprocess.PIPE, text=True)
+        with player.stdout:
+            if player.stdout.readline() != "ready\n":
+                raise RuntimeError(f"the player does not play: {self.log(player)}")
         return player
 
 

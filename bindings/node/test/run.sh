@@ -7,7 +7,7 @@ root=$(cd ../.. && pwd)
 
 skip() { printf 'SKIPPED: %s\n' "$*"; exit 77; }
 
-command -v node >/dev/null || skip "node is not installed; scripts/setup installs it"
+command -v node >/dev/null || skip "node is not installed; scripts/setup test installs it"
 major=$(node -p 'process.versions.node.split(".")[0]')
 [ "$major" -ge 18 ] || skip "Node $major is here, and 18 is the oldest that the package supports"
 
@@ -15,7 +15,7 @@ folder=$(mktemp -d /tmp/wrapper-audio.XXXXXX) # not in TMPDIR: ALSA_CONFIG_PATH 
 trap 'rm -rf "$folder"' EXIT
 
 if ! [ node_modules/.package-lock.json -nt package-lock.json ]; then
-  command -v npm >/dev/null || skip "npm is not installed; scripts/setup installs it"
+  command -v npm >/dev/null || skip "npm is not installed; scripts/setup test installs it"
   # koffi brings its binary with it, so that no script of a package has to run.
   if ! npm ci --ignore-scripts --no-audit --no-fund --fetch-retries=1 --fetch-retry-mintimeout=1000 \
     --fetch-timeout=20000 >"$folder/npm" 2>&1; then

@@ -377,8 +377,9 @@ class Ends(SilentTest):
     def test_a_forked_child_leaves_the_devices_to_its_parent(self) -> None:
         output = self.output_of(
             """
-            import os, sys, wrapper_audio
+            import os, sys, warnings, wrapper_audio
             recorder = wrapper_audio.Recorder()
+            warnings.simplefilter("ignore", DeprecationWarning)  # of forking beside threads, from Python 3.12 on
             child = os.fork()
             if child == 0:
                 print(recorder.closed, flush=True)

@@ -99,7 +99,8 @@ class Package(unittest.TestCase):
 
     def test_types_are_complete(self) -> None:
         tests = sorted(map(str, (support.PACKAGE / "tests").glob("*.py")))
-        for checked in ["--python-version=3.9", "wrapper_audio"], tests:
+        # How much of the tests' deliberate mistakes mypy sees depends on its version.
+        for checked in ["--python-version=3.9", "wrapper_audio"], ["--no-warn-unused-ignores", *tests]:
             done = subprocess.run(
                 ["/usr/bin/mypy", "--strict", f"--cache-dir={self.folder}", *checked],
                 cwd=support.PACKAGE,

@@ -82,6 +82,7 @@ class Recording(HostTest):
             (48000, "denoising at 48000 Hz, the device's own rate"),
             (44100, "denoising, converted from 44100 Hz"),
             (16000, "denoising, converted from 16000 Hz"),
+            (8000, "denoising, converted from 8000 Hz"),
         ):
             self.host("process", self.speech_as_wav(), raw, "--rate", device_rate)
             self.listen_to(raw, device_rate)

@@ -20,7 +20,7 @@ test('the types are right, strictly', async () => {
   );
 });
 
-test('the README installs it, and its program records five seconds', async (t) => {
+test('the README installs it, and its program and that of the whole project record five seconds', async (t) => {
   const project = temporary(t);
   const readme = fs.readFileSync(path.join(folder, 'README.md'), 'utf8');
   const [, install] = /^ {4}(npm install .*) \.\/bindings\/node$/m.exec(readme);
@@ -39,12 +39,16 @@ test('the README installs it, and its program records five seconds', async (t) =
     ['README.md', 'index.d.ts', 'index.js', 'lib', 'package.json'],
   );
 
-  fs.writeFileSync(path.join(project, 'program.js'), program);
-  const { stdout } = await execute(process.execPath, ['program.js'], { cwd: project });
-  assert.match(stdout, /^ {2}ALSA:filemic native\n\* ALSA:default native\npeak of the last block 0\.\d+\n$/);
-  const speech = fs.readFileSync(path.join(project, 'speech.raw'));
-  assert.strictEqual(speech.length, 5 * 16000 * 2);
-  assert(speech.filter((byte) => byte !== 0).length > speech.length / 2, 'the speech is mostly zeros');
+  const [, shorter] = /```js\n([^]*?)```/.exec(fs.readFileSync(path.join(folder, '..', '..', 'README.md'), 'utf8'));
+  for (const [source, devices] of [[program, ' {2}ALSA:filemic native\n\\* ALSA:default native\n'], [shorter, '']]) {
+    fs.writeFileSync(path.join(project, 'program.js'), source);
+    const { stdout } = await execute(process.execPath, ['program.js'], { cwd: project });
+    assert.match(stdout, new RegExp(`^${devices}peak of the last block 0\\.\\d+\n$`));
+    const speech = fs.readFileSync(path.join(project, 'speech.raw'));
+    assert.strictEqual(speech.length, 5 * 16000 * 2);
+    assert(speech.filter((byte) => byte !== 0).length > speech.length / 2, 'the speech is mostly zeros');
+    fs.unlinkSync(path.join(project, 'speech.raw'));
+  }
 
   fs.writeFileSync(path.join(project, 'required.cjs'), "console.log(typeof require('wrapper-audio').Recorder.open)");
   assert.strictEqual((await execute(process.execPath, ['required.cjs'], { cwd: project })).stdout, 'function\n');

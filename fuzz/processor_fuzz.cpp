@@ -37,34 +37,11 @@ made make(script& bytes) {
     made result;
     wrapper_audio_processor* handle = nullptr;
     wrapper_audio_status status = WRAPPER_AUDIO_OK;
-    switch (bytes.below(5)) {
-    case 0: {
-        const auto coef = bytes.usual(usual_floats);
-        status = wrapper_audio_depop_create(&handle, coef);
-        result.valid = coef >= 0.0F && coef <= 1.0F;
-        break;
-    }
-    case 1: {
-        const auto rate = bytes.usual(rates);
-        const auto cutoff = bytes.usual(usual_floats);
-        const auto q = bytes.usual(usual_floats);
-        status = wrapper_audio_high_pass_create(&handle, rate, cutoff, q);
-        result.valid =
-            is_rate(rate) && cutoff > 0.0F && static_cast<double>(cutoff) < rate / 2.0 && q >= 0.05F && q <= 50.0F;
-        break;
-    }
-    case 2: {
-        const auto rate = bytes.usual(rates);
-        const auto target = bytes.usual(usual_floats);
-        const auto release_ms = bytes.usual(usual_floats);
-        status = wrapper_audio_gain_control_create(&handle, rate, target, release_ms);
-        result.valid =
-            is_rate(rate) && target >= -60.0F && target <= 0.0F && release_ms >= 0.0F && release_ms <= 60000.0F;
-        break;
-    }
-    default: {
+    const unsigned kind = bytes.below(5);
+    const auto rate = bytes.usual(rates);
+    if (kind > 2) {
         wrapper_audio_voice_options& voice = result.voice;
-        voice.in_rate = bytes.usual(rates);
+        voice.in_rate = rate;
         voice.out_rate = bytes.usual(rates);
         voice.denoise = bytes.usual(usual_floats);
         voice.speech = static_cast<std::int32_t>(bytes.below(3));
@@ -73,7 +50,20 @@ made make(script& bytes) {
         result.valid = is_rate(voice.in_rate) && is_rate(voice.out_rate) && voice.denoise >= 0.0F &&
                        voice.denoise <= 1.0F && voice.speech < 2 && voice.conversion < 2;
         result.is_voice = true;
-    }
+    } else {
+        const auto one = bytes.usual(usual_floats);
+        const auto two = bytes.usual(usual_floats);
+        if (kind == 0) {
+            status = wrapper_audio_depop_create(&handle, one);
+            result.valid = one >= 0.0F && one <= 1.0F;
+        } else if (kind == 1) {
+            status = wrapper_audio_high_pass_create(&handle, rate, one, two);
+            result.valid =
+                is_rate(rate) && one > 0.0F && static_cast<double>(one) < rate / 2.0 && two >= 0.05F && two <= 50.0F;
+        } else {
+            status = wrapper_audio_gain_control_create(&handle, rate, one, two);
+            result.valid = is_rate(rate) && one >= -60.0F && one <= 0.0F && two >= 0.0F && two <= 60000.0F;
+        }
     }
     result.handle.reset(handle);
     require(status == (result.valid ? WRAPPER_AUDIO_OK : WRAPPER_AUDIO_INVALID_ARGUMENT), "settings are judged",

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 
 namespace recorder {
@@ -24,7 +23,7 @@ struct ownership {
 
 // Never destroyed: an abandoned thread may still hold it when the process ends.
 ownership& audio_system_ownership() {
-    static auto* const owned = new ownership;
+    static auto* const owned = new ownership; // GCOVR_EXCL_BR_LINE: whichever thread comes first
     return *owned;
 }
 
@@ -83,7 +82,8 @@ private:
         const int count = Pa_GetDeviceCount();
         for (int other = 0; other < count; ++other) {
             const PaDeviceInfo* const info = Pa_GetDeviceInfo(other);
-            if (info != nullptr && info != info_ && core_id(*info) == id) return true;
+            if (info == nullptr || info == info_) continue;
+            if (core_id(*info) == id) return true;
         }
         return false;
     }
@@ -97,7 +97,8 @@ private:
 std::string with_words(const std::string& sentence, const std::string& log_line) {
     const std::string english = log::in_english(log_line);
     const std::size_t words = english.find(": ");
-    return words == std::string::npos ? sentence : sentence + english.substr(words);
+    if (words == std::string::npos) return sentence;
+    return sentence + english.substr(words);
 }
 
 } // namespace
@@ -159,14 +160,15 @@ std::vector<device> read_devices() {
     for (int index = 0; index < count; ++index) {
         const PaDeviceInfo* const info = Pa_GetDeviceInfo(index);
         if (info == nullptr) continue;
-        device found{.index = index,
-                     .id = core_id(*info),
-                     .name = valid_utf8(text_or(info->name, "")),
-                     .host_api = valid_utf8(host_api_name(*info)),
-                     .default_rate = rounded_rate(info->defaultSampleRate),
-                     .input_channels = info->maxInputChannels,
-                     .output_channels = info->maxOutputChannels,
-                     .is_default = index == default_input};
+        device found;
+        found.index = index;
+        found.id = core_id(*info);
+        found.name = valid_utf8(text_or(info->name, ""));
+        found.host_api = valid_utf8(host_api_name(*info));
+        found.default_rate = rounded_rate(info->defaultSampleRate);
+        found.input_channels = info->maxInputChannels;
+        found.output_channels = info->maxOutputChannels;
+        found.is_default = index == default_input;
         const auto is_taken = [&](const std::string& id) {
             return std::any_of(devices.begin(), devices.end(), [&](const device& other) { return other.id == id; });
         };
@@ -182,7 +184,6 @@ std::vector<device> read_devices() {
 // 48000, the hardware does not support 48000, and ALSA would fake it by linear interpolation.
 bool runs_at_48000(const device& device) {
     constexpr int32_t portaudios_rate = 44100;
-    if (device.input_channels < 1) return false;
     if (device.default_rate == denoiser_rate) return true;
     if (std::abs(device.default_rate - portaudios_rate) > denoiser_rate - portaudios_rate) return false;
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(device.index);
@@ -224,14 +225,14 @@ device choose(const std::string& id) {
 } // namespace
 
 microphone::microphone(const std::string& id, int32_t best_rate, log::scope& log) : device_(choose(id)) {
-    log.take_failure();
     const int32_t default_rate = device_.default_rate;
     const bool prefers_48000 = default_rate != best_rate && default_rate != denoiser_rate && runs_at_48000(device_);
     if (prefers_48000 && open(denoiser_rate, log)) return;
     log.take_failure();
     if (open(default_rate, log)) return;
     const std::string line = log.take_failure();
-    const bool has_no_memory = line.empty() || log::in_english(line).starts_with("there is no memory");
+    const std::string english = log::in_english(line); // empty where there was no memory for the line
+    const bool has_no_memory = english.empty() || english.starts_with("there is no memory");
     throw failure{has_no_memory ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_DEVICE_REFUSED,
                   with_words(valid_utf8(device_.id) + " did not open", line), line};
 }

@@ -51,7 +51,7 @@ struct device {
 // The devices of an initialisation, each with a unique id.
 std::vector<device> read_devices();
 
-// Whether a device records mono floats at 48000 Hz by itself.
+// Whether an input device records mono floats at 48000 Hz by itself.
 bool runs_at_48000(const device& device);
 
 // The candidates of a choice that failed, each on a line of its own.

@@ -141,9 +141,8 @@ void capture::open() {
     std::unique_lock hold{mutex_};
     thread_ = start_thread([self = shared_from_this()] { self->run(); });
     const auto patience = opening_patience + stopping_patience;
-    const auto is_over = [&] {
-        return state_ == state::recording || thread_gone_ || (left_behind_ && state_ == state::ended);
-    };
+    // With a buffer the device has opened. It may have failed by now, and hang while it is given back.
+    const auto is_over = [&] { return buffer_ || thread_gone_ || left_behind_; };
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();
@@ -175,7 +174,7 @@ void capture::run() noexcept {
         }
     } catch (failure& failed) {
         reason = std::move(failed);
-    } catch (const std::bad_alloc&) {
+    } catch (...) { // no memory
         reason.status = WRAPPER_AUDIO_OUT_OF_MEMORY;
     }
     end(std::move(reason));
@@ -217,8 +216,6 @@ void capture::begin(const microphone& opened) {
     history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
     loss_watch_.emplace(opened.rate());
     began_ = opened.opened_at();
-    if (stop_requested_) return;
-    state_ = state::recording;
     changed_.notify_all();
 }
 
@@ -247,7 +244,7 @@ void capture::keep(std::span<const int16_t> pcm) {
     {
         const std::lock_guard hold{mutex_};
         waits_since_.reset();
-        if (state_ == state::ended) return; // stopped while this thread hung in the device
+        if (ended_) return; // stopped while this thread hung in the device
         if (info_.captured == 0) {
             const auto length = std::chrono::nanoseconds(1s) * pcm.size() / info_.device_rate;
             const auto first = now.time_since_epoch() - length;
@@ -281,13 +278,13 @@ void capture::end(failure reason) {
         processed_.clear();
         try {
             chain_->flush(processed_);
-        } catch (const std::bad_alloc&) { // what is still inside is lost
+        } catch (...) { // no memory: what is still inside is lost
         }
         store(processed_);
     }
     const std::lock_guard hold{mutex_};
-    if (state_ == state::ended) return;
-    state_ = state::ended;
+    if (ended_) return;
+    ended_ = true;
     ended_by_ = std::move(reason);
     changed_.notify_all();
 }
@@ -341,7 +338,7 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
         if (done > 0 && is_file_) changed_.notify_all(); // there is room now
         const auto now = clock::now();
         const auto stall = stalls_at();
-        if (state_ == state::ended) {
+        if (ended_) {
             status = ended_by_.status;
         } else if (stall && now >= *stall) {
             status = WRAPPER_AUDIO_NO_DATA;
@@ -379,13 +376,13 @@ wrapper_audio_status capture::stop() {
         }
         leave_behind();
     }
-    end({WRAPPER_AUDIO_STOPPED});
+    end(failure{WRAPPER_AUDIO_STOPPED});
     return WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK;
 }
 
 bool capture::has_ended() const {
     const std::lock_guard hold{mutex_};
-    return state_ == state::ended;
+    return ended_;
 }
 
 wrapper_audio_recorder_info capture::info() const {
@@ -402,7 +399,8 @@ wrapper_audio_recorder_info capture::info() const {
 
 failure capture::last_failure() const {
     const std::lock_guard hold{mutex_};
-    return ended_by_.status < 0 ? ended_by_ : failure{};
+    if (ended_by_.status < 0) return ended_by_;
+    return {};
 }
 
 device capture::device() const {

@@ -74,7 +74,6 @@ public:
 private:
     using clock = std::chrono::steady_clock; // CLOCK_MONOTONIC
     using milliseconds = std::chrono::milliseconds;
-    enum class state { opening, recording, ended };
 
     void join(std::unique_lock<std::mutex>& hold);
     void run() noexcept;
@@ -99,7 +98,7 @@ private:
     mutable std::mutex mutex_; // protects all that follows
     std::condition_variable changed_;
     std::thread thread_;
-    state state_ = state::opening;
+    bool ended_ = false;
     bool stop_requested_ = false;
     bool stopped_ = false;
     bool thread_gone_ = false;

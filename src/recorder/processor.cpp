@@ -52,9 +52,8 @@ public:
     explicit voice_processor(const wrapper_audio_voice_options& options) : chain_(options) {}
 
     void process(sample_span in, std::vector<float>& out) override {
-        constexpr std::ptrdiff_t most = 360000; // an hour
-        std::vector<float>& told = chain_.speech();
-        if (std::ssize(told) > most) told.erase(told.begin(), told.end() - most);
+        constexpr std::size_t hour = 360000; // of 10 ms
+        drop_oldest(chain_.speech(), hour);
         chain_.process(in, out);
     }
     void finish(std::vector<float>& out) override { chain_.flush(out); }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstring>
 #include <memory>
 #include <mutex>
 
@@ -172,12 +171,12 @@ wrapper_audio_recorder_options with_defaults(const wrapper_audio_recorder_option
 bool is_valid(const wrapper_audio_recorder_options& options) {
     const auto is_time = [](int32_t ms) { return ms >= 100 && ms <= 60000; };
     const auto is_zero = [](int32_t reserved) { return reserved == 0; };
-    return voice_chain::is_valid({.in_rate = denoiser_rate,
-                                  .out_rate = options.rate,
-                                  .denoise = options.denoise,
-                                  .speech = options.speech,
-                                  .conversion = options.conversion}) &&
-           is_time(options.buffer_ms) && is_time(options.stall_ms) &&
+    const wrapper_audio_voice_options chain{.in_rate = denoiser_rate,
+                                            .out_rate = options.rate,
+                                            .denoise = options.denoise,
+                                            .speech = options.speech,
+                                            .conversion = options.conversion};
+    return voice_chain::is_valid(chain) && is_time(options.buffer_ms) && is_time(options.stall_ms) &&
            std::all_of(std::begin(options.reserved), std::end(options.reserved), is_zero);
 }
 
@@ -222,8 +221,7 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
         return WRAPPER_AUDIO_OK;
     } catch (failure& reason) {
         failed = std::move(reason);
-    } catch (const std::system_error&) { // no more threads
-    } catch (const std::bad_alloc&) {
+    } catch (...) { // no memory, or no more threads
     }
     const wrapper_audio_status status = failed.status;
     const std::lock_guard hold{recorder.mutex};
@@ -299,13 +297,17 @@ std::size_t wrapper_audio_recorder_get_text(wrapper_audio_recorder* recorder, in
     guarded([&] {
         const call running{*recorder};
         const auto& current = running.current();
-        failure failed = current != nullptr ? current->last_failure() : failure{};
+        failure failed;
+        device device;
+        if (current != nullptr) {
+            failed = current->last_failure();
+            device = current->device();
+        }
         if (failed.status == WRAPPER_AUDIO_OK) {
             const std::lock_guard hold{recorder->mutex};
             failed = recorder->failed_open;
         }
         if (failed.status < 0 && failed.reason.empty()) failed.reason = wrapper_audio_status_text(failed.status);
-        const device device = current != nullptr ? current->device() : recorder::device{};
         switch (kind) {
         case WRAPPER_AUDIO_TEXT_DEVICE_ID:
             length = copy_out(device.id, text, capacity);
@@ -336,17 +338,15 @@ wrapper_audio_status wrapper_audio_recorder_stop(wrapper_audio_recorder* recorde
 }
 
 void wrapper_audio_recorder_free(wrapper_audio_recorder* recorder) noexcept {
+    const std::unique_ptr<wrapper_audio_recorder> last_owner{recorder};
     if (recorder == nullptr) return;
     {
         const std::lock_guard hold{recorder->mutex};
         recorder->closing = true;
     }
     wrapper_audio_recorder_stop(recorder);
-    {
-        std::unique_lock hold{recorder->mutex};
-        recorder->idle.wait(hold, [&] { return recorder->calls == 0; });
-    }
-    delete recorder;
+    std::unique_lock hold{recorder->mutex};
+    recorder->idle.wait(hold, [&] { return recorder->calls == 0; });
 }
 
 uint32_t wrapper_audio_abandoned_threads() noexcept {

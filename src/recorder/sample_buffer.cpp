@@ -15,7 +15,6 @@ uint32_t bytes(std::size_t samples) {
 
 sample_buffer::sample_buffer(std::size_t capacity) : capacity_(capacity), ring_(std::bit_ceil(capacity)) {
     gaps_.reserve(most_gaps);
-    spa_ringbuffer_init(&indices_);
 }
 
 void sample_buffer::write(std::span<const float> samples) {
@@ -23,7 +22,7 @@ void sample_buffer::write(std::span<const float> samples) {
     if (!kept.empty()) { // an empty one may have no memory
         uint32_t index = 0;
         spa_ringbuffer_get_write_index(&indices_, &index);
-        spa_ringbuffer_write_data(&indices_, ring_.data(), bytes(ring_.size()), index & (bytes(ring_.size()) - 1),
+        spa_ringbuffer_write_data(&indices_, ring_.data(), bytes(ring_.size()), index % bytes(ring_.size()),
                                   kept.data(), bytes(kept.size()));
         spa_ringbuffer_write_update(&indices_, static_cast<int32_t>(index + bytes(kept.size())));
         written_ += kept.size();
@@ -51,8 +50,8 @@ sample_buffer::piece sample_buffer::read(std::span<float> samples) {
     if (read.count == 0) return read;
     uint32_t index = 0;
     spa_ringbuffer_get_read_index(&indices_, &index);
-    spa_ringbuffer_read_data(&indices_, ring_.data(), bytes(ring_.size()), index & (bytes(ring_.size()) - 1),
-                             samples.data(), bytes(read.count));
+    spa_ringbuffer_read_data(&indices_, ring_.data(), bytes(ring_.size()), index % bytes(ring_.size()), samples.data(),
+                             bytes(read.count));
     spa_ringbuffer_read_update(&indices_, static_cast<int32_t>(index + bytes(read.count)));
     read_ += read.count;
     return read;

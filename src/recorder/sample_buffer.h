@@ -42,8 +42,8 @@ private:
     static constexpr std::size_t most_gaps = 64; // further losses are added to the last one
 
     const std::size_t capacity_;
-    std::vector<float> ring_; // a power of two, as the ring's indices wrap around
-    spa_ringbuffer indices_{};
+    std::vector<float> ring_;  // a power of two, as the ring's indices wrap around
+    spa_ringbuffer indices_{}; // from 0 on
     std::vector<gap> gaps_;
     uint64_t written_ = 0;
     uint64_t read_ = 0;

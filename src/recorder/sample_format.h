@@ -14,7 +14,8 @@ inline float from_s16(int16_t sample) {
 }
 
 inline float to_full_scale(float sample) {
-    return std::isnan(sample) ? 0.0F : std::clamp(sample, -1.0F, 1.0F);
+    if (std::isnan(sample)) return 0.0F;
+    return std::max(-1.0F, std::min(sample, 1.0F));
 }
 
 // Rounded to the nearest, where the core rounds toward zero: what was a 16-bit sample becomes the same one again.

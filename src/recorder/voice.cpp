@@ -23,7 +23,7 @@ public:
         const soxr_runtime_spec_t one_thread = soxr_runtime_spec(1);
         soxr_error_t error = nullptr;
         state_.reset(soxr_create(in_rate, out_rate, 1, &error, &floats, &quality, &one_thread));
-        if (state_ == nullptr || error != nullptr) throw std::bad_alloc();
+        if (error != nullptr) throw std::bad_alloc();
     }
 
     void convert(sample_span in, std::vector<float>& out) override {
@@ -130,6 +130,11 @@ std::unique_ptr<rate_converter> make_rate_converter(int32_t in_rate, int32_t out
     return std::make_unique<linear_converter>(in_rate, out_rate);
 }
 
+void drop_oldest(std::vector<float>& values, std::size_t most) {
+    const std::size_t surplus = values.size() - std::min(values.size(), most);
+    values.erase(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(surplus));
+}
+
 noise_suppressor::noise_suppressor(float strength) : state_(rnnoise_create(nullptr)), strength_(strength) {
     if (state_ == nullptr) throw std::bad_alloc();
 }
@@ -155,8 +160,9 @@ void noise_suppressor::process_frame(std::vector<float>& out, std::vector<float>
     numeric::scale_from_pcm16_range(denoised, frame, denoised);
     const float* const original = frames_[(count_ - delayed_frames) % std::size(frames_)];
     if (strength_ < 1.0F) {
-        for (int32_t i = 0; i < frame; ++i)
-            denoised[i] = strength_ * denoised[i] + (1.0F - strength_) * original[i];
+        std::transform(denoised, denoised + frame, original, denoised, [&](float without_noise, float with_noise) {
+            return strength_ * without_noise + (1.0F - strength_) * with_noise;
+        });
     }
     out.insert(out.end(), denoised, denoised + frame);
     speech.push_back(probability);

@@ -32,6 +32,9 @@ public:
 std::unique_ptr<rate_converter> make_rate_converter(int32_t in_rate, int32_t out_rate,
                                                     wrapper_audio_conversion conversion);
 
+// Keeps as many of the last values.
+void drop_oldest(std::vector<float>& values, std::size_t most);
+
 // RNNoise on a stream at 48000 Hz.
 class noise_suppressor {
 public:

@@ -3,6 +3,7 @@
 
 #include "bits.h"
 #include "denoising_reference.h"
+#include "recorder/voice.h"
 #include "signals.h"
 
 #include <cmath>
@@ -170,6 +171,16 @@ TEST(speech, is_taken_oldest_first_and_as_much_as_fits) {
     for (std::vector<float> some(1); !some.empty(); speech.insert(speech.end(), some.begin(), some.end()))
         some = take_speech(processor, 7);
     EXPECT_EQ(speech, reference::denoised_at_48000(in).speech);
+}
+
+TEST(speech, that_nobody_takes_is_dropped_where_it_is_oldest) {
+    std::vector<float> told{1.0F, 2.0F, 3.0F};
+    recorder::drop_oldest(told, 4);
+    EXPECT_EQ(told, (std::vector{1.0F, 2.0F, 3.0F}));
+    recorder::drop_oldest(told, 2);
+    EXPECT_EQ(told, (std::vector{2.0F, 3.0F}));
+    recorder::drop_oldest(told, 0);
+    EXPECT_TRUE(told.empty());
 }
 
 TEST(speech, is_not_told_where_nobody_asked) {

@@ -2,9 +2,12 @@
 
 #include "fakes.h"
 
+#include <locale.h>
+#include <soxr.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <mutex>
@@ -19,6 +22,7 @@ std::atomic<int> g_fail_at{0};
 std::atomic<int> g_allocations{0};
 std::atomic<int> g_live{0};
 std::atomic<bool> g_refuses_thread{false};
+std::atomic<bool> g_refuses_of_libc{false};
 thread_local bool t_in_layer = gettid() != getpid();
 
 // The layer's blocks, by their address. No allocation of its own.
@@ -69,6 +73,10 @@ void refuse_next_thread() {
     g_refuses_thread = true;
 }
 
+void refuse_of_libc(bool refuse) {
+    g_refuses_of_libc = refuse;
+}
+
 in_layer::in_layer() {
     t_in_layer = true;
 }
@@ -79,12 +87,19 @@ in_layer::~in_layer() {
 
 namespace {
 
+bool is_layers() {
+    return t_in_layer && !fake::inside_a_double::is_here();
+}
+
+bool fails_now() {
+    return is_layers() && ++g_allocations == g_fail_at;
+}
+
 void* allocate(std::size_t size) {
-    const bool is_layers = t_in_layer && !fake::inside_a_double::is_here();
-    if (is_layers && ++g_allocations == g_fail_at) throw std::bad_alloc();
+    if (fails_now()) throw std::bad_alloc();
     void* const block = std::malloc(size > 0 ? size : 1);
     if (block == nullptr) throw std::bad_alloc();
-    if (is_layers) remember(block);
+    if (is_layers()) remember(block);
     return block;
 }
 
@@ -125,4 +140,39 @@ extern "C" void NAMED(__wrap_, START_THREAD)(void* thread, void* state, void (*d
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     NAMED(__real_, START_THREAD)(thread, state, depend);
 }
+
+extern "C" {
+
+soxr_t __real_soxr_create(double in_rate, double out_rate, unsigned channels, soxr_error_t* error,
+                          const soxr_io_spec_t* io, const soxr_quality_spec_t* quality,
+                          const soxr_runtime_spec_t* runtime);
+soxr_error_t __real_soxr_process(soxr_t state, soxr_in_t in, std::size_t in_count, std::size_t* taken, soxr_out_t out,
+                                 std::size_t capacity, std::size_t* given);
+FILE* __real_fopencookie(void* cookie, const char* mode, cookie_io_functions_t functions);
+locale_t __real_newlocale(int mask, const char* name, locale_t base);
+
+soxr_t __wrap_soxr_create(double in_rate, double out_rate, unsigned channels, soxr_error_t* error,
+                          const soxr_io_spec_t* io, const soxr_quality_spec_t* quality,
+                          const soxr_runtime_spec_t* runtime) {
+    if (!failing_memory::fails_now())
+        return __real_soxr_create(in_rate, out_rate, channels, error, io, quality, runtime);
+    *error = "no memory";
+    return nullptr;
+}
+
+soxr_error_t __wrap_soxr_process(soxr_t state, soxr_in_t in, std::size_t in_count, std::size_t* taken, soxr_out_t out,
+                                 std::size_t capacity, std::size_t* given) {
+    if (failing_memory::fails_now()) return "no memory";
+    return __real_soxr_process(state, in, in_count, taken, out, capacity, given);
+}
+
+FILE* __wrap_fopencookie(void* cookie, const char* mode, cookie_io_functions_t functions) {
+    return failing_memory::g_refuses_of_libc ? nullptr : __real_fopencookie(cookie, mode, functions);
+}
+
+locale_t __wrap_newlocale(int mask, const char* name, locale_t base) {
+    return failing_memory::g_refuses_of_libc ? nullptr : __real_newlocale(mask, name, base);
+}
+
+} // extern "C"
 // NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

@@ -1,9 +1,10 @@
-// The layer's memory, which a test may let fail: operator new, and new threads.
+// The layer's memory, which a test may let fail: operator new, soxr, and new threads.
 #pragma once
 
 namespace failing_memory {
 
-// From now on the n-th allocation of the layer fails, counted from 1; 0: none does.
+// From now on the n-th allocation of the layer fails, counted from 1; 0: none does. Each call into soxr that may need
+// memory counts as one.
 void fail(int n);
 
 // How many there were since then.
@@ -14,6 +15,9 @@ int live();
 
 // The next thread cannot be had.
 void refuse_next_thread();
+
+// While it is so, the C library has neither streams of the caller's own nor locales.
+void refuse_of_libc(bool refuse);
 
 // While one lives, what the calling thread allocates is the layer's. On other threads it always is.
 class in_layer {

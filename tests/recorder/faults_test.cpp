@@ -18,6 +18,7 @@ constexpr std::size_t first_read = 960;
 // What came of a list, a recording, and its end.
 struct journey {
     wrapper_audio_status list = WRAPPER_AUDIO_OK;
+    wrapper_audio_status found = WRAPPER_AUDIO_UNKNOWN_DEVICE;
     std::size_t devices = 0;
     wrapper_audio_status created = WRAPPER_AUDIO_OK;
     wrapper_audio_status opened = WRAPPER_AUDIO_INVALID_STATE;
@@ -27,6 +28,7 @@ struct journey {
     uint64_t samples = 0;
     std::string reason;
     std::string line;
+    std::string english;
 };
 
 class recorder_faults : public with_recorder {
@@ -70,6 +72,10 @@ protected:
         wrapper_audio_device_list* list = nullptr;
         seen.list = layer([&] { return wrapper_audio_device_list_create(&list); });
         seen.devices = wrapper_audio_device_list_count(list);
+        std::size_t index = 0;
+        char copied[1000] = "";
+        if (list != nullptr)
+            seen.found = layer([&] { return wrapper_audio_device_list_find(list, "nobody's", &index, copied, 1000); });
         layer([&] { wrapper_audio_device_list_free(list); });
         seen.created = layer([&] { return wrapper_audio_recorder_create(&recorder, &options_); });
         if (recorder == nullptr) return seen;
@@ -87,11 +93,13 @@ protected:
             EXPECT_TRUE(no_device_is_held());
         }
         captured_ = info().captured;
-        char copied[1000] = "";
         layer([&] { return wrapper_audio_recorder_get_text(recorder, WRAPPER_AUDIO_TEXT_REASON, copied, 1000); });
         seen.reason = copied;
         layer([&] { return wrapper_audio_recorder_get_text(recorder, WRAPPER_AUDIO_TEXT_LOG_LINE, copied, 1000); });
         seen.line = copied;
+        const char* const line = "[audio_wrapper] list_devices: 12 устройств\n";
+        layer([&] { return wrapper_audio_log_in_english(line, copied, 1000); });
+        seen.english = copied;
         return seen;
     }
 
@@ -99,6 +107,7 @@ protected:
     void expect_good_calls() {
         failing_memory::fail(0);
         world().faults.clear();
+        world().results.clear();
         const in_layer here;
         if (recorder == nullptr) {
             ASSERT_EQ(wrapper_audio_recorder_create(&recorder, &options_), WRAPPER_AUDIO_OK);
@@ -241,9 +250,11 @@ TEST_F(recorder_faults, of_every_allocation_are_survived) {
             failing_memory::fail(0);
             const auto fitting = AnyOf(WRAPPER_AUDIO_OK, WRAPPER_AUDIO_OUT_OF_MEMORY);
             EXPECT_THAT(seen.list, fitting);
+            EXPECT_THAT(seen.found, AnyOf(WRAPPER_AUDIO_UNKNOWN_DEVICE, WRAPPER_AUDIO_OUT_OF_MEMORY));
             EXPECT_THAT(seen.created, fitting);
             if (seen.created == WRAPPER_AUDIO_OK) {
                 EXPECT_THAT(seen.opened, fitting);
+                EXPECT_THAT(seen.english, AnyOf("", "devices listed: 12"));
             }
             if (seen.opened == WRAPPER_AUDIO_OK) {
                 EXPECT_THAT(seen.read, fitting);
@@ -257,6 +268,64 @@ TEST_F(recorder_faults, of_every_allocation_are_survived) {
         std::printf("%d allocations failed\n", n - 1);
         EXPECT_GT(n, 30);
     }
+}
+
+// The reason may be lost, but not that it failed.
+TEST_F(recorder_faults, of_every_allocation_are_survived_where_a_device_refuses) {
+    good_run(0.0F);
+    bool was_met = true;
+    int lost = 0;
+    for (int n = 1; was_met && !HasFailure(); ++n) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        begin(0.0F);
+        world().results["Pa_OpenStream"] = {paDeviceUnavailable, paDeviceUnavailable, paDeviceUnavailable};
+        // A back end leaves a line unfinished, which ends with the call, and needs memory then.
+        world().entering = [](const std::string& function) {
+            if (function == "Pa_Terminate") std::fputs("thirty characters without end.", stderr);
+        };
+        failing_memory::fail(n);
+        const journey seen = run();
+        was_met = failing_memory::allocations() >= n;
+        failing_memory::fail(0);
+        world().entering = nullptr;
+        if (seen.created == WRAPPER_AUDIO_OK) {
+            EXPECT_THAT(seen.opened, AnyOf(WRAPPER_AUDIO_DEVICE_REFUSED, WRAPPER_AUDIO_OUT_OF_MEMORY));
+            lost += seen.opened == WRAPPER_AUDIO_OUT_OF_MEMORY ? 1 : 0;
+        }
+        if (!was_met) {
+            EXPECT_EQ(seen.opened, WRAPPER_AUDIO_DEVICE_REFUSED);
+            EXPECT_THAT(seen.reason, testing::StartsWith("Host:A did not open: "));
+            EXPECT_THAT(take_log(), testing::HasSubstr("\nthirty characters without end.\n"));
+        }
+        expect_good_calls();
+        expect_nothing_left();
+    }
+    EXPECT_GT(lost, 0);
+}
+
+using without_libc = with_recorder;
+
+// What the layer has of the C library, it has once in a process: so in a process of its own.
+TEST_F(without_libc, lines_of_the_core_reach_the_host_and_letters_beyond_ascii_differ_in_case) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto run = [&] {
+        world().devices = {device{"\u00C4rger A"}};
+        failing_memory::refuse_of_libc(true);
+        wrapper_audio_device_list* list = nullptr;
+        std::size_t index = 99;
+        const auto found = [&](const char* wanted) {
+            return wrapper_audio_device_list_find(list, wanted, &index, nullptr, 0) == WRAPPER_AUDIO_OK;
+        };
+        const bool opens = wrapper_audio_recorder_create(&recorder, nullptr) == WRAPPER_AUDIO_OK &&
+                           wrapper_audio_recorder_open(recorder, nullptr) == WRAPPER_AUDIO_OK &&
+                           world().log.starts_with("[audio_wrapper] ");
+        wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
+        const bool finds =
+            wrapper_audio_device_list_create(&list) == WRAPPER_AUDIO_OK && found("RGER a") && !found("\u00E4rger");
+        wrapper_audio_device_list_free(list);
+        std::exit(opens && finds ? 0 : 1);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(recorder_faults, of_a_thread_that_cannot_be_had_are_survived) {

@@ -11,10 +11,11 @@ function(add_recording_test name)
 endfunction()
 
 add_recording_test(recorder_devices device_list_test.cpp opening_test.cpp recording_arguments_test.cpp)
-add_recording_test(recorder_reading reading_test.cpp hanging_test.cpp)
+add_recording_test(recorder_reading reading_test.cpp hanging_test.cpp late_host_test.cpp)
 add_recording_test(recorder_threads threads_test.cpp)
 
 # Its allocations and its new threads fail as the test tells them to; see failing_memory.h.
 add_recording_test(recorder_faults faults_test.cpp failing_memory.cpp)
 target_link_options(recorder_faults PRIVATE
+  -Wl,--wrap=soxr_create,--wrap=soxr_process,--wrap=fopencookie,--wrap=newlocale
   -Wl,--wrap=_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE)

@@ -93,11 +93,12 @@ private:
     const double rate_;
 };
 
-// The sentence, followed by PortAudio's own message from the core's line.
+// The sentence, followed by PortAudio's own message from the core's line. The core's warning that it uses another device
+// has no such message, but it has the id, in which there may be anything.
 std::string with_words(const std::string& sentence, const std::string& log_line) {
     const std::string english = log::in_english(log_line);
     const std::size_t words = english.find(": ");
-    if (words == std::string::npos) return sentence;
+    if (words == std::string::npos || log_line.starts_with("[audio_wrapper] WARN ")) return sentence;
     return sentence + english.substr(words);
 }
 
@@ -114,7 +115,7 @@ audio_system_lock::audio_system_lock(std::chrono::milliseconds patience) {
     ownership& owned = audio_system_ownership();
     std::unique_lock hold{owned.mutex};
     if (!owned.given_back.wait_for(hold, patience, [&] { return owned.is_free(); }))
-        throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a call into it has not "
+        throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not respond: a call into it has not "
                                                         "returned"};
     owned.taken = true;
 }
@@ -130,7 +131,7 @@ audio_system::audio_system() {
     const PaError error = Pa_Initialize();
     if (error != paNoError)
         throw failure{WRAPPER_AUDIO_NO_AUDIO_SYSTEM,
-                      "PortAudio does not start: " + valid_utf8(text_or(Pa_GetErrorText(error), "it tells no reason"))};
+                      "PortAudio does not start: " + valid_utf8(text_or(Pa_GetErrorText(error), "no reason given"))};
 }
 
 namespace {
@@ -242,7 +243,7 @@ microphone::microphone(const std::string& id, int32_t best_rate, log::scope& log
 bool microphone::open(int32_t rate, const log::scope& log) {
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(device_.index);
     if (info == nullptr)
-        throw failure{WRAPPER_AUDIO_DEVICE_REFUSED, "PortAudio does not know " + valid_utf8(device_.id) + " any more"};
+        throw failure{WRAPPER_AUDIO_DEVICE_REFUSED, "PortAudio no longer knows " + valid_utf8(device_.id)};
     {
         table_entry entry{info};
         std::string unique_name;

@@ -146,7 +146,7 @@ void capture::open() {
     if (!changed_.wait_for(hold, patience, is_over)) {
         stop_requested_ = true;
         leave_behind();
-        throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not answer: a device has not opened "
+        throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, "the audio system does not respond: a device has not opened "
                                                         "within 10 seconds"};
     }
     if (thread_gone_) join(hold);

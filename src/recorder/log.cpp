@@ -50,7 +50,7 @@ struct translation {
 
 // What follows the beginning of a line is the same in both languages: PortAudio's message and numbers.
 constexpr translation translations[] = {
-    {"[audio_wrapper] WARN device_id ", "the default input device is taken, because no device has the id ",
+    {"[audio_wrapper] WARN device_id ", "the default input device is used, because no device has the id ",
      " не найден, fallback на default input"},
     {"[audio_wrapper] Pa_Initialize ОШИБКА: ", "PortAudio does not start: "},
     {"[audio_wrapper] rnnoise_create ОШИБКА", "there is no memory for the noise suppression"},
@@ -62,7 +62,7 @@ constexpr translation translations[] = {
     {"[audio_wrapper] arm: микрофон свободен до open", "the device stays free until it is opened"},
     {"[audio_wrapper] open: микрофон захвачен", "the device was opened"},
     {"[audio_wrapper] release_stream: микрофон отпущен, ctx остаётся armed",
-     "the device was given back, and can be opened again"},
+     "the device was released and can be opened again"},
     {"[audio_wrapper] Запись остановлена", "the device was stopped"},
     {"[audio_wrapper] Ресурсы освобождены", "everything was released"},
     {"[audio_wrapper] Pa_ReadStream ОШИБКА: ", "reading from the device failed: "},
@@ -71,7 +71,7 @@ constexpr translation translations[] = {
     {"[audio_wrapper] meter_open: нет устройства ввода", no_input_device},
     {"[audio_wrapper] meter_open: open_input_stream ОШИБКА: ", "the device did not open: "},
     {"[audio_wrapper] meter_open device=", "a meter was opened: device="},
-    {"[audio_wrapper] meter_read Pa_ReadStream ОШИБКА: ", "reading from the device failed, which is told only once: ",
+    {"[audio_wrapper] meter_read Pa_ReadStream ОШИБКА: ", "reading from the device failed (reported only once): ",
      " (далее подавляется)"},
     {"[audio_wrapper] meter_close", "the meter was closed"},
     {"[dsp] soxr недоступен, используется linear interpolation", "rates are converted by linear interpolation"},

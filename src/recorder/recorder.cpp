@@ -16,9 +16,9 @@ using namespace recorder;
 const char* wrapper_audio_status_text(int32_t status) noexcept {
     switch (status) {
     case WRAPPER_AUDIO_OK:
-        return "everything is fine";
+        return "the call succeeded";
     case WRAPPER_AUDIO_TIMEOUT:
-        return "the time ran out before everything had come";
+        return "the timeout expired before all samples had arrived";
     case WRAPPER_AUDIO_STOPPED:
         return "the recording was stopped";
     case WRAPPER_AUDIO_INVALID_ARGUMENT:
@@ -44,7 +44,7 @@ const char* wrapper_audio_status_text(int32_t status) noexcept {
     case WRAPPER_AUDIO_NO_DATA:
         return "the device is open but delivers no sound";
     case WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK:
-        return "the audio system does not answer";
+        return "the audio system does not respond";
     default:
         return "unknown status";
     }

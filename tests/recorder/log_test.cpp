@@ -378,7 +378,7 @@ TEST(english, is_there_for_every_line_of_the_core) {
 
 TEST(english, by_hand) {
     EXPECT_EQ(in_english("[audio_wrapper] WARN device_id 'ALSA:x' не найден, fallback на default input\n"),
-              "the default input device is taken, because no device has the id 'ALSA:x'");
+              "the default input device is used, because no device has the id 'ALSA:x'");
     EXPECT_EQ(in_english("[audio_wrapper] open_input_stream ОШИБКА: Device unavailable (rate=48000)\n"),
               "the device did not open: Device unavailable (rate=48000)");
     EXPECT_EQ(in_english("[audio_wrapper] нет устройства ввода (resolve → paNoDevice)\n"), "there is no input device");

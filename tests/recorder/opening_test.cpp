@@ -105,6 +105,25 @@ TEST_F(opening, takes_a_device_with_a_name_of_any_bytes) {
     EXPECT_THAT(take_log(), Not(HasSubstr("WARN"))) << "the core took the default device";
 }
 
+TEST_F(opening, says_no_more_than_that_when_the_core_would_use_another_device) {
+    world().devices = {device{"A"}, device{"X: \xFF"}};
+    create({});
+    forget();
+    EXPECT_EQ(open("Host:X: \xFF"), WRAPPER_AUDIO_OK);
+    EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK);
+    const auto& calls = world().journal;
+    // The core searches once it has its denoiser.
+    const auto at =
+        static_cast<std::size_t>(std::find(calls.begin(), calls.end(), "rnnoise_create") - calls.begin()) + 1;
+    ASSERT_LT(at, calls.size());
+    ASSERT_EQ(calls[at], "Pa_GetDeviceCount");
+    forget();
+    world().faults[at] = 0;
+    EXPECT_EQ(open("Host:X: \xFF"), WRAPPER_AUDIO_DEVICE_REFUSED);
+    EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_REASON), "Host:X: \uFFFD did not open");
+    EXPECT_THAT(text(WRAPPER_AUDIO_TEXT_LOG_LINE), HasSubstr("WARN"));
+}
+
 TEST_F(opening, takes_a_device_of_an_unknown_host_api) {
     world().devices = {device{"A"}, device{.name = "B", .host_api = 5}};
     record({}, "?:B");

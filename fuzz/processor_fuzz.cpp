@@ -22,6 +22,7 @@ struct made {
     processor handle;
     bool valid = true;
     bool is_voice = false;
+    float ceiling = INFINITY; // of the output's magnitude
     wrapper_audio_voice_options voice{};
 };
 
@@ -37,9 +38,9 @@ made make(script& bytes) {
     made result;
     wrapper_audio_processor* handle = nullptr;
     wrapper_audio_status status = WRAPPER_AUDIO_OK;
-    const unsigned kind = bytes.below(5);
+    const unsigned kind = bytes.below(6);
     const auto rate = bytes.usual(rates);
-    if (kind > 2) {
+    if (kind > 3) {
         wrapper_audio_voice_options& voice = result.voice;
         voice.in_rate = rate;
         voice.out_rate = bytes.usual(rates);
@@ -61,7 +62,9 @@ made make(script& bytes) {
             result.valid =
                 is_rate(rate) && one > 0.0F && static_cast<double>(one) < rate / 2.0 && two >= 0.05F && two <= 50.0F;
         } else {
-            status = wrapper_audio_gain_control_create(&handle, rate, one, two);
+            const auto create = kind == 2 ? wrapper_audio_gain_control_create : wrapper_audio_limiter_create;
+            status = create(&handle, rate, one, two);
+            if (kind == 3) result.ceiling = std::pow(10.0F, one / 20.0F);
             result.valid = is_rate(rate) && one >= -60.0F && one <= 0.0F && two >= 0.0F && two <= 60000.0F;
         }
     }
@@ -143,6 +146,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         for (std::size_t i = 0; i < told; ++i)
             require(probabilities[i] >= 0.0F && probabilities[i] <= 1.0F, "a probability is one");
     }
+    for (const float sample : out)
+        require(std::abs(sample) <= made.ceiling || made.ceiling == INFINITY, "a limiter limits",
+                std::to_string(sample));
     const std::vector<float> again = run(handle, in, bytes, false);
     require(out.size() == again.size() && (out.empty() || std::memcmp(out.data(), again.data(), out.size() * 4) == 0),
             "the pieces make no difference");

@@ -77,7 +77,7 @@ class ServerTest:
 
     def record(self, device, denoise, seconds):
         facts = self.facts(self.start(device, denoise, seconds), seconds + 20)
-        self.assertEqual((facts["status"], facts["dropped"], facts["stopped"]), (0, 0, 0), facts)
+        self.assertEqual((facts["status"], facts["stopped"]), (0, 0), facts)
         return numpy.fromfile(self.file, numpy.float32), facts
 
     def play(self, samples):
@@ -85,18 +85,32 @@ class ServerTest:
         return self.server.play(self.wav)
 
     def check_every_sample(self, device, seconds):
+        """A machine that is busy for a moment loses sound before it reaches the library: one of three times is enough."""
+        for _ in range(3):
+            amiss = self.samples_amiss(device, seconds)
+            if not amiss:
+                return
+            print(f"{type(self).__name__}: {amiss}")
+        self.fail(amiss)
+
+    def samples_amiss(self, device, seconds):
         """Noise, of which no piece is like another: a sample amiss puts all that follow out of step."""
         spoken = numpy.random.default_rng(1).integers(-8000, 8000, RATE * (seconds + 6))
-        self.play(spoken)
+        player = self.play(spoken)
         self.start_reference()
-        heard, _ = self.record(device(), 0, seconds)
-        heard = heard[RATE // 2 :]  # the first sound of a server may be what it had before the player
+        facts = self.facts(self.start(device(), 0, seconds), seconds + 20)
+        player.kill()
+        player.wait()
+        self.assertEqual((facts["status"], facts["stopped"]), (0, 0), facts)
+        heard = numpy.fromfile(self.file, numpy.float32)[RATE // 2 :]  # the first may be from before the player
         spoken = self.reference(spoken / 32768)
         expected = self.expected(heard, spoken, delay_of(heard[:RATE], spoken))
         self.assertEqual(len(expected), len(heard), "the sound begins too late")
         # The last bit may differ: the core rounds toward zero, servers have scales of their own.
         amiss = numpy.flatnonzero(numpy.abs(heard - expected) > 3 / 32768)
-        self.assertLessEqual(len(amiss), self.tolerance, f"of {len(heard)}, the first are {amiss[:5]}")
+        if facts["dropped"] == 0 and len(amiss) <= self.tolerance:
+            return None
+        return f"{len(amiss)} of {len(heard)} samples are amiss from {amiss[:1]} on, {facts['dropped']:.0f} reported as lost"
 
     tolerance = 0  # samples
 
@@ -115,9 +129,11 @@ class ServerTest:
         self.play(numpy.tile(speech, 7))
         for denoise in 0, 1:
             heard, facts = self.record(device(), denoise, 13)
-            if not heard.any():  # PipeWire's PulseAudio server (0.3.65) gives a new stream only zeros now and then
+            # PipeWire's PulseAudio server (0.3.65) gives a new stream only zeros now and then; a busy machine loses sound.
+            if not heard.any() or facts["dropped"] > 0:
                 self.play(numpy.tile(speech, 7))
                 heard, facts = self.record(device(), denoise, 13)
+            self.assertEqual(facts["dropped"], 0, facts)
             heard = heard[-len(speech) :]  # all of it, in a circle
             heard = numpy.roll(heard, delay_of(heard, speech / 32768))
             # By the noisy sound: where nobody speaks, and where somebody does.

@@ -158,7 +158,7 @@ TEST_F(late_host, is_told_the_levels_of_everything_that_waited) {
     microphone.keeps_time = true;
     microphone.hang_after(0);
     record({.rate = 8000, .buffer_ms = 5000});
-    deliver(167 * 240);
+    deliver(uint64_t{167} * 240);
     for (int i = 0; i < 500; ++i) {
         const reading got = read(80);
         ASSERT_EQ(got.status, WRAPPER_AUDIO_OK);

@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -363,7 +364,8 @@ TEST(english, is_there_for_every_line_of_the_core) {
         ASSERT_EQ(line.find('%'), std::string::npos) << line;
         ASSERT_EQ(line.back(), '\n') << line;
         const std::string english = in_english(line);
-        EXPECT_FALSE(english.empty()) << line;
+        ASSERT_FALSE(english.empty()) << line;
+        EXPECT_TRUE(std::isalpha(english.front())) << english;
         EXPECT_TRUE(std::all_of(english.begin(), english.end(), [](char c) { return c >= ' ' && c <= '~'; }))
             << line << english;
         EXPECT_EQ(english.find("audio_wrapper"), std::string::npos) << english;

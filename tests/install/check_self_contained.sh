@@ -160,9 +160,8 @@ else
 fi
 
 mkdir "$folder/again"
-(umask 077 && TZ=Asia/Tokyo LC_ALL=C SOURCE_DATE_EPOCH=$(dpkg-parsechangelog \
-  --file "$source/cmake/packages/changelog" --show-field Timestamp) \
-  "$source/cmake/packages/self_contained.sh" "$packages" "$folder/again") >/dev/null 2>&1 || fail "it is not made again"
+(umask 077 && TZ=Asia/Tokyo LC_ALL=C "$source/cmake/packages/self_contained.sh" "$packages" "$folder/again") \
+  >"$folder/log" 2>&1 || { cat "$folder/log"; fail "it is not made again"; }
 for file in "$name.tar.gz" "$wheel" "wrapper-audio-$version.tgz" "wrapper-audio-linux-$node_machine-$version.tgz"; do
   cmp "$packages/$file" "$folder/again/$file" || fail "$file is another one when it is made again"
 done

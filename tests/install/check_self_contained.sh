@@ -148,7 +148,9 @@ cmp "$folder/alone" "$folder/in_company"
 echo "ok: the wheel beside the system's libraries hears what the program hears"
 
 # On servers: PipeWire's plug-in brings libraries of its own, and JACK's library is the system's.
-HOST=$tarball/bin/wrapper-audio SCRIPTED_MICROPHONE='' python3 -B "$source/tests/tool/servers_test.py" \
+# shellcheck disable=SC2046
+c++ -std=c++20 "$source/tests/servers/jack_play.cpp" $(pkg-config --cflags --libs jack sndfile) -o "$folder/jack_play"
+HOST=$tarball/bin/wrapper-audio SCRIPTED_MICROPHONE='' JACK_PLAY=$folder/jack_play python3 -B "$source/tests/tool/servers_test.py" \
   Jack.test_it_records_and_denoises_the_sound_that_is_played PipeWire.test_it_records_and_denoises_in_real_time \
   >"$folder/log" 2>&1 || { cat "$folder/log"; fail "the program on sound servers"; }
 if grep -q skipped= "$folder/log"; then

@@ -14,6 +14,7 @@ case $machine in
   aarch64) node_machine=arm64 ;;
   *) node_machine=$machine ;;
 esac
+epoch=$(dpkg-parsechangelog --file "$source/cmake/packages/changelog" --show-field Timestamp)
 umask 022
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
@@ -107,7 +108,7 @@ chmod -R u=rwX,go=rX "$tarball"
 
 # The same files make the same archive, to the byte.
 pack() { # name of the archive, tar's options and arguments...
-  tar --sort=name --mtime="@$SOURCE_DATE_EPOCH" --owner=0 --group=0 --numeric-owner -c "${@:2}" |
+  tar --sort=name --mtime="@$epoch" --owner=0 --group=0 --numeric-owner -c "${@:2}" |
     gzip --best --no-name >"$result/$1"
 }
 pack "$name.tar.gz" -C "$stage" "$name"

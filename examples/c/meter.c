@@ -15,7 +15,8 @@
 #include <unistd.h>
 #include <wrapper_audio_recorder.h>
 
-enum { READ_MS = 30, RATE = 16000, READ = RATE * READ_MS / 1000, WIDTH = 30, FLOOR_DB = -60 };
+enum { READ_MS = 30, RATE = 16000, READ = RATE * READ_MS / 1000, WIDTH = 30 };
+static const double floor_db = -60;
 
 static volatile sig_atomic_t interrupted;
 
@@ -28,13 +29,13 @@ static void interrupt(int signal)
 /* Linear level to dB relative to full scale. Silence has no logarithm and is shown as the floor. */
 static double decibels(float level)
 {
-    const double db = level > 0 ? 20 * log10((double)level) : FLOOR_DB;
-    return db < FLOOR_DB ? FLOOR_DB : db;
+    const double db = level > 0 ? 20 * log10((double)level) : floor_db;
+    return db < floor_db ? floor_db : db;
 }
 
 static int column(double db)
 {
-    return (int)lround((db - FLOOR_DB) * WIDTH / -FLOOR_DB);
+    return (int)lround((db - floor_db) * (double)WIDTH / -floor_db);
 }
 
 /* The bar is the RMS, which is what you hear; the mark is the peak, which is what clips. */

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <stdexcept>
@@ -35,11 +36,11 @@ bool take_units(std::string_view text, double& seconds) {
     seconds = 0;
     for (std::string_view units = "hms"; !text.empty();) {
         double number = 0;
-        if (text.front() == '-' || !take_number(text, number)) return false;
+        if (text.starts_with('-') || !take_number(text, number)) return false;
         const char unit = text.empty() ? 's' : text.front();
         const std::size_t at = units.find(unit);
         if (at == std::string_view::npos) return false;
-        if (!text.empty()) text.remove_prefix(1);
+        text.remove_prefix(std::min<std::size_t>(1, text.size()));
         units.remove_prefix(at + 1); // the next one is smaller
         seconds += number * (unit == 'h' ? 3600 : unit == 'm' ? 60 : 1);
     }

@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -64,7 +66,7 @@ int main(int argc, char** argv) {
     std::puts("ready");
     std::fflush(stdout);
     while (argc == 2 && !self.ended)
-        usleep(20000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     jack_client_close(client);
     return 0;
 }

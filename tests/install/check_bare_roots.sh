@@ -106,7 +106,10 @@ inside "$folder/tarball" "$program" doctor >"$folder/log" 2>&1 || { cat "$folder
 check_without_libasound tarball 'libasound\.so\.2' "$program" devices
 
 # ---- The wheel
-make_root python python3-venv "$libasound"
+make_root python python3-venv ca-certificates "$libasound"
+# The script of ca-certificates would do this; pip wants the file even if it asks nobody.
+mkdir -p "$folder/python/etc/ssl/certs"
+cat "$folder"/python/usr/share/ca-certificates/*/*.crt >"$folder/python/etc/ssl/certs/ca-certificates.crt"
 cp "$packages"/*.whl "$folder/python"
 inside "$folder/python" python3 -m venv /environment >"$folder/log" 2>&1 || { cat "$folder/log"; fail "venv"; }
 wheel=$(cd "$packages" && printf '%s' *.whl)

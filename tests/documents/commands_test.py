@@ -104,7 +104,7 @@ class Checkout:
                                    start_new_session=True)
         endless = command in ENDLESS
         try:
-            output, _ = process.communicate(timeout=2 if endless else 600)
+            output, _ = process.communicate(timeout=2 if endless else 1200)
         except subprocess.TimeoutExpired:
             os.killpg(process.pid, signal.SIGINT if endless else signal.SIGKILL)
             output, _ = process.communicate(timeout=20)

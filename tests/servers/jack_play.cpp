@@ -29,7 +29,7 @@ int play(jack_nframes_t count, void* arg) {
     auto* const out = static_cast<float*>(jack_port_get_buffer(self.port, count));
     const std::size_t rest = std::min<std::size_t>(count, self.samples.size() - self.at);
     std::copy_n(self.samples.data() + self.at, rest, out);
-    std::fill_n(out + rest, count - rest, 0.0f);
+    std::fill_n(out + rest, count - rest, 0.0F);
     self.at += rest;
     if (rest == 0) self.ended = true;
     return 0;

@@ -113,7 +113,7 @@ class Recording(HostTest):
 
     def test_denoising_that_does_not_happen_is_told_even_when_quiet(self):
         self.listen_to(SPEECH)
-        for arguments in ["--denoise=0"], ["--denoise", "--strength", 0, "--quiet"]:
+        for arguments in ["--denoise", "--denoise=0"], ["--denoise", "--strength", 0, "--quiet"]:
             code, _, errors = self.record(*arguments, "--seconds", 1, self.file)
             self.assertEqual((code, errors), (FINE, "wrapper-audio: nothing is denoised\n"))
         self.assertEqual(self.record("--denoise", "--quiet", "--seconds", 1, self.file), (FINE, "", ""))

@@ -117,7 +117,7 @@ void parser::add_voice(CLI::App* command, voice_options& voice) {
                                          : value_of("--denoise", voice.denoise, parse_share)(texts);
         },
         "suppress noise; --denoise=0.5 removes half of it");
-    denoise->expected(0);
+    denoise->expected(0)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     command
         ->add_option("--strength", value_of("--strength", voice.denoise, parse_share),
                      "with --denoise: how much of the noise to remove, 0 to 1; default: 1")
@@ -257,10 +257,10 @@ std::size_t distance(const std::string& one, const std::string& other) {
 
 /** "; did you mean '--rate'?", or nothing when no word is near. */
 std::string suggestion(const std::string& word, const std::vector<std::string>& words) {
-    const auto nearest = std::min_element(words.begin(), words.end(), [&](const auto& one, const auto& other) {
-        return distance(word, one) < distance(word, other);
+    const auto nearest = std::min_element(words.begin(), words.end(), [&](const auto& left, const auto& right) {
+        return distance(left, word) < distance(right, word);
     });
-    const bool is_near = nearest != words.end() && distance(word, *nearest) <= (word.size() < 4 ? 1U : 2U);
+    const bool is_near = nearest != words.end() && distance(*nearest, word) <= (word.size() < 4 ? 1U : 2U);
     return is_near ? fmt::format("; did you mean '{}'?", *nearest) : "";
 }
 

@@ -27,7 +27,7 @@
 namespace {
 
 struct file_closer {
-    void operator()(std::FILE* open) const { std::fclose(open); }
+    void operator()(std::FILE* open) const { static_cast<void>(std::fclose(open)); } // nothing was written
 };
 using open_file = std::unique_ptr<std::FILE, file_closer>;
 
@@ -59,7 +59,7 @@ bool is_cut_short(int wav) {
 class source {
 public:
     explicit source(const process_options& wanted)
-        : name(wanted.in == "-" ? "standard input" : printable(wanted.in)), channel(wanted.channel) {
+        : name_(wanted.in == "-" ? "standard input" : printable(wanted.in)), channel(wanted.channel) {
         if (wanted.raw_rate) {
             info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
             info.samplerate = *wanted.raw_rate;
@@ -68,25 +68,25 @@ public:
         if (wanted.in == "-" && isatty(STDIN_FILENO) == 1)
             throw failure(usage, "sound is not read from a terminal: name a file, or send it through a pipe");
         open_file descriptor(wanted.in == "-" ? fdopen(dup(STDIN_FILENO), "rb") : std::fopen(wanted.in.c_str(), "rbe"));
-        if (!descriptor) throw failure(file_trouble, fmt::format("cannot read {}: {}", name, std::strerror(errno)));
+        if (!descriptor) throw failure(file_trouble, fmt::format("cannot read {}: {}", name_, std::strerror(errno)));
         struct stat kind {};
         fstat(fileno(descriptor.get()), &kind);
-        if (S_ISDIR(kind.st_mode)) throw failure(file_trouble, name + " is a directory");
-        if (!S_ISREG(kind.st_mode)) descriptor = spooled(fileno(descriptor.get()), name);
+        if (S_ISDIR(kind.st_mode)) throw failure(file_trouble, name_ + " is a directory");
+        if (!S_ISREG(kind.st_mode)) descriptor = spooled(fileno(descriptor.get()), name_);
         cut_short = !wanted.raw_rate && is_cut_short(fileno(descriptor.get()));
         // By its name where it has one, from which libsndfile knows formats that have no header.
         file.reset(S_ISREG(kind.st_mode) && wanted.in != "-"
                        ? sf_open(wanted.in.c_str(), SFM_READ, &info)
                        : sf_open_fd(dup(fileno(descriptor.get())), SFM_READ, &info, SF_TRUE));
         if (!file)
-            throw failure(file_trouble, fmt::format("cannot read {}: {}{}", name, reason(),
+            throw failure(file_trouble, fmt::format("cannot read {}: {}{}", name_, reason(),
                                                     sf_error(nullptr) == SF_ERR_UNRECOGNISED_FORMAT
                                                         ? "; of raw samples --raw-rate tells the rate"
                                                         : ""));
         if (info.samplerate < 1 || info.channels < 1)
-            throw failure(file_trouble, fmt::format("cannot read {}: its header makes no sense", name));
+            throw failure(file_trouble, fmt::format("cannot read {}: its header makes no sense", name_));
         if (channel && *channel > info.channels)
-            throw failure(usage, fmt::format("--channel: {} has {} of them", name, info.channels));
+            throw failure(usage, fmt::format("--channel: {} has {} of them", name_, info.channels));
     }
 
     int rate() const { return info.samplerate; }
@@ -123,7 +123,7 @@ public:
     /** Of the channels before they were mixed. */
     float rms() const { return all_channels.rms(); }
 
-    const std::string name;
+    const std::string& name() const { return name_; }
 
 private:
     std::string reason() const {
@@ -136,6 +136,7 @@ private:
     struct closer {
         void operator()(SNDFILE* open) const { sf_close(open); }
     };
+    const std::string name_;
     const std::optional<int> channel;
     SF_INFO info{};
     std::unique_ptr<SNDFILE, closer> file;
@@ -204,9 +205,9 @@ processing::processing(const process_options& options)
     const float denoise = wanted.voice.denoise.value_or(0.0F);
     const bool has_voice = rate != in.rate() || denoise > 0;
     if ((has_voice || wanted.effects.any()) && (in.rate() < 100 || in.rate() > 768000))
-        throw failure(
-            file_trouble,
-            fmt::format("{} is at {} Hz, and only 100 to 768000 Hz can be converted or filtered", in.name, in.rate()));
+        throw failure(file_trouble,
+                      fmt::format("{} is at {} Hz, and only 100 to 768000 Hz can be converted or filtered", in.name(),
+                                  in.rate()));
     chain = effect_chain(wanted.effects, rate);
     if (has_voice) chain.begin_with({in.rate(), rate, denoise, 0, wanted.voice.conversion});
 }
@@ -239,7 +240,7 @@ exit_code processing::run() {
     const auto limit = static_cast<double>(sample_limit(format_of(wanted.out, wanted.output)));
     if (in.seconds() * rate > limit)
         throw failure(file_trouble, fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC holds more",
-                                                in.name, time_text(in.seconds()), rate));
+                                                in.name(), time_text(in.seconds()), rate));
     stop_on_signals();
     out = create_output(wanted.out, rate, wanted.output);
     progress bar;
@@ -256,7 +257,7 @@ exit_code processing::run() {
     report();
     if (const std::string reason = in.breaks_off(); !reason.empty() && !stop_requested())
         throw failure(input_breaks_off,
-                      fmt::format("{} breaks off after {}: {}", in.name,
+                      fmt::format("{} breaks off after {}: {}", in.name(),
                                   time_text(static_cast<double>(before.samples()) / in.rate()), reason));
     return fine;
 }
@@ -265,7 +266,7 @@ void processing::report() const {
     if (stop_requested()) console::note(fmt::format("stopped early; {} is not complete", printable(wanted.out)));
     if (in.spoilt_samples() > 0)
         console::note(
-            fmt::format("{} samples of {} were no numbers and count as silence", in.spoilt_samples(), in.name));
+            fmt::format("{} samples of {} were no numbers and count as silence", in.spoilt_samples(), in.name()));
     if (in.channels() > 1 && !wanted.channel) {
         console::note(fmt::format("{} channels were mixed to one", in.channels()));
         if (before.rms() < 0.1F * in.rms())
@@ -281,7 +282,7 @@ void processing::report() const {
                            decibel_text(measured.rms()), path);
     };
     const std::string text =
-        line("before", in.name, before, in.rate()) + line("after ", printable(wanted.out), after, rate);
+        line("before", in.name(), before, in.rate()) + line("after ", printable(wanted.out), after, rate);
     if (wanted.out == "-")
         console::write_all(STDERR_FILENO, text);
     else

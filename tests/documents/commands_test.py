@@ -35,6 +35,7 @@ ELSEWHERE = {
     r"pip install wrapper_audio-.*whl": ("tests/install/check_bare_roots.sh", "pip install"),
     r"npm install (\./wrapper-audio-\S*tgz ?)+": ("tests/install/check_bare_roots.sh", "npm install"),
     r"cmake --preset tsan .*": ("scripts/test", "tsan"),
+    r"ctest --preset release -R '\^servers'.*": ("scripts/test", 'ctest --preset "$variant"'),
 }
 # The hosts in other languages are run by their own test, which takes them and their commands out of the document.
 HOSTS = re.compile(r"## A host in your language\n.*", re.DOTALL)

@@ -24,6 +24,7 @@ OF_THE_REGISTRY = sys.argv[2:] == ["registry"]
 # A command, the file that runs it or a shorter form of it, and what is said there.
 ELSEWHERE = {
     r"scripts/setup( run)?": ("scripts/run", "scripts/setup\" run"),
+    r"scripts/fetch-rnnoise": ("scripts/setup", "fetch-rnnoise"),
     r"scripts/setup test": ("scripts/test", "\nscripts/setup test\n"),
     r"scripts/test.*": (".ci/run", "scripts/test"),
     r"scripts/lint": ("scripts/test", "scripts/lint"),

@@ -337,6 +337,7 @@ default_access.properties["enable-flatpak-portal"] = false
         self.servers = [self.start("pipewire")]
         self.wait_for(lambda: (self.folder / "run/pipewire-0").exists(), "the server's socket")
         self.servers.append(self.start("wireplumber"))
+        (self.folder / "run/pulse").mkdir(mode=0o700)  # pactl makes it as well, and who comes second gives up
         self.servers.append(self.start("pipewire-pulse"))
         self.wait_for(lambda: self.output("pactl", "get-default-source") == "mic\n", "the microphone")
 

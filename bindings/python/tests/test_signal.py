@@ -83,7 +83,7 @@ class Streams(unittest.TestCase):
 
     def test_a_limiter_keeps_peaks_below_its_ceiling(self) -> None:
         loud = processed(Limiter(-6, rate=16000), sine(440, amplitude=0.9), [100])
-        self.assertAlmostEqual(max(map(abs, loud)), 10 ** (-6 / 20), delta=0.001)
+        self.assertAlmostEqual(max(abs(sample) for sample in loud), 10 ** (-6 / 20), delta=0.001)
         quiet = sine(440, amplitude=0.1)
         self.assertEqual(processed(Limiter(-6), quiet, [100]), list(quiet))
 

@@ -227,6 +227,7 @@ TEST_F(hanging_device, that_does_not_open_is_left_behind_once_by_an_open_and_a_s
     wrapper_audio_status opened = WRAPPER_AUDIO_OK;
     std::thread opener([&] { opened = wrapper_audio_recorder_open(recorder, nullptr); });
     place.wait_for_somebody();
+    ASSERT_TRUE(soon([] { return test_clock::waiting() == 1; })) << "its time runs from here";
     test_clock::skip(milliseconds(10500));
     std::thread stopper([&] { EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK); });
     ASSERT_TRUE(soon([] { return test_clock::waiting() == 2; }));

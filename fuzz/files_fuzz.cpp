@@ -120,18 +120,29 @@ std::vector<float> converted(const sound& in, const process_options& wanted, int
     return reference::linear_stream(in.mono, in.rate, rate);
 }
 
+// As each processor limits what it is given.
+void limit(std::vector<float>& samples) {
+    for (float& sample : samples)
+        sample = std::clamp(sample, -100.0F, 100.0F);
+}
+
 std::vector<std::int16_t> processed(const sound& in, const process_options& wanted) {
     const int rate = wanted.rate.value_or(in.rate);
     std::vector<float> samples = converted(in, wanted, rate);
     if (wanted.effects.depop) {
+        limit(samples);
         samples.insert(samples.begin(), 0.0F); // before the first sample there was silence
         samples = reference::depopped(samples, *wanted.effects.depop);
         samples.erase(samples.begin());
     }
-    if (wanted.effects.highpass)
+    if (wanted.effects.highpass) {
+        limit(samples);
         samples = reference::high_pass(wanted.effects.highpass->corner_hz, wanted.effects.highpass->q, rate)(samples);
+    }
     if (wanted.effects.agc) {
+        limit(samples);
         samples = in_blocks({wanted.effects.agc->target_db, wanted.effects.agc->release_ms}, samples, rate);
+        limit(samples);
         samples = reference::limited(samples, rate, -1.0F, 100.0F);
     }
     std::vector<std::int16_t> rounded;

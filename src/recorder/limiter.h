@@ -1,5 +1,5 @@
-// A look-ahead peak limiter. What a sample needs so as not to exceed the ceiling is known a look-ahead before it is given:
-// the gain falls to it in a straight line, and recovers exponentially.
+// A look-ahead peak limiter. What a sample needs so as not to exceed the ceiling is known a look-ahead before it is
+// given: the gain falls to it in a straight line, and recovers exponentially.
 #pragma once
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <utility>
 #include <vector>
 
 namespace recorder {
@@ -23,12 +24,14 @@ public:
     // Samples that go in before the first one comes out.
     std::size_t look_ahead() const { return look_ahead_; }
 
+    // Samples that have gone in.
+    uint64_t taken() const { return taken_; }
+
     // Takes a sample and gives the one a look-ahead before it.
     float process(float sample) {
-        const float given = samples_[at_];
-        const double gain = next_gain(sample);
-        samples_[at_] = sample;
-        at_ = (at_ + 1) % look_ahead_;
+        const std::size_t at = taken_++ % look_ahead_; // in the rings
+        const double gain = next_gain(sample, gains_[at]);
+        const float given = std::exchange(samples_[at], sample);
         return std::clamp(static_cast<float>(static_cast<double>(given) * gain), -ceiling_, ceiling_);
     }
 
@@ -38,13 +41,12 @@ public:
         sum_ = static_cast<double>(look_ahead_);
         gain_ = 1.0;
         needs_.clear();
-        at_ = 0;
-        now_ = 0;
+        taken_ = 0;
     }
 
 private:
-    // Gains are whole multiples of this: sums of them are exact, so that no error gathers in a running sum, and the gain
-    // returns to 1 and not only close to it.
+    // Gains are whole multiples of 1 / steps: sums of them are exact, so that no error gathers in a running sum, and the
+    // gain returns to 1 and not only close to it.
     static constexpr double steps = 1099511627776.0; // 2 to the 40th
 
     struct need {
@@ -52,20 +54,19 @@ private:
         double gain;
     };
 
-    double next_gain(float sample) {
-        ++now_;
-        if (!needs_.empty() && needs_.front().until < now_) needs_.pop_front();
+    // The mean of the newest gains, of which the oldest makes room for the next.
+    double next_gain(float sample, double& oldest) {
+        if (!needs_.empty() && needs_.front().until < taken_) needs_.pop_front();
         if (std::abs(sample) > ceiling_) {
             const double needed = static_cast<double>(ceiling_) / static_cast<double>(std::abs(sample));
             const double gain = std::floor(needed * steps) / steps;
             while (!needs_.empty() && needs_.back().gain >= gain)
                 needs_.pop_back();
-            needs_.push_back({now_ + look_ahead_, gain});
+            needs_.push_back({taken_ + look_ahead_, gain});
         }
         gain_ = std::min(1.0, std::ceil((gain_ + (1.0 - gain_) * recovery_) * steps) / steps);
         if (!needs_.empty()) gain_ = std::min(gain_, needs_.front().gain);
-        sum_ += gain_ - gains_[at_];
-        gains_[at_] = gain_;
+        sum_ += gain_ - std::exchange(oldest, gain_);
         return sum_ / static_cast<double>(look_ahead_);
     }
 
@@ -77,8 +78,7 @@ private:
     double sum_ = 0.0;           // of these
     double gain_ = 1.0;          // the newest of these
     std::deque<need> needs_;     // of samples in the look-ahead; each is less than those behind it
-    std::size_t at_ = 0;         // in the rings
-    uint64_t now_ = 0;
+    uint64_t taken_ = 0;
 };
 
 } // namespace recorder

@@ -175,23 +175,16 @@ public:
             push(0.0F, out);
         reset();
     }
-    void reset() override {
-        limiter_.reset();
-        filled_ = 0;
-    }
+    void reset() override { limiter_.reset(); }
     std::size_t delay() const override { return limiter_.look_ahead(); }
 
 private:
     void push(float sample, std::vector<float>& out) {
         const float given = limiter_.process(sample);
-        if (filled_ < limiter_.look_ahead())
-            ++filled_; // nothing waited yet
-        else
-            out.push_back(given);
+        if (limiter_.taken() > limiter_.look_ahead()) out.push_back(given);
     }
 
     limiter limiter_;
-    std::size_t filled_ = 0;
 };
 
 bool is_rate(int32_t rate) {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # What carries its libraries along, without installing it: what is in it, what it needs of the system, whether that makes
-# the same again, and whether it works in company. check_bare_roots.sh is about where it has no company at all. Exits with 77 where something could not be tried.
+# the same again, and whether it works in company. check_bare_roots.sh is about where it has no company at all. Exits with
+# 77 where something could not be tried.
 # Usage: check_self_contained.sh FOLDER   where scripts/package has put it
 set -euo pipefail
 packages=$(realpath "$1")

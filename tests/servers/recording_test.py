@@ -121,7 +121,8 @@ class ServerTest:
         self.assertEqual((facts["status"], facts["stopped"]), (0, 0), facts)
         heard = numpy.fromfile(self.file, numpy.float32)[RATE // 2 :]  # the first may be from before the player
         spoken = self.reference(spoken / 32768)
-        expected = self.expected(heard, spoken, delay_of(heard[:RATE], spoken))
+        delay = delay_of(heard[:RATE], spoken)
+        expected = spoken[delay : delay + len(heard)]
         self.assertEqual(len(expected), len(heard), "the sound begins too late")
         # The last bit may differ: the core rounds toward zero, servers have scales of their own.
         amiss = numpy.flatnonzero(numpy.abs(heard - expected) > 3 / 32768)
@@ -136,9 +137,6 @@ class ServerTest:
 
     def reference(self, spoken):
         return spoken
-
-    def expected(self, heard, spoken, start):
-        return spoken[start : start + len(heard)]
 
     def check_denoising(self, device):
         """Three times at most: what a busy machine loses puts speech where the pauses should be."""

@@ -69,12 +69,12 @@ class HostTest(unittest.TestCase):
 
     def start(self, *arguments, microphone=None, environment=None, **options):
         """Starts the host; `microphone` scripts the microphone, `environment` adds variables."""
-        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True, **options}
+        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
+        options = {**streams, "text": True, **options}
         process = subprocess.Popen(
             [HOST, *map(str, arguments)],
             cwd=self.folder,
             env={**self.environment(microphone), **(environment or {})},
-            stdin=subprocess.DEVNULL,
             **options,
         )
         self.addCleanup(self.end, process)
@@ -87,9 +87,12 @@ class HostTest(unittest.TestCase):
         process.communicate()
 
     def host(self, *arguments, **options):
-        """Returns (exit code, standard output, standard error)."""
+        """Returns (exit code, standard output, standard error). `input` is what comes in through a pipe."""
+        data = options.pop("input", None)
+        if data is not None:
+            options["stdin"] = subprocess.PIPE
         process = self.start(*arguments, **options)
-        output, errors = process.communicate(timeout=60)
+        output, errors = process.communicate(data, timeout=60)
         return process.returncode, output, errors
 
     def record(self, *arguments, **options):

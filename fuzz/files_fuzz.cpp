@@ -85,6 +85,12 @@ std::optional<sound> sound_in(const std::string& path) {
     return found;
 }
 
+// As each processor limits what it is given.
+void limit(std::vector<float>& samples) {
+    for (float& sample : samples)
+        sample = std::clamp(sample, -100.0F, 100.0F);
+}
+
 std::vector<float> in_blocks(reference::gain_control control, const std::vector<float>& in, int rate) {
     const auto length = static_cast<std::size_t>(std::max(1L, std::lround(rate / 100.0)));
     std::vector<float> out;
@@ -117,13 +123,9 @@ std::vector<float> converted(const sound& in, const process_options& wanted, int
     if (rate == in.rate && !denoises) return in.mono;
     if (denoises || wanted.voice.conversion == WRAPPER_AUDIO_CONVERSION_CLEAN)
         return in_one_call(in.mono, {in.rate, rate, wanted.voice.denoise.value_or(0.0F), 0, wanted.voice.conversion});
-    return reference::linear_stream(in.mono, in.rate, rate);
-}
-
-// As each processor limits what it is given.
-void limit(std::vector<float>& samples) {
-    for (float& sample : samples)
-        sample = std::clamp(sample, -100.0F, 100.0F);
+    std::vector<float> samples = in.mono;
+    limit(samples);
+    return reference::linear_stream(samples, in.rate, rate);
 }
 
 std::vector<std::int16_t> processed(const sound& in, const process_options& wanted) {

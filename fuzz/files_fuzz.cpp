@@ -44,6 +44,7 @@ namespace {
 // Longer sounds, going in or coming out, would only take time and disk space.
 constexpr std::int64_t most_samples = 300000;
 constexpr std::int64_t most_denoised = 48000;
+constexpr std::int64_t most_gains = 5000000; // in the look-aheads of the limiter's reference
 
 std::string folder;
 
@@ -61,8 +62,9 @@ bool too_long(const sound& in, const process_options& wanted) {
     const auto longest_at = [&](std::int64_t rate) {
         return std::max(std::ssize(in.mono), std::ssize(in.mono) * rate / in.rate);
     };
-    return longest_at(wanted.rate.value_or(in.rate)) > most_samples ||
-           (wanted.voice.denoise && longest_at(48000) > most_denoised);
+    const std::int64_t rate = wanted.rate.value_or(in.rate);
+    return longest_at(rate) > most_samples || (wanted.voice.denoise && longest_at(48000) > most_denoised) ||
+           (wanted.effects.agc && longest_at(rate) * (rate / 200) > most_gains);
 }
 
 // Nothing where libsndfile finds no sound file.

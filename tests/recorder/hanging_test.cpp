@@ -152,6 +152,8 @@ TEST_F(hanging_device, that_does_not_open_is_left_behind_after_10_seconds) {
     wrapper_audio_recorder* other = nullptr;
     ASSERT_EQ(wrapper_audio_recorder_create(&other, nullptr), WRAPPER_AUDIO_OK);
     ASSERT_EQ(wrapper_audio_recorder_open(other, "Host:B"), WRAPPER_AUDIO_OK);
+    wrapper_audio_recorder_info there{};
+    ASSERT_TRUE(soon([&] { return wrapper_audio_recorder_get_info(other, &there), there.available >= 4800; }));
     create({});
     hang_in("Pa_OpenStream");
     const auto before = now();

@@ -22,6 +22,17 @@ protected:
         microphone.hang_after(end);
         ASSERT_TRUE(has_captured(end));
     }
+
+    // The device goes on only once the host waits for it: before, there might be no room.
+    reading read_while_it_delivers(std::size_t count, uint64_t end) {
+        std::thread device([&] {
+            EXPECT_TRUE(soon([] { return test_clock::waiting() > 0; }));
+            microphone.hang_after(end);
+        });
+        const reading got = read(count);
+        device.join();
+        return got;
+    }
 };
 
 // Reads until the recording is over: sample by sample where each stands, and how many were lost.
@@ -47,8 +58,7 @@ TEST_F(late_host, loses_samples_of_a_device_and_learns_which) {
     EXPECT_EQ(first.block.dropped, 0U) << "the loss is behind it";
     EXPECT_EQ(info().dropped, 0U);
 
-    microphone.hang_after(16320 + 960);
-    const reading across = read(500);
+    const reading across = read_while_it_delivers(500, 16320 + 960);
     EXPECT_EQ(across.status, WRAPPER_AUDIO_OK);
     EXPECT_EQ(across.block.position, kept - 10);
     EXPECT_EQ(across.block.dropped, 16320 - kept);
@@ -96,8 +106,7 @@ TEST_F(late_host, learns_where_the_first_of_two_losses_was) {
     deliver(25920);
     const uint64_t stored = info().available - (kept - 1000);
     ASSERT_GT(stored, 0U);
-    microphone.hang_after(25920 + 960);
-    const reading across = read(kept - 1000 + stored + 100);
+    const reading across = read_while_it_delivers(kept - 1000 + stored + 100, 25920 + 960);
     EXPECT_EQ(across.status, WRAPPER_AUDIO_OK);
     EXPECT_EQ(across.block.position, 1000U);
     EXPECT_EQ(across.block.dropped, 25920 - kept - stored) << "both";

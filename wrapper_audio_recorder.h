@@ -116,7 +116,8 @@ typedef struct wrapper_audio_device {
     const char *id;          /**< what wrapper_audio_recorder_open() takes: bytes in any encoding, unique within the
                                   list */
     const char *name;        /**< for display: valid UTF-8 without control characters */
-    const char *host_api;    /**< the audio API it belongs to, such as "ALSA"; valid UTF-8 */
+    const char *host_api;    /**< the audio API it belongs to, such as "ALSA", or the sound server: "PulseAudio" or
+                                  "PipeWire"; valid UTF-8 */
     int32_t default_rate;    /**< in Hz */
     int32_t input_channels;  /**< 0: it cannot record */
     int32_t output_channels; /**< 0: it cannot play */
@@ -128,8 +129,11 @@ typedef struct wrapper_audio_device {
 typedef struct wrapper_audio_device_list wrapper_audio_device_list;
 
 /**
- * Lists the machine's audio devices, outputs included, as PortAudio sees them. PortAudio looks for devices when its
- * first user in the process begins, and not again while a recorder is open, or once it has found a JACK server.
+ * Lists the machine's audio devices, outputs included, as PortAudio sees them, and each source of the PulseAudio or
+ * PipeWire server that the user's programs use: its microphones, and the monitors of what it plays. These need libpulse
+ * and ALSA's plug-in for PulseAudio; with the plug-in for PipeWire alone there are its microphones. PortAudio looks for
+ * devices when its first user in the process begins, and not again while a recorder is open, or once it has found a
+ * JACK server.
  *
  * @param list  receives the list, to be released with wrapper_audio_device_list_free(); NULL on failure
  * @return OK, even for a list without devices; NO_AUDIO_SYSTEM, AUDIO_SYSTEM_STUCK, OUT_OF_MEMORY, INVALID_ARGUMENT
@@ -155,7 +159,8 @@ const wrapper_audio_device *wrapper_audio_device_list_get(const wrapper_audio_de
                                                           size_t index) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Finds the one input device that a user means: by its id or, if none is the same, by a part of its id, ignoring case.
+ * Finds the one input device that a user means: by its id or, if none is the same, by its id without the audio API and
+ * the colon or, again if none is the same, by a part of its id. The latter two ignore case.
  *
  * @param list      a list
  * @param wanted    an id or a part of one; bytes

@@ -1,5 +1,6 @@
 #include "audio_system.h"
 
+#include "server_sources.h"
 #include "text.h"
 
 #include <portaudio.h>
@@ -128,6 +129,8 @@ audio_system_lock::~audio_system_lock() {
 }
 
 audio_system::audio_system() {
+    // PortAudio looks for devices at its first initialisation, which may have been the host's.
+    if (Pa_GetDeviceCount() == paNotInitialized) define_server_sources();
     const PaError error = Pa_Initialize();
     if (error != paNoError)
         throw failure{WRAPPER_AUDIO_NO_AUDIO_SYSTEM,
@@ -170,6 +173,15 @@ std::vector<device> read_devices() {
         found.input_channels = info->maxInputChannels;
         found.output_channels = info->maxOutputChannels;
         found.is_default = index == default_input;
+        if (const server_source* const source = server_source_of(text_or(info->name, ""))) {
+            found.id = source->server + ":" + source->name;
+            found.name = valid_utf8(source->description);
+            found.host_api = source->server;
+            found.default_rate = source->rate;
+            found.input_channels = source->channels;
+            found.output_channels = 0;
+            found.is_server_source = true;
+        }
         const auto is_taken = [&](const std::string& id) {
             return std::any_of(devices.begin(), devices.end(), [&](const device& other) { return other.id == id; });
         };
@@ -186,6 +198,7 @@ std::vector<device> read_devices() {
 bool runs_at_48000(const device& device) {
     constexpr int32_t portaudios_rate = 44100;
     if (device.default_rate == denoiser_rate) return true;
+    if (device.is_server_source) return false; // the server would convert, and this layer does that better
     if (std::abs(device.default_rate - portaudios_rate) > denoiser_rate - portaudios_rate) return false;
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(device.index);
     PaStreamParameters input{};

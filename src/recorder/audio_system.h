@@ -46,6 +46,7 @@ struct device {
     int32_t input_channels = 0;
     int32_t output_channels = 0;
     bool is_default = false;
+    bool is_server_source = false;
 };
 
 // The devices of an initialisation, each with a unique id.

@@ -106,12 +106,16 @@ namespace {
 std::size_t find(const std::vector<device>& devices, const std::string& wanted) {
     std::vector<const device*> inputs;
     std::vector<const device*> matches;
+    std::vector<const device*> named; // as a whole, without the audio API before it
     for (const device& each : devices) {
         if (each.input_channels < 1) continue;
         if (each.id == wanted) return static_cast<std::size_t>(&each - devices.data());
         inputs.push_back(&each);
-        if (folded(each.id).find(folded(wanted)) != std::string::npos) matches.push_back(&each);
+        const std::string id = folded(each.id);
+        if (id.find(folded(wanted)) != std::string::npos) matches.push_back(&each);
+        if (id.substr(id.find(':') + 1) == folded(wanted)) named.push_back(&each);
     }
+    if (!named.empty()) matches = named;
     if (inputs.empty()) throw failure{WRAPPER_AUDIO_NO_INPUT_DEVICE, "there is no input device"};
     if (matches.empty())
         throw failure{WRAPPER_AUDIO_UNKNOWN_DEVICE,

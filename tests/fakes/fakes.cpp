@@ -238,6 +238,10 @@ const char* Pa_GetErrorText(PaError error) {
 
 PaDeviceIndex Pa_GetDeviceCount() {
     const fake::inside_a_double here;
+    {
+        const std::lock_guard hold{world().guard};
+        if (world().layered && world().initialisations == 0) return paNotInitialized; // the layer asks whether it is so
+    }
     const auto fault = note("Pa_GetDeviceCount");
     fake::require_initialised("Pa_GetDeviceCount");
     if (fault) return *fault;

@@ -144,6 +144,19 @@ TEST_F(device_list, survives_what_portaudio_does_not_know) {
     EXPECT_EQ(at(5).default_rate, 2147483647);
 }
 
+TEST_F(device_list, prefers_a_whole_name_to_a_part_of_others) {
+    world().devices = {device{.name = "pulse", .host_api = 0}, device{.name = "mic of pulse", .host_api = 1},
+                       device{.name = "Yeti", .host_api = 1}, device{.name = "yeti", .host_api = 0}, device{"Mic"}};
+    world().host_apis = {fake::host_api{"ALSA"}, fake::host_api{"PulseAudio"}};
+    look();
+    EXPECT_EQ(found("pulse"), 0);
+    EXPECT_EQ(found("Pulse"), 0);
+    EXPECT_EQ(found("mic"), 4);
+    EXPECT_EQ(found("mic of"), 1);
+    EXPECT_EQ(find("YETI").reason, "'YETI' may mean any of:\n  PulseAudio:Yeti\n  ALSA:yeti");
+    EXPECT_EQ(found("ALSA:yeti"), 3);
+}
+
 TEST_F(device_list, stays_as_it_is_when_the_devices_change) {
     look();
     world().devices = {device{"Another"}};

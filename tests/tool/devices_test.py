@@ -95,15 +95,15 @@ class Devices(HostTest):
         self.assertEqual(self.record("--device", "KÜCHE", "--seconds", 1, self.file)[0], FINE)
         self.assertEqual(self.record("--device", b"caf\xe9".decode(errors="surrogateescape"), "--seconds", 1, self.file)[0], FINE)
 
-    def test_a_part_of_an_id_is_enough_when_only_one_device_has_it(self):
+    def test_a_name_or_a_part_of_an_id_is_enough_when_only_one_device_has_it(self):
         self.add_device("Kitchen")
         self.add_device("Kitchen two")
-        for wanted in "FILE", "ALSA:filemic", "two", "ALSA:Kitchen":
+        for wanted in "FILE", "ALSA:filemic", "two", "ALSA:Kitchen", "kitchen":
             with self.subTest(wanted=wanted):
                 code, _, errors = self.record("--device", wanted, "--seconds", 1, self.file)
                 self.assertEqual((code, errors), (FINE, ""))
                 self.file.unlink()
-        for wanted, candidates in ("kitchen", ["ALSA:Kitchen", "ALSA:Kitchen two"]), (
+        for wanted, candidates in ("kitch", ["ALSA:Kitchen", "ALSA:Kitchen two"]), (
             "cellar",
             ["ALSA:filemic", "ALSA:Kitchen", "ALSA:Kitchen two", "ALSA:default"],
         ):

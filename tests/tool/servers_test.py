@@ -62,6 +62,7 @@ class ServerTest(HostTest):
 class PulseAudio(ServerTest):
     kind = servers.PulseAudio
     device = "pulse"
+    source = "mic.monitor"
 
     def setUp(self):
         super().setUp()
@@ -75,10 +76,30 @@ class PulseAudio(ServerTest):
         begun = time.monotonic()
         pause = self.pause_recorded_by()
         self.assertGreater(time.monotonic() - begun, 5.5)
-        self.play()
-        self.assertLess(self.pause_recorded_by("--denoise", says=OWN_RATE), pause - 15)
+        for _ in range(3):  # what a busy machine loses may be the pauses
+            self.play()
+            denoised = self.pause_recorded_by("--denoise", says=OWN_RATE)
+            if denoised < pause - 15:
+                break
+        self.assertLess(denoised, pause - 15)
         doctor = self.host("doctor", "--device", self.device)[1]
         self.assertRegex(doctor, f"(?s)sound server of this user: {self.kind.__name__}\n.*--denoise works: {OWN_RATE}")
+
+    def test_each_of_its_sources_is_a_device(self):
+        self.server.output("pactl", "load-module", "module-null-sink", "sink_name=second", "rate=16000", "channels=1")
+        self.wait_until_device(f"{self.kind.__name__}:second.monitor")
+        listed = self.host("devices")[1]
+        self.assertRegex(listed, rf"  {self.kind.__name__}:{self.source} +.* 48000 +native +input\n")
+        self.assertRegex(listed, rf"  {self.kind.__name__}:second.monitor +.* 16000 +converted +input\n")
+        self.play()
+        for _ in range(3):  # see pause_recorded_by()
+            self.record("--device", f"{self.kind.__name__}:{self.source}", "--seconds", 3, self.file)
+            heard = rms(self.recorded(16000))
+            if heard > 0:
+                break
+        self.assertAlmostEqual(decibels(heard), -20, delta=5)
+        self.record("--device", "second.monitor", "--seconds", 1, self.file)
+        self.assertEqual(rms(self.recorded(16000)), 0, "nothing is played there")
 
     def play(self):
         """Returns once the sound is to be heard."""
@@ -114,6 +135,7 @@ class PulseAudio(ServerTest):
 class PipeWire(PulseAudio):
     kind = servers.PipeWire
     device = "pipewire"
+    source = "mic"
 
     def test_sound_that_is_lost_while_the_program_is_stopped_is_reported_and_filled(self):
         self.play()
@@ -132,6 +154,7 @@ class PipeWire(PulseAudio):
 
 class PipeWireForPulseAudio(PulseAudio):
     kind = servers.PipeWire
+    source = "mic"
 
 
 class Jack(ServerTest):

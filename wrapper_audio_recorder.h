@@ -100,6 +100,15 @@ typedef enum wrapper_audio_status {
  */
 const char *wrapper_audio_status_text(int32_t status) WRAPPER_AUDIO_NOEXCEPT;
 
+/**
+ * Returns an English sentence that says what a person can do about a status, without a full stop. It suits a message
+ * behind the text of the status or the recorder's reason, whose list of devices it refers to.
+ *
+ * @param status  a wrapper_audio_status
+ * @return a constant text; "" where there is nothing to say, and for numbers that are not a status
+ */
+const char *wrapper_audio_status_advice(int32_t status) WRAPPER_AUDIO_NOEXCEPT;
+
 /** @} */
 
 /** @name Devices */ /** @{ */

@@ -50,6 +50,34 @@ const char* wrapper_audio_status_text(int32_t status) noexcept {
     }
 }
 
+const char* wrapper_audio_status_advice(int32_t status) noexcept {
+    switch (status) {
+    case WRAPPER_AUDIO_INVALID_STATE:
+        return "Open it once, before the first read";
+    case WRAPPER_AUDIO_OUT_OF_MEMORY:
+        return "Free some memory and try again";
+    case WRAPPER_AUDIO_NO_AUDIO_SYSTEM:
+        return "Check the configuration of the sound system";
+    case WRAPPER_AUDIO_NO_INPUT_DEVICE:
+        return "Connect a microphone, or start the sound server";
+    case WRAPPER_AUDIO_UNKNOWN_DEVICE:
+    case WRAPPER_AUDIO_AMBIGUOUS_DEVICE:
+        return "Choose one of these";
+    case WRAPPER_AUDIO_NOT_AN_INPUT:
+        return "Choose an input device";
+    case WRAPPER_AUDIO_DEVICE_REFUSED:
+        return "Close other programs that may be using it, or choose another device";
+    case WRAPPER_AUDIO_DEVICE_FAILED:
+        return "Check that it is connected, and open it again";
+    case WRAPPER_AUDIO_NO_DATA:
+        return "Wait, reconnect it, or choose another device";
+    case WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK:
+        return "Reconnect the device, or restart the sound server";
+    default:
+        return "";
+    }
+}
+
 // ---- Devices ----
 
 struct wrapper_audio_device_list {

@@ -158,4 +158,15 @@ TEST(statuses, have_a_sentence_each) {
         EXPECT_STREQ(wrapper_audio_status_text(static_cast<wrapper_audio_status>(status)), "unknown status");
 }
 
+TEST(statuses, that_are_failures_have_advice) {
+    for (int status = -12; status < WRAPPER_AUDIO_INVALID_ARGUMENT; ++status) {
+        const std::string advice = wrapper_audio_status_advice(status);
+        EXPECT_GT(advice.size(), 10U) << status;
+        EXPECT_NE(advice.back(), '.') << status;
+    }
+    // A wrong argument is the programmer's business, whose language has its own place to look it up.
+    for (const int status : {-13, -1, 0, 1, 2, 3, 1000, least, most})
+        EXPECT_STREQ(wrapper_audio_status_advice(status), "") << status;
+}
+
 } // namespace

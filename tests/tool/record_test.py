@@ -266,21 +266,21 @@ class Failure(HostTest):
 
     def test_no_input_device(self):
         (self.folder / "microphone.conf").write_text(NO_DEVICE)
-        self.assert_failed(self.record(self.file), NO_INPUT_DEVICE, r"\Awrapper-audio: there is no input device\n\Z")
+        self.assert_failed(self.record(self.file), NO_INPUT_DEVICE, r"\Awrapper-audio: there is no input device\. Connect a mic.*\n\Z")
         self.assertFalse(self.file.exists())
 
     def test_a_device_that_does_not_open_leaves_an_older_file_alone(self):
         self.listen_to(SPEECH)
         self.file.write_bytes(b"older")
         result = self.record(self.file, microphone={"MICROPHONE_REFUSES": "1"})
-        self.assert_failed(result, OPEN_FAILED, r"\Awrapper-audio: ALSA:default did not open: Device unavailable.*\. Is .*\?\n\Z")
+        self.assert_failed(result, OPEN_FAILED, r"\Awrapper-audio: ALSA:default did not open: Device unavailable.*\. Close other programs .*\n\Z")
         self.assertEqual(self.file.read_bytes(), b"older")
 
     def test_a_device_that_fails_leaves_what_was_recorded(self):
         self.listen_to(SPEECH)
         code, output, errors = self.record(self.file, microphone={"MICROPHONE_FAILS_AFTER": "7"})
         self.assertEqual(code, READ_FAILED)
-        self.assertRegex(errors, r"\Awrapper-audio: ALSA:default failed: \S.*; .*out\.wav keeps what was recorded before\n\Z")
+        self.assertRegex(errors, r"\Awrapper-audio: ALSA:default failed: \S.*; .*out\.wav keeps what was recorded before\. Check .*\n\Z")
         samples = self.recorded(16000)
         self.assertEqual(len(samples), 7 * 480)
         self.check_result_line(output, 16000, samples)
@@ -310,7 +310,7 @@ class Failure(HostTest):
         with self.subTest("by itself"):
             code, output, errors = self.record(self.file, microphone=stalled)
             self.assertEqual(code, READ_FAILED)
-            self.assertRegex(errors, r"delivers no sound: nothing has come for 5 seconds; .*out\.wav keeps")
+            self.assertRegex(errors, r"delivers no sound: nothing has come for 5 seconds; .*out\.wav keeps .*\. Wait, reconnect it")
             self.check_result_line(output, 16000, self.recorded(16000))
         self.file.unlink()
         with self.subTest("by Ctrl-C"):

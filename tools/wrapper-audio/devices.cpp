@@ -105,7 +105,8 @@ exit_code list_devices(const devices_options& wanted) {
         print(table(shown));
     }
     if (!list.has_input())
-        throw failure(no_input_device, "there is no input device; `wrapper-audio doctor` may tell why");
+        throw failure_of(WRAPPER_AUDIO_NO_INPUT_DEVICE,
+                         "there is no input device; `wrapper-audio doctor` may tell why");
     if (!wanted.json && !wanted.ids &&
         std::any_of(list.begin(), list.end(), [](auto& each) { return each.is_default; }))
         console::note("* marks the default");

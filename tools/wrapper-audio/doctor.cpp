@@ -107,9 +107,7 @@ level listen(microphone& opened, int rate) {
     stop_on_signals();
     while (heard.samples() < static_cast<std::uint64_t>(rate) / 2 && opened.read(samples, block) > 0)
         heard.add(block.captured_rms, block.captured_peak, block.count);
-    if (opened.trouble())
-        throw failure(opened.trouble()->code,
-                      fmt::format("{}. Another program may be using it; try another device", opened.trouble()->what()));
+    if (opened.trouble()) throw failure(*opened.trouble());
     return heard;
 }
 
@@ -158,9 +156,7 @@ exit_code examine(const doctor_options& wanted) {
     report_versions();
     report_surroundings();
     try {
-        if (!report_devices())
-            throw failure(no_input_device, "there is no input device. Is a microphone plugged in? `arecord -l` lists "
-                                           "what the kernel sees");
+        if (!report_devices()) throw failure_of(WRAPPER_AUDIO_NO_INPUT_DEVICE);
         report_opening(wanted.device);
     } catch (...) {
         report_audio_system();

@@ -18,11 +18,23 @@ enum exit_code {
     input_breaks_off = 7
 };
 
-/** Ends the command with one sentence for the user, who need not know the program from inside. */
+/** Ends the command with one sentence for the user, who need not know the program from inside, and one of advice. */
 class failure : public std::runtime_error {
 public:
-    failure(exit_code ends_with, const std::string& sentence) : std::runtime_error(sentence), code(ends_with) {}
+    failure(exit_code ends_with, const std::string& sentence, const std::string& advice = "")
+        : std::runtime_error(sentence), code(ends_with), advice_(advice) {}
+
     const exit_code code;
+
+    /** With `more` behind what happened, and then the advice. */
+    std::string text(const std::string& more = "") const {
+        const std::string happened = what() + more;
+        if (advice_.empty()) return happened;
+        return happened + (happened.find('\n') == std::string::npos ? ". " : "\n") + advice_; // behind a list
+    }
+
+private:
+    std::string advice_;
 };
 
 #endif

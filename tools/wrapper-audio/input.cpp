@@ -32,17 +32,18 @@ exit_code code_of(wrapper_audio_status status) {
     }
 }
 
-failure failure_of(wrapper_audio_status status, const std::string& reason) {
-    return {code_of(status), reason.empty() ? wrapper_audio_status_text(status) : printable_lines(reason)};
-}
-
 } // namespace
+
+failure failure_of(wrapper_audio_status status, const std::string& reason) {
+    return {code_of(status), reason.empty() ? wrapper_audio_status_text(status) : printable_lines(reason),
+            wrapper_audio_status_advice(status)};
+}
 
 device_list::device_list() {
     wrapper_audio_device_list* made = nullptr;
     const wrapper_audio_status status = wrapper_audio_device_list_create(&made);
     list.reset(made);
-    if (status != WRAPPER_AUDIO_OK) throw failure_of(status, "");
+    if (status != WRAPPER_AUDIO_OK) throw failure_of(status);
     for (std::size_t i = 0; i < wrapper_audio_device_list_count(made); ++i)
         devices.push_back(*wrapper_audio_device_list_get(made, i));
 }
@@ -65,11 +66,9 @@ microphone::microphone(const std::string& wanted, wrapper_audio_recorder_options
     wrapper_audio_recorder* made = nullptr;
     wrapper_audio_status status = wrapper_audio_recorder_create(&made, &options);
     recorder.reset(made);
-    if (status != WRAPPER_AUDIO_OK) throw failure_of(status, "");
+    if (status != WRAPPER_AUDIO_OK) throw failure_of(status);
     const std::string id = wanted.empty() ? "" : device_list().find(wanted);
     status = wrapper_audio_recorder_open(made, id.c_str());
-    if (status == WRAPPER_AUDIO_DEVICE_REFUSED)
-        throw failure(open_failed, fmt::format("{}. Is another program using it?", failed(status).what()));
     if (status != WRAPPER_AUDIO_OK) throw failed(status);
 }
 
@@ -81,8 +80,8 @@ std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& bloc
             wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), often_enough, &block);
         stalls = block.count > 0 ? 0 : stalls + (status == WRAPPER_AUDIO_NO_DATA ? 1 : 0);
         if (!trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
-            trouble_.emplace(read_failed, fmt::format("{}: nothing has come for {} seconds",
-                                                      wrapper_audio_status_text(status), patience_ms / 1000));
+            trouble_.emplace(failure_of(status, fmt::format("{}: nothing has come for {} seconds",
+                                                            wrapper_audio_status_text(status), patience_ms / 1000)));
             stop(); // what is still inside comes then
         }
         const bool is_over =

@@ -14,6 +14,9 @@
 #include <string>
 #include <vector>
 
+/** What a status of the library means to the user, and what to do about it. `reason` says more than its own text. */
+failure failure_of(wrapper_audio_status status, const std::string& reason = "");
+
 /** The devices of this moment. */
 class device_list {
 public:

@@ -45,7 +45,7 @@ int run(const command_line& wanted) try {
 } catch (const reader_gone&) {
     return fine;
 } catch (const failure& end) {
-    console::error(end.what());
+    console::error(end.text());
     return end.code;
 } catch (const std::exception& error) {
     console::error(error.what());

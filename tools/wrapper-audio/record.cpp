@@ -163,7 +163,7 @@ exit_code recording::finish(exit_code code) {
         console::error(fmt::format("cannot write {}{}: {}", failed ? "" : "the end of ", name(), output_->reason()));
         code = file_trouble;
     } else if (const auto& trouble = microphone_.trouble()) {
-        console::error(fmt::format("{}; {} keeps what was recorded before", trouble->what(), name()));
+        console::error(trouble->text(fmt::format("; {} keeps what was recorded before", name())));
         code = trouble->code;
     } else if (level_.samples() == limit_ && !wanted_.seconds) {
         console::note(fmt::format("the recording ends here: {} is as long as such a file can be", name()));

@@ -125,6 +125,7 @@ const coreFunctions = [
 // wrapper_audio_recorder.h
 const functions = [
   'const char *wrapper_audio_status_text(int32_t status)',
+  'const char *wrapper_audio_status_advice(int32_t status)',
   'int wrapper_audio_device_list_create(_Out_ void **list)',
   'size_t wrapper_audio_device_list_count(const void *list)',
   'const wrapper_audio_device *wrapper_audio_device_list_get(const void *list, size_t index)',

@@ -170,30 +170,17 @@ const KINDS = {
   AMBIGUOUS_DEVICE: AmbiguousDeviceError,
 };
 
-/** What ends the messages of these statuses. One that lists devices ends with the advice to choose among them. */
-const ADVICE_BY_STATUS = {
-  INVALID_ARGUMENT: 'index.d.ts has the ranges',
-  INVALID_STATE: 'Call open() once, before the first read',
-  OUT_OF_MEMORY: 'Free some memory and try again',
-  NO_AUDIO_SYSTEM: 'Check the configuration of the sound system',
-  NO_INPUT_DEVICE: 'Connect a microphone, or start the sound server',
-  NOT_AN_INPUT: 'Choose an input device from devices()',
-  DEVICE_REFUSED: 'Close other programs that may be using it, or choose another device',
-  DEVICE_FAILED: 'Check that it is connected, and open it again',
-  NO_DATA: 'Read again, or choose another device',
-  AUDIO_SYSTEM_STUCK: 'Reconnect the device, or restart the sound server',
-};
-
-function withAdvice(text, status) {
-  if (text.includes('\n')) return `${text}\nChoose one of these`;
-  return status in ADVICE_BY_STATUS ? `${text}. ${ADVICE_BY_STATUS[status]}` : text;
+/** What to do about a failure; '' for a status that only a newer library has. */
+function advice(status) {
+  return status === enums.Status.INVALID_ARGUMENT ? 'index.d.ts has the ranges' : call('status_advice', status);
 }
 
 /** Throws the error that a failed status stands for; returns the name of any other. */
 function check(status, { Kind = AudioError, reason = '', logLine = '' } = {}) {
   const name = nameOf('Status', status);
   if (status >= 0) return name;
-  const message = withAdvice(reason || call('status_text', status), name);
+  const text = reason || call('status_text', status);
+  const message = [text, advice(status)].filter(Boolean).join(text.includes('\n') ? '\n' : '. ');
   throw new (KINDS[name] ?? Kind)(message, { status: name, logLine });
 }
 
@@ -207,6 +194,6 @@ function make(name, ...values) {
 }
 
 module.exports = {
-  ADVICE_BY_STATUS, call, callOnThread, check, conversion, copied, decode, demandNumbers, demandWholeNumbers, encode,
+  advice, call, callOnThread, check, conversion, copied, decode, demandNumbers, demandWholeNumbers, encode,
   load, make, nameOf, speechTaken, structAt,
 };

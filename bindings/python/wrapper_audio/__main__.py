@@ -5,7 +5,7 @@ from __future__ import annotations
 import sys
 
 from . import AudioError, Status, devices
-from ._errors import ADVICE
+from ._library import advice
 
 
 def main() -> int:
@@ -24,7 +24,7 @@ def main() -> int:
     sys.stdout.flush()
     inputs = any(device.kind == "input" for device in found)
     if not inputs:
-        print(f"wrapper_audio: there is no input device. {ADVICE[Status.NO_INPUT_DEVICE]}", file=sys.stderr)
+        print(f"wrapper_audio: there is no input device. {advice(Status.NO_INPUT_DEVICE)}", file=sys.stderr)
     return 0 if inputs else 1
 
 

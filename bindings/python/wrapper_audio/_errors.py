@@ -1,24 +1,10 @@
-"""The errors, and what to do about each."""
+"""The errors."""
 
 from __future__ import annotations
 
-from typing import Dict, Optional
+from typing import Optional
 
 from ._interface import Status
-
-ADVICE: Dict[int, str] = {
-    Status.INVALID_ARGUMENT: "help(wrapper_audio) has the ranges",
-    Status.INVALID_STATE: "Call open() once, before the first read",
-    Status.OUT_OF_MEMORY: "Free some memory and try again",
-    Status.NO_AUDIO_SYSTEM: "Check the configuration of the sound system",
-    Status.NO_INPUT_DEVICE: "Connect a microphone, or start the sound server",
-    Status.NOT_AN_INPUT: "Choose an input device from devices()",
-    Status.DEVICE_REFUSED: "Close other programs that may be using it, or choose another device",
-    Status.DEVICE_FAILED: "Check that it is connected, and open it again",
-    Status.NO_DATA: "Read again, or choose another device",
-    Status.AUDIO_SYSTEM_STUCK: "Reconnect the device, or restart the sound server",
-}
-"""Ends the messages of these statuses. A message that lists devices ends with the advice to choose one of them."""
 
 
 class AudioError(Exception):

@@ -160,6 +160,7 @@ CORE_FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
 # wrapper_audio_recorder.h
 FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
     "wrapper_audio_status_text": (c_char_p, [c_int32]),
+    "wrapper_audio_status_advice": (c_char_p, [c_int32]),
     "wrapper_audio_device_list_create": (c_int, [POINTER(c_void_p)]),
     "wrapper_audio_device_list_count": (c_size_t, [c_void_p]),
     "wrapper_audio_device_list_get": (POINTER(Device), [c_void_p, c_size_t]),

@@ -9,7 +9,7 @@ from ctypes import c_int32, c_void_p
 from pathlib import Path
 from typing import Any, Dict, List, Optional, Sequence, Type, TypeVar, Union
 
-from ._errors import ADVICE, AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError
+from ._errors import AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError
 from ._errors import UnknownDeviceError
 from ._interface import CORE_FUNCTIONS, FUNCTIONS, Status
 
@@ -123,6 +123,14 @@ _KINDS: Dict[int, Type[AudioError]] = {
 }
 
 
+def advice(status: int) -> str:
+    """What to do about a failure; "" for a status that only a newer library has."""
+    if status == Status.INVALID_ARGUMENT:
+        return "help(wrapper_audio) has the ranges"
+    text: bytes = load().wrapper_audio_status_advice(status)
+    return text.decode()
+
+
 def check(
     status: int,
     kind: Type[AudioError] = AudioError,
@@ -135,10 +143,8 @@ def check(
         text = reason or load().wrapper_audio_status_text(status).decode()
         if given:
             text += f": {', '.join(map(_shown, given))}"
-        if "\n" in text:
-            text += "\nChoose one of these"
-        elif status in ADVICE:
-            text += f". {ADVICE[status]}"
+        if advice(status):
+            text += ("\n" if "\n" in text else ". ") + advice(status)
         raise _KINDS.get(status, kind)(text, status, log_line)
 
 

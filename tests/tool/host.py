@@ -21,7 +21,7 @@ SCRIPTED_MICROPHONE = os.environ["SCRIPTED_MICROPHONE"]
 ROOT = Path(__file__).resolve().parents[2]
 SPEECH = ROOT / "tests/data/speech_in_noise_48k.raw"
 
-FINE, USAGE, NO_INPUT_DEVICE, OPEN_FAILED, READ_FAILED, FILE_TROUBLE, INPUT_BREAKS_OFF = 0, 2, 3, 4, 5, 6, 7
+FINE, USAGE, NO_INPUT_DEVICE, OPEN_FAILED, READ_FAILED, FILE_TROUBLE, INPUT_BREAKS_OFF, NOT_DENOISED = 0, 2, 3, 4, 5, 6, 7, 8
 HEADER_BYTES = 44
 
 NO_DEVICE = "pcm.nothing { type hw card 99 }\n"  # PortAudio aborts when there is no definition at all

@@ -15,6 +15,7 @@ from host import (
     HEADER_BYTES,
     NO_DEVICE,
     NO_INPUT_DEVICE,
+    NOT_DENOISED,
     OPEN_FAILED,
     READ_FAILED,
     SPEECH,
@@ -117,6 +118,36 @@ class Recording(HostTest):
             code, _, errors = self.record(*arguments, "--seconds", 1, self.file)
             self.assertEqual((code, errors), (FINE, "wrapper-audio: nothing is denoised\n"))
         self.assertEqual(self.record("--denoise", "--quiet", "--seconds", 1, self.file), (FINE, "", ""))
+
+    def test_denoising_that_is_required_happens_or_the_program_fails(self):
+        self.listen_to(SPEECH)
+        code, output, errors = self.record("--denoise=required", "--seconds", 1, self.file)
+        how = "denoising at 48000 Hz, the device's own rate"
+        self.assertEqual((code, errors), (FINE, f"wrapper-audio: {how}\n"))
+        self.assertTrue(output.endswith(f" dBFS, {how}\n"), output)
+        denoised = self.file.read_bytes()
+        self.record("--denoise", "--seconds", 1, self.file)
+        self.assertEqual(self.file.read_bytes(), denoised)
+
+        for command in ["record"], ["process", self.speech_as_wav()]:
+            with self.subTest(command=command[0]):
+                result = self.host(*command, "--quiet", "--denoise=required", "--strength", 0, self.file)
+                self.assert_failed(result, NOT_DENOISED, r"nothing is denoised\. With .*--strength")
+                self.assertEqual(self.file.read_bytes(), denoised)
+        code, output, _ = self.record("--denoise=required", "--denoise=0", "--seconds", 1, self.file)
+        self.assertEqual(code, FINE)  # the last word counts
+        self.assertTrue(output.endswith(" dBFS, nothing is denoised\n"), output)
+
+    def test_the_closing_line_of_a_file_tells_the_way_it_was_denoised(self):
+        source = self.speech_as_wav()
+        slow = self.folder / "slow.wav"
+        self.assertNotIn("denois", self.host("process", source, slow, "--rate", 44100)[1])
+        for path, arguments, how in (
+            (source, ["--denoise"], "denoising at 48000 Hz, the file's own rate"),
+            (slow, ["--denoise"], "denoising, converted from 44100 Hz"),
+            (slow, ["--denoise=0"], "nothing is denoised"),
+        ):
+            self.assertRegex(self.host("process", path, self.file, *arguments)[1], rf"\nafter .* dBFS, {how}: .*out\.wav")
 
     def test_converted_cleanly_nothing_aliases(self):
         tone = [round(16000 * math.sin(2 * math.pi * 10000 * at / 48000)) for at in range(96000)]
@@ -234,7 +265,7 @@ class Failure(HostTest):
     def test_help_tells_the_exit_codes(self):
         code, output, _ = self.record("--help")
         self.assertEqual(code, FINE)
-        for number in range(8):
+        for number in range(9):
             self.assertRegex(output, rf"(?m)^ +{number}  \w")
 
     def test_a_file_that_cannot_be_created(self):

@@ -23,7 +23,8 @@ constexpr const char* exit_codes = "\nExit codes:\n"
                                    "  4  the input device could not be opened\n"
                                    "  5  the input device failed; what was recorded before is kept\n"
                                    "  6  a file could not be read, created or written\n"
-                                   "  7  the input file breaks off; what it holds was processed";
+                                   "  7  the input file breaks off; what it holds was processed\n"
+                                   "  8  nothing would be denoised, and --denoise=required was given";
 
 struct common_options {
     bool quiet = false;
@@ -113,10 +114,12 @@ void parser::add_voice(CLI::App* command, voice_options& voice) {
     auto* denoise = command->add_option(
         "--denoise",
         [&voice](const CLI::results_t& texts) {
-            return texts.at(0) == "true" ? (voice.denoise = 1.0F, true)
-                                         : value_of("--denoise", voice.denoise, parse_share)(texts);
+            voice.must_denoise = texts.at(0) == "required";
+            return voice.must_denoise || texts.at(0) == "true"
+                       ? (voice.denoise = 1.0F, true)
+                       : value_of("--denoise", voice.denoise, parse_share)(texts);
         },
-        "suppress noise; --denoise=0.5 removes half of it");
+        "suppress noise; --denoise=0.5 removes half of it, --denoise=required fails if nothing would be denoised");
     denoise->expected(0)->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     command
         ->add_option("--strength", value_of("--strength", voice.denoise, parse_share),

@@ -28,6 +28,7 @@ struct meter_options {
 /** Rate conversion and noise suppression. */
 struct voice_options {
     std::optional<float> denoise; // strength
+    bool must_denoise = false;
     wrapper_audio_conversion conversion = WRAPPER_AUDIO_CONVERSION_CLEAN;
 };
 

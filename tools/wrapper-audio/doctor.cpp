@@ -125,7 +125,7 @@ void report_opening(const std::string& wanted) {
                           decibel_text(heard.rms())));
     else
         print("  half a second of sound: complete silence (muted? the wrong device?)\n");
-    print(fmt::format("\nDenoising\n  --denoise works: {}\n", denoising_text(info)));
+    print(fmt::format("\nDenoising\n  --denoise works: {}\n", denoising_text(info.denoising, info.device_rate)));
 }
 
 /** What PortAudio's back ends wrote, not the library about itself. */

@@ -119,13 +119,19 @@ void silence_watch::look_at(const wrapper_audio_block& block) {
     said = true;
 }
 
-std::string denoising_text(const wrapper_audio_recorder_info& info) {
-    switch (info.denoising) {
+std::string denoising_text(std::int32_t denoising, int rate, const char* whose) {
+    switch (denoising) {
     case WRAPPER_AUDIO_DENOISING_NATIVE:
-        return fmt::format("denoising at {} Hz, the device's own rate", info.device_rate);
+        return fmt::format("denoising at {} Hz, {} own rate", rate, whose);
     case WRAPPER_AUDIO_DENOISING_CONVERTED:
-        return fmt::format("denoising, converted from {} Hz", info.device_rate);
+        return fmt::format("denoising, converted from {} Hz", rate);
     default:
         return "nothing is denoised";
     }
+}
+
+void report_no_denoising(bool must_denoise) {
+    const std::string sentence = denoising_text(WRAPPER_AUDIO_DENOISING_OFF, 0);
+    if (must_denoise) throw failure(not_denoised, sentence, "With --denoise=required, --strength must be above 0");
+    console::error(sentence); // not a note: it must be hard to miss
 }

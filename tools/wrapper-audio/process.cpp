@@ -3,6 +3,7 @@
  */
 #include "commands.h"
 #include "console.h"
+#include "input.h"
 #include "level.h"
 #include "output.h"
 #include "stopping.h"
@@ -188,6 +189,7 @@ private:
     bool write(std::span<const float> samples);
     std::size_t samples_at_once() const;
     bool step(bool& at_end);
+    std::string how_denoised() const;
     void report() const;
 
     const process_options& wanted;
@@ -204,6 +206,7 @@ processing::processing(const process_options& options)
     : wanted(options), in(options), rate(options.rate.value_or(in.rate())) {
     const float denoise = wanted.voice.denoise.value_or(0.0F);
     const bool has_voice = rate != in.rate() || denoise > 0;
+    if (wanted.voice.denoise && denoise == 0) report_no_denoising(wanted.voice.must_denoise);
     if ((has_voice || wanted.effects.any()) && (in.rate() < 100 || in.rate() > 768000))
         throw failure(file_trouble,
                       fmt::format("{} is at {} Hz, and only 100 to 768000 Hz can be converted or filtered", in.name(),
@@ -262,6 +265,15 @@ exit_code processing::run() {
     return fine;
 }
 
+/** For the closing line; nothing where it was not wanted. */
+std::string processing::how_denoised() const {
+    if (!wanted.voice.denoise) return "";
+    const auto how = *wanted.voice.denoise == 0 ? WRAPPER_AUDIO_DENOISING_OFF
+                     : in.rate() == 48000       ? WRAPPER_AUDIO_DENOISING_NATIVE
+                                                : WRAPPER_AUDIO_DENOISING_CONVERTED;
+    return ", " + denoising_text(how, in.rate(), "the file's");
+}
+
 void processing::report() const {
     if (stop_requested()) console::note(fmt::format("stopped early; {} is not complete", printable(wanted.out)));
     if (in.spoilt_samples() > 0)
@@ -276,13 +288,14 @@ void processing::report() const {
         console::note(
             fmt::format("the result was cut at full scale: its peak would be at {} dBFS", decibel_text(after.peak())));
     if (console::is_quiet()) return;
-    const auto line = [](const char* when, const std::string& path, const level& measured, int at) {
-        return fmt::format("{}  {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS: {}\n", when,
+    const auto line = [](const char* when, const std::string& path, const level& measured, int at,
+                         const std::string& more = "") {
+        return fmt::format("{}  {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}: {}\n", when,
                            static_cast<double>(measured.samples()) / at, at, decibel_text(measured.peak()),
-                           decibel_text(measured.rms()), path);
+                           decibel_text(measured.rms()), more, path);
     };
-    const std::string text =
-        line("before", in.name(), before, in.rate()) + line("after ", printable(wanted.out), after, rate);
+    const std::string text = line("before", in.name(), before, in.rate()) +
+                             line("after ", printable(wanted.out), after, rate, how_denoised());
     if (wanted.out == "-")
         console::write_all(STDERR_FILENO, text);
     else

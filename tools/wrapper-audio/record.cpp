@@ -97,9 +97,9 @@ private:
 exit_code recording::run() {
     const wrapper_audio_recorder_info info = microphone_.info();
     if (info.denoising != WRAPPER_AUDIO_DENOISING_OFF)
-        console::note(denoising_text(info));
+        console::note(denoising_text(info.denoising, info.device_rate));
     else if (wanted_.voice.denoise)
-        console::error(denoising_text(info));
+        report_no_denoising(wanted_.voice.must_denoise);
     stop_on_signals();
     output_ = create_output(path_, wanted_.rate,
                             wanted_.output); // last: a device that does not open leaves an older file alone
@@ -169,9 +169,11 @@ exit_code recording::finish(exit_code code) {
         console::note(fmt::format("the recording ends here: {} is as long as such a file can be", name()));
     }
     losses_.report(wanted_.rate, wanted_.fill_gaps);
-    const std::string result = fmt::format("{}: {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}", name(), seconds(),
-                                           wanted_.rate, decibel_text(level_.peak()), decibel_text(level_.rms()),
-                                           wanted_.voice.denoise ? ", " + denoising_text(microphone_.info()) : "");
+    const wrapper_audio_recorder_info info = microphone_.info();
+    const std::string result =
+        fmt::format("{}: {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}", name(), seconds(), wanted_.rate,
+                    decibel_text(level_.peak()), decibel_text(level_.rms()),
+                    wanted_.voice.denoise ? ", " + denoising_text(info.denoising, info.device_rate) : "");
     if (path_ == "-")
         console::note(result);
     else if (!console::is_quiet())

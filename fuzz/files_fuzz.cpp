@@ -32,6 +32,7 @@ bool is_quiet() {
 }
 void write_all(int /*to*/, const std::string& /*text*/) {}
 void note(const std::string& /*sentence*/) {}
+void error(const std::string& /*sentence*/) {}
 } // namespace console
 void print(const std::string& /*text*/) {}
 void stop_on_signals() {}

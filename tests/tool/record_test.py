@@ -245,7 +245,7 @@ class Failure(HostTest):
             (["--seconds", "1:", "out.wav"], "--seconds"),
             (["--rate", "16kHz", "out.wav"], "--rate"),
             (["--rate", "16000.5", "out.wav"], "--rate"),
-            (["--type", "mp3", "out.wav"], "--type"),
+            (["--type", "aac", "out.wav"], "--type"),
             (["--loud", "out.wav"], "--loud"),
             (["--block", "30", "out.wav"], "--block"),
             (["--denoise=1.1", "out.wav"], "--denoise"),

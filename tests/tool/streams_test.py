@@ -69,7 +69,7 @@ class Formats(StreamTest):
         self.assertRegex(errors, rb"\Awrapper-audio: standard output: 1\.00 s at 48000 Hz, .*\n\Z")
 
     def test_other_extensions_and_terminals_are_refused(self):
-        self.assert_failed(self.record("--seconds", 1, "out.mp3"), USAGE, r"\.wav, \.flac or \.raw")
+        self.assert_failed(self.record("--seconds", 1, "out.aac"), USAGE, r"\.wav, \.flac, \.opus, .* or \.raw")
         code, shown = self.in_terminal("record", "--seconds", 1, "-")
         self.assertEqual(code, USAGE)
         self.assertRegex(shown, "not written to a terminal")

@@ -151,12 +151,24 @@ void parser::add_effects(CLI::App* command, effect_options& effects) {
         ->type_name("DB[:RELEASE_MS]");
 }
 
+std::map<std::string, sample_size> sample_sizes() {
+    return {{"16", sample_size::bits_16}, {"24", sample_size::bits_24}, {"float", sample_size::real}};
+}
+
 void parser::add_output(CLI::App* command, output_options& output) {
-    const std::map<std::string, sound_format> formats{
-        {"wav", sound_format::wav}, {"flac", sound_format::flac}, {"raw", sound_format::raw}};
+    const std::map<std::string, sound_format> formats{{"wav", sound_format::wav},   {"flac", sound_format::flac},
+                                                      {"raw", sound_format::raw},   {"ogg", sound_format::ogg},
+                                                      {"opus", sound_format::opus}, {"mp3", sound_format::mp3}};
     command->add_option("-t,--type", output.format, "the format, whatever the name of the file says")
         ->transform(CLI::CheckedTransformer(formats).description(""))
-        ->type_name("wav|flac|raw");
+        ->type_name("wav|flac|opus|ogg|mp3|raw");
+    command->add_option("--bits", output.bits, "the samples of WAV, FLAC and raw; default: 16")
+        ->transform(CLI::CheckedTransformer(sample_sizes()).description(""))
+        ->type_name("16|24|float");
+    command
+        ->add_option("--bitrate", value_of("--bitrate", output.bitrate, parse_bitrate),
+                     "of Opus and MP3, in bits per second, such as 64k")
+        ->type_name("BITS");
     command->add_flag("-n,--no-clobber", output.keeps_older, "never overwrite a file");
 }
 
@@ -183,7 +195,7 @@ void parser::add_meter() {
 }
 
 void parser::add_record() {
-    CLI::App* command = add("record", "Record an input into a WAV, FLAC or raw file, or a pipe",
+    CLI::App* command = add("record", "Record an input into a file or a pipe",
                             "  wrapper-audio record --denoise speech.wav\n"
                             "  wrapper-audio record --device usb --rate 48000 --seconds 60 minute.flac\n"
                             "  wrapper-audio record --highpass 80 --agc -20:300 talk.wav\n"
@@ -191,8 +203,8 @@ void parser::add_record() {
     command
         ->add_option(
             "FILE", recording.path,
-            "the file to write: .wav, .flac or .raw, or - for standard output; %F and the like become the date and "
-            "time, {} a number")
+            "the file to write: .wav, .flac, .opus, .ogg, .mp3 or .raw, or - for standard output; %F and the like "
+            "become the date and time, {} a number")
         ->required();
     add_device(command, recording.device);
     command
@@ -214,20 +226,27 @@ void parser::add_process() {
     CLI::App* command = add("process", "Convert, denoise and filter a file",
                             "  wrapper-audio process --rate 16000 music.flac for-the-recogniser.wav\n"
                             "  wrapper-audio process --denoise --strength 0.8 noisy.wav clean.wav\n"
-                            "  wrapper-audio process --highpass 80:0.9 --agc -20 quiet.wav loud.wav\n");
+                            "  wrapper-audio process --highpass 80:0.9 --agc -20 quiet.wav loud.wav\n"
+                            "  wrapper-audio process --channel all --bitrate 64k interview.wav interview.opus\n");
     command->add_option("IN", processing.in, "any sound file; - is standard input")->required();
-    command->add_option("OUT", processing.out, "the file to write: .wav, .flac, .raw or -, 16 bits, mono")->required();
+    command->add_option("OUT", processing.out, "the file to write: .wav, .flac, .opus, .ogg, .mp3, .raw or -")
+        ->required();
     auto* raw = command
                     ->add_option("--raw-rate", value_of("--raw-rate", processing.raw_rate, parse_rate),
-                                 "IN is raw signed 16-bit samples at this rate")
+                                 "IN is raw samples at this rate, signed and little endian")
                     ->type_name("HZ");
     command->add_option("--raw-channels", processing.raw_channels, "with --raw-rate: how many channels; default: 1")
         ->needs(raw)
         ->check(CLI::Range(1, 64).description(""))
         ->type_name("N");
-    command->add_option("--channel", processing.channel, "take this channel, from 1; default: all of them, mixed")
-        ->check(CLI::Range(1, 1024).description(""))
-        ->type_name("N");
+    command->add_option("--raw-bits", processing.raw_bits, "with --raw-rate: the size of the samples; default: 16")
+        ->needs(raw)
+        ->transform(CLI::CheckedTransformer(sample_sizes()).description(""))
+        ->type_name("16|24|float");
+    command
+        ->add_option("--channel", value_of("--channel", processing.channel, parse_channel),
+                     "take this channel, from 1, or all of them side by side; default: mix")
+        ->type_name("N|mix|all");
     command
         ->add_option("-r,--rate", value_of("--rate", processing.rate, parse_rate),
                      "samples per second, 100 to 384000, such as 44100 or 48k; default: those of IN")

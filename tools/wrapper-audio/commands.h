@@ -43,12 +43,16 @@ struct record_options {
     bool fill_gaps = false;
 };
 
+constexpr int mixed_channels = 0;
+constexpr int every_channel = -1;
+
 struct process_options {
     std::string in;
     std::string out;
     std::optional<int> raw_rate; // of the input, which has no header then
     int raw_channels = 1;
-    std::optional<int> channel; // counted from 1; all of them mixed if not given
+    sample_size raw_bits = sample_size::bits_16;
+    int channel = mixed_channels; // counted from 1
     std::optional<int> rate;
     voice_options voice;
     effect_options effects;

@@ -1,5 +1,6 @@
 #include "effects.h"
 
+#include "console.h"
 #include "failure.h"
 
 #include <fmt/format.h>
@@ -71,4 +72,21 @@ void effect_chain::pass(stage& through, std::span<const float> samples, bool at_
         take([&](float* to, std::size_t* given) {
             return wrapper_audio_processor_flush(through.processor.get(), to, room, given);
         });
+}
+
+std::string denoising_text(std::int32_t denoising, int rate, const char* whose) {
+    switch (denoising) {
+    case WRAPPER_AUDIO_DENOISING_NATIVE:
+        return fmt::format("denoising at {} Hz, {} own rate", rate, whose);
+    case WRAPPER_AUDIO_DENOISING_CONVERTED:
+        return fmt::format("denoising, converted from {} Hz", rate);
+    default:
+        return "nothing is denoised";
+    }
+}
+
+void report_no_denoising(bool must_denoise) {
+    const std::string sentence = denoising_text(WRAPPER_AUDIO_DENOISING_OFF, 0);
+    if (must_denoise) throw failure(not_denoised, sentence, "With --denoise=required, --strength must be above 0");
+    console::error(sentence); // not a note: it must be hard to miss
 }

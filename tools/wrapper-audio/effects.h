@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 struct high_pass {
@@ -62,5 +63,11 @@ private:
 
     std::vector<stage> stages;
 };
+
+/** "denoising at 48000 Hz, the device's own rate", "denoising, converted from 44100 Hz" or "nothing is denoised". */
+std::string denoising_text(std::int32_t denoising, int rate, const char* whose = "the device's");
+
+/** Says that nothing is denoised although it was wanted, or throws a failure when it had to be. */
+void report_no_denoising(bool must_denoise);
 
 #endif

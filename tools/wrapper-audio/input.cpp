@@ -118,20 +118,3 @@ void silence_watch::look_at(const wrapper_audio_block& block) {
     console::note("the input is silent (muted? the wrong device?)");
     said = true;
 }
-
-std::string denoising_text(std::int32_t denoising, int rate, const char* whose) {
-    switch (denoising) {
-    case WRAPPER_AUDIO_DENOISING_NATIVE:
-        return fmt::format("denoising at {} Hz, {} own rate", rate, whose);
-    case WRAPPER_AUDIO_DENOISING_CONVERTED:
-        return fmt::format("denoising, converted from {} Hz", rate);
-    default:
-        return "nothing is denoised";
-    }
-}
-
-void report_no_denoising(bool must_denoise) {
-    const std::string sentence = denoising_text(WRAPPER_AUDIO_DENOISING_OFF, 0);
-    if (must_denoise) throw failure(not_denoised, sentence, "With --denoise=required, --strength must be above 0");
-    console::error(sentence); // not a note: it must be hard to miss
-}

@@ -50,15 +50,6 @@ std::string draw_bar(const terminal& on, int width, float rms, float peak, float
 
 } // namespace
 
-void level::add(std::span<const std::int16_t> samples) {
-    for (const std::int16_t sample : samples) {
-        const float value = static_cast<float>(sample) / full_scale;
-        sum_of_squares += static_cast<double>(value) * static_cast<double>(value);
-        largest = std::max(largest, std::abs(value));
-    }
-    seen += samples.size();
-}
-
 void level::add(std::span<const float> samples) {
     for (const float sample : samples) {
         sum_of_squares += static_cast<double>(sample) * static_cast<double>(sample);

@@ -13,7 +13,6 @@
 /** Peak and RMS of the samples seen so far. */
 class level {
 public:
-    void add(std::span<const std::int16_t> samples);
     void add(std::span<const float> samples);
 
     /** A block of which only the levels are known. */

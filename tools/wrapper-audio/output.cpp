@@ -11,16 +11,19 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <wrapper_audio_recorder.h>
 
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cerrno>
 #include <climits>
+#include <cmath>
 #include <cstring>
 #include <ctime>
 #include <limits>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 static_assert(std::endian::native == std::endian::little, "raw samples are written as they lie in memory");
@@ -36,15 +39,79 @@ std::string lower_case_extension(const std::string& path) {
     return extension;
 }
 
+/** Samples as they lie in a file of whole numbers. Buffers are kept for the next ones. */
+class number_maker {
+public:
+    explicit number_maker(bool from_microphone) : library_scale(from_microphone) {}
+
+    /**
+     * In files full scale is 32768: what came from one and was not changed returns exactly. In the library it is 32767.
+     */
+    std::span<const std::int16_t> bits_16(std::span<const float> floats) {
+        shorts.resize(floats.size());
+        if (library_scale)
+            wrapper_audio_f32_to_s16(floats.data(), floats.size(), shorts.data());
+        else
+            std::transform(floats.begin(), floats.end(), shorts.begin(), [](float value) {
+                return static_cast<std::int16_t>(std::lrint(std::clamp(value * 32768.0F, -32768.0F, 32767.0F)));
+            });
+        return shorts;
+    }
+
+    /** In the upper 24 bits. */
+    std::span<const std::int32_t> bits_24(std::span<const float> floats) {
+        ints.resize(floats.size());
+        std::transform(floats.begin(), floats.end(), ints.begin(), [](float value) {
+            return static_cast<std::int32_t>(std::lrint(std::clamp(value * 8388608.0F, -8388608.0F, 8388607.0F))) * 256;
+        });
+        return ints;
+    }
+
+private:
+    const bool library_scale;
+    std::vector<std::int16_t> shorts;
+    std::vector<std::int32_t> ints;
+};
+
+bool is_lossy(sound_format format) {
+    return format == sound_format::ogg || format == sound_format::opus || format == sound_format::mp3;
+}
+
+int libsndfile_format(sound_format format, sample_size bits) {
+    switch (format) {
+    case sound_format::ogg:
+        return SF_FORMAT_OGG | SF_FORMAT_VORBIS;
+    case sound_format::opus:
+        return SF_FORMAT_OGG | SF_FORMAT_OPUS;
+    case sound_format::mp3:
+        return SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
+    default:
+        return (format == sound_format::flac ? SF_FORMAT_FLAC : SF_FORMAT_WAV) |
+               (bits == sample_size::bits_16   ? SF_FORMAT_PCM_16
+                : bits == sample_size::bits_24 ? SF_FORMAT_PCM_24
+                                               : SF_FORMAT_FLOAT);
+    }
+}
+
+/** The bits per second between which libsndfile's compression level, 1 to 0, chooses. */
+std::pair<int, int> bitrates(sound_format format, const stream_shape& shape) {
+    if (format == sound_format::opus) return {6000, 6000 + 250000 * shape.channels};
+    if (shape.rate >= 32000) return {32000, 320000};
+    return {8000, shape.rate >= 16000 ? 160000 : 64000};
+}
+
 class sound_file : public output {
 public:
-    sound_file(int descriptor, int rate, int format) {
+    sound_file(int descriptor, const stream_shape& shape, sound_format format, const output_options& wanted)
+        : numbers(shape.from_microphone), kind(format), bits(wanted.bits.value_or(sample_size::bits_16)) {
         SF_INFO info{};
-        info.samplerate = rate;
-        info.channels = 1;
-        info.format = format | SF_FORMAT_PCM_16;
+        info.samplerate = shape.rate;
+        info.channels = shape.channels;
+        info.format = libsndfile_format(format, bits);
         file = sf_open_fd(descriptor, SFM_WRITE, &info, SF_TRUE);
-        if (file == nullptr || format != SF_FORMAT_WAV) return;
+        if (file == nullptr) return;
+        if (wanted.bitrate) set_bitrate(*wanted.bitrate, shape);
+        if (format != sound_format::wav) return;
         // The header is brought up to date with each write, so that the file is valid however the program ends.
         sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
         sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
@@ -53,8 +120,13 @@ public:
     sound_file& operator=(const sound_file&) = delete;
     ~sound_file() override { sound_file::close(); }
 
-    std::size_t write(std::span<const std::int16_t> samples) override {
-        const sf_count_t written = sf_write_short(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+    std::size_t write(std::span<const float> samples) override {
+        const auto count = static_cast<sf_count_t>(samples.size());
+        const sf_count_t written = is_lossy(kind)              ? write_limited(samples)
+                                   : bits == sample_size::real ? sf_write_float(file, samples.data(), count)
+                                   : bits == sample_size::bits_24
+                                       ? sf_write_int(file, numbers.bits_24(samples).data(), count)
+                                       : sf_write_short(file, numbers.bits_16(samples).data(), count);
         remember_error();
         return written > 0 ? static_cast<std::size_t>(written) : 0;
     }
@@ -76,6 +148,22 @@ public:
     }
 
 private:
+    void set_bitrate(int wanted, const stream_shape& shape) {
+        const auto [lowest, highest] = bitrates(kind, shape);
+        int mode = SF_BITRATE_MODE_CONSTANT;
+        double level = static_cast<double>(highest - wanted) / (highest - lowest);
+        if (kind == sound_format::mp3) sf_command(file, SFC_SET_BITRATE_MODE, &mode, sizeof mode);
+        sf_command(file, SFC_SET_COMPRESSION_LEVEL, &level, sizeof level);
+    }
+
+    /** What is beyond full scale is no sound for the encoders. */
+    sf_count_t write_limited(std::span<const float> samples) {
+        limited.resize(samples.size());
+        std::transform(samples.begin(), samples.end(), limited.begin(),
+                       [](float value) { return std::clamp(value, -1.0F, 1.0F); });
+        return sf_write_float(file, limited.data(), static_cast<sf_count_t>(limited.size()));
+    }
+
     void remember_error() {
         if (error.empty() && sf_error(file) != SF_ERR_NO_ERROR) error = sf_strerror(file);
         while (error.ends_with('\n') || error.ends_with('.'))
@@ -83,36 +171,48 @@ private:
     }
 
     SNDFILE* file = nullptr;
+    number_maker numbers;
+    const sound_format kind;
+    const sample_size bits;
+    std::vector<float> limited;
     std::string error;
 };
 
+std::size_t bytes_of(sample_size bits) {
+    return bits == sample_size::bits_16 ? 2 : bits == sample_size::bits_24 ? 3 : 4;
+}
+
 /** The header of a WAV file whose end nobody knows yet: the largest sizes, which readers take for "until the end". */
-std::array<std::byte, 44> endless_wav_header(int rate) {
+std::array<std::byte, 44> endless_wav_header(const stream_shape& shape, sample_size bits) {
     std::array<std::byte, 44> header{};
     std::size_t at = 0;
     const auto text = [&](std::string_view letters) { at += letters.copy(reinterpret_cast<char*>(&header[at]), 4); };
-    const auto number = [&](std::uint32_t value, std::size_t bytes) {
+    const auto number = [&](std::size_t value, std::size_t bytes) {
         std::memcpy(&header[at], &value, bytes);
         at += bytes;
     };
     constexpr std::uint32_t unknown = 0xFFFFFFFF;
+    const std::size_t rate = static_cast<std::uint32_t>(shape.rate);
+    const std::size_t channels = static_cast<std::uint32_t>(shape.channels);
+    const std::size_t frame = channels * bytes_of(bits);
     text("RIFF"), number(unknown, 4), text("WAVE");
-    text("fmt "), number(16, 4), number(1, 2), number(1, 2); // integers, mono
-    number(static_cast<std::uint32_t>(rate), 4), number(static_cast<std::uint32_t>(rate) * 2, 4);
-    number(2, 2), number(16, 2);
+    text("fmt "), number(16, 4), number(bits == sample_size::real ? 3 : 1, 2), number(channels, 2);
+    number(rate, 4), number(rate * frame, 4);
+    number(frame, 2), number(8 * bytes_of(bits), 2);
     text("data"), number(unknown, 4);
     return header;
 }
 
 class raw_samples : public output {
 public:
-    explicit raw_samples(int to) : descriptor(to) {}
+    raw_samples(int to, const stream_shape& shape, sample_size size)
+        : descriptor(to), numbers(shape.from_microphone), bits(size) {}
     raw_samples(const raw_samples&) = delete;
     raw_samples& operator=(const raw_samples&) = delete;
     ~raw_samples() override { raw_samples::close(); }
 
-    std::size_t write(std::span<const std::int16_t> samples) override {
-        return write_bytes(std::as_bytes(samples)) / sizeof(std::int16_t);
+    std::size_t write(std::span<const float> samples) override {
+        return write_bytes(encoded(samples)) / bytes_of(bits);
     }
 
     std::size_t write_bytes(std::span<const std::byte> bytes) {
@@ -144,6 +244,17 @@ public:
     bool reader_gone() const override { return gone; }
 
 private:
+    std::span<const std::byte> encoded(std::span<const float> samples) {
+        if (bits == sample_size::real) return std::as_bytes(samples);
+        if (bits == sample_size::bits_16) return std::as_bytes(numbers.bits_16(samples));
+        packed.clear();
+        for (const std::int32_t& number : numbers.bits_24(samples)) {
+            const auto bytes = std::as_bytes(std::span(&number, 1));
+            packed.insert(packed.end(), bytes.begin() + 1, bytes.end());
+        }
+        return packed;
+    }
+
     /** Returns false when the program was told to stop and the reader takes nothing for a second. */
     bool wait_for_room() {
         constexpr int often_enough = 100; // ms, to notice a signal soon
@@ -159,16 +270,27 @@ private:
     }
 
     int descriptor;
+    number_maker numbers;
+    const sample_size bits;
+    std::vector<std::byte> packed;
     std::string error;
     bool gone = false;
 };
 
+const char* name_of(sound_format format) {
+    constexpr std::array names{"WAV", "FLAC", "raw", "Vorbis", "Opus", "MP3"};
+    return names.at(static_cast<std::size_t>(format));
+}
+
 /** A sequence of samples for what cannot be written in two places, such as a pipe. */
-std::unique_ptr<output> make_sequence(int descriptor, const std::string& name, int rate, sound_format format) {
-    auto samples = std::make_unique<raw_samples>(descriptor);
-    if (format == sound_format::flac)
-        throw failure(usage, fmt::format("{} is a pipe, which cannot take FLAC: use --type wav or raw", name));
-    if (format == sound_format::wav && samples->write_bytes(endless_wav_header(rate)) < 44 && !samples->reader_gone())
+std::unique_ptr<output> make_sequence(int descriptor, const std::string& name, const stream_shape& shape,
+                                      sound_format format, sample_size bits) {
+    auto samples = std::make_unique<raw_samples>(descriptor, shape, bits);
+    if (format != sound_format::wav && format != sound_format::raw)
+        throw failure(usage,
+                      fmt::format("{} is a pipe, which cannot take {}: use --type wav or raw", name, name_of(format)));
+    if (format == sound_format::wav && samples->write_bytes(endless_wav_header(shape, bits)) < 44 &&
+        !samples->reader_gone())
         throw failure(file_trouble, fmt::format("cannot write {}: {}", name, samples->reason()));
     return samples;
 }
@@ -207,28 +329,70 @@ int take_file(const std::string& path, bool keeps_older) {
 
 } // namespace
 
-sound_format format_of(const std::string& path, const output_options& wanted) {
-    if (wanted.format) return *wanted.format;
+namespace {
+
+sound_format format_by_name(const std::string& path) {
     const std::string extension = lower_case_extension(path);
     if (path == "-" || extension == ".raw" || extension == ".pcm") return sound_format::raw;
     if (extension == ".flac") return sound_format::flac;
+    if (extension == ".ogg" || extension == ".oga") return sound_format::ogg;
+    if (extension == ".opus") return sound_format::opus;
+    if (extension == ".mp3") return sound_format::mp3;
     if (extension == ".wav" || extension.empty()) return sound_format::wav;
     throw failure(usage,
-                  fmt::format("{}: cannot write files of this kind; the name should end in .wav, .flac or .raw, or "
-                              "--type should say which",
+                  fmt::format("{}: cannot write files of this kind; the name should end in .wav, .flac, .opus, .ogg, "
+                              ".mp3 or .raw, or --type should say which",
                               printable(path)));
 }
 
-std::uint64_t sample_limit(sound_format format) {
+/** Throws a failure for what the format does not have. */
+void check_shape(sound_format format, const stream_shape& shape, const output_options& wanted) {
+    if (const int nearest = nearest_rate(format, shape.rate); nearest != shape.rate)
+        throw failure(usage, fmt::format("{} has no {} Hz: try --rate {}", name_of(format), shape.rate, nearest));
+    if (!wanted.bitrate) return;
+    const auto [lowest, highest] = bitrates(format, shape);
+    if (*wanted.bitrate < lowest || *wanted.bitrate > highest)
+        throw failure(usage, fmt::format("--bitrate: {} at {} Hz has {} to {} bits per second", name_of(format),
+                                         shape.rate, lowest, highest));
+}
+
+} // namespace
+
+sound_format format_of(const std::string& path, const output_options& wanted) {
+    const sound_format format = wanted.format ? *wanted.format : format_by_name(path);
+    if (wanted.bits && is_lossy(format))
+        throw failure(
+            usage, fmt::format("--bits: {} has no samples of a size; --bitrate says how good it is", name_of(format)));
+    if (wanted.bits == sample_size::real && format == sound_format::flac)
+        throw failure(usage, "--bits: FLAC has 16 or 24; WAV and raw have floats");
+    if (wanted.bitrate && format != sound_format::opus && format != sound_format::mp3)
+        throw failure(usage,
+                      fmt::format("--bitrate: only Opus and MP3 have one that can be chosen, not {}", name_of(format)));
+    return format;
+}
+
+int nearest_rate(sound_format format, int rate) {
+    static constexpr std::array opus{8000, 12000, 16000, 24000, 48000};
+    static constexpr std::array mp3{8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
+    if (format == sound_format::ogg) return std::min(rate, 192000);
+    const auto rates = format == sound_format::opus  ? std::span<const int>(opus)
+                       : format == sound_format::mp3 ? std::span<const int>(mp3)
+                                                     : std::span<const int>();
+    if (rates.empty()) return rate;
+    const auto above = std::lower_bound(rates.begin(), rates.end(), rate);
+    return above != rates.end() ? *above : rates.back();
+}
+
+std::uint64_t sample_limit(sound_format format, const output_options& wanted, int channels) {
+    const std::size_t frame = bytes_of(wanted.bits.value_or(sample_size::bits_16)) * static_cast<std::size_t>(channels);
     switch (format) {
-    case sound_format::wav: // its sizes are 32-bit numbers, and the larger one counts 36 bytes of header
-        return (std::numeric_limits<std::uint32_t>::max() - 36) / sizeof(std::int16_t);
+    case sound_format::wav: // its sizes are 32-bit numbers, and the larger one counts what is in front of the samples
+        return (std::numeric_limits<std::uint32_t>::max() - (wanted.bits == sample_size::real ? 72 : 36)) / frame;
     case sound_format::flac: // 36 bits
         return (std::uint64_t{1} << 36) - 1;
-    case sound_format::raw:
-        break;
+    default:
+        return std::numeric_limits<std::int64_t>::max();
     }
-    return std::numeric_limits<std::int64_t>::max();
 }
 
 std::string expanded(const std::string& path) {
@@ -250,16 +414,18 @@ std::string expanded(const std::string& path) {
     }
 }
 
-std::unique_ptr<output> create_output(const std::string& path, int rate, const output_options& wanted) {
+std::unique_ptr<output> create_output(const std::string& path, const stream_shape& shape,
+                                      const output_options& wanted) {
     const sound_format format = format_of(path, wanted);
+    check_shape(format, shape, wanted);
     const int descriptor = path == "-" ? take_standard_output() : take_file(path, wanted.keeps_older);
     if (isatty(descriptor) == 1)
         throw failure(usage, "sound is not written to a terminal: send it into a pipe or a file");
     const bool has_places = lseek(descriptor, 0, SEEK_CUR) == 0 && (fcntl(descriptor, F_GETFL) & O_APPEND) == 0;
     const std::string name = path == "-" ? "standard output" : printable(path);
-    if (format == sound_format::raw || !has_places) return make_sequence(descriptor, name, rate, format);
-    auto file =
-        std::make_unique<sound_file>(descriptor, rate, format == sound_format::flac ? SF_FORMAT_FLAC : SF_FORMAT_WAV);
+    if (format == sound_format::raw || !has_places)
+        return make_sequence(descriptor, name, shape, format, wanted.bits.value_or(sample_size::bits_16));
+    auto file = std::make_unique<sound_file>(descriptor, shape, format, wanted);
     if (!file->is_good()) throw failure(file_trouble, fmt::format("cannot write {}: {}", name, file->reason()));
     return file;
 }

@@ -1,5 +1,5 @@
 /**
- * Where samples go: a WAV or FLAC file, or raw samples in a file or a pipe.
+ * Where samples go: a sound file, or raw samples in a file or a pipe.
  */
 #ifndef OUTPUT_H
 #define OUTPUT_H
@@ -14,8 +14,8 @@ class output {
 public:
     virtual ~output() = default;
 
-    /** Returns how many samples were taken: fewer than given when it failed. */
-    virtual std::size_t write(std::span<const std::int16_t> samples) = 0;
+    /** Takes whole frames, one sample for each channel. Returns how many samples went: fewer when it failed. */
+    virtual std::size_t write(std::span<const float> samples) = 0;
 
     /** Brings everything to its end. Returns whether all of it arrived. */
     virtual bool close() = 0;
@@ -27,18 +27,33 @@ public:
     virtual bool reader_gone() const { return false; }
 };
 
-enum class sound_format { wav, flac, raw };
+enum class sound_format { wav, flac, raw, ogg, opus, mp3 };
+enum class sample_size { bits_16, bits_24, real };
 
 struct output_options {
     std::optional<sound_format> format;
+    std::optional<sample_size> bits;
+    std::optional<int> bitrate; // of Opus and MP3, in bits per second
     bool keeps_older = false;
 };
 
-/** As wanted, or by the name of the file. Throws a failure for an extension that promises something else. */
+struct stream_shape {
+    int rate = 0;
+    int channels = 1;
+    bool from_microphone = false; // then 16 bits are rounded as the library rounds them, and not as files do
+};
+
+/**
+ * As wanted, or by the name of the file. Throws a failure for an extension that promises something else, and for options
+ * that this format does not have.
+ */
 sound_format format_of(const std::string& path, const output_options& wanted);
 
-/** The number of samples that fit. */
-std::uint64_t sample_limit(sound_format format);
+/** The rate to convert to, so that this format can be written: the nearest above, or the highest there is. */
+int nearest_rate(sound_format format, int rate);
+
+/** The number of samples of each channel that fit. */
+std::uint64_t sample_limit(sound_format format, const output_options& wanted, int channels = 1);
 
 /** With the local time for what strftime() knows, and for {} the first number from 1 whose file is not there yet. */
 std::string expanded(const std::string& path);
@@ -47,6 +62,6 @@ std::string expanded(const std::string& path);
  * Creates the file, or takes standard output for "-". Throws a failure; a file that another program is recording into
  * is left alone. When the program is told to stop, what takes no samples for a second has failed.
  */
-std::unique_ptr<output> create_output(const std::string& path, int rate, const output_options& wanted);
+std::unique_ptr<output> create_output(const std::string& path, const stream_shape& shape, const output_options& wanted);
 
 #endif

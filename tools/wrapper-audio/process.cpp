@@ -3,7 +3,6 @@
  */
 #include "commands.h"
 #include "console.h"
-#include "input.h"
 #include "level.h"
 #include "output.h"
 #include "stopping.h"
@@ -56,13 +55,33 @@ bool is_cut_short(int wav) {
     return size < unknown && size + 8 > file.st_size;
 }
 
-/** A sound file, read as mono. */
+constexpr sf_count_t frames_of_mp3 = 1152; // samples in the largest block
+
+/** Whether the first block of an MP3 file tells how many there are, behind the tag with the title and the pictures. */
+bool has_mp3_length(int file) {
+    std::array<char, 10> tag{};
+    off_t at = 0;
+    if (pread(file, tag.data(), tag.size(), 0) == 10 && std::equal(tag.begin(), tag.begin() + 3, "ID3")) {
+        for (std::size_t i = 6; i < tag.size(); ++i)
+            at = at << 7 | (tag[i] & 0x7F);
+        at += 10;
+    }
+    std::string block(200, '\0');
+    const ssize_t got = pread(file, block.data(), block.size(), at);
+    if (got < 4 || block[0] != '\xFF' || (block[1] & '\xE6') != '\xE2') return false; // no layer III
+    return block.find("Xing") != std::string::npos || block.find("Info") != std::string::npos;
+}
+
+/** A sound file, of which one channel is read, all of them, or all mixed to one. */
 class source {
 public:
     explicit source(const process_options& wanted)
         : name_(wanted.in == "-" ? "standard input" : printable(wanted.in)), channel(wanted.channel) {
         if (wanted.raw_rate) {
-            info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
+            info.format = SF_FORMAT_RAW | SF_ENDIAN_LITTLE |
+                          (wanted.raw_bits == sample_size::bits_16   ? SF_FORMAT_PCM_16
+                           : wanted.raw_bits == sample_size::bits_24 ? SF_FORMAT_PCM_24
+                                                                     : SF_FORMAT_FLOAT);
             info.samplerate = *wanted.raw_rate;
             info.channels = wanted.raw_channels;
         }
@@ -75,6 +94,7 @@ public:
         if (S_ISDIR(kind.st_mode)) throw failure(file_trouble, name_ + " is a directory");
         if (!S_ISREG(kind.st_mode)) descriptor = spooled(fileno(descriptor.get()), name_);
         cut_short = !wanted.raw_rate && is_cut_short(fileno(descriptor.get()));
+        has_length = !wanted.raw_rate && has_mp3_length(fileno(descriptor.get()));
         // By its name where it has one, from which libsndfile knows formats that have no header.
         file.reset(S_ISREG(kind.st_mode) && wanted.in != "-"
                        ? sf_open(wanted.in.c_str(), SFM_READ, &info)
@@ -86,7 +106,7 @@ public:
                                                         : ""));
         if (info.samplerate < 1 || info.channels < 1)
             throw failure(file_trouble, fmt::format("cannot read {}: its header makes no sense", name_));
-        if (channel && *channel > info.channels)
+        if (channel > info.channels)
             throw failure(usage, fmt::format("--channel: {} has {} of them", name_, info.channels));
     }
 
@@ -94,22 +114,28 @@ public:
     int channels() const { return info.channels; }
     double seconds() const { return static_cast<double>(info.frames) / info.samplerate; }
 
-    /** At most `count` samples; fewer at the end. */
-    std::vector<float> read(std::size_t count) {
-        std::vector<float> mono;
+    /** How many of them are read. */
+    std::size_t channels_read() const { return channel == every_channel ? static_cast<std::size_t>(info.channels) : 1; }
+
+    /** At most `count` samples of each; fewer at the end. */
+    std::vector<std::vector<float>> read(std::size_t count) {
+        std::vector<std::vector<float>> pieces(channels_read());
         frames.resize(count * static_cast<std::size_t>(info.channels));
         const sf_count_t got =
             std::max<sf_count_t>(sf_readf_float(file.get(), frames.data(), static_cast<sf_count_t>(count)), 0);
-        for (sf_count_t frame = 0; frame < got; ++frame) {
-            const auto first = frames.begin() + static_cast<std::ptrdiff_t>(frame * info.channels);
-            const float sample =
-                channel ? first[*channel - 1]
-                        : std::accumulate(first, first + info.channels, 0.0F) / static_cast<float>(info.channels);
-            spoilt += std::isfinite(sample) ? 0 : 1;
-            mono.push_back(std::isfinite(sample) ? sample : 0.0F); // one of those would spoil the filters for good
+        frames.resize(static_cast<std::size_t>(got * info.channels));
+        const auto step = static_cast<std::size_t>(info.channels);
+        for (std::size_t at = 0; at < frames.size(); at += step) {
+            const auto frame = std::span(frames).subspan(at, step);
+            if (channel == mixed_channels)
+                take(std::accumulate(frame.begin(), frame.end(), 0.0F) / static_cast<float>(step), pieces[0]);
+            for (std::size_t i = 0; channel == every_channel && i < step; ++i)
+                take(frame[i], pieces[i]);
+            if (channel > 0) take(frame[static_cast<std::size_t>(channel) - 1], pieces[0]);
         }
-        all_channels.add(std::span(frames).first(static_cast<std::size_t>(got * info.channels)));
-        return mono;
+        seen += got;
+        all_channels.add(frames);
+        return pieces;
     }
 
     bool failed() const { return sf_error(file.get()) != SF_ERR_NO_ERROR; }
@@ -117,7 +143,7 @@ public:
     /** Why what was read is not all; nothing when it is. */
     std::string breaks_off() const {
         if (failed()) return reason();
-        return cut_short ? "its header promises more" : "";
+        return cut_short || (has_length && seen + frames_of_mp3 < info.frames) ? "its header promises more" : "";
     }
     std::uint64_t spoilt_samples() const { return spoilt; }
 
@@ -127,6 +153,11 @@ public:
     const std::string& name() const { return name_; }
 
 private:
+    void take(float sample, std::vector<float>& to) {
+        spoilt += std::isfinite(sample) ? 0 : 1;
+        to.push_back(std::isfinite(sample) ? sample : 0.0F); // one of those would spoil the filters for good
+    }
+
     std::string reason() const {
         std::string text = sf_strerror(file.get());
         while (text.ends_with('\n') || text.ends_with('.'))
@@ -138,25 +169,16 @@ private:
         void operator()(SNDFILE* open) const { sf_close(open); }
     };
     const std::string name_;
-    const std::optional<int> channel;
+    const int channel;
     SF_INFO info{};
     std::unique_ptr<SNDFILE, closer> file;
     std::vector<float> frames;
     level all_channels;
+    sf_count_t seen = 0;
     std::uint64_t spoilt = 0;
     bool cut_short = false;
+    bool has_length = false; // of an MP3 file, which libsndfile has looked up; others it has estimated
 };
-
-/**
- * Floats as the 16 bits of sound files, whose full scale is 32768: what came from a file and was not changed returns
- * exactly.
- */
-void to_16_bits(std::span<const float> floats, std::vector<std::int16_t>& samples) {
-    samples.resize(floats.size());
-    std::transform(floats.begin(), floats.end(), samples.begin(), [](float value) {
-        return static_cast<std::int16_t>(std::lrint(std::clamp(value * 32768.0F, -32768.0F, 32767.0F)));
-    });
-}
 
 /** Drawn for files that take longer than half a second. */
 class progress {
@@ -186,7 +208,9 @@ public:
     exit_code run();
 
 private:
-    bool write(std::span<const float> samples);
+    bool write(const std::vector<std::span<const float>>& channels);
+    int output_channels() const { return static_cast<int>(in.channels_read()); }
+    double seconds_read() const { return static_cast<double>(before.samples() / in.channels_read()) / in.rate(); }
     std::size_t samples_at_once() const;
     bool step(bool& at_end);
     std::string how_denoised() const;
@@ -195,15 +219,16 @@ private:
     const process_options& wanted;
     source in;
     const int rate;
-    effect_chain chain;
+    std::vector<effect_chain> chains; // one for each channel
     std::unique_ptr<output> out;
     level before;
     level after;
-    std::vector<std::int16_t> rounded;
+    std::vector<float> woven;
 };
 
 processing::processing(const process_options& options)
-    : wanted(options), in(options), rate(options.rate.value_or(in.rate())) {
+    : wanted(options), in(options),
+      rate(options.rate.value_or(nearest_rate(format_of(options.out, options.output), in.rate()))) {
     const float denoise = wanted.voice.denoise.value_or(0.0F);
     const bool has_voice = rate != in.rate() || denoise > 0;
     if (wanted.voice.denoise && denoise == 0) report_no_denoising(wanted.voice.must_denoise);
@@ -211,8 +236,10 @@ processing::processing(const process_options& options)
         throw failure(file_trouble,
                       fmt::format("{} is at {} Hz, and only 100 to 768000 Hz can be converted or filtered", in.name(),
                                   in.rate()));
-    chain = effect_chain(wanted.effects, rate);
-    if (has_voice) chain.begin_with({in.rate(), rate, denoise, 0, wanted.voice.conversion});
+    for (int channel = 0; channel < output_channels(); ++channel) {
+        chains.emplace_back(wanted.effects, rate);
+        if (has_voice) chains.back().begin_with({in.rate(), rate, denoise, 0, wanted.voice.conversion});
+    }
 }
 
 /** So many that neither their channels nor what a low rate is converted to take much memory. */
@@ -224,33 +251,48 @@ std::size_t processing::samples_at_once() const {
 
 /** Reads a piece and writes what it gives. Returns false when the output failed. */
 bool processing::step(bool& at_end) {
-    const std::vector<float> piece = in.read(samples_at_once());
+    const std::vector<std::vector<float>> pieces = in.read(samples_at_once());
     // Some damaged files could be read on, but the next read would forget the error.
-    at_end = piece.size() < samples_at_once() || in.failed();
-    before.add(piece);
-    if (!write(chain.process(piece))) return false;
-    return !at_end || write(chain.finish());
+    at_end = pieces[0].size() < samples_at_once() || in.failed();
+    std::vector<std::span<const float>> channels;
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        before.add(pieces[i]);
+        channels.push_back(chains[i].process(pieces[i]));
+    }
+    if (!write(channels)) return false;
+    if (!at_end) return true;
+    std::transform(chains.begin(), chains.end(), channels.begin(), [](effect_chain& each) { return each.finish(); });
+    return write(channels);
 }
 
-bool processing::write(std::span<const float> samples) {
-    to_16_bits(samples, rounded);
-    const std::size_t written = out->write(rounded);
+/** Writes channels of one length. */
+bool processing::write(const std::vector<std::span<const float>>& channels) {
+    std::span<const float> samples = channels[0];
+    if (channels.size() > 1) {
+        woven.clear();
+        for (std::size_t at = 0; at < channels[0].size(); ++at)
+            for (const auto& each : channels)
+                woven.push_back(each[at]);
+        samples = woven;
+    }
+    const std::size_t written = out->write(samples);
     after.add(samples.first(written));
-    return written == rounded.size();
+    return written == samples.size();
 }
 
 exit_code processing::run() {
-    const auto limit = static_cast<double>(sample_limit(format_of(wanted.out, wanted.output)));
+    const auto limit =
+        static_cast<double>(sample_limit(format_of(wanted.out, wanted.output), wanted.output, output_channels()));
     if (in.seconds() * rate > limit)
         throw failure(file_trouble, fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC holds more",
                                                 in.name(), time_text(in.seconds()), rate));
     stop_on_signals();
-    out = create_output(wanted.out, rate, wanted.output);
+    out = create_output(wanted.out, {rate, output_channels()}, wanted.output);
     progress bar;
     bool good = true;
     for (bool at_end = false; good && !at_end && !stop_requested();) {
         good = step(at_end);
-        bar.show(static_cast<double>(before.samples()) / in.rate(), in.seconds());
+        bar.show(seconds_read(), in.seconds());
     }
     status_line::finish();
     const bool closed = out->close();
@@ -260,8 +302,7 @@ exit_code processing::run() {
     report();
     if (const std::string reason = in.breaks_off(); !reason.empty() && !stop_requested())
         throw failure(input_breaks_off,
-                      fmt::format("{} breaks off after {}: {}", in.name(),
-                                  time_text(static_cast<double>(before.samples()) / in.rate()), reason));
+                      fmt::format("{} breaks off after {}: {}", in.name(), time_text(seconds_read()), reason));
     return fine;
 }
 
@@ -279,20 +320,22 @@ void processing::report() const {
     if (in.spoilt_samples() > 0)
         console::note(
             fmt::format("{} samples of {} were no numbers and count as silence", in.spoilt_samples(), in.name()));
-    if (in.channels() > 1 && !wanted.channel) {
+    if (in.channels() > 1 && wanted.channel == mixed_channels) {
         console::note(fmt::format("{} channels were mixed to one", in.channels()));
         if (before.rms() < 0.1F * in.rms())
             console::note("they cancel each other out: take one of them, such as --channel 1");
     }
-    if (after.peak() > 1.0F)
+    if (rate != in.rate() && !wanted.rate)
+        console::note(fmt::format("converted to {} Hz, as files of this kind cannot have {} Hz", rate, in.rate()));
+    if (after.peak() > 1.0F && wanted.output.bits != sample_size::real)
         console::note(
             fmt::format("the result was cut at full scale: its peak would be at {} dBFS", decibel_text(after.peak())));
     if (console::is_quiet()) return;
-    const auto line = [](const char* when, const std::string& path, const level& measured, int at,
-                         const std::string& more = "") {
+    const auto line = [this](const char* when, const std::string& path, const level& measured, int at,
+                             const std::string& more = "") {
         return fmt::format("{}  {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}: {}\n", when,
-                           static_cast<double>(measured.samples()) / at, at, decibel_text(measured.peak()),
-                           decibel_text(measured.rms()), more, path);
+                           static_cast<double>(measured.samples() / in.channels_read()) / at, at,
+                           decibel_text(measured.peak()), decibel_text(measured.rms()), more, path);
     };
     const std::string text = line("before", in.name(), before, in.rate()) +
                              line("after ", printable(wanted.out), after, rate, how_denoised());

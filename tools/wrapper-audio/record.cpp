@@ -20,7 +20,7 @@
 namespace {
 
 std::uint64_t samples_wanted(const record_options& wanted, sound_format format) {
-    const std::uint64_t limit = sample_limit(format);
+    const std::uint64_t limit = sample_limit(format, wanted.output);
     if (!wanted.seconds) return limit;
     const double samples = std::round(*wanted.seconds * wanted.rate);
     if (!(samples >= 1.0)) throw failure(usage, "--seconds: too short for a single sample");
@@ -74,7 +74,7 @@ private:
     exit_code listen();
     std::span<const float> with_gap(std::span<const float> samples, const wrapper_audio_block& block);
     exit_code keep(std::span<const float> samples);
-    void show(std::span<const std::int16_t> samples);
+    void show(std::span<const float> samples);
     exit_code finish(exit_code code);
     double seconds() const { return static_cast<double>(level_.samples()) / wanted_.rate; }
     std::string name() const { return path_ == "-" ? "standard output" : printable(path_); }
@@ -91,7 +91,7 @@ private:
     microphone microphone_;
     std::unique_ptr<output> output_;
     std::vector<float> filled_;
-    std::vector<std::int16_t> rounded_;
+    std::vector<float> limited_;
 };
 
 exit_code recording::run() {
@@ -101,8 +101,8 @@ exit_code recording::run() {
     else if (wanted_.voice.denoise)
         report_no_denoising(wanted_.voice.must_denoise);
     stop_on_signals();
-    output_ = create_output(path_, wanted_.rate,
-                            wanted_.output); // last: a device that does not open leaves an older file alone
+    output_ = create_output(path_, {wanted_.rate, 1, true}, // last: a device that does not open leaves a file alone
+                            wanted_.output);
     const exit_code code = listen();
     microphone_.stop();
     return finish(code);
@@ -135,16 +135,20 @@ std::span<const float> recording::with_gap(std::span<const float> samples, const
 }
 
 exit_code recording::keep(std::span<const float> samples) {
-    rounded_.resize(samples.size());
-    wrapper_audio_f32_to_s16(samples.data(), samples.size(), rounded_.data());
-    const auto kept = std::span<const std::int16_t>(rounded_).first(output_->write(rounded_));
+    if (wanted_.output.bits != sample_size::real) { // which has room above full scale
+        limited_.assign(samples.begin(), samples.end());
+        for (float& sample : limited_)
+            sample = std::clamp(sample, -1.0F, 1.0F);
+        samples = limited_;
+    }
+    const auto kept = samples.first(output_->write(samples));
     level_.add(kept);
-    if (kept.size() < rounded_.size()) return file_trouble;
+    if (kept.size() < samples.size()) return file_trouble;
     if (screen_.redraws && !console::is_quiet() && !kept.empty()) show(kept);
     return fine;
 }
 
-void recording::show(std::span<const std::int16_t> samples) {
+void recording::show(std::span<const float> samples) {
     level now;
     now.add(samples);
     meter_.hold(seconds(), now.peak());

@@ -1,5 +1,7 @@
 #include "values.h"
 
+#include "commands.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -101,6 +103,28 @@ int parse_rate(const std::string& text) {
     if (!(hertz >= 100 && hertz <= 384000)) throw std::invalid_argument("must lie between 100 and 384000 Hz");
     if (hertz != std::floor(hertz)) throw std::invalid_argument("must be a whole number of Hz");
     return static_cast<int>(hertz);
+}
+
+int parse_channel(const std::string& text) {
+    if (text == "mix") return mixed_channels;
+    if (text == "all") return every_channel;
+    std::string_view rest = text;
+    double number = 0;
+    if (!take_number(rest, number) || !rest.empty() || !(number >= 1 && number <= 1024) || number != std::floor(number))
+        throw std::invalid_argument("must be a channel, 1 or above, or mix or all");
+    return static_cast<int>(number);
+}
+
+int parse_bitrate(const std::string& text) {
+    std::string_view rest = text;
+    double bits = 0;
+    const bool is_number = take_number(rest, bits);
+    if (is_number && (rest == "k" || rest == "K"))
+        bits *= 1000;
+    else if (!is_number || !rest.empty())
+        throw std::invalid_argument(fmt::format("'{}' is not a bitrate; 64k is one", text));
+    if (!(bits >= 1000 && bits <= 1e7)) throw std::invalid_argument("must be at least 1k bits per second");
+    return static_cast<int>(bits);
 }
 
 double parse_duration(const std::string& text) {

@@ -21,6 +21,12 @@ float parse_share(const std::string& text);
 /** "16000", "16k" or "44.1k": 100 to 384000 Hz. */
 int parse_rate(const std::string& text);
 
+/** "2", "mix" or "all". */
+int parse_channel(const std::string& text);
+
+/** "64k" or "64000" bits per second. */
+int parse_bitrate(const std::string& text);
+
 /** "90", "1.5s", "1m30s", "2h" or "1:02:30": seconds above 0. */
 double parse_duration(const std::string& text);
 

@@ -11,7 +11,7 @@ _wrapper_audio_devices() {
 
 _wrapper_audio() {
     local line=${COMP_LINE:0:COMP_POINT} command=${COMP_WORDS[1]} current=${COMP_WORDS[COMP_CWORD]}
-    local common='--help --quiet --verbose' effects='--denoise --denoise=required --converter --highpass --depop --agc --type --no-clobber'
+    local common='--help --quiet --verbose' effects='--denoise --denoise=required --converter --highpass --depop --agc --type --bits --bitrate --no-clobber'
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
         mapfile -t COMPREPLY < <(compgen -W 'devices meter record process doctor help --quiet --verbose --help --version' -- "$current")
@@ -23,9 +23,12 @@ _wrapper_audio() {
     fi
     case $command:${COMP_WORDS[COMP_CWORD - 1]} in
     *:--rate | *:-r | *:--raw-rate) mapfile -t COMPREPLY < <(compgen -W '8000 16000 22050 24000 44100 48000' -- "$current"); return ;;
-    *:--type | *:-t) mapfile -t COMPREPLY < <(compgen -W 'wav flac raw' -- "$current"); return ;;
+    *:--type | *:-t) mapfile -t COMPREPLY < <(compgen -W 'wav flac opus ogg mp3 raw' -- "$current"); return ;;
+    *:--bits | *:--raw-bits) mapfile -t COMPREPLY < <(compgen -W '16 24 float' -- "$current"); return ;;
+    *:--channel) mapfile -t COMPREPLY < <(compgen -W '1 2 mix all' -- "$current"); return ;;
+    *:--bitrate) mapfile -t COMPREPLY < <(compgen -W '16k 32k 64k 96k 128k' -- "$current"); return ;;
     *:--converter) mapfile -t COMPREPLY < <(compgen -W 'clean linear' -- "$current"); return ;;
-    *:--seconds | *:--strength | *:--highpass | *:--depop | *:--agc | *:--raw-channels | *:--channel) return ;;
+    *:--seconds | *:--strength | *:--highpass | *:--depop | *:--agc | *:--raw-channels) return ;;
     esac
     if [[ $current == -* ]]; then
         local options=$common
@@ -33,7 +36,7 @@ _wrapper_audio() {
         devices) options+=' --json --ids --all' ;;
         meter) options+=' --device --seconds --json' ;;
         record) options+=" --device --rate --seconds --fill-gaps $effects" ;;
-        process) options+=" --rate --raw-rate --raw-channels --channel $effects" ;;
+        process) options+=" --rate --raw-rate --raw-channels --raw-bits --channel $effects" ;;
         doctor) options+=' --device' ;;
         esac
         [[ $line != *" --denoise"* ]] || options+=' --strength'

@@ -2,11 +2,15 @@
 
 import math
 import random
+import resource
+import shutil
 import struct
+import subprocess
+import time
 import unittest
 import wave
 
-from host import FINE, INPUT_BREAKS_OFF, SPEECH, USAGE, HostTest, decibels, rms
+from host import FILE_TROUBLE, FINE, INPUT_BREAKS_OFF, SPEECH, USAGE, HostTest, decibels, rms
 
 
 def tone(hertz, rate, seconds, amplitude):
@@ -198,6 +202,87 @@ class Compressed(FormatTest):
                 self.assertEqual(len(self.recorded(16000)) > 16000, True)
                 if ends != FINE:
                     self.assertRegex(errors, rf"{name} breaks off after 0:02\.\d: its header promises more")
+
+
+class Unfinished(FormatTest):
+    """What is left of a recording whose program was killed, or whose disk is full."""
+
+    def setUp(self):
+        super().setUp()
+        self.listen_to(SPEECH)
+
+    def kill(self, name, seconds, *arguments):
+        """Kills a recording of so much sound, and returns how much the file has in samples."""
+        path = self.folder / name
+        process = self.start("record", "--rate", 48000, *arguments, path, microphone={"MICROPHONE_PACED": "1"})
+        self.wait_for(lambda: path.exists() and path.stat().st_size > 0, process)
+        time.sleep(seconds)
+        process.kill()
+        process.communicate()
+        return path
+
+    def test_a_killed_flac_file_is_valid_and_lacks_a_few_blocks_at_most(self):
+        for size, width in ("16", 2), ("24", 3):
+            path = self.kill("killed.flac", 3, "--bits", size)
+            header = path.read_bytes()[:42]
+            self.assertEqual(struct.unpack(">HH", header[8:12]), (4096, 4096))  # samples in a block
+            length = int.from_bytes(header[21:26], "big") & (1 << 36) - 1
+            self.assertEqual(length % 4096, 0)
+            self.assertGreater(length, 2.5 * 48000)
+            # Whoever decodes it finds neither less nor more.
+            whole = self.bytes_of(path, "--bits", size)
+            self.assertEqual(len(whole), width * length)
+            self.record("--rate", 48000, "--seconds", 3, "--bits", size, self.file)
+            self.assertEqual(whole[: 2 * 48000 * width], self.bytes_of(self.file, "--bits", size)[: 2 * 48000 * width])
+            for decoder in ["sox", path, "-t", "raw", "-"], ["ffmpeg", "-v", "error", "-i", path, "-f", f"s{size}le", "-"]:
+                self.assertEqual(self.peer(*decoder), whole)
+
+    def peer(self, *command):
+        if shutil.which(command[0]) is None:
+            self.skipTest(f"{command[0]} is not installed; scripts/setup test installs it")
+        done = subprocess.run(command, capture_output=True, timeout=30)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        return done.stdout
+
+    def test_a_finished_flac_file_knows_everything_about_itself(self):
+        self.record("--seconds", 1, "out.flac")
+        header = (self.folder / "out.flac").read_bytes()[:42]
+        self.assertEqual(int.from_bytes(header[21:26], "big") & (1 << 36) - 1, 16000)
+        self.assertNotEqual(header[26:42], bytes(16), "the sum over the samples is missing")
+
+    def test_a_flac_file_on_a_disk_that_fills_up_keeps_what_fits(self):
+        limit = 100001
+        code, _, errors = self.record(
+            *("--seconds", 6, "out.flac"),
+            restore_signals=False,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)),
+        )
+        self.assertEqual(code, FILE_TROUBLE)
+        self.assertRegex(errors, r"\Awrapper-audio: cannot write out\.flac: \S.*\n\Z")
+        self.assertEqual((self.folder / "out.flac").stat().st_size, limit)
+        code, _, errors = self.host("process", "out.flac", self.file)
+        self.assertGreater(len(self.recorded(16000)), 2 * 16000)
+
+    def test_killed_files_that_compress_hold_all_but_the_last_seconds(self):
+        for kind, least in ("opus", 3.5), ("ogg", 0.5), ("mp3", 4.5):
+            with self.subTest(kind=kind):
+                path = self.kill(f"killed.{kind}", 5)
+                self.assertGreater(len(self.samples_of(path)) / 48000, least)
+
+    def test_rf64_is_wav_until_it_is_too_long_for_that(self):
+        path = self.kill("killed.rf64", 1)
+        self.assertEqual(path.read_bytes()[:4], b"RIFF")
+        self.assertGreater(len(self.samples_of(path)) / 48000, 0.7)
+        self.record("--type", "rf64", "--seconds", 1, "out.wav")
+        self.record("--seconds", 1, self.file)
+        self.assertEqual(self.samples_of("out.wav"), self.recorded(16000))
+
+    def test_what_is_too_long_for_wav_is_refused_before_it_begins(self):
+        with open(self.folder / "silence.raw", "wb") as long:
+            long.truncate(2**32 + 2000)
+        result = self.host("process", "-q", "--raw-rate", 384000, "silence.raw", self.file)
+        self.assert_failed(result, FILE_TROUBLE, "too long .* FLAC and --type rf64 hold more")
+        self.assertFalse(self.file.exists())
 
 
 if __name__ == "__main__":

@@ -86,7 +86,9 @@ int libsndfile_format(sound_format format, sample_size bits) {
     case sound_format::mp3:
         return SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
     default:
-        return (format == sound_format::flac ? SF_FORMAT_FLAC : SF_FORMAT_WAV) |
+        return (format == sound_format::flac   ? SF_FORMAT_FLAC
+                : format == sound_format::rf64 ? SF_FORMAT_RF64
+                                               : SF_FORMAT_WAV) |
                (bits == sample_size::bits_16   ? SF_FORMAT_PCM_16
                 : bits == sample_size::bits_24 ? SF_FORMAT_PCM_24
                                                : SF_FORMAT_FLOAT);
@@ -103,15 +105,17 @@ std::pair<int, int> bitrates(sound_format format, const stream_shape& shape) {
 class sound_file : public output {
 public:
     sound_file(int descriptor, const stream_shape& shape, sound_format format, const output_options& wanted)
-        : numbers(shape.from_microphone), kind(format), bits(wanted.bits.value_or(sample_size::bits_16)) {
+        : own_descriptor(descriptor), channels(shape.channels), numbers(shape.from_microphone), kind(format),
+          bits(wanted.bits.value_or(sample_size::bits_16)) {
         SF_INFO info{};
         info.samplerate = shape.rate;
         info.channels = shape.channels;
         info.format = libsndfile_format(format, bits);
         file = sf_open_fd(descriptor, SFM_WRITE, &info, SF_TRUE);
         if (file == nullptr) return;
-        if (wanted.bitrate) set_bitrate(*wanted.bitrate, shape);
-        if (format != sound_format::wav) return;
+        set_bitrate(wanted.bitrate, shape);
+        if (format != sound_format::wav && format != sound_format::rf64) return;
+        sf_command(file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE); // WAV as long as it is small enough
         // The header is brought up to date with each write, so that the file is valid however the program ends.
         sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
         sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
@@ -128,7 +132,10 @@ public:
                                        ? sf_write_int(file, numbers.bits_24(samples).data(), count)
                                        : sf_write_short(file, numbers.bits_16(samples).data(), count);
         remember_error();
-        return written > 0 ? static_cast<std::size_t>(written) : 0;
+        if (written <= 0) return 0;
+        frames_written += static_cast<std::uint64_t>(written / channels);
+        note_length();
+        return static_cast<std::size_t>(written);
     }
 
     bool close() override {
@@ -148,12 +155,27 @@ public:
     }
 
 private:
-    void set_bitrate(int wanted, const stream_shape& shape) {
-        const auto [lowest, highest] = bitrates(kind, shape);
+    void set_bitrate(std::optional<int> wanted, const stream_shape& shape) {
+        // A constant one: from it, readers can tell the length of an MP3 file that was not finished.
         int mode = SF_BITRATE_MODE_CONSTANT;
-        double level = static_cast<double>(highest - wanted) / (highest - lowest);
         if (kind == sound_format::mp3) sf_command(file, SFC_SET_BITRATE_MODE, &mode, sizeof mode);
+        if (!wanted) return;
+        const auto [lowest, highest] = bitrates(kind, shape);
+        double level = static_cast<double>(highest - *wanted) / (highest - lowest);
         sf_command(file, SFC_SET_COMPRESSION_LEVEL, &level, sizeof level);
+    }
+
+    /** Tells the header of a FLAC file how many samples are in the blocks that the encoder has finished so far. */
+    void note_length() {
+        constexpr std::uint64_t block = 4096; // samples, at the encoder's usual level
+        constexpr off_t place = 21;           // in the file: four bits of the samples' size, and 36 for this number
+        const std::uint64_t length = frames_written > 0 ? (frames_written - 1) / block * block : 0;
+        if (kind != sound_format::flac || length == length_noted) return;
+        const std::uint64_t size = bits == sample_size::bits_16 ? 15 : 23; // one less
+        std::array<std::uint8_t, 5> bytes{};
+        for (std::size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<std::uint8_t>((length | size << 36) >> (8 * (bytes.size() - 1 - i)));
+        if (pwrite(own_descriptor, bytes.data(), bytes.size(), place) == 5) length_noted = length;
     }
 
     /** What is beyond full scale is no sound for the encoders. */
@@ -171,6 +193,10 @@ private:
     }
 
     SNDFILE* file = nullptr;
+    const int own_descriptor; // closed by libsndfile
+    const int channels;
+    std::uint64_t frames_written = 0;
+    std::uint64_t length_noted = 0;
     number_maker numbers;
     const sound_format kind;
     const sample_size bits;
@@ -278,7 +304,7 @@ private:
 };
 
 const char* name_of(sound_format format) {
-    constexpr std::array names{"WAV", "FLAC", "raw", "Vorbis", "Opus", "MP3"};
+    constexpr std::array names{"WAV", "RF64", "FLAC", "raw", "Vorbis", "Opus", "MP3"};
     return names.at(static_cast<std::size_t>(format));
 }
 
@@ -334,6 +360,7 @@ namespace {
 sound_format format_by_name(const std::string& path) {
     const std::string extension = lower_case_extension(path);
     if (path == "-" || extension == ".raw" || extension == ".pcm") return sound_format::raw;
+    if (extension == ".rf64") return sound_format::rf64;
     if (extension == ".flac") return sound_format::flac;
     if (extension == ".ogg" || extension == ".oga") return sound_format::ogg;
     if (extension == ".opus") return sound_format::opus;

@@ -27,7 +27,7 @@ public:
     virtual bool reader_gone() const { return false; }
 };
 
-enum class sound_format { wav, flac, raw, ogg, opus, mp3 };
+enum class sound_format { wav, rf64, flac, raw, ogg, opus, mp3 };
 enum class sample_size { bits_16, bits_24, real };
 
 struct output_options {

@@ -112,7 +112,10 @@ public:
 
     int rate() const { return info.samplerate; }
     int channels() const { return info.channels; }
-    double seconds() const { return static_cast<double>(info.frames) / info.samplerate; }
+    /** 0 where the header does not tell. */
+    double seconds() const {
+        return info.frames == SF_COUNT_MAX ? 0.0 : static_cast<double>(info.frames) / info.samplerate;
+    }
 
     /** How many of them are read. */
     std::size_t channels_read() const { return channel == every_channel ? static_cast<std::size_t>(info.channels) : 1; }
@@ -284,8 +287,9 @@ exit_code processing::run() {
     const auto limit =
         static_cast<double>(sample_limit(format_of(wanted.out, wanted.output), wanted.output, output_channels()));
     if (in.seconds() * rate > limit)
-        throw failure(file_trouble, fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC holds more",
-                                                in.name(), time_text(in.seconds()), rate));
+        throw failure(file_trouble,
+                      fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC and --type rf64 hold more",
+                                  in.name(), time_text(in.seconds()), rate));
     stop_on_signals();
     out = create_output(wanted.out, {rate, output_channels()}, wanted.output);
     progress bar;

@@ -25,7 +25,8 @@ std::uint64_t samples_wanted(const record_options& wanted, sound_format format) 
     const double samples = std::round(*wanted.seconds * wanted.rate);
     if (!(samples >= 1.0)) throw failure(usage, "--seconds: too short for a single sample");
     if (!(samples <= static_cast<double>(limit)))
-        throw failure(usage, "--seconds: longer than such a file can be at this rate (WAV: 4 GiB)");
+        throw failure(usage,
+                      "--seconds: longer than such a file can be at this rate (WAV: 4 GiB; --type rf64 holds more)");
     return static_cast<std::uint64_t>(samples);
 }
 

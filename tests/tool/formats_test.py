@@ -2,6 +2,7 @@
 
 import math
 import random
+import re
 import resource
 import shutil
 import struct
@@ -202,6 +203,58 @@ class Compressed(FormatTest):
                 self.assertEqual(len(self.recorded(16000)) > 16000, True)
                 if ends != FINE:
                     self.assertRegex(errors, rf"{name} breaks off after 0:02\.\d: its header promises more")
+
+
+class Loudness(FormatTest):
+    """A sine at 997 Hz in one channel has a loudness of its RMS level; the same in two channels is 3 LU louder."""
+
+    def bring(self, lufs, source, *arguments):
+        code, output, errors = self.host("process", source, self.file, "--loudness", lufs, *arguments)
+        self.assertEqual(code, FINE)
+        said = re.search(r"\nafter .*, loudness (\S+) LUFS, true peak (\S+) dBTP: ", output)
+        samples = self.samples_of(self.file, "--channel", "all")
+        return samples, float(said[1]), float(said[2]), errors
+
+    def test_a_tone_gets_the_level_that_the_standard_demands(self):
+        for rate in 16000, 48000:
+            for amplitude in 300, 3000, 30000:
+                sine = tone(997, rate, 3, amplitude)
+                for channels, level in (1, -16), (2, -19.01):
+                    samples, lufs, peak, errors = self.bring(-16, self.wav("in.wav", rate, *[sine] * channels), "--channel", "all")
+                    self.assertEqual((lufs, errors), (-16.0, ""))
+                    self.assertAlmostEqual(decibels(rms(samples)), level, delta=0.1)
+                    self.assertAlmostEqual(peak, level + 3.01, delta=0.1)
+
+    def test_silence_around_does_not_count(self):
+        sine = tone(997, 16000, 10, 3000)
+        samples, _, _, _ = self.bring(-16, self.wav("in.wav", 16000, [0] * 160000 + sine + [0] * 160000))
+        self.assertAlmostEqual(decibels(rms(samples[160000:320000])), -16, delta=0.2)
+
+    def test_speech_is_limited_and_gets_its_loudness(self):
+        speech = self.wav("in.wav", 48000, struct.unpack("<288000h", SPEECH.read_bytes()))
+        samples, lufs, peak, errors = self.bring(-16, speech)
+        self.assertEqual((lufs, errors), (-16.0, ""))
+        self.assertLessEqual(peak, -1.1)
+        self.assertLess(max(map(abs, samples)), 32768 * 10 ** (-1 / 20))
+
+    def test_peaks_between_the_samples_are_held_too(self):
+        # At a quarter of the rate and an eighth of a turn, the samples are 3 dB below the peaks.
+        sine = [round(3000 * math.sin(math.pi / 2 * at + math.pi / 4)) for at in range(96000)]
+        samples, lufs, peak, errors = self.bring(0, self.wav("in.wav", 48000, sine))
+        self.assertLess(max(map(abs, samples[4800:-4800])), 32768 * 10 ** (-4 / 20))
+        self.assertLessEqual(peak, -1.1)
+        self.assertLess(lufs, 0)
+        self.assertRegex(errors, r"out\.wav: only \S+ LUFS, as its peaks leave little room for more")
+
+    def test_silence_stays_silence(self):
+        samples, lufs, _, errors = self.bring(-16, self.wav("in.wav", 16000, [0] * 16000))
+        self.assertEqual((set(samples), lufs), ({0}, -math.inf))
+        self.assertRegex(errors, "too quiet or too short to have a loudness")
+
+    def test_absurd_ones_are_refused(self):
+        source = self.wav("in.wav", 16000, [1] * 100)
+        for value in "1", "-61", "loud", "nan", "-16:3":
+            self.assert_failed(self.host("process", source, self.file, "--loudness", value), USAGE, "--loudness")
 
 
 class Unfinished(FormatTest):

@@ -228,6 +228,7 @@ void parser::add_process() {
                             "  wrapper-audio process --rate 16000 music.flac for-the-recogniser.wav\n"
                             "  wrapper-audio process --denoise --strength 0.8 noisy.wav clean.wav\n"
                             "  wrapper-audio process --highpass 80:0.9 --agc -20 quiet.wav loud.wav\n"
+                            "  wrapper-audio process --denoise --loudness -16 talk.wav podcast.mp3\n"
                             "  wrapper-audio process --channel all --bitrate 64k interview.wav interview.opus\n");
     command->add_option("IN", processing.in, "any sound file; - is standard input")->required();
     command->add_option("OUT", processing.out, "the file to write: .wav, .flac, .opus, .ogg, .mp3, .raw or -")
@@ -254,6 +255,10 @@ void parser::add_process() {
         ->type_name("HZ");
     add_voice(command, processing.voice);
     add_effects(command, processing.effects);
+    command
+        ->add_option("--loudness", value_of("--loudness", processing.loudness, parse_loudness),
+                     "bring the whole to a loudness by EBU R128, such as -16, with its true peak below -1 dBTP")
+        ->type_name("LUFS");
     add_output(command, processing.output);
 }
 

@@ -56,6 +56,7 @@ struct process_options {
     std::optional<int> rate;
     voice_options voice;
     effect_options effects;
+    std::optional<float> loudness; // in LUFS
     output_options output;
 };
 

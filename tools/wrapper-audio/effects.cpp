@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr float ceiling_db = -1.0F;
+constexpr float highest_peak_db = -1.0F;
 constexpr float limiter_release_ms = 100.0F;
 
 void check(wrapper_audio_status status) {
@@ -28,12 +28,16 @@ effect_chain::effect_chain(const effect_options& wanted, int rate) {
     }
     if (wanted.agc) {
         stages.push_back(make(wrapper_audio_gain_control_create, rate, wanted.agc->target_db, wanted.agc->release_ms));
-        stages.push_back(make(wrapper_audio_limiter_create, rate, ceiling_db, limiter_release_ms));
+        end_with_limiter(rate, highest_peak_db);
     }
 }
 
 void effect_chain::begin_with(const wrapper_audio_voice_options& voice) {
     stages.insert(stages.begin(), make(wrapper_audio_voice_create, &voice));
+}
+
+void effect_chain::end_with_limiter(int rate, float ceiling_db) {
+    stages.push_back(make(wrapper_audio_limiter_create, rate, ceiling_db, limiter_release_ms));
 }
 
 template <class Create, class... Arguments>

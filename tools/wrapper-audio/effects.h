@@ -41,6 +41,9 @@ public:
     /** Puts a voice chain in front of the others. */
     void begin_with(const wrapper_audio_voice_options& voice);
 
+    /** Puts a limiter behind the others. */
+    void end_with_limiter(int rate, float ceiling_db);
+
     /** Takes samples in and gives those out that are ready. Valid until the next call. */
     std::span<const float> process(std::span<const float> samples) { return run(samples, false); }
 

@@ -4,6 +4,7 @@
 #include "commands.h"
 #include "console.h"
 #include "level.h"
+#include "loudness.h"
 #include "output.h"
 #include "stopping.h"
 #include "text.h"
@@ -211,7 +212,8 @@ public:
     exit_code run();
 
 private:
-    bool write(const std::vector<std::span<const float>>& channels);
+    bool weave(const std::vector<std::span<const float>>& channels);
+    bool write(std::span<const float> samples);
     int output_channels() const { return static_cast<int>(in.channels_read()); }
     double seconds_read() const { return static_cast<double>(before.samples() / in.channels_read()) / in.rate(); }
     std::size_t samples_at_once() const;
@@ -223,6 +225,7 @@ private:
     source in;
     const int rate;
     std::vector<effect_chain> chains; // one for each channel
+    std::optional<loudness_stage> loudness;
     std::unique_ptr<output> out;
     level before;
     level after;
@@ -235,7 +238,7 @@ processing::processing(const process_options& options)
     const float denoise = wanted.voice.denoise.value_or(0.0F);
     const bool has_voice = rate != in.rate() || denoise > 0;
     if (wanted.voice.denoise && denoise == 0) report_no_denoising(wanted.voice.must_denoise);
-    if ((has_voice || wanted.effects.any()) && (in.rate() < 100 || in.rate() > 768000))
+    if ((has_voice || wanted.effects.any() || wanted.loudness) && (in.rate() < 100 || in.rate() > 768000))
         throw failure(file_trouble,
                       fmt::format("{} is at {} Hz, and only 100 to 768000 Hz can be converted or filtered", in.name(),
                                   in.rate()));
@@ -262,14 +265,14 @@ bool processing::step(bool& at_end) {
         before.add(pieces[i]);
         channels.push_back(chains[i].process(pieces[i]));
     }
-    if (!write(channels)) return false;
+    if (!weave(channels)) return false;
     if (!at_end) return true;
     std::transform(chains.begin(), chains.end(), channels.begin(), [](effect_chain& each) { return each.finish(); });
-    return write(channels);
+    return weave(channels);
 }
 
-/** Writes channels of one length. */
-bool processing::write(const std::vector<std::span<const float>>& channels) {
+/** Puts channels of one length side by side, and writes or keeps them. */
+bool processing::weave(const std::vector<std::span<const float>>& channels) {
     std::span<const float> samples = channels[0];
     if (channels.size() > 1) {
         woven.clear();
@@ -278,6 +281,12 @@ bool processing::write(const std::vector<std::span<const float>>& channels) {
                 woven.push_back(each[at]);
         samples = woven;
     }
+    if (!loudness) return write(samples);
+    loudness->add(samples);
+    return true;
+}
+
+bool processing::write(std::span<const float> samples) {
     const std::size_t written = out->write(samples);
     after.add(samples.first(written));
     return written == samples.size();
@@ -290,6 +299,7 @@ exit_code processing::run() {
         throw failure(file_trouble,
                       fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC and --type rf64 hold more",
                                   in.name(), time_text(in.seconds()), rate));
+    if (wanted.loudness) loudness.emplace(*wanted.loudness, rate, output_channels());
     stop_on_signals();
     out = create_output(wanted.out, {rate, output_channels()}, wanted.output);
     progress bar;
@@ -298,6 +308,8 @@ exit_code processing::run() {
         good = step(at_end);
         bar.show(seconds_read(), in.seconds());
     }
+    const auto to_output = [this](std::span<const float> samples) { return write(samples); };
+    if (loudness && good) good = loudness->finish(to_output) || stop_requested();
     status_line::finish();
     const bool closed = out->close();
     if (out->reader_gone()) return fine;
@@ -334,6 +346,8 @@ void processing::report() const {
     if (after.peak() > 1.0F && wanted.output.bits != sample_size::real)
         console::note(
             fmt::format("the result was cut at full scale: its peak would be at {} dBFS", decibel_text(after.peak())));
+    if (loudness && !loudness->shortfall().empty())
+        console::note(fmt::format("{}: {}", printable(wanted.out), loudness->shortfall()));
     if (console::is_quiet()) return;
     const auto line = [this](const char* when, const std::string& path, const level& measured, int at,
                              const std::string& more = "") {
@@ -341,8 +355,9 @@ void processing::report() const {
                            static_cast<double>(measured.samples() / in.channels_read()) / at, at,
                            decibel_text(measured.peak()), decibel_text(measured.rms()), more, path);
     };
-    const std::string text = line("before", in.name(), before, in.rate()) +
-                             line("after ", printable(wanted.out), after, rate, how_denoised());
+    const std::string text =
+        line("before", in.name(), before, in.rate()) +
+        line("after ", printable(wanted.out), after, rate, how_denoised() + (loudness ? loudness->text() : ""));
     if (wanted.out == "-")
         console::write_all(STDERR_FILENO, text);
     else

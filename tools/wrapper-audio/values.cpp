@@ -83,6 +83,15 @@ gain_control parse_gain_control(const std::string& text) {
     return parsed;
 }
 
+float parse_loudness(const std::string& text) {
+    float lufs = 1;
+    float rest = 0;
+    parse_pair(text, lufs, rest);
+    if (!(lufs >= -60 && lufs <= 0) || text.find(':') != std::string::npos)
+        throw std::invalid_argument("must lie between -60 and 0 LUFS");
+    return lufs;
+}
+
 float parse_share(const std::string& text) {
     float share = -1;
     float rest = 0;

@@ -15,6 +15,9 @@ high_pass parse_high_pass(const std::string& text);
 /** "DB[:RELEASE_MS]" */
 gain_control parse_gain_control(const std::string& text);
 
+/** -60 to 0 LUFS. */
+float parse_loudness(const std::string& text);
+
 /** A number from 0 to 1. */
 float parse_share(const std::string& text);
 

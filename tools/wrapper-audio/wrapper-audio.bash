@@ -28,7 +28,7 @@ _wrapper_audio() {
     *:--channel) mapfile -t COMPREPLY < <(compgen -W '1 2 mix all' -- "$current"); return ;;
     *:--bitrate) mapfile -t COMPREPLY < <(compgen -W '16k 32k 64k 96k 128k' -- "$current"); return ;;
     *:--converter) mapfile -t COMPREPLY < <(compgen -W 'clean linear' -- "$current"); return ;;
-    *:--seconds | *:--strength | *:--highpass | *:--depop | *:--agc | *:--raw-channels) return ;;
+    *:--seconds | *:--strength | *:--highpass | *:--depop | *:--agc | *:--loudness | *:--raw-channels) return ;;
     esac
     if [[ $current == -* ]]; then
         local options=$common
@@ -36,7 +36,7 @@ _wrapper_audio() {
         devices) options+=' --json --ids --all' ;;
         meter) options+=' --device --seconds --json' ;;
         record) options+=" --device --rate --seconds --fill-gaps $effects" ;;
-        process) options+=" --rate --raw-rate --raw-channels --raw-bits --channel $effects" ;;
+        process) options+=" --rate --raw-rate --raw-channels --raw-bits --channel --loudness $effects" ;;
         doctor) options+=' --device' ;;
         esac
         [[ $line != *" --denoise"* ]] || options+=' --strength'

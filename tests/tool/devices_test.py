@@ -225,7 +225,18 @@ class Meter(HostTest):
                 for line in redraws:
                     self.assertLess(len(without_colours(line)), columns)
                 if columns >= 40:
-                    self.assertRegex(without_colours(redraws[-1]), r"\A\[█*░* *┃? *\].* -\d+\.\d dBFS +\Z")
+                    self.assertRegex(without_colours(redraws[-1]), r"\A\[█*░* *┃? *\].* -\d+\.\d dBFS +[▁▂▃▄▅▆▇█]?\Z")
+
+    def test_the_peaks_of_the_last_seconds_are_kept(self):
+        levels = 0, 58, 1036, 18426, 32767  # nothing, -55, -30, -5 and 0 dBFS
+        self.listen_to_samples([sample for level in levels for sample in [level] + [0] * 47999] + [0] * 48000)
+        for environment, blocks in ({}, " ▁▄▇█"), ({"LC_ALL": "C"}, " _-%#"):
+            _, shown = self.in_terminal(
+                "meter", "--seconds", 5.5, columns=80, microphone={"MICROPHONE_PACED": "1"}, environment=environment
+            )
+            last = without_colours([line for line in shown.rstrip("\r\n").split("\r") if line][-1])
+            self.assertEqual(len(last), 79)
+            self.assertRegex(last, f" {blocks} $")
 
     def test_it_is_redrawn_at_most_20_times_a_second(self):
         begun = time.monotonic()

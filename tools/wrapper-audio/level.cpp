@@ -9,6 +9,7 @@
 
 namespace {
 
+constexpr int most_history = 30;       // seconds
 constexpr float full_scale = 32767.0F; // the library's samples reach no further, in either direction
 
 float decibels(float level) {
@@ -81,9 +82,27 @@ std::string time_text(double seconds) {
 }
 
 void level_meter::hold(double now, float peak) {
+    for (const auto second = static_cast<std::int64_t>(now); second_ < second; ++second_) {
+        peaks_.push_back(0);
+        if (peaks_.size() > std::size_t{most_history}) peaks_.pop_front();
+    }
+    peaks_.back() = std::max(peaks_.back(), peak);
     if (peak < held_peak && now < held_until) return;
     held_peak = peak;
     held_until = now + 1.0;
+}
+
+/** The last ones, 7.5 dB for each step. */
+std::string level_meter::history(const terminal& on, int blocks) const {
+    using namespace std::string_view_literals;
+    constexpr int steps = 8;
+    constexpr std::array fine{" "sv, "▁"sv, "▂"sv, "▃"sv, "▄"sv, "▅"sv, "▆"sv, "▇"sv, "█"sv};
+    constexpr std::array coarse{" "sv, "_"sv, "."sv, ","sv, "-"sv, "+"sv, "*"sv, "%"sv, "#"sv};
+    const auto shown = std::min(peaks_.size(), static_cast<std::size_t>(blocks));
+    std::string text(static_cast<std::size_t>(blocks) - shown, ' ');
+    for (auto peak = peaks_.end() - static_cast<std::ptrdiff_t>(shown); peak != peaks_.end(); ++peak)
+        text += (on.utf8 ? fine : coarse).at(static_cast<std::size_t>(cells(*peak, steps)));
+    return text;
 }
 
 shown_text level_meter::line(const terminal& on, double now, const std::string& head, float rms, float peak) {
@@ -96,7 +115,9 @@ shown_text level_meter::line(const terminal& on, double now, const std::string& 
     const auto room = [&] { return columns - static_cast<int>(head.size() + tail.size()) - 7; }; // brackets and " CLIP"
     if (room() < shortest_bar) tail = fmt::format(" {:>5} dBFS", decibel_text(peak));
     if (room() < shortest_bar) tail.clear();
-    const int bar = std::min(room(), longest_bar);
+    constexpr int useful_bar = 30;
+    const int blocks = shows_history_ ? std::clamp(room() - useful_bar - 1, 0, most_history) : 0;
+    const int bar = std::min(room() - (blocks > 0 ? blocks + 1 : 0), longest_bar);
 
     shown_text shown;
     shown.text = head;
@@ -106,6 +127,10 @@ shown_text level_meter::line(const terminal& on, double now, const std::string& 
         shown.columns += bar + 2 + static_cast<int>(tail.size());
         shown.text += !clips ? "     " : on.colours ? fmt::format(" {}CLIP{}", red, plain) : " CLIP";
         shown.columns += 5;
+        if (blocks > 0) {
+            shown.text += fmt::format(" {}", history(on, blocks));
+            shown.columns += blocks + 1;
+        }
     } else { // all ASCII here
         if (head.empty()) shown = {decibel_text(peak), static_cast<int>(decibel_text(peak).size())};
         shown.text.resize(static_cast<std::size_t>(std::clamp(columns, 0, shown.columns)));

@@ -7,6 +7,7 @@
 #include "status_line.h"
 
 #include <cstdint>
+#include <deque>
 #include <span>
 #include <string>
 
@@ -34,9 +35,14 @@ std::string decibel_text(float level);
 /** "1:02.3" */
 std::string time_text(double seconds);
 
-/** A bar from -60 dBFS to full scale with RMS, peak, one second of peak hold and a clip mark. */
+/**
+ * A bar from -60 dBFS to full scale with RMS, peak, one second of peak hold and a clip mark; and, where it is wanted and
+ * there is room, a block for the peak of each of the last seconds.
+ */
 class level_meter {
 public:
+    explicit level_meter(bool shows_history = false) : shows_history_(shows_history) {}
+
     /** The line for the levels of a moment, cut to `columns`. `now` is the time of the sound in seconds. */
     shown_text line(const terminal& on, double now, const std::string& head, float rms, float peak);
 
@@ -44,8 +50,13 @@ public:
     void hold(double now, float peak);
 
 private:
+    std::string history(const terminal& on, int blocks) const;
+
+    const bool shows_history_;
     float held_peak = 0;
     double held_until = 0;
+    std::deque<float> peaks_; // of whole seconds, the present one at the end
+    std::int64_t second_ = -1;
 };
 
 #endif

@@ -75,7 +75,7 @@ private:
 
     const bool json_;
     const terminal screen_{STDOUT_FILENO};
-    level_meter meter_;
+    level_meter meter_{true};
     level moment_;
     level second_;
     std::uint64_t samples_ = 0;

@@ -5,12 +5,15 @@
  *     MICROPHONE_PACED=1          a read takes as long as its sound lasts
  *     MICROPHONE_FAILS_AFTER=N    reads fail once N of them have gone well
  *     MICROPHONE_REFUSES=1        no stream opens
+ *     MICROPHONE_LOCK=FILE        the default input opens for one process at a time, which locks this file
  *     MICROPHONE_STALLS_AFTER=N   reads block for ever once N of them have gone well
  *     MICROPHONE_NAME=TEXT        the default input is called that
  *     MICROPHONE_ENDS=HOW         the process ends with a last word while a stream is opened: by abort, fault or exit
  */
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <portaudio.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 
 #include <chrono>
@@ -59,6 +62,13 @@ bool is_over(const char* limit, int reads) {
     return limit != nullptr && reads >= std::atoi(limit);
 }
 
+bool take_lock(PaDeviceIndex device) {
+    const char* file = std::getenv("MICROPHONE_LOCK");
+    if (file == nullptr || device != Pa_GetDefaultInputDevice()) return true;
+    static const int lock = open(file, O_RDWR | O_CREAT | O_CLOEXEC, 0600); // until the process ends
+    return flock(lock, LOCK_EX | LOCK_NB) == 0;
+}
+
 } // namespace
 
 extern "C" const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
@@ -78,6 +88,7 @@ extern "C" PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* in
                                  void* data) {
     if (const char* how = std::getenv("MICROPHONE_ENDS"); how != nullptr) end_the_process(how);
     if (std::getenv("MICROPHONE_REFUSES") != nullptr) return paDeviceUnavailable;
+    if (!take_lock(input->device)) return paDeviceUnavailable;
     return next<decltype(Pa_OpenStream)>("Pa_OpenStream")(stream, input, output, rate, frames, flags, callback, data);
 }
 

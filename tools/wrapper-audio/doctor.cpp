@@ -124,7 +124,7 @@ void report_opening(const std::string& wanted) {
         print(fmt::format("  half a second of sound: peak {} dBFS, RMS {} dBFS\n", decibel_text(heard.peak()),
                           decibel_text(heard.rms())));
     else
-        print("  half a second of sound: complete silence (muted? the wrong device?)\n");
+        print("  half a second of sound: complete silence. Unmute the input, or choose another device by --device\n");
     print(fmt::format("\nDenoising\n  --denoise works: {}\n", denoising_text(info.denoising, info.device_rate)));
 }
 

@@ -1,0 +1,132 @@
+"""What `wrapper-audio doctor` advises, done: each piece of advice that it gives helps."""
+
+import os
+import pathlib
+import signal
+import subprocess
+import unittest
+
+from host import FINE, HOST, NO_DEVICE, NO_INPUT_DEVICE, OPEN_FAILED, READ_FAILED, SPEECH, USAGE, HostTest
+from servers_test import ServerTest, servers
+
+IS_WELL = r"--denoise works: denoising"
+
+
+class Advised(HostTest):
+    def assert_advises(self, words, *arguments, ends=None, **options):
+        code, output, errors = self.host("doctor", *arguments, **options)
+        self.assertIn(words, output + errors)
+        self.assertEqual(code, ends, errors)
+
+    def assert_is_well(self, *arguments, **options):
+        code, output, errors = self.host("doctor", *arguments, **options)
+        self.assertEqual((code, errors), (FINE, ""))
+        self.assertRegex(output, IS_WELL)
+        self.assertNotIn("silence", output)
+
+
+class OnFileMicrophones(Advised):
+    def test_connect_a_microphone(self):
+        (self.folder / "microphone.conf").write_text(NO_DEVICE)
+        self.assert_advises("Connect a microphone", ends=NO_INPUT_DEVICE)
+        self.listen_to(SPEECH)
+        self.assert_is_well()
+
+    def test_close_other_programs_or_choose_another_device(self):
+        self.listen_to(SPEECH)
+        shared = {"MICROPHONE_LOCK": str(self.folder / "lock"), "MICROPHONE_PACED": "1"}
+        other = self.start("record", self.file, microphone=shared)
+        self.wait_for(lambda: self.file.exists() and self.file.stat().st_size > 10000, other)
+        self.assert_advises(
+            "Close other programs that may be using it, or choose another device", ends=OPEN_FAILED, microphone=shared
+        )
+        self.assert_is_well("--device", "filemic", microphone=shared)
+        other.send_signal(signal.SIGINT)
+        self.assertEqual(other.wait(timeout=10), FINE)
+        self.assert_is_well(microphone=shared)
+
+    def test_choose_one_of_the_devices_listed(self):
+        self.listen_to(SPEECH)
+        for wanted in "cellar", "ALSA":  # no device, and several
+            code, _, errors = self.host("doctor", "--device", wanted)
+            self.assertEqual(code, USAGE)
+            *listed, last = errors.splitlines()[1:]
+            self.assertEqual((len(listed), last), (2, "Choose one of these"))
+            for device in listed:
+                self.assert_is_well("--device", device.strip())
+
+    def test_choose_another_device_than_one_that_is_silent(self):
+        self.listen_to(SPEECH)
+        with open(self.folder / "microphone.conf", "a") as configuration:
+            configuration.write('pcm.silent { type file slave.pcm null file "/dev/null" infile "/dev/zero" format raw }\n')
+            configuration.write("pcm.null { type null }\n")
+        self.assert_advises("silence. Unmute the input, or choose another device by --device", "-d", "silent", ends=FINE)
+        self.assert_is_well("-d", "filemic")
+
+    def test_become_a_member_of_the_group_audio(self):
+        folders = [self.folder.parent, *pathlib.Path(HOST).resolve().parents]
+        if os.geteuid() != 0 or not all(folder.stat().st_mode & 0o001 for folder in folders):
+            self.skipTest("only root can make a /dev/snd, and another user must reach the program")
+        self.listen_to(SPEECH)
+        script = """set -e
+            mkdir -p "$1/dev/snd" && chown root:audio "$1/dev/snd" && chmod 750 "$1/dev/snd"
+            for name in null zero full urandom; do touch "$1/dev/$name"; mount --bind "/dev/$name" "$1/dev/$name"; done
+            mount --rbind "$1/dev" /dev
+            exec setpriv --reuid 65534 --regid 65534 --groups "$2" "$3" doctor"""
+        for path in self.folder, *self.folder.iterdir():
+            path.chmod(0o755)
+
+        def doctor(groups):
+            done = subprocess.run(
+                ["unshare", "--mount", "sh", "-c", script, "sh", self.folder, groups, HOST],
+                cwd=self.folder,
+                env=self.environment(None),
+                capture_output=True,
+                text=True,
+                timeout=30,
+            )
+            self.assertEqual((done.returncode, done.stderr), (FINE, ""))
+            return done.stdout
+
+        self.assertIn("this user cannot read /dev/snd; members of the group audio can", doctor("65534"))
+        self.assertIn("/dev/snd is there", doctor("audio"))
+
+
+class OnPulseAudio(ServerTest, Advised):
+    def setUp(self):
+        super().setUp()
+        self.start_server(servers.PulseAudio)
+        self.extra["ASAN_OPTIONS"] = "detect_leaks=0"
+        self.wait_until_device("ALSA:pulse")
+        self.hear()
+
+    def hear(self):
+        self.server.play(self.sound)
+        self.wait_for(lambda: "peak -inf" not in self.host("meter", "--seconds", 0.3)[1], what="nothing is heard")
+
+    def test_start_the_sound_server(self):
+        self.server.kill()
+        self.assert_advises("or start the sound server", ends=NO_INPUT_DEVICE)
+        self.server.restart()
+        self.hear()
+        self.assert_is_well()
+
+    def test_restart_the_sound_server(self):
+        self.server.suspend()
+        # The doctor would wait longer for the list of devices, and find none then.
+        code, _, errors = self.record(self.file)
+        self.assertEqual(code, OPEN_FAILED)
+        self.assertRegex(errors, r"does not respond.*\. Reconnect the device, or restart the sound server\n\Z")
+        self.server.restart()
+        self.hear()
+        self.assert_is_well()
+
+    def test_unmute_the_input(self):
+        self.server.output("pactl", "set-source-mute", "mic.monitor", "1")
+        self.assert_advises("silence. Unmute the input", ends=FINE)
+        self.server.output("pactl", "set-source-mute", "mic.monitor", "0")
+        self.assert_is_well()
+
+
+if __name__ == "__main__":
+    unittest.main()

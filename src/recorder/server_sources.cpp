@@ -17,9 +17,7 @@ namespace {
 
 // What is needed of libpulse, which asks PipeWire too. It is not linked: where it is missing, there is no server that it
 // could ask.
-class pulse_library {
-    void* const library_ = dlopen("libpulse.so.0", RTLD_NOW | RTLD_LOCAL);
-
+struct pulse_library {
     struct symbol {
         void* address;
         template <typename Function>
@@ -27,11 +25,9 @@ class pulse_library {
             return reinterpret_cast<Function*>(address);
         }
     };
-    symbol find(const char* name) const { return {library_ == nullptr ? nullptr : dlsym(library_, name)}; }
+    symbol find(const char* name) const { return {library == nullptr ? nullptr : dlsym(library, name)}; }
 
-public:
-    bool is_there() const { return library_ != nullptr; }
-
+    void* const library = dlopen("libpulse.so.0", RTLD_NOW | RTLD_LOCAL);
     decltype(&pa_mainloop_new) mainloop_new = find("pa_mainloop_new");
     decltype(&pa_mainloop_free) mainloop_free = find("pa_mainloop_free");
     decltype(&pa_mainloop_get_api) mainloop_get_api = find("pa_mainloop_get_api");
@@ -100,8 +96,8 @@ private:
 
 std::vector<server_source> read_sources() {
     static const pulse_library pulse;
-    if (!pulse.is_there()) return {}; // GCOVR_EXCL_LINE: the tests have one
-    answer answer;                    // must outlive the context
+    if (pulse.library == nullptr) return {}; // GCOVR_EXCL_LINE: the tests have one
+    answer answer;                           // must outlive the context
     const std::unique_ptr<pa_mainloop, decltype(pulse.mainloop_free)> loop{pulse.mainloop_new(), pulse.mainloop_free};
     if (loop == nullptr) return {};
     const std::unique_ptr<pa_context, decltype(pulse.context_unref)> context{

@@ -1,0 +1,133 @@
+"""The measures of scripts/quality, on signals whose figures are known.
+
+    PYTHONPATH=quality:bindings/python WRAPPER_AUDIO_LIBRARY=build/libwrapper_audio_recorder.so \\
+        python3 tests/quality/measures_test.py
+"""
+import unittest
+
+import corpus
+import detectors
+import numpy as np
+from measures import Rule, Tally, Utterance, judge, total, utterances, voiced
+
+RULE = Rule(begin=0.6, end=0.4, min_speech_ms=30, hang_over_ms=50, pre_roll_ms=20)
+
+
+def frames(text):
+    """A score for each 10 ms, of digits: 7 is 0.7."""
+    return np.array([int(digit) / 10 for digit in text])
+
+
+def spans(text, rule=RULE):
+    return [(each.begin, each.speech, each.end, each.last) for each in utterances(frames(text), rule)]
+
+
+def heard(speech, last, rule=Rule(0.5, 0.5, 0)):
+    return Utterance(max(0, speech - rule.pre_roll_ms), speech, last + rule.hang_over_ms, last)
+
+
+class Utterances(unittest.TestCase):
+    def test_hysteresis(self):
+        said = "".join("#" if each else "." for each in voiced(frames("5564354666435"), RULE))
+        self.assertEqual(said, "..##...####..")
+
+    def test_speech_lasts_for_its_minimum_and_ends_after_the_hang_over(self):
+        self.assertEqual(spans("0009900000"), [])
+        self.assertEqual(spans("000999000000000"), [(10, 30, 110, 60)])
+
+    def test_a_short_pause_is_part_of_an_utterance_and_a_short_sound_prolongs_it(self):
+        self.assertEqual(spans("999000090000000"), [(0, 0, 130, 80)])
+        self.assertEqual(spans("999000009000000"), [(0, 0, 80, 30)])
+
+    def test_the_pre_roll_does_not_reach_into_the_utterance_before(self):
+        self.assertEqual(spans("999000000999000000"), [(0, 0, 80, 30), (80, 90, 170, 120)])
+
+    def test_the_end_of_the_stream_ends_an_utterance(self):
+        self.assertEqual(spans("000999"), [(10, 30, 60, 60)])
+        self.assertEqual(spans(""), [])
+
+
+class Judging(unittest.TestCase):
+    def test_an_exact_detection(self):
+        tally = judge([heard(4000, 5000)], [(4000, 5000)], 64000)
+        self.assertEqual(tally, Tally(spoken=1, clipped=[0], lost=[0], late=[500], cut=[0], minutes=1.0, starts=1))
+        self.assertEqual((tally.failed, tally.false_a_minute), (0, 0))
+
+    def test_a_late_detection_is_clipped_unless_the_pre_roll_covers_it(self):
+        tally = judge([heard(1250, 2000)], [(1000, 2000)], 3000)
+        self.assertEqual((tally.clipped, tally.lost, tally.failed), ([250], [0], 0))
+        tally = judge([heard(1320, 2000)], [(1000, 2000)], 3000)
+        self.assertEqual((tally.clipped, tally.lost, tally.failed), ([320], [20], 0))
+        tally = judge([heard(1321, 2000)], [(1000, 2000)], 3000)
+        self.assertEqual((tally.clipped, tally.lost, tally.failed), ([321], [21], 1))
+
+    def test_what_is_heard_elsewhere_is_false_and_what_is_not_heard_is_missed(self):
+        tally = judge([heard(5000, 5100), heard(9000, 9500)], [(4000, 4500), (7000, 7500)], 124000)
+        self.assertEqual((tally.missed, tally.failed, tally.false, tally.false_a_minute), (2, 2, 2, 1.0))
+        self.assertEqual((tally.false_ms, tally.false_share, tally.false_starts), (600, 0.5, 0))
+
+    def test_what_is_heard_at_the_start_counts_apart(self):
+        tally = judge([heard(0, 100), heard(2990, 5000), heard(8000, 8100)], [], 63000)
+        self.assertEqual((tally.false_starts, tally.starts, tally.false, tally.minutes), (1, 1, 1, 1.0))
+
+    def test_one_utterance_heard_as_two(self):
+        tally = judge([heard(1000, 1200), heard(1800, 1900)], [(1000, 2500)], 4000)
+        self.assertEqual((tally.split, tally.missed, tally.false), (1, 0, 0))
+        self.assertEqual((tally.late, tally.cut), ([-100], [100]))
+
+    def test_two_utterances_heard_as_one(self):
+        tally = judge([heard(1000, 3500)], [(1000, 2000), (3000, 4000)], 5000)
+        self.assertEqual((tally.merged, tally.missed, tally.lost), (1, 0, [0, 0]))
+        self.assertEqual((tally.clipped, tally.late), ([0, 0], [0]))
+
+    def test_an_onset_within_an_earlier_utterance_is_kept(self):
+        tally = judge([heard(4100, 4600), heard(5500, 6000)], [(5000, 6000)], 7000)
+        self.assertEqual((tally.clipped, tally.lost, tally.false), ([500], [0], 1))
+
+    def test_tallies_add_up(self):
+        one = judge([heard(4100, 5000)], [(4000, 5000)], 34000)
+        self.assertEqual(total([one, one]).clipped, [100, 100])
+        self.assertEqual((total([one, one]).spoken, total([one, one]).minutes), (2, 1.0))
+
+
+class Sounds(unittest.TestCase):
+    def burst(self, begin, end, level, seconds=6, noise=1e-3):
+        sound = noise * np.random.default_rng(1).standard_normal(seconds * corpus.RATE)
+        time = np.arange(begin, end) / corpus.RATE
+        sound[begin:end] += level * np.sin(2 * np.pi * 1000 * time)
+        return sound
+
+    def test_onsets_and_ends_are_found_to_5_ms(self):
+        begin, end = 100_000, 180_000
+        ((onset, last),) = corpus.find_speech(self.burst(begin, end, 0.1))
+        self.assertLessEqual(abs(onset - begin), corpus.STEP)
+        self.assertLessEqual(abs(last - end), corpus.STEP)
+
+    def test_clicks_are_not_speech(self):
+        self.assertEqual(len(corpus.find_speech(self.burst(100_000, 180_000, 0.1) + self.burst(20_000, 20_400, 0.1))), 1)
+
+    def test_what_begins_in_the_middle_of_a_sound_has_no_onset(self):
+        sound = self.burst(100_000, 180_000, 0.1)
+        self.assertIsNotNone(corpus.utterance_of(sound))
+        self.assertIsNone(corpus.utterance_of(sound[100_000:]))
+
+    def test_utterances_have_the_common_level(self):
+        piece, onset, end = corpus.utterance_of(self.burst(100_000, 180_000, 0.1))
+        self.assertAlmostEqual(corpus.rms_db(piece[onset:end]), corpus.SPEECH_DB, delta=0.1)
+
+    def test_noises_have_the_common_level_wherever_they_begin(self):
+        for seed in range(3):
+            piece = corpus.stretch_of("tune", "hum", 2 * 60 * corpus.RATE, seed)
+            self.assertAlmostEqual(corpus.rms_db(piece), 0.0, delta=0.01)
+
+    def test_energy_above_its_floor(self):
+        begin, end = 3 * corpus.RATE, 4 * corpus.RATE
+        score = detectors.energy(self.burst(begin, end, 0.1))
+        # The noise has 17 % of its power in the band, at -67.7 dB, and the burst is at -23 dB.
+        self.assertAlmostEqual(np.median(score[310:399]), 44.7, delta=2)
+        self.assertLess(np.max(np.delete(score, np.s_[298:404])), 4)
+        self.assertLess(np.max(detectors.energy(np.zeros(corpus.RATE))), 1e-6)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,11 +1,16 @@
 """What each detector says about every 10 ms of a sound: this library, webrtc and the energy of the sound."""
 import hashlib
 import subprocess
+from ctypes import byref
+from pathlib import Path
 
 import numpy as np
 import wrapper_audio
-
 from corpus import RATE, ROOT
+from measures import Rule
+from wrapper_audio import _interface
+from wrapper_audio._blocks import samples_of
+from wrapper_audio._library import check, make
 
 BUILD = ROOT / "build-quality"
 FRAME = RATE // 100
@@ -47,12 +52,48 @@ def energy(sound):
 def scores(sound):
     """All of them, computed once for each sound and build of the library."""
     library = wrapper_audio.load()._name
-    key = hashlib.sha1(sound.tobytes() + open(library, "rb").read()).hexdigest()
+    key = hashlib.sha1(sound.tobytes() + Path(library).read_bytes()).hexdigest()
     file = BUILD / "scores" / f"{key}.npz"
     if not file.exists():
         file.parent.mkdir(parents=True, exist_ok=True)
+        found = {"speech": speech_probabilities(sound)}
+        if (BUILD / "webrtc_voice").exists():
+            found["webrtc"] = webrtc_voice(sound)
         part = file.with_suffix(".part.npz")
-        np.savez(part, speech=speech_probabilities(sound), webrtc=webrtc_voice(sound))
+        np.savez(part, **found)
         part.rename(file)
     with np.load(file) as there:
-        return {"speech": there["speech"], "webrtc": there["webrtc"].astype(np.float32), "energy": energy(sound)}
+        return {**{name: there[name].astype(np.float32) for name in there.files}, "energy": energy(sound)}
+
+
+def has_gate():
+    return hasattr(_interface, "SpeechOptions")
+
+
+def default_rule():
+    """That of the library's speech gate."""
+    options = _interface.SpeechOptions()
+    wrapper_audio.load().wrapper_audio_speech_defaults(byref(options))
+    thresholds = (round(value, 4) for value in (options.begin_threshold, options.end_threshold))
+    return Rule(*thresholds, options.min_speech_ms, options.hang_over_ms, options.pre_roll_ms)
+
+
+def gate_utterances(score, rule, rate=1000):
+    """(begin, end) in ms of the utterances that the library's speech gate makes of a score, each ms being one sample."""
+    times = rule.min_speech_ms, rule.hang_over_ms, rule.pre_roll_ms
+    options, piece = _interface.SpeechOptions(rate, rule.begin, rule.end, *times), _interface.SpeechPiece()
+    gate = make("wrapper_audio_speech_gate_create", "wrapper_audio_speech_gate_free", byref(options))
+    library, samples = wrapper_audio.load(), np.zeros(len(score) * rate // 100, np.float32)
+    _, sound = samples_of(samples, "f")
+    _, probabilities = samples_of(np.ascontiguousarray(score, np.float32), "f")
+    check(library.wrapper_audio_speech_gate_add(gate, sound, len(samples), probabilities, len(score)))
+    check(library.wrapper_audio_speech_gate_flush(gate))
+    found, begin = [], 0
+    while True:
+        check(library.wrapper_audio_speech_gate_take(gate, sound, len(samples), byref(piece)))
+        if piece.begins:
+            begin = piece.position
+        if piece.ends:
+            found.append((begin, piece.position + piece.count))
+        elif not piece.count:
+            return found

@@ -72,7 +72,7 @@ class Tally:
     late: list = field(default_factory=list)  # how long the last one of each goes on behind its end, where not merged
     cut: list = field(default_factory=list)  # lost at the end
     false: int = 0  # detected where nobody spoke, after the start
-    false_ms: float = 0.0  # how long these lasted, without the hang-over
+    false_ms: float = 0.0  # how long these lasted, with pre-roll and hang-over
     minutes: float = 0.0  # in which nobody spoke, after the start
     starts: int = 0  # streams
     false_starts: int = 0  # of them, those where something was detected at the start, and nobody spoke
@@ -105,9 +105,9 @@ def judge(found, truth, length):
             continue
         if each.speech < START_MS:
             tally.false_starts = 1
-        else:
+        if each.last > START_MS:
             tally.false += 1
-            tally.false_ms += each.last - each.speech
+            tally.false_ms += each.end - max(each.begin, START_MS)
     for (onset, end), those, following in zip(truth, of, of[1:] + [[]]):
         if not those:
             tally.missed += 1

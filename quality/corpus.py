@@ -194,10 +194,10 @@ def stretch_of(part, name, length, *seed):
     return np.take(sound, np.arange(begin, begin + length), mode="wrap")
 
 
-def scenes(part, snrs):
+def scenes(part, snrs, most=12):
     """Each voice alone, and in each noise at each ratio; then each noise alone, a minute at the level of 10 dB."""
     for voice in VOICES[part]:
-        sound, truth = speech(part, voice)
+        sound, truth = speech(part, voice, most)
         yield Scene(f"{voice} clean", voice, "", np.inf, sound, truth)
         for name in NOISES[part]:
             around = stretch_of(part, name, len(sound), voice)

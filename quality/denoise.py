@@ -8,6 +8,7 @@ import resource
 import subprocess
 import sys
 import tempfile
+from dataclasses import replace
 
 import corpus
 import detectors
@@ -16,7 +17,8 @@ import sound_measures
 import wrapper_audio
 from vad import table
 
-RATIOS = (0, 5, 10, 15, 20, 30)
+RATIOS = (0, 10, 20)
+UTTERANCES = 2  # of each voice
 LOW = 16000  # Hz
 MOST_DELAY = LOW // 5
 
@@ -52,6 +54,11 @@ def sox(sound, noise):
         return piped(["sox", "-D", *form, "-", *form, "-", "noisered", profile, "0.21"], sound)
 
 
+def afftdn_given_level(sound, noise):
+    level = min(-20, max(-80, round(corpus.rms_db(noise))))
+    return ffmpeg(sound, f"afftdn=nf={level}:nr=20")
+
+
 def program(name, *arguments):
     return lambda sound, noise: piped([detectors.BUILD / name, *arguments], sound)
 
@@ -64,10 +71,12 @@ COMPETITORS = {
     **{f"webrtc, level {level}": (LOW, program("webrtc_suppression", str(level))) for level in range(4)},
     "speexdsp": (LOW, program("speexdsp_suppression")),
     "ffmpeg afftdn": (corpus.RATE, lambda sound, noise: ffmpeg(sound, "afftdn")),
-    "ffmpeg afftdn, tracking": (corpus.RATE, lambda sound, noise: ffmpeg(sound, "afftdn=tn=1")),
+    "ffmpeg afftdn, given the level": (corpus.RATE, afftdn_given_level),
     "ffmpeg anlmdn": (corpus.RATE, lambda sound, noise: ffmpeg(sound, "anlmdn")),
     "sox noisered, given the noise": (corpus.RATE, sox),
 }
+COMPETITORS = {name: each for name, each in COMPETITORS.items()
+               if not name.startswith("webrtc") or (detectors.BUILD / "webrtc_suppression").exists()}
 
 
 def seconds_used():
@@ -94,22 +103,56 @@ def judged(sound, clean, truth):
 
 
 def measured():
-    """{(competitor, ratio, voice, noise): figures}, and {competitor: seconds of computing for a second of sound}."""
-    found, used, heard = {}, {}, {}
-    for scene in corpus.scenes("judge", RATIOS):
-        if not scene.voice:
+    """[(competitor, scene without its sound, figures)], and {competitor: ms of computing for a second of sound}."""
+    found, used, heard = [], {}, {}
+    for scene in corpus.scenes("judge", RATIOS, UTTERANCES):
+        if not scene.voice or scene.noise == "babble":
             continue
-        clean_48, truth = corpus.speech("judge", scene.voice)
-        clean = converted(clean_48, corpus.RATE, LOW).astype(np.float64)
+        wide, truth = corpus.speech("judge", scene.voice, UTTERANCES)
+        clean = converted(wide, corpus.RATE, LOW).astype(np.float64)
         truth = [(onset * LOW // corpus.RATE, end * LOW // corpus.RATE) for onset, end in truth]
-        noise = scene.sound - clean_48 if scene.noise else np.zeros(corpus.RATE, np.float32)
         for name, (rate, process) in COMPETITORS.items():
-            sound = np.ascontiguousarray(converted(scene.sound, corpus.RATE, rate), np.float32)
+            if "given" in name and not scene.noise:
+                continue
+            sound = converted(scene.sound, corpus.RATE, rate)
             before = seconds_used()
-            result = process(sound, noise)
+            result = process(sound, scene.sound - wide)
             used[name] = used.get(name, 0.0) + seconds_used() - before
             heard[name] = heard.get(name, 0.0) + len(scene.sound) / corpus.RATE
-            result = converted(np.ascontiguousarray(result, np.float32), rate, LOW).astype(np.float64)
-            found[name, scene.snr, scene.voice, scene.noise] = judged(result, clean, truth)
+            result = converted(result, rate, LOW).astype(np.float64)
+            found.append((name, replace(scene, sound=None), judged(result, clean, truth)))
         print(f"quality: {scene.name}", file=sys.stderr)
-    return found, {name: used[name] / heard[name] for name in used}
+    return found, {name: 1000 * used[name] / heard[name] for name in used}
+
+
+def spread(values, digits):
+    return f"{np.mean(values):.{digits}f} ({min(values):.{digits}f} to {max(values):.{digits}f})"
+
+
+def rows_of(found, wanted):
+    rows = [["", "SI-SDR, dB", "segmental SNR, dB", "STOI", "pauses below the speech, dB"]]
+    for name in COMPETITORS:
+        figures = [each for whose, scene, each in found if whose == name and wanted(scene)]
+        if figures:
+            sdr, segmental, stoi, pauses, _ = zip(*figures)
+            rows.append([name, spread(sdr, 1), spread(segmental, 1), spread(stoi, 2), spread(pauses, 0)])
+    return rows
+
+
+def main():
+    found, cost = measured()
+    for ratio in (*RATIOS, np.inf):
+        print("## Without noise\n" if np.isinf(ratio) else f"## Noise at {ratio} dB\n")
+        print(table(*rows_of(found, lambda scene: scene.snr == ratio)))
+    for noise in corpus.NOISES["judge"]:
+        if noise != "babble":
+            print(f"## In the noise {noise} at 10 dB\n")
+            print(table(*rows_of(found, lambda scene: scene.noise == noise and scene.snr == 10)))
+    print("## Delay in the stream, where it is not compensated, and computing\n")
+    delays = {name: np.median([each[4] for whose, _, each in found if whose == name]) for name in COMPETITORS}
+    print(table(["", "delay, ms", "ms for a second of sound, start of a program included"],
+                *([name, f"{delays[name]:.0f}", f"{cost[name]:.1f}"] for name in COMPETITORS)))
+
+
+if __name__ == "__main__":
+    main()

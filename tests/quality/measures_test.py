@@ -13,6 +13,7 @@ from unittest import mock
 import corpus
 import detectors
 import numpy as np
+import sound_measures
 import vad
 from measures import Rule, Tally, Utterance, judge, total, utterances, voiced
 
@@ -154,6 +155,53 @@ class Sounds(unittest.TestCase):
         self.assertIn("| recommended | 2: NOT MET | 0: met | 0.0, 0 % of the time: met |", lines)
         self.assertIn("| energy | 0: met | 0: met | 0.0, 0 % of the time: met |", lines)
         self.assertFalse([line for line in lines if line.startswith("| webrtc")])
+
+
+class Denoising(unittest.TestCase):
+    """Speech-like noise in ten bursts of different loudness, at 10000 Hz."""
+
+    rate = 10000
+    random = np.random.default_rng(3)
+    time = np.arange(5 * rate) / rate
+    clean = random.standard_normal(5 * rate) * np.abs(np.sin(2 * np.pi * time)) ** 2
+    noise = random.standard_normal(5 * rate)
+
+    def noisy(self, snr):
+        return self.clean + self.noise * np.sqrt(np.mean(self.clean**2) / np.mean(self.noise**2)) * 10 ** (-snr / 20)
+
+    def test_the_ratio_of_signal_to_distortion_is_that_of_the_mixture_at_any_level(self):
+        for snr in 0, 10, 30:
+            self.assertAlmostEqual(sound_measures.si_sdr(self.noisy(snr), self.clean), snr, delta=0.3)
+            self.assertAlmostEqual(sound_measures.si_sdr(-5 * self.noisy(snr), self.clean), snr, delta=0.3)
+
+    def test_the_segmental_ratio_is_the_mean_of_those_of_20_ms(self):
+        steady, noise = np.sign(self.clean), np.sign(self.noise)  # the same power everywhere
+        for amplitude, ratio in (0.1, 20), (0.01, 35):
+            measured = sound_measures.segmental_snr(steady + amplitude * noise, steady, self.rate)
+            self.assertAlmostEqual(measured, ratio, delta=0.2)
+
+    def test_intelligibility_is_one_for_the_clean_sound_and_none_for_another(self):
+        self.assertAlmostEqual(sound_measures.stoi(self.clean, self.clean), 1, places=6)
+        self.assertAlmostEqual(sound_measures.stoi(0.1 * self.clean, self.clean), 1, places=6)
+        self.assertLess(abs(sound_measures.stoi(self.noise[::-1], self.noise)), 0.1)
+
+    def test_intelligibility_falls_with_noise(self):
+        falling = [sound_measures.stoi(self.noisy(snr), self.clean) for snr in (30, 15, 5, 0, -5, -15)]
+        self.assertEqual(falling, sorted(falling, reverse=True))
+        self.assertGreater(falling[0], 0.99)
+        self.assertLess(falling[-1], 0.4)
+
+    def test_silence_does_not_change_intelligibility(self):
+        gap = np.zeros(2 * self.rate)
+        longer = sound_measures.stoi(np.concatenate((gap, self.noisy(0))), np.concatenate((gap, self.clean)))
+        self.assertAlmostEqual(longer, sound_measures.stoi(self.noisy(0), self.clean), delta=0.01)
+
+    def test_delays_are_found_and_taken_out(self):
+        for delay in -200, 0, 37:
+            moved = np.concatenate((np.zeros(delay), self.clean)) if delay > 0 else self.clean[-delay:]
+            self.assertEqual(sound_measures.delay_of(-moved, self.clean, 500), delay)
+            there = sound_measures.aligned(moved, delay, len(self.clean))
+            self.assertTrue(np.array_equal(there[250:-250], self.clean[250:-250]))
 
 
 class Gate(unittest.TestCase):

@@ -177,12 +177,14 @@ class Denoising(unittest.TestCase):
     def test_the_segmental_ratio_is_the_mean_of_those_of_20_ms(self):
         steady, noise = np.sign(self.clean), np.sign(self.noise)  # the same power everywhere
         for amplitude, ratio in (0.1, 20), (0.01, 35):
-            measured = sound_measures.segmental_snr(steady + amplitude * noise, steady, self.rate)
+            measured = sound_measures.segmental_snr(3 * (steady + amplitude * noise), steady, self.rate)
             self.assertAlmostEqual(measured, ratio, delta=0.2)
 
     def test_intelligibility_is_one_for_the_clean_sound_and_none_for_another(self):
         self.assertAlmostEqual(sound_measures.stoi(self.clean, self.clean), 1, places=6)
         self.assertAlmostEqual(sound_measures.stoi(0.1 * self.clean, self.clean), 1, places=6)
+        loud, same = (sound_measures.stoi(gain * self.noisy(0), self.clean) for gain in (30, 1))
+        self.assertAlmostEqual(loud, same, places=6)
         self.assertLess(abs(sound_measures.stoi(self.noise[::-1], self.noise)), 0.1)
 
     def test_intelligibility_falls_with_noise(self):

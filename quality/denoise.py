@@ -18,7 +18,7 @@ import wrapper_audio
 from vad import table
 
 RATIOS = (0, 10, 20)
-UTTERANCES = 2  # of each voice
+UTTERANCES = 1  # of each voice
 LOW = 16000  # Hz
 MOST_DELAY = LOW // 5
 
@@ -72,7 +72,6 @@ COMPETITORS = {
     "speexdsp": (LOW, program("speexdsp_suppression")),
     "ffmpeg afftdn": (corpus.RATE, lambda sound, noise: ffmpeg(sound, "afftdn")),
     "ffmpeg afftdn, given the level": (corpus.RATE, afftdn_given_level),
-    "ffmpeg anlmdn": (corpus.RATE, lambda sound, noise: ffmpeg(sound, "anlmdn")),
     "sox noisered, given the noise": (corpus.RATE, sox),
 }
 COMPETITORS = {name: each for name, each in COMPETITORS.items()

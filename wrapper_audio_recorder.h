@@ -548,6 +548,151 @@ wrapper_audio_status wrapper_audio_f32_to_s16(const float *in, size_t count, int
 
 /** @} */
 
+/**
+ * @name Speech detection
+ *
+ * A speech gate takes a stream of samples and the probability of speech of each 10 ms of it, and returns the samples of
+ * utterances only, bit for bit. The samples need not be the denoised ones: a recorder with `speech` and without
+ * `denoise` delivers the raw sound with the probabilities.
+ *
+ * The 10 ms number i are the samples from i * rate / 100, rounded up, on. They are voiced if their probability is
+ * `begin_threshold` or more, or if the 10 ms before are voiced and it is `end_threshold` or more. M and H are
+ * `min_speech_ms` and `hang_over_ms` in units of 10 ms, rounded up; M is at least 1.
+ *
+ * - Speech begins with the first of M voiced 10 ms in a row. It ends H times 10 ms after its last voiced 10 ms, when as
+ *   many, and at least one, that are not voiced have followed; or with the last 10 ms whose probability is known.
+ * - An utterance begins `pre_roll_ms` before speech does, but not before the stream, the end of the utterance before it,
+ *   or the end of a loss of samples before that speech. It ends when speech does, or with the stream.
+ * - It is cut where samples were lost and after each `max_ms`: the next utterance begins with the next sample.
+ *
+ * The utterances do not depend on the pieces in which samples and probabilities arrive.
+ * @{
+ */
+
+/** Options of a speech gate. wrapper_audio_speech_defaults() fills in the defaults. */
+typedef struct wrapper_audio_speech_options {
+    int32_t rate;          /**< of the samples, 100 to 768000 Hz; by default 16000 */
+    float begin_threshold; /**< the probability with which speech begins, `end_threshold` to 1.0; by default 0.6 */
+    float end_threshold;   /**< below this probability it ends, 0.0 to 1.0; by default 0.4 */
+    int32_t min_speech_ms; /**< what is shorter is not speech, 0 to 10000; by default 60 */
+    int32_t hang_over_ms;  /**< how long a pause must last to end an utterance, of which it remains a part, 0 to 60000;
+                                by default 500 */
+    int32_t pre_roll_ms;   /**< how much of the sound before speech belongs to an utterance, 0 to 60000; by default 300 */
+    int32_t max_ms;        /**< the longest utterance, 100 to 3600000; 0, the default: no limit */
+    int32_t reserved[9];   /**< must be 0 */
+} wrapper_audio_speech_options;
+
+/** What was taken from a speech gate: samples of one utterance. */
+typedef struct wrapper_audio_speech_piece {
+    uint64_t position; /**< of the first sample, in samples since the beginning of the stream, lost ones included */
+    uint32_t count;    /**< samples returned; 0: none is ready, or `ends` is all there is to say */
+    int32_t begins;    /**< 1: the utterance begins with the first of them; otherwise 0 */
+    int32_t ends;      /**< 1: the utterance ends behind the last of them, or at `position` if there are none; otherwise
+                            0 */
+} wrapper_audio_speech_piece;
+
+/** The samples and probabilities from which no utterance has been taken yet. */
+typedef struct wrapper_audio_speech_gate wrapper_audio_speech_gate;
+
+/**
+ * Fills in the defaults.
+ *
+ * @param options  receives them; NULL is ignored
+ */
+void wrapper_audio_speech_defaults(wrapper_audio_speech_options *options) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Creates a speech gate.
+ *
+ * @param gate     receives the gate, to be released with wrapper_audio_speech_gate_free(); NULL on failure
+ * @param options  its options; NULL for the defaults
+ * @return OK, INVALID_ARGUMENT, OUT_OF_MEMORY
+ */
+wrapper_audio_status wrapper_audio_speech_gate_create(wrapper_audio_speech_gate **gate,
+                                                      const wrapper_audio_speech_options *options)
+    WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Adds the next samples of the stream and its next probabilities, as wrapper_audio_processor_take_speech() returns them.
+ * Each kind continues where its last ones ended, and may run ahead of the other. What may belong to an utterance is kept
+ * until it is taken, at least `pre_roll_ms`.
+ *
+ * @param gate               a speech gate; one call on it at a time
+ * @param samples            the samples; may be NULL when `count` is 0
+ * @param count              how many there are
+ * @param probabilities      the probabilities; may be NULL when `probability_count` is 0. NaN is 0.0.
+ * @param probability_count  how many there are
+ * @return OK; INVALID_STATE after a flush; OUT_OF_MEMORY, after which the gate is good for nothing but a reset;
+ *         INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_speech_gate_add(wrapper_audio_speech_gate *gate, const float *samples, size_t count,
+                                                   const float *probabilities,
+                                                   size_t probability_count) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Says that samples were lost: those added next follow so many later. The probabilities of the time go on without a gap.
+ *
+ * @param gate   a speech gate; one call on it at a time
+ * @param count  how many samples are missing, up to 2^62
+ * @return OK; INVALID_STATE after a flush, or beyond sample 2^62; INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_speech_gate_skip(wrapper_audio_speech_gate *gate,
+                                                    uint64_t count) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Reads a recorder like wrapper_audio_recorder_read_f32(), into a speech gate: samples, losses and probabilities, each in
+ * its place. What other reads returned meanwhile counts as lost.
+ *
+ * @param recorder    a recorder with `denoise` above 0.0 or `speech`
+ * @param gate        a speech gate of the same rate; one call on it at a time. After each open it needs a reset.
+ * @param count       how many samples are wanted
+ * @param timeout_ms  how long to wait at most
+ * @param block       receives the number of samples and what is known about them
+ * @return as wrapper_audio_recorder_read_f32(); INVALID_STATE also after a flush of the gate, or when it is ahead of the
+ *         recorder; OUT_OF_MEMORY also when the gate found none
+ */
+wrapper_audio_status wrapper_audio_recorder_read_gate(wrapper_audio_recorder *recorder, wrapper_audio_speech_gate *gate,
+                                                      size_t count, int32_t timeout_ms,
+                                                      wrapper_audio_block *block) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Takes samples of the oldest utterance, as many as are ready and fit. Call it until it returns none and `ends` is 0.
+ * Samples are ready as soon as it is known that they belong to an utterance.
+ *
+ * @param gate      a speech gate; one call on it at a time
+ * @param samples   receives the samples; may be NULL when `capacity` is 0
+ * @param capacity  how many fit
+ * @param piece     receives what was taken; filled in any case
+ * @return OK, INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_speech_gate_take(wrapper_audio_speech_gate *gate, float *samples, size_t capacity,
+                                                    wrapper_audio_speech_piece *piece) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Ends the stream. Then the rest can be taken.
+ *
+ * @param gate  a speech gate; one call on it at a time
+ * @return OK, INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_speech_gate_flush(wrapper_audio_speech_gate *gate) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Resets a gate to its initial state, for a new stream.
+ *
+ * @param gate  a speech gate; one call on it at a time
+ * @return OK, INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_speech_gate_reset(wrapper_audio_speech_gate *gate) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Releases a speech gate.
+ *
+ * @param gate  a speech gate or NULL
+ */
+void wrapper_audio_speech_gate_free(wrapper_audio_speech_gate *gate) WRAPPER_AUDIO_NOEXCEPT;
+
+/** @} */
+
 /** @name Log */ /** @{ */
 
 /**

@@ -280,3 +280,21 @@ write(
     flac_that_breaks_off=options(0, 0, 0) + flac(wave, 8000)[:-100],
     aiff=options(2, 0, 0) + aiff(wave, 22050),
 )
+
+# ---- A stream for a speech gate, as processor_fuzz.cpp reads it ----
+
+
+def heard(samples, frames, lost=False, takes=2):
+    """`frames` are probabilities in fifteenths, for 8 frames each."""
+    values = b"".join(bytes([value]) for value in frames)
+    return bytes([samples // 8, 0 if lost else 1, 8 * len(frames)]) + values + bytes([takes]) + bytes([200] * takes)
+
+
+speech = b"".join(heard(1000, frames) for frames in ([0, 15], [15, 15], [15, 7], [0, 0]))
+write(
+    "processor",
+    speech_gate_16000=bytes([255, 1, 0, 0, 1, 3, 5, 0]) + speech * 4,
+    speech_gate_with_losses=bytes([255, 4, 0, 0, 2, 4, 1, 5]) + (heard(500, [15]) + heard(80, [15], lost=True)) * 8,
+    speech_gate_11025_without_times=bytes([255, 4, 0, 0, 0, 0, 0, 0]) + speech,
+    speech_gate_at_100=bytes([255, 5, 0, 0, 1, 1, 1, 5]) + heard(80, [15, 0, 15, 0]) * 6,
+)

@@ -1,7 +1,9 @@
-// The signal processors on any numbers, in pieces of any size: what comes out does not depend on the pieces, its length
-// is the one promised, and no sample is spoilt.
+// The signal processors and the speech gate on any numbers, in pieces of any size: what comes out does not depend on the
+// pieces, its length is the one promised, and no sample is spoilt.
 #include "script.h"
 #include "wrapper_audio_recorder.h"
+
+#include "speech_reference.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,6 +14,7 @@ namespace {
 
 constexpr std::size_t most_samples = 6000;
 constexpr std::size_t most_output = 60000;
+constexpr std::uint8_t speech_gate = 255; // the first byte of an input for one
 
 struct release {
     void operator()(wrapper_audio_processor* processor) const { wrapper_audio_processor_free(processor); }
@@ -115,9 +118,91 @@ std::vector<float> run(wrapper_audio_processor* handle, const std::vector<float>
     return out;
 }
 
+constexpr std::int32_t usual_times[] = {0, 10, 25, 60, 100, 300, -1, 60000};
+
+// A speech gate with any settings on any stream, with losses: its utterances are those of the reference.
+void listen(script& bytes) {
+    wrapper_audio_speech_options options;
+    wrapper_audio_speech_defaults(&options);
+    options.rate = bytes.usual(rates);
+    if (bytes.flag()) options.begin_threshold = bytes.usual(usual_floats);
+    if (bytes.flag()) options.end_threshold = bytes.usual(usual_floats);
+    options.min_speech_ms = bytes.usual(usual_times);
+    options.hang_over_ms = bytes.usual(usual_times);
+    options.pre_roll_ms = bytes.usual(usual_times);
+    options.max_ms = bytes.usual(usual_times);
+    const bool valid = is_rate(options.rate) && options.begin_threshold <= 1.0F && options.end_threshold >= 0.0F &&
+                       options.end_threshold <= options.begin_threshold && options.min_speech_ms >= 0 &&
+                       options.min_speech_ms <= 10000 && options.hang_over_ms >= 0 && options.hang_over_ms <= 60000 &&
+                       options.pre_roll_ms >= 0 && options.pre_roll_ms <= 60000 &&
+                       (options.max_ms == 0 || (options.max_ms >= 100 && options.max_ms <= 3600000));
+    wrapper_audio_speech_gate* gate = nullptr;
+    const auto status = wrapper_audio_speech_gate_create(&gate, &options);
+    const std::unique_ptr<wrapper_audio_speech_gate, void (*)(wrapper_audio_speech_gate*)> holder(
+        gate, [](wrapper_audio_speech_gate* made) { wrapper_audio_speech_gate_free(made); });
+    require(status == (valid ? WRAPPER_AUDIO_OK : WRAPPER_AUDIO_INVALID_ARGUMENT), "settings are judged",
+            std::to_string(status));
+    require((gate != nullptr) == valid, "a gate is made if its settings are allowed");
+    if (!valid) return;
+
+    std::vector<bool> there;
+    std::vector<float> probabilities;
+    std::vector<reference::utterance> found;
+    std::vector<float> samples(700);
+    bool open = false;
+    const auto take = [&](std::size_t capacity) {
+        wrapper_audio_speech_piece piece;
+        require(wrapper_audio_speech_gate_take(gate, samples.data(), capacity, &piece) == WRAPPER_AUDIO_OK, "is taken");
+        require(piece.count <= capacity, "no more is given than fits");
+        const auto position = static_cast<std::int64_t>(piece.position);
+        if (piece.count > 0) {
+            require((piece.begins != 0) != open, "an utterance begins once");
+            if (!open) found.push_back({position, position});
+            open = true;
+        }
+        const bool said = piece.count > 0 || piece.ends != 0;
+        if (said) require(open && found.back().end == position, "an utterance has all its samples");
+        if (said) found.back().end += piece.count;
+        for (std::size_t i = 0; i < piece.count; ++i)
+            require(samples[i] == static_cast<float>(piece.position + i), "each at its position");
+        if (piece.ends != 0) open = false;
+        return said;
+    };
+    std::vector<float> piece;
+    while (!bytes.at_end() && there.size() < 100000) {
+        piece.assign(std::min<std::size_t>(std::size_t{bytes.number<std::uint8_t>()} * 8, 1000), 0.0F);
+        for (float& sample : piece)
+            sample = static_cast<float>(there.size() + static_cast<std::size_t>(&sample - piece.data()));
+        const bool lost = bytes.below(8) == 0;
+        const std::size_t before = probabilities.size();
+        for (unsigned left = bytes.below(40), value = left; left > 0; --left) {
+            if (left % 8 == 0) value = bytes.below(17);
+            probabilities.push_back(value == 16 ? bytes.number<float>() : static_cast<float>(value) / 15.0F);
+        }
+        if (lost) wrapper_audio_speech_gate_skip(gate, piece.size());
+        there.insert(there.end(), piece.size(), !lost);
+        require(wrapper_audio_speech_gate_add(gate, piece.data(), lost ? 0 : piece.size(),
+                                              probabilities.data() + before,
+                                              probabilities.size() - before) == WRAPPER_AUDIO_OK,
+                "a gate takes anything");
+        for (unsigned left = bytes.below(4); left > 0; --left)
+            take(bytes.below(256));
+    }
+    wrapper_audio_speech_gate_flush(gate);
+    while (take(samples.size())) {
+    }
+    require(!open, "the last utterance ends");
+    require(found == reference::utterances(options, there, probabilities), "the utterances are those defined");
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size > 0 && data[0] == speech_gate) {
+        script bytes(data + 1, size - 1);
+        listen(bytes);
+        return 0;
+    }
     script bytes(data, size);
     const made made = make(bytes);
     if (!made.valid) return 0;

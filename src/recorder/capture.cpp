@@ -123,6 +123,15 @@ std::size_t history::take_speech(float* probabilities, std::size_t capacity) {
     return count;
 }
 
+void history::add_speech_to(speech_gate& gate) const {
+    const uint64_t end = std::min(reported_, speech_count_);
+    const uint64_t oldest = speech_count_ - std::min<uint64_t>(speech_count_, speech_.size());
+    while (gate.frames() < end) {
+        const float probability = gate.frames() < oldest ? 0.0F : speech_[gate.frames() % speech_.size()];
+        gate.add_speech({&probability, 1});
+    }
+}
+
 // ---- Opening ----
 
 capture::~capture() {
@@ -304,14 +313,15 @@ std::optional<capture::clock::time_point> capture::stalls_at() const {
     return *waits_since_ + milliseconds(int64_t{options_.stall_ms} * times);
 }
 
-wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> pcm, int32_t timeout_ms,
+wrapper_audio_status capture::read(std::size_t wanted, const destination& to, int32_t timeout_ms,
                                    wrapper_audio_block& block) {
-    const std::size_t wanted = std::max(floats.size(), pcm.size());
     const auto deadline = timeout_ms < 0 ? clock::time_point::max() : clock::now() + milliseconds(timeout_ms);
     numeric::level_sums sums;
     std::size_t done = 0;
     std::unique_lock hold{mutex_};
     if (!buffer_) return WRAPPER_AUDIO_INVALID_STATE;
+    if (to.gate != nullptr && (to.gate->has_ended() || to.gate->position() > buffer_->position()))
+        return WRAPPER_AUDIO_INVALID_STATE;
     block.position = buffer_->position();
 
     const auto take = [&] {
@@ -324,12 +334,16 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
             constexpr uint64_t most = std::numeric_limits<uint32_t>::max();
             block.dropped = static_cast<uint32_t>(std::min(block.dropped + piece.lost, most));
             if (piece.count == 0) break;
-            if (!pcm.empty()) std::transform(samples, samples + piece.count, samples, to_full_scale);
+            if (!to.pcm.empty()) std::transform(samples, samples + piece.count, samples, to_full_scale);
             numeric::add_levels(sums, samples, static_cast<int32_t>(piece.count));
-            if (!pcm.empty())
-                std::transform(samples, samples + piece.count, pcm.data() + done, to_s16);
-            else
-                std::copy(samples, samples + piece.count, floats.data() + done);
+            if (!to.pcm.empty()) {
+                std::transform(samples, samples + piece.count, to.pcm.data() + done, to_s16);
+            } else if (to.gate != nullptr) {
+                to.gate->skip(position + piece.lost - to.gate->position());
+                to.gate->add(std::span(samples).first(piece.count));
+            } else {
+                std::copy(samples, samples + piece.count, to.floats.data() + done);
+            }
         }
     };
 
@@ -355,6 +369,10 @@ wrapper_audio_status capture::read(std::span<float> floats, std::span<int16_t> p
     block.rms = root_mean_square(sums.squares, done);
     history_.report(divided_up(buffer_->position() * 100, static_cast<uint64_t>(options_.rate)), block);
     changed_.notify_all();
+    if (to.gate != nullptr) {
+        to.gate->skip(buffer_->position() - to.gate->position());
+        history_.add_speech_to(*to.gate);
+    }
     return status;
 }
 

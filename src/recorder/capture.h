@@ -4,6 +4,7 @@
 #include "audio_system.h"
 #include "loss_watch.h"
 #include "sample_buffer.h"
+#include "speech_gate.h"
 #include "voice.h"
 
 #include <chrono>
@@ -38,6 +39,9 @@ public:
     // Takes the probabilities of what was reported, oldest first.
     std::size_t take_speech(float* probabilities, std::size_t capacity);
 
+    // Adds what the gate does not have yet of the probabilities of what was reported; 0.0 for those no longer kept.
+    void add_speech_to(speech_gate& gate) const;
+
 private:
     int32_t rate_ = 1;
     std::vector<captured_levels> levels_; // rings
@@ -61,8 +65,13 @@ public:
 
     void open(); // throws a failure; STOPPED if another thread stopped it meanwhile
 
-    // Fills whichever of the two is not empty.
-    wrapper_audio_status read(std::span<float> floats, std::span<int16_t> pcm, int32_t timeout_ms,
+    // Where samples go that are read: one of these.
+    struct destination {
+        std::span<float> floats = {};
+        std::span<int16_t> pcm = {};
+        speech_gate* gate = nullptr;
+    };
+    wrapper_audio_status read(std::size_t wanted, const destination& to, int32_t timeout_ms,
                               wrapper_audio_block& block);
     std::size_t take_speech(float* probabilities, std::size_t capacity);
     wrapper_audio_status stop();

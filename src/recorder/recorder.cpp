@@ -263,16 +263,16 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
     return status;
 }
 
-wrapper_audio_status read(wrapper_audio_recorder* recorder, std::span<float> floats, std::span<int16_t> pcm,
-                          bool has_samples, int32_t timeout_ms, wrapper_audio_block* block) {
+wrapper_audio_status read(wrapper_audio_recorder* recorder, std::size_t count, const capture::destination& to,
+                          bool is_valid, int32_t timeout_ms, wrapper_audio_block* block) {
     if (block != nullptr) {
         *block = {};
         block->speech_probability = -1.0F;
     }
-    if (recorder == nullptr || !has_samples || block == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    if (recorder == nullptr || !is_valid || block == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
     const call running{*recorder};
     if (running.current() == nullptr) return WRAPPER_AUDIO_INVALID_STATE;
-    return running.current()->read(floats, pcm, timeout_ms, *block);
+    return running.current()->read(count, to, timeout_ms, *block);
 }
 
 } // namespace
@@ -297,13 +297,23 @@ wrapper_audio_status wrapper_audio_recorder_open(wrapper_audio_recorder* recorde
 wrapper_audio_status wrapper_audio_recorder_read_s16(wrapper_audio_recorder* recorder, int16_t* samples,
                                                      std::size_t count, int32_t timeout_ms,
                                                      wrapper_audio_block* block) noexcept {
-    return read(recorder, {}, {samples, count}, samples != nullptr || count == 0, timeout_ms, block);
+    return read(recorder, count, {.pcm = {samples, count}}, samples != nullptr || count == 0, timeout_ms, block);
 }
 
 wrapper_audio_status wrapper_audio_recorder_read_f32(wrapper_audio_recorder* recorder, float* samples,
                                                      std::size_t count, int32_t timeout_ms,
                                                      wrapper_audio_block* block) noexcept {
-    return read(recorder, {samples, count}, {}, samples != nullptr || count == 0, timeout_ms, block);
+    return read(recorder, count, {.floats = {samples, count}}, samples != nullptr || count == 0, timeout_ms, block);
+}
+
+wrapper_audio_status wrapper_audio_recorder_read_gate(wrapper_audio_recorder* recorder, wrapper_audio_speech_gate* gate,
+                                                      std::size_t count, int32_t timeout_ms,
+                                                      wrapper_audio_block* block) noexcept {
+    return guarded([&] {
+        const bool is_valid = recorder != nullptr && gate != nullptr && gate->gate.rate() == recorder->options.rate &&
+                              (recorder->options.denoise > 0.0F || recorder->options.speech != 0);
+        return read(recorder, count, {.gate = is_valid ? &gate->gate : nullptr}, is_valid, timeout_ms, block);
+    });
 }
 
 std::size_t wrapper_audio_recorder_take_speech(wrapper_audio_recorder* recorder, float* probabilities,

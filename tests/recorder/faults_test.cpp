@@ -303,6 +303,40 @@ TEST_F(recorder_faults, of_every_allocation_are_survived_where_a_device_refuses)
     EXPECT_GT(lost, 0);
 }
 
+// What a gate found no memory for is lost, and the next read works.
+TEST_F(recorder_faults, of_a_gates_allocations_are_survived) {
+    bool was_met = true;
+    int lost = 0;
+    for (int n = 1; was_met && !HasFailure(); ++n) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        begin(1.0F);
+        ASSERT_EQ(wrapper_audio_recorder_create(&recorder, &options_), WRAPPER_AUDIO_OK);
+        ASSERT_EQ(wrapper_audio_recorder_open(recorder, "Host:A"), WRAPPER_AUDIO_OK);
+        ASSERT_TRUE(soon([&] { return info().available >= 1600; }));
+        wrapper_audio_recorder_stop(recorder);
+        failing_memory::fail(n);
+        wrapper_audio_speech_gate* gate = nullptr;
+        wrapper_audio_status read = WRAPPER_AUDIO_OUT_OF_MEMORY;
+        wrapper_audio_block told{};
+        {
+            const in_layer here;
+            if (wrapper_audio_speech_gate_create(&gate, nullptr) == WRAPPER_AUDIO_OK)
+                read = wrapper_audio_recorder_read_gate(recorder, gate, 1600, -1, &told);
+            was_met = failing_memory::allocations() >= n;
+            failing_memory::fail(0);
+            if (gate != nullptr) {
+                EXPECT_EQ(wrapper_audio_recorder_read_gate(recorder, gate, 1, -1, &told), WRAPPER_AUDIO_OK);
+                EXPECT_EQ(wrapper_audio_speech_gate_flush(gate), WRAPPER_AUDIO_OK);
+            }
+            wrapper_audio_speech_gate_free(gate);
+        }
+        EXPECT_EQ(read, was_met ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_OK);
+        lost += was_met ? 1 : 0;
+        wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
+    }
+    EXPECT_GT(lost, 3);
+}
+
 using without_libc = with_recorder;
 
 // What the layer has of the C library, it has once in a process: so in a process of its own.

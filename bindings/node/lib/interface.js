@@ -89,6 +89,22 @@ const structs = {
     speech: 'int32_t',
     conversion: 'int32_t',
   },
+  wrapper_audio_speech_options: {
+    rate: 'int32_t',
+    begin_threshold: 'float',
+    end_threshold: 'float',
+    min_speech_ms: 'int32_t',
+    hang_over_ms: 'int32_t',
+    pre_roll_ms: 'int32_t',
+    max_ms: 'int32_t',
+    reserved: 'int32_t[9]',
+  },
+  wrapper_audio_speech_piece: {
+    position: 'uint64_t',
+    count: 'uint32_t',
+    begins: 'int32_t',
+    ends: 'int32_t',
+  },
 };
 
 // wrapper_audio.h
@@ -154,6 +170,15 @@ const functions = [
   'void wrapper_audio_processor_free(void *processor)',
   'int wrapper_audio_s16_to_f32(const int16_t *in, size_t count, float *out)',
   'int wrapper_audio_f32_to_s16(const float *in, size_t count, int16_t *out)',
+  'void wrapper_audio_speech_defaults(_Out_ wrapper_audio_speech_options *options)',
+  'int wrapper_audio_speech_gate_create(_Out_ void **gate, const wrapper_audio_speech_options *options)',
+  'int wrapper_audio_speech_gate_add(void *gate, const float *samples, size_t count, const float *probabilities, size_t probability_count)',
+  'int wrapper_audio_speech_gate_skip(void *gate, uint64_t count)',
+  'int wrapper_audio_recorder_read_gate(void *recorder, void *gate, size_t count, int32_t timeout_ms, _Out_ wrapper_audio_block *block)',
+  'int wrapper_audio_speech_gate_take(void *gate, float *samples, size_t capacity, _Out_ wrapper_audio_speech_piece *piece)',
+  'int wrapper_audio_speech_gate_flush(void *gate)',
+  'int wrapper_audio_speech_gate_reset(void *gate)',
+  'void wrapper_audio_speech_gate_free(void *gate)',
   'size_t wrapper_audio_log_take(void *text, size_t capacity)',
   'size_t wrapper_audio_log_in_english(const char *line, void *text, size_t capacity)',
   'void wrapper_audio_log_echo(int32_t on)',

@@ -125,6 +125,28 @@ class VoiceOptions(Structure):
     ]
 
 
+class SpeechOptions(Structure):
+    _fields_ = [
+        ("rate", c_int32),
+        ("begin_threshold", c_float),
+        ("end_threshold", c_float),
+        ("min_speech_ms", c_int32),
+        ("hang_over_ms", c_int32),
+        ("pre_roll_ms", c_int32),
+        ("max_ms", c_int32),
+        ("reserved", c_int32 * 9),
+    ]
+
+
+class SpeechPiece(Structure):
+    _fields_ = [
+        ("position", c_uint64),
+        ("count", c_uint32),
+        ("begins", c_int32),
+        ("ends", c_int32),
+    ]
+
+
 # wrapper_audio.h
 CORE_FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
     "wrapper_audio_init": (c_void_p, [c_int, c_int, c_char_p]),
@@ -192,6 +214,15 @@ FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
     "wrapper_audio_processor_free": (None, [c_void_p]),
     "wrapper_audio_s16_to_f32": (c_int, [POINTER(c_int16), c_size_t, POINTER(c_float)]),
     "wrapper_audio_f32_to_s16": (c_int, [POINTER(c_float), c_size_t, POINTER(c_int16)]),
+    "wrapper_audio_speech_defaults": (None, [POINTER(SpeechOptions)]),
+    "wrapper_audio_speech_gate_create": (c_int, [POINTER(c_void_p), POINTER(SpeechOptions)]),
+    "wrapper_audio_speech_gate_add": (c_int, [c_void_p, POINTER(c_float), c_size_t, POINTER(c_float), c_size_t]),
+    "wrapper_audio_speech_gate_skip": (c_int, [c_void_p, c_uint64]),
+    "wrapper_audio_recorder_read_gate": (c_int, [c_void_p, c_void_p, c_size_t, c_int32, POINTER(Block)]),
+    "wrapper_audio_speech_gate_take": (c_int, [c_void_p, POINTER(c_float), c_size_t, POINTER(SpeechPiece)]),
+    "wrapper_audio_speech_gate_flush": (c_int, [c_void_p]),
+    "wrapper_audio_speech_gate_reset": (c_int, [c_void_p]),
+    "wrapper_audio_speech_gate_free": (None, [c_void_p]),
     "wrapper_audio_log_take": (c_size_t, [POINTER(c_char), c_size_t]),
     "wrapper_audio_log_in_english": (c_size_t, [c_char_p, POINTER(c_char), c_size_t]),
     "wrapper_audio_log_echo": (None, [c_int32]),

@@ -551,8 +551,8 @@ wrapper_audio_status wrapper_audio_f32_to_s16(const float *in, size_t count, int
 /**
  * @name Speech detection
  *
- * A speech gate takes a stream of samples and the probability of speech of each 10 ms of it, and returns the samples of
- * utterances only, bit for bit. The samples need not be the denoised ones: a recorder with `speech` and without
+ * A speech gate takes a stream of samples and the probability of speech of each 10 ms of it, and returns the samples
+ * of utterances only, bit for bit. The samples need not be the denoised ones: a recorder with `speech` and without
  * `denoise` delivers the raw sound with the probabilities.
  *
  * The 10 ms number i are the samples from i * rate / 100, rounded up, on. They are voiced if their probability is
@@ -561,8 +561,8 @@ wrapper_audio_status wrapper_audio_f32_to_s16(const float *in, size_t count, int
  *
  * - Speech begins with the first of M voiced 10 ms in a row. It ends H times 10 ms after its last voiced 10 ms, when as
  *   many, and at least one, that are not voiced have followed; or with the last 10 ms whose probability is known.
- * - An utterance begins `pre_roll_ms` before speech does, but not before the stream, the end of the utterance before it,
- *   or the end of a loss of samples before that speech. It ends when speech does, or with the stream.
+ * - An utterance begins `pre_roll_ms` before speech does, but not before the stream, the end of the utterance before
+ *   it, or the end of a loss of samples before that speech. It ends when speech does, or with the stream.
  * - It is cut where samples were lost and after each `max_ms`: the next utterance begins with the next sample.
  *
  * The utterances do not depend on the pieces in which samples and probabilities arrive.
@@ -577,7 +577,7 @@ typedef struct wrapper_audio_speech_options {
     int32_t min_speech_ms; /**< what is shorter is not speech, 0 to 10000; by default 60 */
     int32_t hang_over_ms;  /**< how long a pause must last to end an utterance, of which it remains a part, 0 to 60000;
                                 by default 500 */
-    int32_t pre_roll_ms;   /**< how much of the sound before speech belongs to an utterance, 0 to 60000; by default 300 */
+    int32_t pre_roll_ms;   /**< how much sound before speech belongs to an utterance, 0 to 60000; by default 300 */
     int32_t max_ms;        /**< the longest utterance, 100 to 3600000; 0, the default: no limit */
     int32_t reserved[9];   /**< must be 0 */
 } wrapper_audio_speech_options;
@@ -613,9 +613,9 @@ wrapper_audio_status wrapper_audio_speech_gate_create(wrapper_audio_speech_gate 
     WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Adds the next samples of the stream and its next probabilities, as wrapper_audio_processor_take_speech() returns them.
- * Each kind continues where its last ones ended, and may run ahead of the other. What may belong to an utterance is kept
- * until it is taken, at least `pre_roll_ms`.
+ * Adds the next samples of the stream and its next probabilities, as wrapper_audio_processor_take_speech() returns
+ * them. Each kind continues where its last ones ended, and may run ahead of the other. What may belong to an utterance
+ * is kept until it is taken, at least `pre_roll_ms`.
  *
  * @param gate               a speech gate; one call on it at a time
  * @param samples            the samples; may be NULL when `count` is 0
@@ -630,7 +630,7 @@ wrapper_audio_status wrapper_audio_speech_gate_add(wrapper_audio_speech_gate *ga
                                                    size_t probability_count) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Says that samples were lost: those added next follow so many later. The probabilities of the time go on without a gap.
+ * Says that samples were lost: those added next follow so many later. The probabilities go on without a gap.
  *
  * @param gate   a speech gate; one call on it at a time
  * @param count  how many samples are missing, up to 2^62
@@ -640,19 +640,19 @@ wrapper_audio_status wrapper_audio_speech_gate_skip(wrapper_audio_speech_gate *g
                                                     uint64_t count) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
- * Reads a recorder like wrapper_audio_recorder_read_f32(), into a speech gate: samples, losses and probabilities, each in
- * its place. What other reads returned meanwhile counts as lost.
+ * Reads a recorder like wrapper_audio_recorder_read_f32(), into a speech gate: samples, losses and probabilities, each
+ * in its place. What other reads returned meanwhile counts as lost.
  *
  * @param recorder    a recorder with `denoise` above 0.0 or `speech`
  * @param gate        a speech gate of the same rate; one call on it at a time. After each open it needs a reset.
  * @param count       how many samples are wanted
  * @param timeout_ms  how long to wait at most
  * @param block       receives the number of samples and what is known about them
- * @return as wrapper_audio_recorder_read_f32(); INVALID_STATE also after a flush of the gate, or when it is ahead of the
- *         recorder; OUT_OF_MEMORY also when the gate found none
+ * @return as wrapper_audio_recorder_read_f32(); INVALID_STATE also after a flush of the gate, or when it is ahead of
+ *         the recorder; OUT_OF_MEMORY also when the gate found none
  */
-wrapper_audio_status wrapper_audio_recorder_read_gate(wrapper_audio_recorder *recorder, wrapper_audio_speech_gate *gate,
-                                                      size_t count, int32_t timeout_ms,
+wrapper_audio_status wrapper_audio_recorder_read_gate(wrapper_audio_recorder *recorder,
+                                                      wrapper_audio_speech_gate *gate, size_t count, int32_t timeout_ms,
                                                       wrapper_audio_block *block) WRAPPER_AUDIO_NOEXCEPT;
 
 /**

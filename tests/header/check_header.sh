@@ -29,6 +29,8 @@ typedef char options_are_64_bytes[sizeof(wrapper_audio_recorder_options) == 64 ?
 typedef char a_block_is_48_bytes[sizeof(wrapper_audio_block) == 48 ? 1 : -1];
 typedef char info_is_56_bytes[sizeof(wrapper_audio_recorder_info) == 56 ? 1 : -1];
 typedef char a_device_is_48_bytes[sizeof(wrapper_audio_device) == 48 ? 1 : -1];
+typedef char speech_options_are_64_bytes[sizeof(wrapper_audio_speech_options) == 64 ? 1 : -1];
+typedef char a_speech_piece_is_24_bytes[sizeof(wrapper_audio_speech_piece) == 24 ? 1 : -1];
 typedef char voice_options_are_20_bytes[sizeof(wrapper_audio_voice_options) == 20 ? 1 : -1];
 wrapper_audio_status use(wrapper_audio_recorder *recorder, wrapper_audio_ctx *ctx);
 wrapper_audio_status use(wrapper_audio_recorder *recorder, wrapper_audio_ctx *ctx)

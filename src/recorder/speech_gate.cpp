@@ -190,7 +190,7 @@ wrapper_audio_status wrapper_audio_speech_gate_create(wrapper_audio_speech_gate*
     if (options != nullptr) wanted = *options;
     if (!speech_gate::is_valid(wanted)) return WRAPPER_AUDIO_INVALID_ARGUMENT;
     return guarded([&] {
-        *gate = std::make_unique<wrapper_audio_speech_gate>(speech_gate(wanted)).release();
+        *gate = std::make_unique<wrapper_audio_speech_gate>(wanted).release();
         return WRAPPER_AUDIO_OK;
     });
 }

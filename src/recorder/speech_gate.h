@@ -78,5 +78,7 @@ private:
 } // namespace recorder
 
 struct wrapper_audio_speech_gate {
+    explicit wrapper_audio_speech_gate(const wrapper_audio_speech_options& options) : gate(options) {}
+
     recorder::speech_gate gate;
 };

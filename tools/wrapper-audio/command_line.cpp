@@ -24,7 +24,8 @@ constexpr const char* exit_codes = "\nExit codes:\n"
                                    "  5  the input device failed; what was recorded before is kept\n"
                                    "  6  a file could not be read, created or written\n"
                                    "  7  the input file breaks off; what it holds was processed\n"
-                                   "  8  nothing would be denoised, and --denoise=required was given";
+                                   "  8  nothing would be denoised, and --denoise=required was given\n"
+                                   "  9  nobody spoke, and the command of `dictate` was not run";
 
 struct common_options {
     bool quiet = false;
@@ -43,9 +44,13 @@ private:
     static void add_device(CLI::App* command, std::string& device);
     static void add_voice(CLI::App* command, voice_options& voice);
     static void add_effects(CLI::App* command, effect_options& effects);
+    static void add_pauses(CLI::App* command, speech_options& speech);
+    static void add_speech(CLI::App* command, speech_options& speech);
+    static void add_recording(CLI::App* command, record_options& recording);
     void add_devices();
     void add_meter();
     void add_record();
+    void add_dictate();
     void add_process();
     void add_doctor();
     std::string mistake(const CLI::ParseError& error, const CLI::App* command);
@@ -56,6 +61,7 @@ private:
     devices_options devices;
     meter_options meter;
     record_options recording;
+    dictate_options dictation;
     process_options processing;
     doctor_options doctor;
 };
@@ -86,6 +92,7 @@ parser::parser() {
     add_devices();
     add_meter();
     add_record();
+    add_dictate();
     add_process();
     add_doctor();
 }
@@ -151,6 +158,31 @@ void parser::add_effects(CLI::App* command, effect_options& effects) {
         ->type_name("DB[:RELEASE_MS]");
 }
 
+void parser::add_pauses(CLI::App* command, speech_options& speech) {
+    command
+        ->add_option("--stop-after-silence", value_of("--stop-after-silence", speech.stop_after, parse_duration),
+                     "end when nobody has spoken for so long, once somebody has")
+        ->type_name("TIME");
+    command
+        ->add_option("--pre-roll", value_of("--pre-roll", speech.pre_roll, parse_pre_roll),
+                     "how much sound to keep before speech, up to a minute; default: 0.3")
+        ->type_name("TIME");
+    command
+        ->add_option("--events", speech.events,
+                     "write a line of JSON for what happens: speech-start, speech-end, level, dropped, device-lost")
+        ->type_name("FILE|-");
+}
+
+void parser::add_speech(CLI::App* command, speech_options& speech) {
+    command->add_flag("--start-on-speech", speech.start, "begin when somebody speaks");
+    add_pauses(command, speech);
+    auto* trim = command->add_flag("--trim", speech.trim, "leave out what is not speech");
+    command
+        ->add_flag("--split", speech.split,
+                   "write each utterance into a file of its own; %03d in the file's name becomes its number")
+        ->excludes(trim);
+}
+
 std::map<std::string, sample_size> sample_sizes() {
     return {{"16", sample_size::bits_16}, {"24", sample_size::bits_24}, {"float", sample_size::real}};
 }
@@ -195,18 +227,8 @@ void parser::add_meter() {
     command->add_flag("--json", meter.json, "print one JSON object per second");
 }
 
-void parser::add_record() {
-    CLI::App* command = add("record", "Record an input into a file or a pipe",
-                            "  wrapper-audio record --denoise speech.wav\n"
-                            "  wrapper-audio record --device usb --rate 48000 --seconds 60 minute.flac\n"
-                            "  wrapper-audio record --highpass 80 --agc -20:300 talk.wav\n"
-                            "  wrapper-audio record --denoise - | recogniser       raw signed 16-bit at 16000 Hz\n");
-    command
-        ->add_option(
-            "FILE", recording.path,
-            "the file to write: .wav, .flac, .opus, .ogg, .mp3 or .raw, or - for standard output; %F and the like "
-            "become the date and time, {} a number")
-        ->required();
+/** What record and dictate have in common. */
+void parser::add_recording(CLI::App* command, record_options& recording) {
     add_device(command, recording.device);
     command
         ->add_option("-r,--rate", value_of("--rate", recording.rate, parse_rate),
@@ -220,7 +242,42 @@ void parser::add_record() {
         ->type_name("TIME");
     add_effects(command, recording.effects);
     add_output(command, recording.output);
-    command->add_flag("--fill-gaps", recording.fill_gaps, "put silence where sound was lost, so that times stay true");
+}
+
+void parser::add_record() {
+    CLI::App* command = add("record", "Record an input into a file or a pipe",
+                            "  wrapper-audio record --denoise speech.wav\n"
+                            "  wrapper-audio record --device usb --rate 48000 --seconds 60 minute.flac\n"
+                            "  wrapper-audio record --highpass 80 --agc -20:300 talk.wav\n"
+                            "  wrapper-audio record --denoise - | recogniser       raw signed 16-bit at 16000 Hz\n"
+                            "  wrapper-audio record --split talk-%03d.wav          a file for each utterance\n");
+    command
+        ->add_option(
+            "FILE", recording.path,
+            "the file to write: .wav, .flac, .opus, .ogg, .mp3 or .raw, or - for standard output; %F and the like "
+            "become the date and time, {} a number")
+        ->required();
+    add_recording(command, recording);
+    add_speech(command, recording.speech);
+    auto* fill = command->add_flag("--fill-gaps", recording.fill_gaps,
+                                   "put silence where sound was lost, so that times stay true");
+    for (const char* other : {"--start-on-speech", "--stop-after-silence", "--trim", "--split", "--events"})
+        fill->excludes(command->get_option(other));
+}
+
+void parser::add_dictate() {
+    CLI::App* command = add("dictate", "Record one utterance and run a command with it",
+                            "  wrapper-audio dictate -- recogniser --model en {}\n"
+                            "  wrapper-audio dictate --denoise -o note.wav -- aplay\n");
+    dictation.recording.speech.stop_after = 1.5;
+    command
+        ->add_option("COMMAND", dictation.command,
+                     "what to run; {} becomes the name of the file, which is the last argument otherwise")
+        ->required()
+        ->type_name("...");
+    command->add_option("-o,--output", dictation.recording.path, "keep the sound in this file")->type_name("FILE");
+    add_recording(command, dictation.recording);
+    add_pauses(command, dictation.recording.speech);
 }
 
 void parser::add_process() {
@@ -259,6 +316,7 @@ void parser::add_process() {
         ->add_option("--loudness", value_of("--loudness", processing.loudness, parse_loudness),
                      "bring the whole to a loudness by EBU R128, such as -16, with its true peak below -1 dBTP")
         ->type_name("LUFS");
+    add_speech(command, processing.speech);
     add_output(command, processing.output);
 }
 
@@ -342,6 +400,7 @@ std::optional<exit_code> parser::parse(int argc, char** argv, command_line& want
     if (app.got_subcommand("devices")) wanted.command = devices;
     if (app.got_subcommand("meter")) wanted.command = meter;
     if (app.got_subcommand("record")) wanted.command = recording;
+    if (app.got_subcommand("dictate")) wanted.command = dictation;
     if (app.got_subcommand("process")) wanted.command = processing;
     if (app.got_subcommand("doctor")) wanted.command = doctor;
     return std::nullopt;

@@ -11,7 +11,8 @@
 
 struct command_line {
     console::loudness loudness = console::loudness::normal;
-    std::variant<devices_options, meter_options, record_options, process_options, doctor_options> command;
+    std::variant<devices_options, meter_options, record_options, dictate_options, process_options, doctor_options>
+        command;
 };
 
 /** Fills `wanted`. Otherwise, for help, the version and mistakes, says so and returns the exit code. */

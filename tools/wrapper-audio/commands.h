@@ -7,11 +7,13 @@
 #include "effects.h"
 #include "failure.h"
 #include "output.h"
+#include "speech.h"
 
 #include <wrapper_audio_recorder.h>
 
 #include <optional>
 #include <string>
+#include <vector>
 
 struct devices_options {
     bool json = false;
@@ -41,6 +43,14 @@ struct record_options {
     effect_options effects;
     output_options output;
     bool fill_gaps = false;
+    speech_options speech;
+    bool for_a_command = false; // nothing is said on standard output, and nobody_spoke is a result
+};
+
+/** One utterance, which a command is given. */
+struct dictate_options {
+    record_options recording; // without a path: into a temporary file
+    std::vector<std::string> command;
 };
 
 constexpr int mixed_channels = 0;
@@ -58,6 +68,7 @@ struct process_options {
     effect_options effects;
     std::optional<float> loudness; // in LUFS
     output_options output;
+    speech_options speech;
 };
 
 struct doctor_options {
@@ -67,6 +78,8 @@ struct doctor_options {
 exit_code list_devices(const devices_options& wanted);
 exit_code show_meter(const meter_options& wanted);
 exit_code record(const record_options& wanted);
+/** Returns the exit code of the command. */
+int dictate(const dictate_options& wanted);
 exit_code process(const process_options& wanted);
 exit_code examine(const doctor_options& wanted);
 

@@ -40,6 +40,17 @@ void effect_chain::end_with_limiter(int rate, float ceiling_db) {
     stages.push_back(make(wrapper_audio_limiter_create, rate, ceiling_db, limiter_release_ms));
 }
 
+std::vector<float> effect_chain::take_speech() {
+    std::vector<float> probabilities;
+    for (std::size_t room = 64, taken = room; taken == room;) {
+        const std::size_t old = probabilities.size();
+        probabilities.resize(old + room);
+        taken = wrapper_audio_processor_take_speech(stages.front().processor.get(), probabilities.data() + old, room);
+        probabilities.resize(old + taken);
+    }
+    return probabilities;
+}
+
 template <class Create, class... Arguments>
 effect_chain::stage effect_chain::make(Create create, Arguments... arguments) {
     wrapper_audio_processor* made = nullptr;

@@ -50,6 +50,9 @@ public:
     /** What is still inside. */
     std::span<const float> finish() { return run({}, true); }
 
+    /** The probabilities of speech that the voice chain in front has told since the last call. */
+    std::vector<float> take_speech();
+
 private:
     struct closer {
         void operator()(wrapper_audio_processor* made) const { wrapper_audio_processor_free(made); }

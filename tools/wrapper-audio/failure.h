@@ -16,7 +16,8 @@ enum exit_code {
     read_failed = 5,
     file_trouble = 6,
     input_breaks_off = 7,
-    not_denoised = 8
+    not_denoised = 8,
+    nobody_spoke = 9
 };
 
 /** Ends the command with one sentence for the user, who need not know the program from inside, and one of advice. */

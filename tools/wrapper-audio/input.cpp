@@ -91,6 +91,17 @@ std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& bloc
     }
 }
 
+std::vector<float> microphone::take_speech() {
+    std::vector<float> probabilities;
+    for (std::size_t room = 64, taken = room; taken == room;) {
+        const std::size_t old = probabilities.size();
+        probabilities.resize(old + room);
+        taken = wrapper_audio_recorder_take_speech(recorder.get(), probabilities.data() + old, room);
+        probabilities.resize(old + taken);
+    }
+    return probabilities;
+}
+
 wrapper_audio_recorder_info microphone::info() const {
     wrapper_audio_recorder_info info{};
     wrapper_audio_recorder_get_info(recorder.get(), &info);

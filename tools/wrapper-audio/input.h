@@ -55,6 +55,9 @@ public:
      */
     std::size_t read(std::span<float> samples, wrapper_audio_block& block);
 
+    /** The probabilities of speech of what was read since the last call, if the recorder tells of it. */
+    std::vector<float> take_speech();
+
     /** Why the recording ended, if the device was to blame. */
     const std::optional<failure>& trouble() const { return trouble_; }
 

@@ -33,6 +33,7 @@ struct run_command {
     exit_code operator()(const devices_options& wanted) const { return list_devices(wanted); }
     exit_code operator()(const meter_options& wanted) const { return show_meter(wanted); }
     exit_code operator()(const record_options& wanted) const { return record(wanted); }
+    int operator()(const dictate_options& wanted) const { return dictate(wanted); }
     exit_code operator()(const process_options& wanted) const { return process(wanted); }
     exit_code operator()(const doctor_options& wanted) const { return examine(wanted); }
 };
@@ -41,7 +42,7 @@ struct run_command {
 struct reader_gone {};
 
 int run(const command_line& wanted) try {
-    return std::visit(run_command(), wanted.command);
+    return std::visit([](const auto& options) -> int { return run_command()(options); }, wanted.command);
 } catch (const reader_gone&) {
     return fine;
 } catch (const failure& end) {

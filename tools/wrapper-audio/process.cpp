@@ -212,21 +212,32 @@ public:
     exit_code run();
 
 private:
+    bool create_file();
+    bool finish_file();
     bool weave(const std::vector<std::span<const float>>& channels);
+    bool hear(std::span<const float> samples);
     bool write(std::span<const float> samples);
     int output_channels() const { return static_cast<int>(in.channels_read()); }
     double seconds_read() const { return static_cast<double>(before.samples() / in.channels_read()) / in.rate(); }
     std::size_t samples_at_once() const;
     bool step(bool& at_end);
     std::string how_denoised() const;
+    std::string line(const char* when, const std::string& of, const level& measured, int at,
+                     const std::string& more = "") const;
     void report() const;
+    void say(const std::string& text) const;
 
     const process_options& wanted;
     source in;
     const int rate;
     std::vector<effect_chain> chains; // one for each channel
     std::optional<loudness_stage> loudness;
+    event_log events;
+    std::optional<speech_cutter> cutter;
+    std::uint64_t heard = 0; // samples by the cutter
     std::unique_ptr<output> out;
+    std::string path; // of the file that is being written
+    int files = 0;
     level before;
     level after;
     std::vector<float> woven;
@@ -234,9 +245,13 @@ private:
 
 processing::processing(const process_options& options)
     : wanted(options), in(options),
-      rate(options.rate.value_or(nearest_rate(format_of(options.out, options.output), in.rate()))) {
+      rate(options.rate.value_or(nearest_rate(format_of(options.out, options.output), in.rate()))),
+      events(options.speech.events, rate) {
     const float denoise = wanted.voice.denoise.value_or(0.0F);
-    const bool has_voice = rate != in.rate() || denoise > 0;
+    const bool hears = wanted.speech.any();
+    const bool has_voice = rate != in.rate() || denoise > 0 || hears;
+    if (hears && (output_channels() > 1 || wanted.loudness))
+        throw failure(usage, "what speech decides goes neither with --channel all nor with --loudness");
     if (wanted.voice.denoise && denoise == 0) report_no_denoising(wanted.voice.must_denoise);
     if ((has_voice || wanted.effects.any() || wanted.loudness) && (in.rate() < 100 || in.rate() > 768000))
         throw failure(file_trouble,
@@ -244,12 +259,34 @@ processing::processing(const process_options& options)
                                   in.rate()));
     for (int channel = 0; channel < output_channels(); ++channel) {
         chains.emplace_back(wanted.effects, rate);
-        if (has_voice) chains.back().begin_with({in.rate(), rate, denoise, 0, wanted.voice.conversion});
+        if (has_voice) chains.back().begin_with({in.rate(), rate, denoise, hears ? 1 : 0, wanted.voice.conversion});
     }
+    if (hears)
+        cutter.emplace(wanted.speech, rate, events,
+                       speech_sink{.write = [this](auto samples) { return write(samples); },
+                                   .begin_utterance = [this] { return create_file(); },
+                                   .end_utterance = [this] { return finish_file(); }});
+}
+
+bool processing::create_file() {
+    ++files;
+    after = {};
+    path = wanted.speech.split ? expanded(numbered(wanted.out, files)) : wanted.out;
+    out = create_output(path, {rate, output_channels()}, wanted.output);
+    return true;
+}
+
+/** Returns whether all of it arrived. */
+bool processing::finish_file() {
+    if (!out->close()) return false;
+    say(line("after ", printable(path), after, rate, how_denoised()));
+    out.reset();
+    return true;
 }
 
 /** So many that neither their channels nor what a low rate is converted to take much memory. */
 std::size_t processing::samples_at_once() const {
+    if (cutter) return static_cast<std::size_t>(in.rate() / 100 * 3); // 30 ms, to end where it is silent
     constexpr std::int64_t plenty = 65536;
     const std::int64_t growth = std::max(1, rate / in.rate());
     return static_cast<std::size_t>(std::max<std::int64_t>(1, plenty / growth / in.channels()));
@@ -266,9 +303,10 @@ bool processing::step(bool& at_end) {
         channels.push_back(chains[i].process(pieces[i]));
     }
     if (!weave(channels)) return false;
+    at_end = at_end || (cutter && cutter->is_over());
     if (!at_end) return true;
     std::transform(chains.begin(), chains.end(), channels.begin(), [](effect_chain& each) { return each.finish(); });
-    return weave(channels);
+    return weave(channels) && (!cutter || cutter->finish());
 }
 
 /** Puts channels of one length side by side, and writes or keeps them. */
@@ -281,9 +319,17 @@ bool processing::weave(const std::vector<std::span<const float>>& channels) {
                 woven.push_back(each[at]);
         samples = woven;
     }
+    if (cutter) return hear(samples);
     if (!loudness) return write(samples);
     loudness->add(samples);
     return true;
+}
+
+/** Lets speech decide. */
+bool processing::hear(std::span<const float> samples) {
+    events.listen(heard, samples);
+    heard += samples.size();
+    return cutter->add(samples, chains[0].take_speech());
 }
 
 bool processing::write(std::span<const float> samples) {
@@ -301,7 +347,7 @@ exit_code processing::run() {
                                   in.name(), time_text(in.seconds()), rate));
     if (wanted.loudness) loudness.emplace(*wanted.loudness, rate, output_channels());
     stop_on_signals();
-    out = create_output(wanted.out, {rate, output_channels()}, wanted.output);
+    if (!wanted.speech.split) create_file();
     progress bar;
     bool good = true;
     for (bool at_end = false; good && !at_end && !stop_requested();) {
@@ -311,15 +357,16 @@ exit_code processing::run() {
     const auto to_output = [this](std::span<const float> samples) { return write(samples); };
     if (loudness && good) good = loudness->finish(to_output) || stop_requested();
     status_line::finish();
-    const bool closed = out->close();
-    if (out->reader_gone()) return fine;
+    const bool closed = !out || out->close();
+    if (out && out->reader_gone()) return fine;
     if (!good || !closed)
-        throw failure(file_trouble, fmt::format("cannot write {}: {}", printable(wanted.out), out->reason()));
+        throw failure(file_trouble, fmt::format("cannot write {}: {}", printable(path), out->reason()));
     report();
+    if (cutter && !cutter->has_spoken()) console::note("nobody spoke");
     if (const std::string reason = in.breaks_off(); !reason.empty() && !stop_requested())
         throw failure(input_breaks_off,
                       fmt::format("{} breaks off after {}: {}", in.name(), time_text(seconds_read()), reason));
-    return fine;
+    return events.failed() ? file_trouble : fine;
 }
 
 /** For the closing line; nothing where it was not wanted. */
@@ -348,17 +395,23 @@ void processing::report() const {
             fmt::format("the result was cut at full scale: its peak would be at {} dBFS", decibel_text(after.peak())));
     if (loudness && !loudness->shortfall().empty())
         console::note(fmt::format("{}: {}", printable(wanted.out), loudness->shortfall()));
+    std::string text = line("before", in.name(), before, in.rate());
+    if (!wanted.speech.split)
+        text += line("after ", printable(wanted.out), after, rate, how_denoised() + (loudness ? loudness->text() : ""));
+    say(text);
+}
+
+std::string processing::line(const char* when, const std::string& of, const level& measured, int at,
+                             const std::string& more) const {
+    return fmt::format("{}  {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}: {}\n", when,
+                       static_cast<double>(measured.samples() / in.channels_read()) / at, at,
+                       decibel_text(measured.peak()), decibel_text(measured.rms()), more, of);
+}
+
+/** On standard output, unless something else is written there. */
+void processing::say(const std::string& text) const {
     if (console::is_quiet()) return;
-    const auto line = [this](const char* when, const std::string& path, const level& measured, int at,
-                             const std::string& more = "") {
-        return fmt::format("{}  {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}: {}\n", when,
-                           static_cast<double>(measured.samples() / in.channels_read()) / at, at,
-                           decibel_text(measured.peak()), decibel_text(measured.rms()), more, path);
-    };
-    const std::string text =
-        line("before", in.name(), before, in.rate()) +
-        line("after ", printable(wanted.out), after, rate, how_denoised() + (loudness ? loudness->text() : ""));
-    if (wanted.out == "-")
+    if (wanted.out == "-" || wanted.speech.events == "-")
         console::write_all(STDERR_FILENO, text);
     else
         print(text);
@@ -367,6 +420,7 @@ void processing::report() const {
 } // namespace
 
 exit_code process(const process_options& wanted) {
+    check(wanted.speech, wanted.out);
     format_of(wanted.out, wanted.output);
     struct stat one {};
     struct stat other {};

@@ -144,3 +144,9 @@ double parse_duration(const std::string& text) {
     if (!(seconds > 0)) throw std::invalid_argument("must be above 0");
     return seconds;
 }
+
+double parse_pre_roll(const std::string& text) {
+    const double seconds = text == "0" ? 0 : parse_duration(text);
+    if (seconds > 60) throw std::invalid_argument("must be a minute or less");
+    return seconds;
+}

@@ -33,4 +33,7 @@ int parse_bitrate(const std::string& text);
 /** "90", "1.5s", "1m30s", "2h" or "1:02:30": seconds above 0. */
 double parse_duration(const std::string& text);
 
+/** The same, and 0; at most a minute. */
+double parse_pre_roll(const std::string& text);
+
 #endif

@@ -12,9 +12,10 @@ _wrapper_audio_devices() {
 _wrapper_audio() {
     local line=${COMP_LINE:0:COMP_POINT} command=${COMP_WORDS[1]} current=${COMP_WORDS[COMP_CWORD]}
     local common='--help --quiet --verbose' effects='--denoise --denoise=required --converter --highpass --depop --agc --type --bits --bitrate --no-clobber'
+    local pauses='--stop-after-silence --pre-roll --events' speech='--start-on-speech --trim --split'
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W 'devices meter record process doctor help --quiet --verbose --help --version' -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W 'devices meter record dictate process doctor help --quiet --verbose --help --version' -- "$current")
         return
     fi
     if [[ $line =~ (--device|-d)[[:space:]]+([^[:space:]]*)$ ]]; then
@@ -28,20 +29,21 @@ _wrapper_audio() {
     *:--channel) mapfile -t COMPREPLY < <(compgen -W '1 2 mix all' -- "$current"); return ;;
     *:--bitrate) mapfile -t COMPREPLY < <(compgen -W '16k 32k 64k 96k 128k' -- "$current"); return ;;
     *:--converter) mapfile -t COMPREPLY < <(compgen -W 'clean linear' -- "$current"); return ;;
-    *:--seconds | *:--strength | *:--highpass | *:--depop | *:--agc | *:--loudness | *:--raw-channels) return ;;
+    *:--seconds | *:--stop-after-silence | *:--pre-roll | *:--strength | *:--highpass | *:--depop | *:--agc | *:--loudness | *:--raw-channels) return ;;
     esac
     if [[ $current == -* ]]; then
         local options=$common
         case $command in
         devices) options+=' --json --ids --all' ;;
         meter) options+=' --device --seconds --json' ;;
-        record) options+=" --device --rate --seconds --fill-gaps $effects" ;;
-        process) options+=" --rate --raw-rate --raw-channels --raw-bits --channel --loudness $effects" ;;
+        record) options+=" --device --rate --seconds --fill-gaps $effects $pauses $speech" ;;
+        dictate) options+=" --output --device --rate --seconds $effects $pauses" ;;
+        process) options+=" --rate --raw-rate --raw-channels --raw-bits --channel --loudness $effects $pauses $speech" ;;
         doctor) options+=' --device' ;;
         esac
         [[ $line != *" --denoise"* ]] || options+=' --strength'
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
-    elif [[ $command == record || $command == process ]]; then
+    elif [[ $command == record || $command == process || $command == dictate ]]; then
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
     fi

@@ -121,6 +121,29 @@ export interface BlockOptions {
   seconds?: number;
 }
 
+/** What counts as speech; wrapper_audio_recorder.h has the defaults. */
+export interface SpeechOptions {
+  /** The probability of speech with which an utterance begins. */
+  beginThreshold?: number;
+  /** Below this probability speech ends; 0 to beginThreshold. */
+  endThreshold?: number;
+  /** What is shorter is not speech; 0 to 10000. */
+  minSpeechMs?: number;
+  /** How long a pause must last to end an utterance, of which it remains a part; 0 to 60000. */
+  hangOverMs?: number;
+  /** How much sound before speech belongs to an utterance; 0 to 60000. */
+  preRollMs?: number;
+  /** The longest utterance, 100 to 3600000; 0: no limit. */
+  maxMs?: number;
+}
+
+/** What somebody said, with the pause before and behind it; times are in seconds since the recorder was opened. */
+export interface Utterance<Samples extends Int16Array | Float32Array = Int16Array> {
+  samples: Samples;
+  start: number;
+  end: number;
+}
+
 /**
  * A microphone. Reads run one after the other, in the order in which they were called.
  *
@@ -187,6 +210,14 @@ export class Recorder<Samples extends Int16Array | Float32Array = Int16Array> im
   /** Iterates over blocks; the last may be shorter. Ends without an error if the recorder is stopped or closed. */
   blocks(options?: BlockOptions): AsyncGenerator<Samples, void, void>;
   [Symbol.asyncIterator](): AsyncGenerator<Samples, void, void>;
+
+  /**
+   * Iterates over what is spoken, until the recorder is stopped or closed; needs `speech`, for raw sound, or `denoise`.
+   * What is read otherwise meanwhile is missing in the utterances.
+   *
+   * @throws {ReadError} after the utterance in which the device failed
+   */
+  utterances(options?: SpeechOptions): AsyncGenerator<Utterance<Samples>, void, void>;
 
   /**
    * The samples as a stream of bytes, little endian. It reads a block or two ahead of its consumer, and then waits.

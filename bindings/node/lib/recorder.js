@@ -40,8 +40,50 @@ function joined(a, b) {
   };
 }
 
+const HEARING = [enums.Status.OK, enums.Status.TIMEOUT];
+
+/** The utterances in a speech gate. */
+class Spoken {
+  #gate;
+  #rate;
+  #Samples;
+  #pieces = []; // of the utterance that is being spoken
+  #begin = 0;
+
+  constructor(gate, rate, Samples) {
+    this.#gate = gate;
+    this.#rate = rate;
+    this.#Samples = Samples;
+  }
+
+  /** Those that have ended. */
+  *taken() {
+    const room = new Float32Array(4096);
+    for (let piece = { count: 1 }; piece.count > 0 || piece.ends; ) {
+      piece = {};
+      lib.call('speech_gate_take', this.#gate, room, room.length, piece);
+      if (piece.begins) this.#begin = piece.position;
+      this.#pieces.push(room.slice(0, piece.count));
+      if (piece.ends) yield this.#whole(piece.position + piece.count);
+    }
+  }
+
+  #whole(end) {
+    const floats = new Float32Array(end - this.#begin);
+    let at = 0;
+    for (const piece of this.#pieces.splice(0)) {
+      floats.set(piece, at);
+      at += piece.length;
+    }
+    const samples = this.#Samples === Float32Array ? floats : new this.#Samples(floats.length);
+    if (samples !== floats) lib.check(lib.call('f32_to_s16', floats, floats.length, samples));
+    return { samples, start: this.#begin / this.#rate, end: end / this.#rate };
+  }
+}
+
 class Recorder {
   #pointer;
+  #hears;
   #id;
   #format;
   #blockMs;
@@ -71,6 +113,7 @@ class Recorder {
     if (!Object.hasOwn(FORMATS, format)) throw new RangeError(`format is ${format}; it must be 'int16' or 'float32'`);
     const strength = typeof denoise === 'boolean' ? Number(denoise) : denoise;
     lib.demandNumbers({ denoise: strength });
+    this.#hears = strength > 0 || Boolean(speech);
     this.#id = idOf(device);
     this.#format = FORMATS[format];
     this.#blockMs = blockMs;
@@ -211,6 +254,45 @@ class Recorder {
 
   [Symbol.asyncIterator]() {
     return this.blocks();
+  }
+
+  async *utterances({ beginThreshold, endThreshold, minSpeechMs, hangOverMs, preRollMs, maxMs } = {}) {
+    const options = {};
+    lib.call('speech_defaults', options);
+    const given = (values) => Object.fromEntries(Object.entries(values).filter(([, value]) => value !== undefined));
+    const times = given({ minSpeechMs, hangOverMs, preRollMs, maxMs });
+    const thresholds = given({ beginThreshold, endThreshold });
+    lib.demandWholeNumbers(times);
+    lib.demandNumbers(thresholds);
+    this.#demandOpen();
+    if (!this.#hears) throw new RangeError('utterances() needs a recorder with speech or denoise');
+    const { rate } = this;
+    const gate = lib.make('speech_gate_create', { ...options, rate, ...times, ...thresholds });
+    try {
+      const spoken = new Spoken(gate, rate, this.#format.Samples);
+      for (let status = enums.Status.OK; HEARING.includes(status); ) {
+        status = await this.#listen(gate, Math.ceil(rate / 10));
+        if (!HEARING.includes(status)) lib.call('speech_gate_flush', gate);
+        yield* spoken.taken();
+        this.#check(status, ReadError);
+      }
+    } finally {
+      lib.call('speech_gate_free', gate);
+    }
+  }
+
+  /** Reads a little into a speech gate. A recorder that was closed counts as stopped, since this is a normal end. */
+  async #listen(gate, count) {
+    const block = {};
+    try {
+      const read = () => lib.callOnThread('recorder_read_gate', this.#pointer, gate, count, WAIT_MS, block);
+      const status = await this.#inTurn(read);
+      if (block.count > 0) this.#block = block;
+      return status;
+    } catch (error) {
+      if (error instanceof ClosedError) return enums.Status.STOPPED;
+      throw error;
+    }
   }
 
   /** The samples as bytes, little endian. It reads no more than one block ahead of its consumer. */

@@ -52,6 +52,10 @@ export async function record(): Promise<number> {
     total += recorder.clipped + recorder.capturedPeak + recorder.speechProbability + recorder.position;
     break;
   }
+  for await (const { samples, start, end } of recorder.utterances({ preRollMs: 200, beginThreshold: 0.7 })) {
+    const spoken: Int16Array = samples;
+    total += spoken.length / (end - start);
+  }
   const speech: Float32Array = recorder.speechProbabilities();
   const bytes: Readable = recorder.stream();
   bytes.destroy();

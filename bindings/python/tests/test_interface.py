@@ -20,6 +20,8 @@ STRUCTS: Dict[str, Type[ctypes.Structure]] = {
     "wrapper_audio_block": _interface.Block,
     "wrapper_audio_recorder_info": _interface.RecorderInfo,
     "wrapper_audio_voice_options": _interface.VoiceOptions,
+    "wrapper_audio_speech_options": _interface.SpeechOptions,
+    "wrapper_audio_speech_piece": _interface.SpeechPiece,
 }
 ENUMS = {
     "WRAPPER_AUDIO_": _interface.Status,

@@ -18,6 +18,7 @@ from ._interface import Denoising, Status
 from ._library import load
 from ._recorder import Level, Meter, Recorder
 from ._signal import Converter, Denoiser, DePop, GainControl, HighPass, Limiter, Processor
+from ._speech import Utterance, Utterances
 
 __version__ = "1.0.0"
 
@@ -25,5 +26,6 @@ __all__ = [
     "AmbiguousDeviceError", "ArgumentError", "AudioError", "Capability", "ClosedError", "Converter", "DePop",
     "Denoiser", "Denoising", "Device", "Float32Block", "GainControl", "HighPass", "Int16Block", "Level",
     "LibraryError", "Limiter", "Meter", "OpenError", "Processor", "ReadError", "ReadTimeout", "Recorder", "Status",
-    "UnknownDeviceError", "capability", "devices", "find_device", "load", "log_lines", "to_float32", "to_int16",
+    "UnknownDeviceError", "Utterance", "Utterances", "capability", "devices", "find_device", "load", "log_lines",
+    "to_float32", "to_int16",
 ]

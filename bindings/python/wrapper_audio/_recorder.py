@@ -15,9 +15,10 @@ from typing import Any, Iterator, List, NamedTuple, Optional, Type, Union
 from ._blocks import Float32Block, Int16Block, new_block, samples_of
 from ._devices import Device
 from ._errors import ArgumentError, AudioError, ClosedError, OpenError, ReadError, ReadTimeout
-from ._interface import Block, Denoising, RecorderInfo, RecorderOptions, RecorderTextKind, Status
+from ._interface import Block, Denoising, RecorderInfo, RecorderOptions, RecorderTextKind, SpeechOptions, Status
 from ._library import Closing, bytes_of, check, int32, load, make
 from ._signal import conversion, take_speech
+from ._speech import Utterances
 
 _SLICE = 0.2  # seconds; Python looks for Ctrl-C when a call has returned
 
@@ -79,6 +80,7 @@ class Recorder(Closing):
         self.rate, self.block_ms = rate, block_ms
         late = int32("buffer_ms", buffer_ms), int32("stall_ms", stall_ms)
         options = RecorderOptions(rate, denoise, speech, conversion(converter), *late)
+        self._hears = bool(denoise or speech)
         self._library = load()
         self._handle = make("wrapper_audio_recorder_create", "wrapper_audio_recorder_free", byref(options))
         _recorders.add(self)
@@ -175,6 +177,45 @@ class Recorder(Closing):
 
     def __iter__(self) -> Iterator[Any]:
         return self.blocks()
+
+    def utterances(
+        self,
+        *,
+        begin_threshold: Optional[float] = None,
+        end_threshold: Optional[float] = None,
+        min_speech_ms: Optional[int] = None,
+        hang_over_ms: Optional[int] = None,
+        pre_roll_ms: Optional[int] = None,
+        max_ms: Optional[int] = None,
+    ) -> Utterances:
+        """Iterates over what is spoken, with `for` or `async for`: samples, start and end of each utterance.
+
+            for utterance in recorder.utterances():
+                recognise(utterance.samples)
+
+        begin_threshold  the probability of speech with which an utterance begins
+        end_threshold    below this probability speech ends; 0.0 to begin_threshold
+        min_speech_ms    what is shorter is not speech, 0 to 10000
+        hang_over_ms     how long a pause must last to end an utterance, of which it remains a part, 0 to 60000
+        pre_roll_ms      how much sound before speech belongs to an utterance, 0 to 60000
+        max_ms           the longest utterance, 100 to 3600000; 0: no limit
+
+        For None, the header of the library has the defaults. The recorder needs `speech`, for raw sound, or `denoise`.
+        What is read otherwise meanwhile is missing in the utterances.
+        """
+        if not self._hears:
+            raise ArgumentError("utterances() needs a Recorder with speech=True or denoise")
+        options = SpeechOptions()
+        self._library.wrapper_audio_speech_defaults(byref(options))
+        times = dict(min_speech_ms=min_speech_ms, hang_over_ms=hang_over_ms, pre_roll_ms=pre_roll_ms, max_ms=max_ms)
+        options.rate = self.rate
+        for name, length in times.items():
+            if length is not None:
+                setattr(options, name, int32(name, length, 0))
+        for name, threshold in dict(begin_threshold=begin_threshold, end_threshold=end_threshold).items():
+            if threshold is not None:
+                setattr(options, name, threshold)
+        return Utterances(self, self._code, options)
 
     # Of the last block read.
 

@@ -572,9 +572,9 @@ wrapper_audio_status wrapper_audio_f32_to_s16(const float *in, size_t count, int
 /** Options of a speech gate. wrapper_audio_speech_defaults() fills in the defaults. */
 typedef struct wrapper_audio_speech_options {
     int32_t rate;          /**< of the samples, 100 to 768000 Hz; by default 16000 */
-    float begin_threshold; /**< the probability with which speech begins, `end_threshold` to 1.0; by default 0.6 */
-    float end_threshold;   /**< below this probability it ends, 0.0 to 1.0; by default 0.4 */
-    int32_t min_speech_ms; /**< what is shorter is not speech, 0 to 10000; by default 60 */
+    float begin_threshold; /**< the probability with which speech begins, `end_threshold` to 1.0; by default 0.95 */
+    float end_threshold;   /**< below this probability it ends, 0.0 to 1.0; by default 0.9 */
+    int32_t min_speech_ms; /**< what is shorter is not speech, 0 to 10000; by default 100 */
     int32_t hang_over_ms;  /**< how long a pause must last to end an utterance, of which it remains a part, 0 to 60000;
                                 by default 500 */
     int32_t pre_roll_ms;   /**< how much sound before speech belongs to an utterance, 0 to 60000; by default 300 */

@@ -174,9 +174,9 @@ void wrapper_audio_speech_defaults(wrapper_audio_speech_options* options) noexce
     if (options == nullptr) return;
     *options = {};
     options->rate = 16000;
-    options->begin_threshold = 0.6F;
-    options->end_threshold = 0.4F;
-    options->min_speech_ms = 60;
+    options->begin_threshold = 0.95F;
+    options->end_threshold = 0.9F;
+    options->min_speech_ms = 100;
     options->hang_over_ms = 500;
     options->pre_roll_ms = 300;
 }

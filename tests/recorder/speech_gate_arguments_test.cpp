@@ -16,9 +16,9 @@ wrapper_audio_status creating(const wrapper_audio_speech_options& options) {
 TEST(speech_gate_arguments, have_documented_defaults) {
     const auto options = defaults();
     EXPECT_EQ(options.rate, 16000);
-    EXPECT_EQ(options.begin_threshold, 0.6F);
-    EXPECT_EQ(options.end_threshold, 0.4F);
-    EXPECT_EQ(options.min_speech_ms, 60);
+    EXPECT_EQ(options.begin_threshold, 0.95F);
+    EXPECT_EQ(options.end_threshold, 0.9F);
+    EXPECT_EQ(options.min_speech_ms, 100);
     EXPECT_EQ(options.hang_over_ms, 500);
     EXPECT_EQ(options.pre_roll_ms, 300);
     EXPECT_EQ(options.max_ms, 0);
@@ -27,13 +27,13 @@ TEST(speech_gate_arguments, have_documented_defaults) {
     wrapper_audio_speech_gate* gate = nullptr;
     ASSERT_EQ(wrapper_audio_speech_gate_create(&gate, nullptr), WRAPPER_AUDIO_OK);
     const gate_holder holder{gate};
-    const auto speech = frames("........................................999999");
+    const auto speech = frames("........................................::::::::::"); // ten tenths
     wrapper_audio_speech_piece piece;
     std::vector<float> samples = counted(16000);
     wrapper_audio_speech_gate_add(gate, samples.data(), samples.size(), speech.data(), speech.size());
     wrapper_audio_speech_gate_take(gate, samples.data(), samples.size(), &piece);
     EXPECT_EQ(piece.position, 1600U) << "300 ms before the speech";
-    EXPECT_EQ(piece.count, 5760U);
+    EXPECT_EQ(piece.count, 6400U);
 }
 
 TEST(speech_gate_arguments, have_limits) {

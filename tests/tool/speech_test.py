@@ -10,7 +10,7 @@ import wave
 from host import FILE_TROUBLE, FINE, READ_FAILED, SPEECH, USAGE, HostTest
 
 NOBODY_SPOKE = 9
-BEGIN, END, HANG_OVER, PRE_ROLL = 0.8, 5.3, 0.5, 0.3  # of the voice in the recorded speech, and the defaults
+BEGIN, END, HANG_OVER, PRE_ROLL = 0.83, 5.28, 0.5, 0.3  # of the voice in the recorded speech, and the defaults
 
 
 class Speech(HostTest):

@@ -11,8 +11,8 @@ from test_recording import SPEECH, as_recorded
 
 class Utterances(support.ProcessTest):
     def check_utterance(self, utterance: Utterance, pre_roll: float = 0.3) -> None:
-        self.assertAlmostEqual(utterance.start, 0.8 - pre_roll, delta=0.05)
-        self.assertAlmostEqual(utterance.end, 5.3 + 0.5, delta=0.05)
+        self.assertAlmostEqual(utterance.start, 0.83 - pre_roll, delta=0.05)
+        self.assertAlmostEqual(utterance.end, 5.28 + 0.5, delta=0.05)
 
     def test_the_first_one_has_the_raw_samples_of_its_time(self) -> None:
         for dtype in "int16", "float32":

@@ -66,10 +66,6 @@ def scores(sound):
         return {**{name: there[name].astype(np.float32) for name in there.files}, "energy": energy(sound)}
 
 
-def has_gate():
-    return hasattr(_interface, "SpeechOptions")
-
-
 def default_rule():
     """That of the library's speech gate."""
     options = _interface.SpeechOptions()

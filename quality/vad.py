@@ -192,17 +192,14 @@ def main():
     judging = measured("judge", JUDGED_AT)
     tried = {name: tuned(tuning, name) for name in tuning[0][1]}
     chosen = {"recommended": (("speech", None), RECOMMENDED)}
-    if detectors.has_gate() and detectors.default_rule() != RECOMMENDED:
+    if detectors.default_rule() != RECOMMENDED:
         chosen["defaults"] = ("speech", None), detectors.default_rule()
     chosen.update({name: found[0][1:3] for name, found in tried.items() if name != "speech"})
     print(table(["called", "detector: begin to end, minimum"], *([name, label(*each)] for name, each in chosen.items())))
-    if detectors.has_gate():
-        for kind, rule in chosen.values():
-            if kind[0] == "speech":
-                check_gate(judging, rule)
-        print(f"The library's speech gate found the same utterances as the rule applied here, in {len(judging)} scenes.\n")
-    else:
-        print("This build has no speech gate: its rule was applied here.\n")
+    for kind, rule in chosen.values():
+        if kind[0] == "speech":
+            check_gate(judging, rule)
+    print(f"The library's speech gate found the same utterances as the rule applied here, in {len(judging)} scenes.\n")
     print_tuning(tried)
     print_hang_over(tuning, RECOMMENDED)
     print_goals(print_judgement(judging, chosen), chosen)

@@ -208,8 +208,6 @@ class Denoising(unittest.TestCase):
 
 class Gate(unittest.TestCase):
     def test_the_library_follows_the_same_rule(self):
-        if not detectors.has_gate():
-            self.skipTest("this build of the library has no speech gate")
         random = np.random.default_rng(2)
         for rule in RULE, Rule(0.5, 0.5, 0, 0, 0), Rule(0.9, 0.2, 100, 500, 300):
             for _ in range(20):

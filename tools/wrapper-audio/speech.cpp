@@ -51,7 +51,7 @@ std::string numbered(const std::string& pattern, int number) {
 }
 
 speech_cutter::speech_cutter(const speech_options& wanted, int rate, event_log& events, speech_sink sink)
-    : wanted_(wanted), rate_(rate), events_(events), sink_(std::move(sink)), has_begun_(!wanted.start) {
+    : wanted_(wanted), events_(events), sink_(std::move(sink)), has_begun_(!wanted.start) {
     wrapper_audio_speech_options options;
     wrapper_audio_speech_defaults(&options);
     options.rate = rate;

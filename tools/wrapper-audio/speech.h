@@ -66,7 +66,6 @@ private:
         void operator()(wrapper_audio_speech_gate* made) const { wrapper_audio_speech_gate_free(made); }
     };
     const speech_options wanted_;
-    const int rate_;
     event_log& events_;
     const speech_sink sink_;
     std::unique_ptr<wrapper_audio_speech_gate, closer> gate_;

@@ -23,20 +23,19 @@ enum exit_code {
 /** Ends the command with one sentence for the user, who need not know the program from inside, and one of advice. */
 class failure : public std::runtime_error {
 public:
-    failure(exit_code ends_with, const std::string& sentence, const std::string& advice = "")
-        : std::runtime_error(sentence), code(ends_with), advice_(advice) {}
+    failure(exit_code ends_with, const std::string& sentence, const std::string& do_this = "")
+        : std::runtime_error(sentence), code(ends_with), advice(do_this) {}
 
     const exit_code code;
+    const std::string advice;
 
     /** With `more` behind what happened, and then the advice. */
     std::string text(const std::string& more = "") const {
-        const std::string happened = what() + more;
-        if (advice_.empty()) return happened;
-        return happened + (happened.find('\n') == std::string::npos ? ". " : "\n") + advice_; // behind a list
+        std::string happened = what() + more;
+        const bool is_list = happened.find('\n') != std::string::npos;
+        if (!advice.empty()) happened += (is_list ? "\n" : ". ") + advice;
+        return happened;
     }
-
-private:
-    std::string advice_;
 };
 
 #endif

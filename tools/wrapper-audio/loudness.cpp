@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -46,7 +47,7 @@ public:
             ebur128_true_peak(state, channel, &peak);
             highest = std::max(highest, peak);
         }
-        measured.true_peak_db = 20 * std::log10(highest);
+        measured.true_peak_db = highest > 0 ? 20 * std::log10(highest) : -std::numeric_limits<double>::infinity();
         return measured;
     }
 

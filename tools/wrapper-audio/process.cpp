@@ -218,7 +218,10 @@ private:
     bool hear(std::span<const float> samples);
     bool write(std::span<const float> samples);
     int output_channels() const { return static_cast<int>(in.channels_read()); }
-    double seconds_read() const { return static_cast<double>(before.samples() / in.channels_read()) / in.rate(); }
+    double seconds(const level& of, int at) const {
+        return static_cast<double>(of.samples()) / static_cast<double>(in.channels_read()) / at;
+    }
+    double seconds_read() const { return seconds(before, in.rate()); }
     std::size_t samples_at_once() const;
     bool step(bool& at_end);
     std::string how_denoised() const;
@@ -403,8 +406,7 @@ void processing::report() const {
 
 std::string processing::line(const char* when, const std::string& of, const level& measured, int at,
                              const std::string& more) const {
-    return fmt::format("{}  {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}: {}\n", when,
-                       static_cast<double>(measured.samples() / in.channels_read()) / at, at,
+    return fmt::format("{}  {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}: {}\n", when, seconds(measured, at), at,
                        decibel_text(measured.peak()), decibel_text(measured.rms()), more, of);
 }
 

@@ -320,7 +320,9 @@ class Unfinished(FormatTest):
         for kind, least in ("opus", 3.5), ("ogg", 0.5), ("mp3", 4.5):
             with self.subTest(kind=kind):
                 path = self.kill(f"killed.{kind}", 5)
-                self.assertGreater(len(self.samples_of(path)) / 48000, least)
+                # libsndfile finds less in an MP3 file that has no length yet.
+                decoded = self.peer("ffmpeg", "-v", "fatal", "-i", path, "-f", "s16le", "-")
+                self.assertGreater(len(decoded) / 96000, least)
 
     def test_rf64_is_wav_until_it_is_too_long_for_that(self):
         path = self.kill("killed.rf64", 1)

@@ -156,10 +156,10 @@ public:
 
 private:
     void set_bitrate(std::optional<int> wanted, const stream_shape& shape) {
-        // A constant one: from it, readers can tell the length of an MP3 file that was not finished.
-        int mode = SF_BITRATE_MODE_CONSTANT;
-        if (kind == sound_format::mp3) sf_command(file, SFC_SET_BITRATE_MODE, &mode, sizeof mode);
+        // On the average: with a constant one libsndfile leaves out the length, by which a file that was cut is noticed.
+        int mode = SF_BITRATE_MODE_AVERAGE;
         if (!wanted) return;
+        if (kind == sound_format::mp3) sf_command(file, SFC_SET_BITRATE_MODE, &mode, sizeof mode);
         const auto [lowest, highest] = bitrates(kind, shape);
         double level = static_cast<double>(highest - *wanted) / (highest - lowest);
         sf_command(file, SFC_SET_COMPRESSION_LEVEL, &level, sizeof level);

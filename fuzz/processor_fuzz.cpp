@@ -161,8 +161,10 @@ void listen(script& bytes) {
             open = true;
         }
         const bool said = piece.count > 0 || piece.ends != 0;
-        if (said) require(open && found.back().end == position, "an utterance has all its samples");
-        if (said) found.back().end += piece.count;
+        if (said) {
+            require(open && found.back().end == position, "an utterance has all its samples");
+            found.back().end += piece.count;
+        }
         for (std::size_t i = 0; i < piece.count; ++i)
             require(samples[i] == static_cast<float>(piece.position + i), "each at its position");
         if (piece.ends != 0) open = false;
@@ -170,7 +172,8 @@ void listen(script& bytes) {
     };
     std::vector<float> piece;
     while (!bytes.at_end() && there.size() < 100000) {
-        piece.assign(std::min<std::size_t>(std::size_t{bytes.number<std::uint8_t>()} * 8, 1000), 0.0F);
+        const auto length = std::min<std::size_t>(std::size_t{bytes.number<std::uint8_t>()} * 8, 1000);
+        piece.assign(length, 0.0F);
         for (float& sample : piece)
             sample = static_cast<float>(there.size() + static_cast<std::size_t>(&sample - piece.data()));
         const bool lost = bytes.below(8) == 0;

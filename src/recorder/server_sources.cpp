@@ -50,26 +50,26 @@ struct answer {
 };
 
 void take_server(pa_context* /*context*/, const pa_server_info* info, void* to) {
-    auto& answer = *static_cast<struct answer*>(to);
     if (info == nullptr || info->server_name == nullptr) return;
-    if (std::string_view(info->server_name).find("PipeWire") != std::string_view::npos) answer.server = "PipeWire";
+    const bool is_pipewire = std::string_view(info->server_name).find("PipeWire") != std::string_view::npos;
+    if (is_pipewire) static_cast<answer*>(to)->server = "PipeWire";
 }
 
 void take_source(pa_context* /*context*/, const pa_source_info* info, int end, void* to) {
-    auto& answer = *static_cast<struct answer*>(to);
+    auto& so_far = *static_cast<answer*>(to);
     if (end != 0 || info == nullptr) {
-        answer.is_complete = true;
+        so_far.is_complete = true;
         return;
     }
     try {
-        answer.sources.push_back({.name = info->name,
+        so_far.sources.push_back({.name = info->name,
                                   .description = info->description == nullptr ? info->name : info->description,
-                                  .server = answer.server,
+                                  .server = so_far.server,
                                   .rate = static_cast<int32_t>(info->sample_spec.rate),
                                   .channels = info->sample_spec.channels,
                                   .is_monitor = info->monitor_of_sink != PA_INVALID_INDEX});
     } catch (...) {
-        answer.error = std::current_exception();
+        so_far.error = std::current_exception();
     }
 }
 

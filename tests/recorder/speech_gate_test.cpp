@@ -229,7 +229,7 @@ TEST(speech_gate, ends_an_utterance_as_soon_as_the_next_sample_is_lost) {
 // ---- Any pieces ----
 
 // Probabilities as they come: runs of speech and silence, with some of any size and of no number at all.
-std::vector<float> probabilities(std::mt19937& random, std::size_t count) {
+std::vector<float> random_probabilities(std::mt19937& random, std::size_t count) {
     constexpr float strange[] = {std::numeric_limits<float>::quiet_NaN(),
                                  std::numeric_limits<float>::infinity(),
                                  -std::numeric_limits<float>::infinity(),
@@ -272,7 +272,7 @@ TEST(speech_gate, equals_the_reference_bit_for_bit_whatever_the_pieces) {
         const std::size_t frame_count = random() % 200;
         const std::size_t count = frame_count * static_cast<std::size_t>(rate) / 100 + random() % 20;
         const auto in = signals::hostile(random, count);
-        const auto told = probabilities(random, frame_count);
+        const auto told = random_probabilities(random, frame_count);
         std::vector<bool> there(count, true);
         for (std::size_t losses = random() % 4; losses > 0 && count > 0; --losses)
             for (std::size_t at = random() % count, left = random() % (count / 4 + 2); left > 0 && at < count; --left)

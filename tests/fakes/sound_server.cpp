@@ -7,6 +7,7 @@
 #include <cstring>
 #include <list>
 #include <memory>
+#include <utility>
 
 struct _snd_config {
     std::string id;
@@ -49,6 +50,28 @@ struct everything {
 
 std::unique_ptr<everything> all = std::make_unique<everything>();
 
+thread_local int t_inside = 0;
+
+class inside {
+public:
+    inside() { ++t_inside; }
+    ~inside() { --t_inside; }
+    inside(const inside&) = delete;
+    inside& operator=(const inside&) = delete;
+};
+
+// While one lives, the library that called the double is called back.
+class called_back {
+public:
+    ~called_back() { t_inside = before_; }
+    called_back() = default;
+    called_back(const called_back&) = delete;
+    called_back& operator=(const called_back&) = delete;
+
+private:
+    const int before_ = std::exchange(t_inside, 0);
+};
+
 bool fails(const std::string& function) {
     auto& once = all->script.failing_once;
     if (const auto found = once.find(function); found != once.end() && --found->second == 0) {
@@ -89,6 +112,10 @@ sound_server& server() {
     return all->script;
 }
 
+bool is_inside_the_server() {
+    return t_inside > 0;
+}
+
 void reset_server() {
     snd_config = nullptr;
     all = std::make_unique<everything>();
@@ -103,6 +130,7 @@ using fake::held;
 // ---- libpulse ----
 
 pa_mainloop* pa_mainloop_new() {
+    const fake::inside here;
     all->loop.due.clear();
     return fails("pa_mainloop_new") ? nullptr : held(&all->loop);
 }
@@ -116,6 +144,7 @@ pa_mainloop_api* pa_mainloop_get_api(pa_mainloop* loop) {
 }
 
 int pa_mainloop_iterate(pa_mainloop* loop, int block, int* /*result*/) {
+    const fake::inside here;
     if (block != 0) std::abort(); // it might never return
     if (all->script.each_round) all->script.each_round();
     if (loop->due.empty()) return 0;
@@ -126,6 +155,7 @@ int pa_mainloop_iterate(pa_mainloop* loop, int block, int* /*result*/) {
 }
 
 pa_context* pa_context_new(pa_mainloop_api* /*api*/, const char* /*name*/) {
+    const fake::inside here;
     all->context.state = PA_CONTEXT_UNCONNECTED;
     return fails("pa_context_new") ? nullptr : held(&all->context);
 }
@@ -136,9 +166,11 @@ void pa_context_unref(pa_context* /*context*/) {
 
 int pa_context_connect(pa_context* context, const char* /*server*/, pa_context_flags_t flags,
                        const pa_spawn_api* /*api*/) {
+    const fake::inside here;
     if (flags != PA_CONTEXT_NOAUTOSPAWN) std::abort(); // it must not start a server
     if (!all->script.is_there) return -1;
     context->state = PA_CONTEXT_CONNECTING;
+    if (fails("welcome")) return 0; // nothing more is heard
     const pa_context_state_t state = fails("login") ? PA_CONTEXT_FAILED : PA_CONTEXT_READY;
     all->loop.due.emplace_back([state] { all->context.state = state; });
     return 0;
@@ -149,15 +181,19 @@ pa_context_state_t pa_context_get_state(const pa_context* context) {
 }
 
 pa_operation* pa_context_get_server_info(pa_context* context, pa_server_info_cb_t done, void* to) {
+    const fake::inside here;
     if (fails("pa_context_get_server_info")) return nullptr;
     return fake::ask([context, done, to] {
         pa_server_info info{};
         info.server_name = all->script.name ? all->script.name->c_str() : nullptr;
-        done(context, fails("server info") ? nullptr : &info, to);
+        const pa_server_info* const told = fails("server info") ? nullptr : &info;
+        const fake::called_back there;
+        done(context, told, to);
     });
 }
 
 pa_operation* pa_context_get_source_info_list(pa_context* context, pa_source_info_cb_t done, void* to) {
+    const fake::inside here;
     if (fails("pa_context_get_source_info_list")) return nullptr;
     return fake::ask([context, done, to] {
         for (const fake::server_source& each : all->script.sources) {
@@ -166,8 +202,10 @@ pa_operation* pa_context_get_source_info_list(pa_context* context, pa_source_inf
             info.description = each.description ? each.description->c_str() : nullptr;
             info.sample_spec = {PA_SAMPLE_S16LE, each.rate, each.channels};
             info.monitor_of_sink = each.is_monitor ? 7 : PA_INVALID_INDEX;
+            const fake::called_back there;
             done(context, &info, 0, to);
         }
+        const fake::called_back there;
         done(context, nullptr, all->script.refuses_lists ? -1 : 1, to);
     });
 }
@@ -179,12 +217,14 @@ void pa_operation_unref(pa_operation* /*operation*/) {
 // ---- ALSA ----
 
 int snd_config_update() {
+    const fake::inside here;
     if (fails("snd_config_update")) return -ENOENT;
     snd_config = &all->table;
     return 0;
 }
 
 int snd_config_search(snd_config_t* /*config*/, const char* key, snd_config_t** result) {
+    const fake::inside here;
     if (fails("snd_config_search")) return -ENOENT;
     *result = &all->table;
     if (std::strcmp(key, "pcm") == 0) return 0;
@@ -196,18 +236,21 @@ int snd_config_search(snd_config_t* /*config*/, const char* key, snd_config_t** 
 }
 
 int snd_config_make_compound(snd_config_t** config, const char* key, int /*join*/) {
+    const fake::inside here;
     if (fails("snd_config_make_compound")) return -ENOMEM;
     *config = held(new _snd_config{.id = key, .text = {}});
     return 0;
 }
 
 int snd_config_imake_string(snd_config_t** config, const char* key, const char* text) {
+    const fake::inside here;
     if (fails("snd_config_imake_string")) return -ENOMEM;
     *config = held(new _snd_config{.id = key, .text = text});
     return 0;
 }
 
 int snd_config_add(snd_config_t* config, snd_config_t* child) {
+    const fake::inside here;
     if (fails("snd_config_add")) return -EEXIST;
     child->table = config;
     config->entries.push_back(child);
@@ -217,6 +260,7 @@ int snd_config_add(snd_config_t* config, snd_config_t* child) {
 }
 
 int snd_config_delete(snd_config_t* config) {
+    const fake::inside here;
     if (config->table != nullptr)
         config->table->entries.remove(config);
     else
@@ -227,6 +271,7 @@ int snd_config_delete(snd_config_t* config) {
 }
 
 int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t stream, int mode) {
+    const fake::inside here;
     if (stream != SND_PCM_STREAM_CAPTURE || mode != SND_PCM_NONBLOCK) std::abort(); // it might wait for somebody else
     all->script.opened.emplace_back(name);
     const auto device = all->script.devices.find(name);

@@ -41,6 +41,9 @@ struct sound_server {
 
 sound_server& server();
 
+// Whether this thread is in the double, and not in what that calls: its memory is not the library's.
+bool is_inside_the_server();
+
 // Forgets everything, the devices too.
 void reset_server();
 

@@ -1,6 +1,7 @@
 #include "failing_memory.h"
 
 #include "fakes.h"
+#include "sound_server.h"
 
 #include <locale.h>
 #include <soxr.h>
@@ -88,7 +89,7 @@ in_layer::~in_layer() {
 namespace {
 
 bool is_layers() {
-    return t_in_layer && !fake::inside_a_double::is_here();
+    return t_in_layer && !fake::inside_a_double::is_here() && !fake::is_inside_the_server();
 }
 
 bool fails_now() {

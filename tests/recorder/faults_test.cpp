@@ -1,6 +1,7 @@
 // Whatever fails below the layer, and whenever: a status that fits, nothing left behind, and the next try works. The
 // faults are generated from good runs, so that a new call in the layer or the core is failed as well.
 #include "failing_memory.h"
+#include "sound_server.h"
 #include "with_recorder.h"
 
 #include <cstdio>
@@ -301,6 +302,39 @@ TEST_F(recorder_faults, of_every_allocation_are_survived_where_a_device_refuses)
         expect_nothing_left();
     }
     EXPECT_GT(lost, 0);
+}
+
+TEST_F(recorder_faults, of_the_allocations_for_a_servers_sources_are_survived) {
+    good_run(0.0F);
+    bool was_met = true;
+    int refused = 0;
+    for (int n = 1; was_met && !HasFailure(); ++n) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        begin(0.0F);
+        fake::server().is_there = true;
+        fake::server().sources = {{.name = "a name that is too long to need no memory", .is_monitor = true},
+                                  {.name = "b"}};
+        fake::server().plugins = {"pipewire"};
+        wrapper_audio_device_list* list = nullptr;
+        wrapper_audio_status status = WRAPPER_AUDIO_OK;
+        failing_memory::fail(n);
+        {
+            const in_layer here;
+            status = wrapper_audio_device_list_create(&list);
+            was_met = failing_memory::allocations() >= n;
+            failing_memory::fail(0);
+            wrapper_audio_device_list_free(list);
+            EXPECT_THAT(status, AnyOf(WRAPPER_AUDIO_OK, WRAPPER_AUDIO_OUT_OF_MEMORY));
+            fake::server().is_there = false;
+            EXPECT_EQ(wrapper_audio_device_list_create(&list), WRAPPER_AUDIO_OK) << "the sources are forgotten";
+            wrapper_audio_device_list_free(list);
+        }
+        refused += status == WRAPPER_AUDIO_OUT_OF_MEMORY ? 1 : 0;
+        EXPECT_EQ(fake::server().held, 0);
+        EXPECT_THAT(fake::server().devices, IsEmpty());
+        expect_nothing_left();
+    }
+    EXPECT_GT(refused, 10);
 }
 
 // What a gate found no memory for is lost, and the next read works.

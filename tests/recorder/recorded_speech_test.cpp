@@ -7,6 +7,7 @@ using fake::world;
 namespace {
 
 constexpr uint64_t block = 1440; // of the core, at 48000 Hz
+constexpr uint64_t ten_ms = 480;
 
 struct utterance {
     uint64_t begin = 0;
@@ -86,7 +87,7 @@ TEST_F(recorded_speech, is_found_in_reads_of_any_length) {
         ASSERT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_OK);
         for (std::size_t left = 96000; left > 0; left -= last_.count)
             ASSERT_EQ(read_gate(std::min(left, count)), WRAPPER_AUDIO_OK);
-        EXPECT_EQ(found_, (std::vector<utterance>{{45 * 480, 90 * 480}, {145 * 480, 170 * 480}})) << count;
+        EXPECT_EQ(found_, (std::vector<utterance>{{45 * ten_ms, 90 * ten_ms}, {145 * ten_ms, 170 * ten_ms}})) << count;
     }
 }
 
@@ -120,7 +121,7 @@ TEST_F(recorded_speech, keeps_its_place_over_losses_of_any_length) {
         deliver(at);
         ASSERT_NE(read_gate(info().available, 0), WRAPPER_AUDIO_INVALID_STATE);
     }
-    ASSERT_EQ(found_, (std::vector<utterance>{{25 * 480, 50 * 480}}));
+    ASSERT_EQ(found_, (std::vector<utterance>{{25 * ten_ms, 50 * ten_ms}}));
     deliver(660 * block); // 19.8 s
     for (uint64_t at = 661; at <= 700; ++at) {
         read_gate(info().available, 0);
@@ -128,7 +129,7 @@ TEST_F(recorded_speech, keeps_its_place_over_losses_of_any_length) {
     }
     EXPECT_GT(info().dropped, 18U * 48000);
     ASSERT_EQ(found_.size(), 2U);
-    EXPECT_EQ(found_[1], (utterance{1995 * 480, 2040 * 480}));
+    EXPECT_EQ(found_[1], (utterance{1995 * ten_ms, 2040 * ten_ms}));
 }
 
 TEST_F(recorded_speech, is_cut_where_samples_were_lost) {
@@ -144,7 +145,7 @@ TEST_F(recorded_speech, is_cut_where_samples_were_lost) {
     };
     deliver(20 * block);
     const uint64_t kept = info().available;
-    const uint64_t held_back = 2 * 480; // in the noise suppression
+    const uint64_t held_back = 2 * ten_ms; // in the noise suppression
     ASSERT_LT(kept, 20 * block - held_back);
     read_gate(kept - 7, 0);
     deliver(21 * block);
@@ -177,7 +178,7 @@ TEST_F(recorded_speech, ends_with_the_recording) {
     EXPECT_EQ(read_gate(1000000), WRAPPER_AUDIO_DEVICE_FAILED);
     wrapper_audio_speech_gate_flush(gate_);
     take();
-    EXPECT_EQ(found_, (std::vector<utterance>{{15 * 480, 10 * block}}));
+    EXPECT_EQ(found_, (std::vector<utterance>{{15 * ten_ms, 10 * block}}));
     EXPECT_EQ(read_gate(1), WRAPPER_AUDIO_INVALID_STATE) << "after a flush";
     // A new recording needs a new beginning.
     microphone.fail_after(UINT64_MAX);

@@ -47,7 +47,7 @@ void find_command(const std::string& name) {
     for (std::size_t at = 0; at <= folders.size();) {
         const std::size_t end = std::min(folders.find(':', at), folders.size());
         const std::string folder = folders.substr(at, end - at);
-        if (access((folder.empty() ? name : folder + "/" + name).c_str(), X_OK) == 0) return;
+        if (access((folder.empty() ? name : fmt::format("{}/{}", folder, name)).c_str(), X_OK) == 0) return;
         if (errno != ENOENT && errno != ENOTDIR) error = errno;
         at = end + 1;
     }
@@ -74,11 +74,9 @@ extern "C" void pass_on(int number) {
 }
 
 /** Returns the command's exit code; 128 and the number of the signal that ended it. */
-int run(const std::vector<std::string>& words) {
-    std::vector<char*> pointers;
-    for (const std::string& word : words)
-        pointers.push_back(const_cast<char*>(word.c_str()));
-    pointers.push_back(nullptr);
+int run(std::vector<std::string> words) {
+    std::vector<char*> pointers(words.size() + 1, nullptr); // the last one ends them
+    std::transform(words.begin(), words.end(), pointers.begin(), [](std::string& word) { return word.data(); });
     sigset_t passed_on;
     sigemptyset(&passed_on);
     for (const int number : {SIGINT, SIGTERM, SIGHUP})

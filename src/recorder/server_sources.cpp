@@ -62,12 +62,13 @@ void take_source(pa_context* /*context*/, const pa_source_info* info, int end, v
         return;
     }
     try {
-        so_far.sources.push_back({.name = info->name,
-                                  .description = info->description == nullptr ? info->name : info->description,
-                                  .server = so_far.server,
-                                  .rate = static_cast<int32_t>(info->sample_spec.rate),
-                                  .channels = info->sample_spec.channels,
-                                  .is_monitor = info->monitor_of_sink != PA_INVALID_INDEX});
+        server_source& source = so_far.sources.emplace_back();
+        source.name = info->name;
+        source.description = info->description == nullptr ? info->name : info->description;
+        source.server = so_far.server;
+        source.rate = static_cast<int32_t>(info->sample_spec.rate);
+        source.channels = info->sample_spec.channels;
+        source.is_monitor = info->monitor_of_sink != PA_INVALID_INDEX;
     } catch (...) {
         so_far.error = std::current_exception();
     }

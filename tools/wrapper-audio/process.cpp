@@ -289,7 +289,7 @@ bool processing::finish_file() {
 
 /** So many that neither their channels nor what a low rate is converted to take much memory. */
 std::size_t processing::samples_at_once() const {
-    if (cutter) return static_cast<std::size_t>(in.rate() / 100 * 3); // 30 ms, to end where it is silent
+    if (cutter) return static_cast<std::size_t>(std::max(1, in.rate() / 100)) * 3; // 30 ms, to end where it is silent
     constexpr std::int64_t plenty = 65536;
     const std::int64_t growth = std::max(1, rate / in.rate());
     return static_cast<std::size_t>(std::max<std::int64_t>(1, plenty / growth / in.channels()));

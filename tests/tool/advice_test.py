@@ -1,7 +1,6 @@
 """What `wrapper-audio doctor` advises, done: each piece of advice that it gives helps."""
 
 import os
-import pathlib
 import signal
 import subprocess
 import unittest
@@ -64,23 +63,21 @@ class OnFileMicrophones(Advised):
         self.assert_is_well("-d", "filemic")
 
     def test_become_a_member_of_the_group_audio(self):
-        folders = [self.folder.parent, *pathlib.Path(HOST).resolve().parents]
-        if os.geteuid() != 0 or not all(folder.stat().st_mode & 0o001 for folder in folders):
-            self.skipTest("only root can make a /dev/snd, and another user must reach the program")
+        if os.geteuid() != 0:
+            self.skipTest("only root can make a /dev/snd")
         self.listen_to(SPEECH)
         script = """set -e
-            mkdir -p "$1/dev/snd" && chown root:audio "$1/dev/snd" && chmod 750 "$1/dev/snd"
+            mkdir -p "$1/dev/snd" && chown nobody:audio "$1/dev/snd" && chmod 750 "$1/dev/snd"
             for name in null zero full urandom; do touch "$1/dev/$name"; mount --bind "/dev/$name" "$1/dev/$name"; done
             mount --rbind "$1/dev" /dev
-            exec setpriv --reuid 65534 --regid 65534 --groups "$2" "$3" doctor"""
-        for path in self.folder, *self.folder.iterdir():
-            path.chmod(0o755)
+            exec setpriv --bounding-set=-all --inh-caps=-all --groups "$2" "$3" doctor"""
 
         def doctor(groups):
             done = subprocess.run(
                 ["unshare", "--mount", "sh", "-c", script, "sh", self.folder, groups, HOST],
                 cwd=self.folder,
-                env=self.environment(None),
+                # libjack leaves its database behind when it may not open it.
+                env={**self.environment(None), "ASAN_OPTIONS": "detect_leaks=0"},
                 capture_output=True,
                 text=True,
                 timeout=30,
@@ -88,6 +85,7 @@ class OnFileMicrophones(Advised):
             self.assertEqual((done.returncode, done.stderr), (FINE, ""))
             return done.stdout
 
+        # Root without its privileges, which is neither the owner nor, at first, in the group.
         self.assertIn("this user cannot read /dev/snd; members of the group audio can", doctor("65534"))
         self.assertIn("/dev/snd is there", doctor("audio"))
 

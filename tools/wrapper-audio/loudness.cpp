@@ -64,6 +64,7 @@ loudness_stage::loudness_stage(double target_lufs, int rate, int channels)
 }
 
 void loudness_stage::add(std::span<const float> samples) {
+    if (samples.empty()) return; // of which there may be no address
     if (std::fwrite(samples.data(), sizeof(float), samples.size(), kept_.get()) != samples.size())
         throw failure(file_trouble, fmt::format("cannot keep the sound in a temporary file: {}", std::strerror(errno)));
 }

@@ -30,7 +30,7 @@ echo "ok: lintian finds no errors"
 
 # Names alone, and without what differs from one Debian to the next.
 needs() { dpkg-deb -f "$1" Depends | tr , '\n' | sed -E 's/ *([^ ]+).*/\1/; s/t64$//' | sort | xargs; }
-expect "what the libraries need" "libc6 libgcc-s1 libportaudio2 librnnoise0 libsoxr0 libstdc++6" "$(needs "$library")"
+expect "what the libraries need" "libasound2 libc6 libgcc-s1 libportaudio2 librnnoise0 libsoxr0 libstdc++6" "$(needs "$library")"
 expect "what the development files need" \
   "libwrapper-audio$major (= $version), portaudio19-dev, librnnoise-dev" "$(dpkg-deb -f "$development" Depends)"
 expect "what the program needs" "libc6 libgcc-s1 libsndfile1 libstdc++6 libwrapper-audio$major" "$(needs "$program")"

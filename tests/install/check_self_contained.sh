@@ -47,7 +47,7 @@ dpkg-deb -x "$packages/libwrapper-audio${major}_${version}_$(dpkg --print-archit
 # Without the numbers that another Debian may have.
 names() { (cd "$1" && find . -type f -o -type l) | sed 's|^\./||; s/-wrapper_audio\.so\.[0-9]*$/.so/' | LC_ALL=C sort; }
 for_libraries=(libgomp libjack libportaudio librnnoise libsoxr)
-for_program=(libFLAC libmp3lame libmpg123 libogg libopus libsndfile libvorbis libvorbisenc)
+for_program=(libFLAC libebur128 libmp3lame libmpg123 libogg libopus libsndfile libvorbis libvorbisenc)
 expect "the files of the tarball" "$({
     sed -e "s|LIBDIR|lib|" -e "s/VERSION/$version/" -e "s/MAJOR/$major/" -e 's/ -> .*//' "$here/expected_files"
     printf 'lib/%s.so\n' "${for_libraries[@]}" "${for_program[@]}"

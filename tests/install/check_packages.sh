@@ -33,7 +33,7 @@ needs() { dpkg-deb -f "$1" Depends | tr , '\n' | sed -E 's/ *([^ ]+).*/\1/; s/t6
 expect "what the libraries need" "libasound2 libc6 libgcc-s1 libportaudio2 librnnoise0 libsoxr0 libstdc++6" "$(needs "$library")"
 expect "what the development files need" \
   "libwrapper-audio$major (= $version), portaudio19-dev, librnnoise-dev" "$(dpkg-deb -f "$development" Depends)"
-expect "what the program needs" "libc6 libgcc-s1 libsndfile1 libstdc++6 libwrapper-audio$major" "$(needs "$program")"
+expect "what the program needs" "libc6 libebur128-1 libgcc-s1 libsndfile1 libstdc++6 libwrapper-audio$major" "$(needs "$program")"
 expect "kinds" "same same foreign" \
   "$(for package in "$library" "$development" "$program"; do dpkg-deb -f "$package" Multi-Arch; done | xargs)"
 expect "what others that link the libraries are told to need" \

@@ -244,7 +244,8 @@ class Jack(Server):
         self.servers = [
             self.start(
                 *("jackd", "-n", self.environment["JACK_DEFAULT_SERVER"], "-r", "--no-mlock"),
-                *("-d", "dummy", "-r", self.rate, "-C", "2", "-P", "2", "-p", "1024"),
+                # Periods of 85 ms: the server goes on without a client that is late for one, which no client can help.
+                *("-d", "dummy", "-r", self.rate, "-C", "2", "-P", "2", "-p", "4096"),
             )
         ]
         self.wait_for(lambda: self.output(os.environ["JACK_PLAY"]) == "ready\n", "the server")

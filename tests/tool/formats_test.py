@@ -96,6 +96,8 @@ class SampleSizes(FormatTest):
             (["--bits", "20", "out.wav"], "--bits"),
             (["--bitrate", "64k", "out.wav"], "only Opus and MP3 have one that can be chosen, not WAV"),
             (["--bitrate", "64k", "out.ogg"], "only Opus and MP3 have one that can be chosen, not Vorbis"),
+            (["--quality", "5", "out.opus"], "only Vorbis has one, not Opus"),
+            (["--quality", "11", "out.ogg"], "--quality"),
             (["--bitrate", "5k", "out.opus"], "Opus at 16000 Hz has 6000 to 256000 bits"),
             (["--bitrate", "161k", "out.mp3"], "MP3 at 16000 Hz has 8000 to 160000 bits"),
             (["--bitrate", "much", "out.mp3"], "'much' is not a bitrate"),
@@ -177,6 +179,17 @@ class Compressed(FormatTest):
                     out = self.folder / f"out.{kind}"
                     self.process("--channel", "all", "--bitrate", bitrate, source, out)
                     self.assertAlmostEqual(out.stat().st_size * 8 / 6 / bitrate, 1, delta=0.2, msg=(kind, bitrate, source))
+
+    def test_vorbis_is_as_good_as_wanted(self):
+        self.listen_to(SPEECH)
+        self.record("--seconds", 6, self.file)
+        sizes = {}
+        for quality in [], ["--quality", 0], ["--quality", 4], ["--quality", "7.5"], ["--quality", 10]:
+            self.process(*quality, self.file, "out.ogg")
+            sizes[" ".join(map(str, quality))] = (self.folder / "out.ogg").stat().st_size
+        default, *others = sizes.values()
+        self.assertEqual(default, sizes["--quality 4"])
+        self.assertEqual(others, sorted(set(others)))
 
     def test_a_file_at_a_rate_that_the_format_lacks_is_converted_and_it_is_said(self):
         source = self.wav("in.wav", 44100, tone(500, 44100, 1, 12000))

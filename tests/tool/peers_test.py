@@ -213,8 +213,8 @@ class Peers(ServerTest):
     def content(path):
         return path.read_bytes() if path.exists() else b""
 
-    def test_bitrate_of_vorbis(self):
-        options = {"sox": ["-C", "0"], "ffmpeg": ["-b:a", "48k"], "wrapper-audio": ["--bitrate", "48k"]}
+    def test_quality_of_vorbis(self):
+        options = {"sox": ["-C", "0"], "ffmpeg": ["-b:a", "48k"], "wrapper-audio": ["--quality", 2]}
         self.assert_row(
             "lets choose how good Vorbis is",
             lambda: self.run_all(options, out="out.ogg", seconds=3),
@@ -326,6 +326,7 @@ class Peers(ServerTest):
 
     def test_split(self):
         options = {
+            "wrapper-audio": ["--max-file-time", 1],
             "arecord": ["--max-file-time", 1],
             "sox": ["trim", 0, 1, ":", "newfile", ":", "restart"],
             "ffmpeg": ["-f", "segment", "-segment_time", 1],

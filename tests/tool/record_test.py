@@ -237,7 +237,6 @@ class Failure(HostTest):
             (["--seconds", "nan", "out.wav"], "--seconds"),
             (["--seconds", "inf", "out.wav"], "--seconds"),
             (["--seconds", "0.00001", "out.wav"], "--seconds"),
-            (["--seconds", "134217.8", "out.wav"], "--seconds.*4 GiB"),  # 2**32 bytes end at 134217.7 s
             (["--seconds", "out.wav"], "--seconds"),
             (["--seconds", "5x", "out.wav"], "'5x' is not a time"),
             (["--seconds", "3s2m", "out.wav"], "--seconds"),

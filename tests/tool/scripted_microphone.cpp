@@ -9,13 +9,17 @@
  *     MICROPHONE_STALLS_AFTER=N   reads block for ever once N of them have gone well
  *     MICROPHONE_NAME=TEXT        the default input is called that
  *     MICROPHONE_ENDS=HOW         the process ends with a last word while a stream is opened: by abort, fault or exit
+ *     DISK_LOG=FILE               gets the size of each file that is brought to the disk, on a line of its own
+ *     DISK_FAILS=1                no file gets to the disk
  */
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <portaudio.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -98,6 +102,18 @@ extern "C" PaError Pa_CloseStream(PaStream* stream) {
         due.erase(stream);
     }
     return next<decltype(Pa_CloseStream)>("Pa_CloseStream")(stream);
+}
+
+extern "C" int fdatasync(int descriptor) {
+    struct stat synced {};
+    fstat(descriptor, &synced);
+    if (const char* name = std::getenv("DISK_LOG"); name != nullptr) {
+        FILE* const log = std::fopen(name, "a");
+        std::fprintf(log, "%lld\n", static_cast<long long>(synced.st_size));
+        std::fclose(log);
+    }
+    if (std::getenv("DISK_FAILS") != nullptr) return errno = EIO, -1;
+    return next<decltype(fdatasync)>("fdatasync")(descriptor);
 }
 
 extern "C" PaError Pa_ReadStream(PaStream* stream, void* buffer, unsigned long frames) {

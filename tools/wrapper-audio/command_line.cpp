@@ -202,6 +202,10 @@ void parser::add_output(CLI::App* command, output_options& output) {
         ->add_option("--bitrate", value_of("--bitrate", output.bitrate, parse_bitrate),
                      "of Opus and MP3, in bits per second, such as 64k")
         ->type_name("BITS");
+    command
+        ->add_option("--quality", value_of("--quality", output.quality, parse_quality),
+                     "of Vorbis, from 0, small, to 10, large; default: 4")
+        ->type_name("QUALITY");
     command->add_flag("-n,--no-clobber", output.keeps_older, "never overwrite a file");
 }
 
@@ -242,6 +246,11 @@ void parser::add_recording(CLI::App* command, record_options& recording) {
         ->type_name("TIME");
     add_effects(command, recording.effects);
     add_output(command, recording.output);
+    recording.output.sync = 1;
+    command
+        ->add_option("--sync", value_of("--sync", recording.output.sync, parse_interval),
+                     "how often to make sure that the file is on the disk; 0: when the system wants; default: 1")
+        ->type_name("TIME");
 }
 
 void parser::add_record() {
@@ -258,11 +267,17 @@ void parser::add_record() {
             "become the date and time, {} a number")
         ->required();
     add_recording(command, recording);
+    command
+        ->add_option("--max-file-time", value_of("--max-file-time", recording.max_file_time, parse_duration),
+                     "begin another file after so long; %03d or {} in the file's name becomes its number, %H and the "
+                     "like the time, and otherwise the second one ends in -2")
+        ->type_name("TIME");
     add_speech(command, recording.speech);
     auto* fill = command->add_flag("--fill-gaps", recording.fill_gaps,
                                    "put silence where sound was lost, so that times stay true");
     for (const char* other : {"--start-on-speech", "--stop-after-silence", "--trim", "--split", "--events"})
         fill->excludes(command->get_option(other));
+    command->get_option("--split")->excludes("--max-file-time");
 }
 
 void parser::add_dictate() {

@@ -40,6 +40,7 @@ struct record_options {
     int rate = 16000;
     voice_options voice;
     std::optional<double> seconds;
+    std::optional<double> max_file_time; // seconds, after which another file begins
     effect_options effects;
     output_options output;
     bool fill_gaps = false;

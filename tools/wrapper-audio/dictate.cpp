@@ -3,6 +3,7 @@
  */
 #include "commands.h"
 #include "console.h"
+#include "file_names.h"
 #include "stopping.h"
 #include "text.h"
 
@@ -11,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>

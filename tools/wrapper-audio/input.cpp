@@ -74,7 +74,7 @@ microphone::microphone(const std::string& wanted, wrapper_audio_recorder_options
 
 std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& block) {
     constexpr int often_enough = 100; // ms, to notice a signal soon
-    for (;;) {
+    for (std::uint32_t lost = 0;;) {  // before the first sample
         if (stop_requested()) stop();
         const wrapper_audio_status status =
             wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), often_enough, &block);
@@ -87,6 +87,8 @@ std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& bloc
         const bool is_over =
             status != WRAPPER_AUDIO_OK && status != WRAPPER_AUDIO_TIMEOUT && status != WRAPPER_AUDIO_NO_DATA;
         if (is_over && status < 0 && !trouble_) trouble_.emplace(failed(status));
+        if (lost > 0) block.dropped_at = 0;
+        lost = block.dropped += lost;
         if (is_over || block.count > 0) return block.count;
     }
 }

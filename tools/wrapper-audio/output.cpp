@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include "disk_sync.h"
 #include "failure.h"
 #include "stopping.h"
 #include "text.h"
@@ -20,7 +21,6 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <ctime>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -73,6 +73,8 @@ private:
     std::vector<std::int32_t> ints;
 };
 
+constexpr float default_quality = 4; // of Vorbis
+
 bool is_lossy(sound_format format) {
     return format == sound_format::ogg || format == sound_format::opus || format == sound_format::mp3;
 }
@@ -106,14 +108,14 @@ class sound_file : public output {
 public:
     sound_file(int descriptor, const stream_shape& shape, sound_format format, const output_options& wanted)
         : own_descriptor(descriptor), channels(shape.channels), numbers(shape.from_microphone), kind(format),
-          bits(wanted.bits.value_or(sample_size::bits_16)) {
+          bits(wanted.bits.value_or(sample_size::bits_16)), sync(descriptor, wanted.sync) {
         SF_INFO info{};
         info.samplerate = shape.rate;
         info.channels = shape.channels;
         info.format = libsndfile_format(format, bits);
         file = sf_open_fd(descriptor, SFM_WRITE, &info, SF_TRUE);
         if (file == nullptr) return;
-        set_bitrate(wanted.bitrate, shape);
+        set_compression(wanted, shape);
         if (format != sound_format::wav && format != sound_format::rf64) return;
         sf_command(file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE); // WAV as long as it is small enough
         // The header is brought up to date with each write, so that the file is valid however the program ends.
@@ -143,9 +145,12 @@ public:
         const int result = sf_close(file);
         file = nullptr;
         if (result != 0 && error.empty()) error = sf_error_number(result);
-        return result == 0;
+        const int disk_error = sync.finish();
+        if (disk_error != 0 && error.empty()) error = std::strerror(disk_error);
+        return result == 0 && disk_error == 0;
     }
 
+    std::uint64_t capacity() const override { return sample_limit(kind, bits, channels); }
     std::string reason() const override { return error; }
 
     /** Whether the header could be written. */
@@ -155,13 +160,17 @@ public:
     }
 
 private:
-    void set_bitrate(std::optional<int> wanted, const stream_shape& shape) {
+    void set_compression(const output_options& wanted, const stream_shape& shape) {
+        double page = 500; // ms that an Opus file lacks when the program is killed, at most
+        if (kind == sound_format::opus) sf_command(file, SFC_SET_OGG_PAGE_LATENCY_MS, &page, sizeof page);
+        double quality = wanted.quality.value_or(default_quality) / 10;
+        if (kind == sound_format::ogg) sf_command(file, SFC_SET_VBR_ENCODING_QUALITY, &quality, sizeof quality);
+        if (!wanted.bitrate) return;
         // On the average: with a constant one libsndfile leaves out the length, by which a file that was cut is noticed.
         int mode = SF_BITRATE_MODE_AVERAGE;
-        if (!wanted) return;
         if (kind == sound_format::mp3) sf_command(file, SFC_SET_BITRATE_MODE, &mode, sizeof mode);
         const auto [lowest, highest] = bitrates(kind, shape);
-        double level = static_cast<double>(highest - *wanted) / (highest - lowest);
+        double level = static_cast<double>(highest - *wanted.bitrate) / (highest - lowest);
         sf_command(file, SFC_SET_COMPRESSION_LEVEL, &level, sizeof level);
     }
 
@@ -202,6 +211,7 @@ private:
     const sample_size bits;
     std::vector<float> limited;
     std::string error;
+    disk_sync sync;
 };
 
 std::size_t bytes_of(sample_size bits) {
@@ -231,8 +241,9 @@ std::array<std::byte, 44> endless_wav_header(const stream_shape& shape, sample_s
 
 class raw_samples : public output {
 public:
-    raw_samples(int to, const stream_shape& shape, sample_size size)
-        : descriptor(to), numbers(shape.from_microphone), bits(size) {}
+    raw_samples(int to, const stream_shape& shape, const output_options& wanted)
+        : descriptor(to), numbers(shape.from_microphone), bits(wanted.bits.value_or(sample_size::bits_16)),
+          sync(to, wanted.sync) {}
     raw_samples(const raw_samples&) = delete;
     raw_samples& operator=(const raw_samples&) = delete;
     ~raw_samples() override { raw_samples::close(); }
@@ -260,10 +271,11 @@ public:
 
     bool close() override {
         if (descriptor < 0) return true;
-        const bool closed = ::close(descriptor) == 0;
-        if (!closed) error = std::strerror(errno);
+        int result = ::close(descriptor) == 0 ? 0 : errno;
+        if (const int disk_error = sync.finish(); result == 0) result = disk_error;
+        if (result != 0) error = std::strerror(result);
         descriptor = -1;
-        return closed;
+        return result == 0;
     }
 
     std::string reason() const override { return error; }
@@ -301,6 +313,7 @@ private:
     std::vector<std::byte> packed;
     std::string error;
     bool gone = false;
+    disk_sync sync;
 };
 
 const char* name_of(sound_format format) {
@@ -310,8 +323,9 @@ const char* name_of(sound_format format) {
 
 /** A sequence of samples for what cannot be written in two places, such as a pipe. */
 std::unique_ptr<output> make_sequence(int descriptor, const std::string& name, const stream_shape& shape,
-                                      sound_format format, sample_size bits) {
-    auto samples = std::make_unique<raw_samples>(descriptor, shape, bits);
+                                      sound_format format, const output_options& wanted) {
+    auto samples = std::make_unique<raw_samples>(descriptor, shape, wanted);
+    const sample_size bits = wanted.bits.value_or(sample_size::bits_16);
     if (format != sound_format::wav && format != sound_format::raw)
         throw failure(usage,
                       fmt::format("{} is a pipe, which cannot take {}: use --type wav or raw", name, name_of(format)));
@@ -353,10 +367,6 @@ int take_file(const std::string& path, bool keeps_older) {
     return descriptor;
 }
 
-} // namespace
-
-namespace {
-
 sound_format format_by_name(const std::string& path) {
     const std::string extension = lower_case_extension(path);
     if (path == "-" || extension == ".raw" || extension == ".pcm") return sound_format::raw;
@@ -392,6 +402,8 @@ sound_format format_of(const std::string& path, const output_options& wanted) {
             usage, fmt::format("--bits: {} has no samples of a size; --bitrate says how good it is", name_of(format)));
     if (wanted.bits == sample_size::real && format == sound_format::flac)
         throw failure(usage, "--bits: FLAC has 16 or 24; WAV and raw have floats");
+    if (wanted.quality && format != sound_format::ogg)
+        throw failure(usage, fmt::format("--quality: only Vorbis has one, not {}", name_of(format)));
     if (wanted.bitrate && format != sound_format::opus && format != sound_format::mp3)
         throw failure(usage,
                       fmt::format("--bitrate: only Opus and MP3 have one that can be chosen, not {}", name_of(format)));
@@ -410,34 +422,15 @@ int nearest_rate(sound_format format, int rate) {
     return above != rates.end() ? *above : rates.back();
 }
 
-std::uint64_t sample_limit(sound_format format, const output_options& wanted, int channels) {
-    const std::size_t frame = bytes_of(wanted.bits.value_or(sample_size::bits_16)) * static_cast<std::size_t>(channels);
+std::uint64_t sample_limit(sound_format format, sample_size bits, int channels) {
+    const std::size_t frame = bytes_of(bits) * static_cast<std::size_t>(channels);
     switch (format) {
     case sound_format::wav: // its sizes are 32-bit numbers, and the larger one counts what is in front of the samples
-        return (std::numeric_limits<std::uint32_t>::max() - (wanted.bits == sample_size::real ? 72 : 36)) / frame;
+        return (std::numeric_limits<std::uint32_t>::max() - (bits == sample_size::real ? 72 : 36)) / frame;
     case sound_format::flac: // 36 bits
         return (std::uint64_t{1} << 36) - 1;
     default:
         return std::numeric_limits<std::int64_t>::max();
-    }
-}
-
-std::string expanded(const std::string& path) {
-    std::string result = path;
-    if (path.find('%') != std::string::npos) {
-        const std::time_t now = std::time(nullptr);
-        std::tm local{};
-        localtime_r(&now, &local);
-        std::vector<char> name(path.size() + 4096);
-        result.assign(name.data(), std::strftime(name.data(), name.size(), path.c_str(), &local));
-    }
-    const std::size_t at = result.find("{}");
-    if (at == std::string::npos) return result;
-    for (int number = 1;; ++number) {
-        std::string numbered = result;
-        numbered.replace(at, 2, std::to_string(number));
-        struct stat other {};
-        if (lstat(numbered.c_str(), &other) != 0) return numbered;
     }
 }
 
@@ -450,8 +443,7 @@ std::unique_ptr<output> create_output(const std::string& path, const stream_shap
         throw failure(usage, "sound is not written to a terminal: send it into a pipe or a file");
     const bool has_places = lseek(descriptor, 0, SEEK_CUR) == 0 && (fcntl(descriptor, F_GETFL) & O_APPEND) == 0;
     const std::string name = path == "-" ? "standard output" : printable(path);
-    if (format == sound_format::raw || !has_places)
-        return make_sequence(descriptor, name, shape, format, wanted.bits.value_or(sample_size::bits_16));
+    if (format == sound_format::raw || !has_places) return make_sequence(descriptor, name, shape, format, wanted);
     auto file = std::make_unique<sound_file>(descriptor, shape, format, wanted);
     if (!file->is_good()) throw failure(file_trouble, fmt::format("cannot write {}: {}", name, file->reason()));
     return file;

@@ -5,6 +5,7 @@
 #define OUTPUT_H
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
@@ -20,6 +21,9 @@ public:
     /** Brings everything to its end. Returns whether all of it arrived. */
     virtual bool close() = 0;
 
+    /** How many samples of each channel fit. */
+    virtual std::uint64_t capacity() const { return std::numeric_limits<std::int64_t>::max(); }
+
     /** Why a write or the close failed. */
     virtual std::string reason() const = 0;
 
@@ -33,8 +37,10 @@ enum class sample_size { bits_16, bits_24, real };
 struct output_options {
     std::optional<sound_format> format;
     std::optional<sample_size> bits;
-    std::optional<int> bitrate; // of Opus and MP3, in bits per second
+    std::optional<int> bitrate;   // of Opus and MP3, in bits per second
+    std::optional<float> quality; // of Vorbis, 0 to 10
     bool keeps_older = false;
+    double sync = 0; // seconds, in which a file gets to the disk; 0: when the system wants
 };
 
 struct stream_shape {
@@ -52,11 +58,8 @@ sound_format format_of(const std::string& path, const output_options& wanted);
 /** The rate to convert to, so that this format can be written: the nearest above, or the highest there is. */
 int nearest_rate(sound_format format, int rate);
 
-/** The number of samples of each channel that fit. */
-std::uint64_t sample_limit(sound_format format, const output_options& wanted, int channels = 1);
-
-/** With the local time for what strftime() knows, and for {} the first number from 1 whose file is not there yet. */
-std::string expanded(const std::string& path);
+/** How many samples of each channel fit in a file. */
+std::uint64_t sample_limit(sound_format format, sample_size bits, int channels);
 
 /**
  * Creates the file, or takes standard output for "-". Throws a failure; a file that another program is recording into

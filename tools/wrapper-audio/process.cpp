@@ -3,6 +3,7 @@
  */
 #include "commands.h"
 #include "console.h"
+#include "file_names.h"
 #include "level.h"
 #include "loudness.h"
 #include "output.h"
@@ -342,8 +343,8 @@ bool processing::write(std::span<const float> samples) {
 }
 
 exit_code processing::run() {
-    const auto limit =
-        static_cast<double>(sample_limit(format_of(wanted.out, wanted.output), wanted.output, output_channels()));
+    const auto bits = wanted.output.bits.value_or(sample_size::bits_16);
+    const auto limit = static_cast<double>(sample_limit(format_of(wanted.out, wanted.output), bits, output_channels()));
     if (in.seconds() * rate > limit)
         throw failure(file_trouble,
                       fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC and --type rf64 hold more",

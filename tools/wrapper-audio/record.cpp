@@ -3,6 +3,7 @@
  */
 #include "commands.h"
 #include "console.h"
+#include "file_names.h"
 #include "input.h"
 #include "level.h"
 #include "output.h"
@@ -14,21 +15,21 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <optional>
+#include <set>
 #include <vector>
 
 namespace {
 
-std::uint64_t samples_wanted(const record_options& wanted, sound_format format) {
-    const std::uint64_t limit = sample_limit(format, wanted.output);
-    if (!wanted.seconds) return limit;
-    const double samples = std::round(*wanted.seconds * wanted.rate);
-    if (!(samples >= 1.0)) throw failure(usage, "--seconds: too short for a single sample");
-    if (!(samples <= static_cast<double>(limit)))
-        throw failure(usage,
-                      "--seconds: longer than such a file can be at this rate (WAV: 4 GiB; --type rf64 holds more)");
-    return static_cast<std::uint64_t>(samples);
+constexpr std::uint64_t no_limit = std::numeric_limits<std::int64_t>::max();
+
+std::uint64_t samples_in(const std::optional<double>& seconds, int rate, const char* option) {
+    if (!seconds) return no_limit;
+    const double samples = std::round(*seconds * rate);
+    if (!(samples >= 1.0)) throw failure(usage, fmt::format("{}: too short for a single sample", option));
+    return samples < static_cast<double>(no_limit) ? static_cast<std::uint64_t>(samples) : no_limit;
 }
 
 wrapper_audio_recorder_options recorder_options(const record_options& wanted) {
@@ -67,9 +68,9 @@ private:
 class recording {
 public:
     explicit recording(const record_options& options)
-        : wanted_(options), path_(options.speech.split ? options.path : expanded(options.path)),
-          limit_(samples_wanted(options, format_of(path_, options.output))), chain_(options.effects, options.rate),
-          silence_(options.rate), events_(options.speech.events, options.rate),
+        : wanted_(options), limit_(samples_in(options.seconds, options.rate, "--seconds")),
+          file_limit_(samples_in(options.max_file_time, options.rate, "--max-file-time")),
+          chain_(options.effects, options.rate), silence_(options.rate), events_(options.speech.events, options.rate),
           microphone_(options.device, recorder_options(options)) {
         if (!wanted_.speech.any()) return;
         cutter_.emplace(wanted_.speech, wanted_.rate, events_,
@@ -87,16 +88,16 @@ private:
     bool hear(std::span<const float> samples, const wrapper_audio_block& block);
     std::span<const float> with_gap(std::span<const float> samples, const wrapper_audio_block& block);
     bool create_file();
+    bool next_file() { return finish_file(fine) == fine && create_file(); }
     bool write(std::span<const float> samples);
     void show(std::span<const float> samples);
     exit_code finish_file(exit_code code);
     exit_code finish(bool good);
-    double seconds() const { return static_cast<double>(level_.samples()) / wanted_.rate; }
     std::string name() const { return file_ == "-" ? "standard output" : printable(file_); }
 
     const record_options& wanted_;
-    const std::string path_;
-    const std::uint64_t limit_;
+    const std::uint64_t limit_;      // samples to keep, or to listen to
+    const std::uint64_t file_limit_; // samples in each file
     effect_chain chain_;
     silence_watch silence_;
     losses losses_;
@@ -106,8 +107,10 @@ private:
     microphone microphone_;
     std::optional<speech_cutter> cutter_;
     std::string file_; // the one that is being written
+    std::set<std::string> names_;
     int files_ = 0;
-    level level_; // of what is in it
+    level level_;            // of what is in it
+    std::uint64_t kept_ = 0; // in all files
     std::unique_ptr<output> output_;
     std::uint64_t position_ = 0; // behind what was read, lost samples included
     std::uint64_t told_ = 0;     // probabilities of speech
@@ -131,7 +134,10 @@ exit_code recording::run() {
 bool recording::create_file() {
     ++files_;
     level_ = {};
-    file_ = wanted_.speech.split ? expanded(numbered(path_, files_)) : path_;
+    const bool is_one_of_many = wanted_.speech.split || wanted_.max_file_time;
+    const std::string name = expanded(is_one_of_many ? numbered(wanted_.path, files_) : wanted_.path);
+    // Nothing that this recording has written is overwritten.
+    file_ = names_.insert(name).second ? name : with_free_number(name);
     output_ = create_output(file_, {wanted_.rate, 1, true}, wanted_.output);
     return true;
 }
@@ -139,7 +145,7 @@ bool recording::create_file() {
 /** --seconds is how long the file gets; with --trim and --split, how long to listen. */
 bool recording::wants_more(std::uint64_t heard) const {
     const bool counts_what_is_kept = cutter_ && !wanted_.speech.cuts();
-    return (counts_what_is_kept ? level_.samples() : heard) < limit_ && !(cutter_ && cutter_->is_over());
+    return (counts_what_is_kept ? kept_ : heard) < limit_ && !(cutter_ && cutter_->is_over());
 }
 
 /** Returns false when the output failed. */
@@ -150,9 +156,9 @@ bool recording::listen() {
         const std::uint64_t left = cutter_ && !wanted_.speech.cuts() ? limit_ : limit_ - heard;
         const auto room = std::span(buffer).first(std::min<std::uint64_t>(buffer.size(), left));
         auto samples = std::span<const float>(room.first(microphone_.read(room, block)));
+        losses_.add(block.dropped, static_cast<double>(heard + block.dropped_at) / wanted_.rate);
         if (samples.empty()) break;
         silence_.look_at(block);
-        losses_.add(block.dropped, static_cast<double>(heard + block.dropped_at) / wanted_.rate);
         if (wanted_.fill_gaps && block.dropped > 0) samples = with_gap(samples, block);
         samples = samples.first(std::min<std::uint64_t>(samples.size(), left));
         heard += samples.size();
@@ -201,22 +207,30 @@ std::span<const float> recording::with_gap(std::span<const float> samples, const
 }
 
 bool recording::write(std::span<const float> samples) {
-    samples = samples.first(std::min<std::uint64_t>(samples.size(), limit_ - level_.samples()));
+    samples = samples.first(std::min<std::uint64_t>(samples.size(), limit_ - kept_));
     if (wanted_.output.bits != sample_size::real) { // which has room above full scale
         limited_.assign(samples.begin(), samples.end());
         for (float& sample : limited_)
             sample = std::clamp(sample, -1.0F, 1.0F);
         samples = limited_;
     }
-    const auto kept = samples.first(output_->write(samples));
-    level_.add(kept);
-    return kept.size() == samples.size();
+    while (!samples.empty()) {
+        const auto room = [this] { return std::min(file_limit_, output_->capacity()) - level_.samples(); };
+        if (room() == 0 && !next_file()) return false;
+        const auto part = samples.first(std::min<std::uint64_t>(samples.size(), room()));
+        const auto kept = part.first(output_->write(part));
+        level_.add(kept);
+        kept_ += kept.size();
+        if (kept.size() < part.size()) return false;
+        samples = samples.subspan(part.size());
+    }
+    return true;
 }
 
 void recording::show(std::span<const float> samples) {
     level now;
     now.add(samples);
-    const double time = cutter_ ? static_cast<double>(position_) / wanted_.rate : seconds();
+    const double time = static_cast<double>(cutter_ ? position_ : kept_) / wanted_.rate;
     meter_.hold(time, now.peak());
     if (!status_line::is_due()) return;
     const char* const speech = !cutter_ ? "" : cutter_->speaks() ? "speech " : "       ";
@@ -235,8 +249,9 @@ exit_code recording::finish_file(exit_code code) {
     }
     const wrapper_audio_recorder_info info = microphone_.info();
     const std::string result =
-        fmt::format("{}: {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}", name(), seconds(), wanted_.rate,
-                    decibel_text(level_.peak()), decibel_text(level_.rms()),
+        fmt::format("{}: {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}", name(),
+                    static_cast<double>(level_.samples()) / wanted_.rate, wanted_.rate, decibel_text(level_.peak()),
+                    decibel_text(level_.rms()),
                     wanted_.voice.denoise ? ", " + denoising_text(info.denoising, info.device_rate) : "");
     output_.reset();
     if (file_ == "-" || wanted_.speech.events == "-" || wanted_.for_a_command)
@@ -254,8 +269,6 @@ exit_code recording::finish(bool good) {
         console::error(microphone_.trouble()->text(
             fmt::format("; {} what was recorded before", output_ ? name() + " keeps" : "the files keep")));
         code = microphone_.trouble()->code;
-    } else if (output_ && level_.samples() == limit_ && !wanted_.seconds) {
-        console::note(fmt::format("the recording ends here: {} is as long as such a file can be", name()));
     }
     if (cutter_ && !cutter_->has_spoken()) console::note("nobody spoke");
     losses_.report(wanted_.rate, wanted_.fill_gaps);
@@ -267,6 +280,9 @@ exit_code recording::finish(bool good) {
 
 exit_code record(const record_options& wanted) {
     check(wanted.speech, wanted.path);
+    if (wanted.max_file_time && wanted.path == "-")
+        throw failure(usage, "--max-file-time needs files, not standard output");
+    format_of(wanted.path, wanted.output); // which fails before anything begins
     recording made(wanted);
     const exit_code code = made.run();
     return wanted.for_a_command && code == fine && !made.has_spoken() ? nobody_spoke : code;

@@ -1,53 +1,21 @@
 #include "speech.h"
 
 #include "failure.h"
-
-#include <fmt/format.h>
+#include "file_names.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <utility>
 
-namespace {
-
-/** Where the number goes: its place, length and width; a length of 0 when there is none. */
-struct number_place {
-    std::size_t at = 0;
-    std::size_t length = 0;
-    int width = 0;
-    bool zeros = false;
-};
-
-number_place find_number(const std::string& pattern) {
-    for (std::size_t at = pattern.find('%'); at != std::string::npos && at + 1 < pattern.size();
-         at = pattern.find('%', at + 2)) {
-        const std::size_t letter = pattern.find_first_not_of("0123456789", at + 1);
-        if (letter == std::string::npos || pattern[letter] != 'd' || letter - at > 3) continue;
-        const std::string digits = pattern.substr(at + 1, letter - at - 1);
-        return {at, letter + 1 - at, digits.empty() ? 0 : std::stoi(digits), digits.starts_with('0')};
-    }
-    return {};
-}
-
-} // namespace
-
 void check(const speech_options& wanted, const std::string& path) {
     if (wanted.split && path == "-") throw failure(usage, "--split needs files, not standard output");
-    if (wanted.split && find_number(path).length == 0 && path.find("{}") == std::string::npos)
+    if (wanted.split && !has_number(path))
         throw failure(usage, "--split: the name of the file needs a place for a number, such as talk-%03d.wav");
     if (wanted.events == "-" && path == "-")
         throw failure(usage, "--events and the sound cannot both go to standard output");
     if (wanted.pre_roll && !wanted.start && !wanted.cuts())
         throw failure(usage, "--pre-roll goes with --start-on-speech, --trim or --split");
-}
-
-std::string numbered(const std::string& pattern, int number) {
-    const auto [at, length, width, zeros] = find_number(pattern);
-    std::string name = pattern;
-    if (length > 0)
-        name.replace(at, length, zeros ? fmt::format("{:0{}}", number, width) : fmt::format("{:{}}", number, width));
-    return name;
 }
 
 speech_cutter::speech_cutter(const speech_options& wanted, int rate, event_log& events, speech_sink sink)

@@ -28,11 +28,8 @@ struct speech_options {
     bool cuts() const { return trim || split; }
 };
 
-/** Throws a failure for options that do not go together. `paths` are those that sound is written to. */
+/** Throws a failure for options that do not go together. `path` is what sound is written to. */
 void check(const speech_options& wanted, const std::string& path);
-
-/** The name of the file of an utterance: its number in place of %d, %3d or %03d. */
-std::string numbered(const std::string& pattern, int number);
 
 /** Where what is kept goes. Each returns false when it failed. */
 struct speech_sink {

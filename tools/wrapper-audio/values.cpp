@@ -101,6 +101,15 @@ float parse_share(const std::string& text) {
     return share;
 }
 
+float parse_quality(const std::string& text) {
+    float quality = -1;
+    float rest = 0;
+    parse_pair(text, quality, rest);
+    if (!(quality >= 0 && quality <= 10) || text.find(':') != std::string::npos)
+        throw std::invalid_argument("must lie between 0 and 10");
+    return quality;
+}
+
 int parse_rate(const std::string& text) {
     std::string_view rest = text;
     double hertz = 0;
@@ -145,8 +154,12 @@ double parse_duration(const std::string& text) {
     return seconds;
 }
 
+double parse_interval(const std::string& text) {
+    return text == "0" ? 0 : parse_duration(text);
+}
+
 double parse_pre_roll(const std::string& text) {
-    const double seconds = text == "0" ? 0 : parse_duration(text);
+    const double seconds = parse_interval(text);
     if (seconds > 60) throw std::invalid_argument("must be a minute or less");
     return seconds;
 }

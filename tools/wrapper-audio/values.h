@@ -30,10 +30,16 @@ int parse_channel(const std::string& text);
 /** "64k" or "64000" bits per second. */
 int parse_bitrate(const std::string& text);
 
+/** A number from 0 to 10. */
+float parse_quality(const std::string& text);
+
 /** "90", "1.5s", "1m30s", "2h" or "1:02:30": seconds above 0. */
 double parse_duration(const std::string& text);
 
-/** The same, and 0; at most a minute. */
+/** The same, and 0. */
+double parse_interval(const std::string& text);
+
+/** The same, at most a minute. */
 double parse_pre_roll(const std::string& text);
 
 #endif

@@ -29,15 +29,15 @@ _wrapper_audio() {
     *:--channel) mapfile -t COMPREPLY < <(compgen -W '1 2 mix all' -- "$current"); return ;;
     *:--bitrate) mapfile -t COMPREPLY < <(compgen -W '16k 32k 64k 96k 128k' -- "$current"); return ;;
     *:--converter) mapfile -t COMPREPLY < <(compgen -W 'clean linear' -- "$current"); return ;;
-    *:--seconds | *:--stop-after-silence | *:--pre-roll | *:--strength | *:--highpass | *:--depop | *:--agc | *:--loudness | *:--raw-channels) return ;;
+    *:--seconds | *:--stop-after-silence | *:--pre-roll | *:--strength | *:--highpass | *:--depop | *:--agc | *:--loudness | *:--raw-channels | *:--quality | *:--sync | *:--max-file-time) return ;;
     esac
     if [[ $current == -* ]]; then
         local options=$common
         case $command in
         devices) options+=' --json --ids --all' ;;
         meter) options+=' --device --seconds --json' ;;
-        record) options+=" --device --rate --seconds --fill-gaps $effects $pauses $speech" ;;
-        dictate) options+=" --output --device --rate --seconds $effects $pauses" ;;
+        record) options+=" --device --rate --seconds --max-file-time --sync --fill-gaps $effects $pauses $speech" ;;
+        dictate) options+=" --output --device --rate --seconds --sync $effects $pauses" ;;
         process) options+=" --rate --raw-rate --raw-channels --raw-bits --channel --loudness $effects $pauses $speech" ;;
         doctor) options+=' --device' ;;
         esac

@@ -145,7 +145,8 @@ typedef struct wrapper_audio_device_list wrapper_audio_device_list;
  * JACK server.
  *
  * @param list  receives the list, to be released with wrapper_audio_device_list_free(); NULL on failure
- * @return OK, even for a list without devices; NO_AUDIO_SYSTEM, AUDIO_SYSTEM_STUCK, OUT_OF_MEMORY, INVALID_ARGUMENT
+ * @return OK, even for a list without devices; NO_AUDIO_SYSTEM, AUDIO_SYSTEM_STUCK (after 10 s), OUT_OF_MEMORY,
+ *         INVALID_ARGUMENT
  */
 wrapper_audio_status wrapper_audio_device_list_create(wrapper_audio_device_list **list) WRAPPER_AUDIO_NOEXCEPT;
 

@@ -26,8 +26,6 @@ public:
     audio_system_lock& operator=(const audio_system_lock&) = delete;
 };
 
-constexpr std::chrono::seconds opening_patience{10};
-
 // One initialisation of PortAudio, during which its table of devices does not change. Needs the lock at both ends.
 class audio_system {
 public:

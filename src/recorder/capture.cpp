@@ -2,12 +2,9 @@
 
 #include "numeric/levels.h"
 #include "sample_format.h"
-
-#include <pthread.h>
+#include "threads.h"
 
 #include <algorithm>
-#include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <limits>
 
@@ -17,29 +14,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto stopping_patience = 900ms;
-
 // For the core's samples: the largest positive sample of a 16-bit device is 1/32768 below full scale.
 constexpr int full_scale = 32766;
-
-std::atomic<uint32_t> g_abandoned_threads{0};
-
-// With all signals blocked, so that they reach the host's own threads.
-template <typename Action>
-std::thread start_thread(Action action) {
-    sigset_t all;
-    sigset_t former;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former);
-    try {
-        std::thread started(std::move(action));
-        pthread_sigmask(SIG_SETMASK, &former, nullptr);
-        return started;
-    } catch (...) {
-        pthread_sigmask(SIG_SETMASK, &former, nullptr);
-        throw;
-    }
-}
 
 uint64_t divided_up(uint64_t a, uint64_t b) {
     return a / b + (a % b != 0 ? 1 : 0);
@@ -50,10 +26,6 @@ float root_mean_square(double squares, uint64_t count) {
 }
 
 } // namespace
-
-uint32_t abandoned_threads() {
-    return g_abandoned_threads;
-}
 
 // ---- History ----
 
@@ -193,7 +165,7 @@ void capture::run() noexcept {
     }
     const std::lock_guard hold{mutex_};
     thread_gone_ = true;
-    if (left_behind_) --g_abandoned_threads;
+    if (left_behind_) count_abandoned(-1);
     changed_.notify_all();
 }
 
@@ -303,7 +275,7 @@ void capture::end(failure reason) {
 void capture::leave_behind() {
     if (left_behind_) return;
     left_behind_ = true;
-    ++g_abandoned_threads;
+    count_abandoned(1);
     changed_.notify_all();
 }
 

@@ -124,6 +124,4 @@ private:
     bool is_file_ = false;
 };
 
-uint32_t abandoned_threads();
-
 } // namespace recorder

@@ -22,7 +22,7 @@ namespace {
 std::atomic<int> g_fail_at{0};
 std::atomic<int> g_allocations{0};
 std::atomic<int> g_live{0};
-std::atomic<bool> g_refuses_thread{false};
+std::atomic<int> g_threads_left{-1}; // before one cannot be had; -1: no end
 std::atomic<bool> g_refuses_of_libc{false};
 thread_local bool t_in_layer = gettid() != getpid();
 
@@ -70,8 +70,8 @@ int live() {
     return g_live;
 }
 
-void refuse_next_thread() {
-    g_refuses_thread = true;
+void refuse_thread(int after) {
+    g_threads_left = after;
 }
 
 void refuse_of_libc(bool refuse) {
@@ -137,7 +137,7 @@ void operator delete(void* block, std::size_t /*size*/) noexcept {
 extern "C" void NAMED(__real_, START_THREAD)(void* thread, void* state, void (*depend)());
 
 extern "C" void NAMED(__wrap_, START_THREAD)(void* thread, void* state, void (*depend)()) {
-    if (failing_memory::g_refuses_thread.exchange(false))
+    if (failing_memory::g_threads_left >= 0 && failing_memory::g_threads_left-- == 0)
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     NAMED(__real_, START_THREAD)(thread, state, depend);
 }

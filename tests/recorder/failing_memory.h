@@ -13,8 +13,8 @@ int allocations();
 // How many blocks the layer has.
 int live();
 
-// The next thread cannot be had.
-void refuse_next_thread();
+// The next thread cannot be had, or the one after so many others.
+void refuse_thread(int after);
 
 // While it is so, the C library has neither streams of the caller's own nor locales.
 void refuse_of_libc(bool refuse);

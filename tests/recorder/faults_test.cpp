@@ -398,18 +398,21 @@ TEST_F(without_libc, lines_of_the_core_reach_the_host_and_letters_beyond_ascii_d
 
 TEST_F(recorder_faults, of_a_thread_that_cannot_be_had_are_survived) {
     good_run(0.0F);
-    begin(0.0F);
-    failing_memory::refuse_next_thread();
-    sigset_t before;
-    pthread_sigmask(SIG_SETMASK, nullptr, &before);
-    const journey seen = run();
-    EXPECT_EQ(seen.opened, WRAPPER_AUDIO_OUT_OF_MEMORY);
-    EXPECT_NE(seen.reason, "");
-    sigset_t after;
-    pthread_sigmask(SIG_SETMASK, nullptr, &after);
-    EXPECT_EQ(sigismember(&before, SIGINT), sigismember(&after, SIGINT)) << "the host's signals stay blocked";
-    expect_good_calls();
-    expect_nothing_left();
+    for (const int others : {0, 1}) {
+        begin(0.0F);
+        failing_memory::refuse_thread(others);
+        sigset_t before;
+        pthread_sigmask(SIG_SETMASK, nullptr, &before);
+        const journey seen = run();
+        EXPECT_EQ(seen.list, others == 0 ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_OK);
+        EXPECT_EQ(seen.opened, others == 1 ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_OK);
+        EXPECT_EQ(seen.reason != "", others == 1);
+        sigset_t after;
+        pthread_sigmask(SIG_SETMASK, nullptr, &after);
+        EXPECT_EQ(sigismember(&before, SIGINT), sigismember(&after, SIGINT)) << "the host's signals stay blocked";
+        expect_good_calls();
+        expect_nothing_left();
+    }
 }
 
 } // namespace

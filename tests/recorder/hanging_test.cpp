@@ -242,6 +242,30 @@ TEST_F(hanging_device, that_does_not_open_is_left_behind_once_by_an_open_and_a_s
     EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U) << "counted once";
 }
 
+TEST_F(hanging_device, that_hangs_while_devices_are_listed_is_left_behind_and_listed_later) {
+    hang_in("Pa_Initialize");
+    wrapper_audio_device_list* list = nullptr;
+    wrapper_audio_status listed = WRAPPER_AUDIO_OK;
+    const auto before = now();
+    std::thread lister([&] { listed = wrapper_audio_device_list_create(&list); });
+    place.wait_for_somebody();
+    ASSERT_TRUE(soon([] { return test_clock::waiting() == 1; }));
+    test_clock::skip(milliseconds(11000));
+    lister.join();
+    EXPECT_EQ(listed, WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+    EXPECT_EQ(list, nullptr);
+    EXPECT_LE(now() - before, milliseconds(11000));
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+
+    before_each(nullptr);
+    place.open();
+    EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
+    EXPECT_TRUE(soon(no_device_is_held));
+    EXPECT_EQ(wrapper_audio_device_list_create(&list), WRAPPER_AUDIO_OK);
+    EXPECT_GT(wrapper_audio_device_list_count(list), 0U);
+    wrapper_audio_device_list_free(list);
+}
+
 TEST_F(hanging_device, that_is_given_back_while_another_is_opened_ends_with_a_free) {
     microphone.fail_after(block);
     hang_in("Pa_CloseStream");

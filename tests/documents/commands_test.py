@@ -44,7 +44,8 @@ ELSEWHERE = {
 HOSTS = re.compile(r"## A host in your language\n.*", re.DOTALL)
 # Until Ctrl-C.
 ENDLESS = ("wrapper-audio meter", "wrapper-audio record --denoise speech.flac",
-           "wrapper-audio record --denoise - | recogniser", "wrapper-audio record --split talk-%03d.wav")
+           "wrapper-audio record --denoise - | recogniser", "wrapper-audio record --split talk-%03d.wav",
+           "wrapper-audio record --max-file-time 1h %F_%H-%M.flac")
 NEEDS_REGISTRY = "npm "
 UNREACHABLE = re.compile("EAI_AGAIN|ENOTFOUND|ECONN|ETIMEDOUT|ENETUNREACH|EHOSTUNREACH|ERR_SOCKET_TIMEOUT")
 MAY_MISS_GOALS = "scripts/bench"  # on a busy machine, which is no failure of the command

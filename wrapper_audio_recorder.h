@@ -210,7 +210,9 @@ typedef struct wrapper_audio_recorder_options {
     int32_t conversion;   /**< a wrapper_audio_conversion */
     int32_t buffer_ms;    /**< how much sound is kept for a host that reads late, 100 to 60000; 0: 5000 */
     int32_t stall_ms;     /**< how long a device may deliver nothing before NO_DATA, 100 to 60000; 0: 1500 */
-    int32_t reserved[10]; /**< must be 0 */
+    int32_t undenoised;   /**< 1: also keep the samples as they are without denoising, for
+                               wrapper_audio_recorder_read_both_f32(); needs `denoise` above 0.0 */
+    int32_t reserved[9];  /**< must be 0 */
 } wrapper_audio_recorder_options;
 
 /** What a read returned. */
@@ -316,6 +318,23 @@ wrapper_audio_status wrapper_audio_recorder_read_s16(wrapper_audio_recorder *rec
 wrapper_audio_status wrapper_audio_recorder_read_f32(wrapper_audio_recorder *recorder, float *samples, size_t count,
                                                      int32_t timeout_ms,
                                                      wrapper_audio_block *block) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Like wrapper_audio_recorder_read_f32(), and returns the same samples without denoising, too: one capture for listeners
+ * and for recognisers, which often do better with the raw sound. Both are of the same times, whatever is lost. All
+ * other reads return the denoised samples only, and those without denoising are gone with them.
+ *
+ * @param recorder    a recorder with `undenoised`
+ * @param denoised    receives the samples
+ * @param undenoised  receives as many samples: those that a recorder with `speech` and without `denoise` returns
+ * @param count       how many of each are wanted
+ * @param timeout_ms  how long to wait at most
+ * @param block       receives the number of samples of each and what is known about the denoised ones
+ * @return as wrapper_audio_recorder_read_s16(); INVALID_ARGUMENT also for a recorder without `undenoised`
+ */
+wrapper_audio_status wrapper_audio_recorder_read_both_f32(wrapper_audio_recorder *recorder, float *denoised,
+                                                          float *undenoised, size_t count, int32_t timeout_ms,
+                                                          wrapper_audio_block *block) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
  * Returns and removes the probabilities of speech: one for each 10 ms that began in the samples read so far, oldest

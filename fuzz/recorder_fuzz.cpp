@@ -63,6 +63,7 @@ void require_recording(script& bytes, const char* id, int index) {
     options.denoise = bytes.flag() ? 1.0F : 0.0F;
     options.conversion = static_cast<int32_t>(bytes.below(2));
     options.buffer_ms = 100;
+    options.undenoised = options.denoise > 0.0F && bytes.flag() ? 1 : 0;
     wrapper_audio_recorder* made = nullptr;
     require(wrapper_audio_recorder_create(&made, &options) == WRAPPER_AUDIO_OK, "a recorder is made");
     const recorder holder(made);
@@ -90,18 +91,24 @@ void require_recording(script& bytes, const char* id, int index) {
 
     uint64_t read = 0;
     std::vector<int16_t> pcm(5000);
+    std::vector<float> denoised(pcm.size());
+    std::vector<float> undenoised(pcm.size());
     wrapper_audio_block block{};
+    const auto read_some = [&](std::size_t count, int32_t timeout_ms) {
+        return options.undenoised != 0 ? wrapper_audio_recorder_read_both_f32(made, denoised.data(), undenoised.data(),
+                                                                              count, timeout_ms, &block)
+                                       : wrapper_audio_recorder_read_s16(made, pcm.data(), count, timeout_ms, &block);
+    };
     for (unsigned left = bytes.below(5); left > 0; --left) {
         const std::size_t count = bytes.number<std::uint16_t>() % pcm.size();
-        require(wrapper_audio_recorder_read_s16(made, pcm.data(), count, 20000, &block) == WRAPPER_AUDIO_OK,
-                "a file delivers");
+        require(read_some(count, 20000) == WRAPPER_AUDIO_OK, "a file delivers");
         require(block.count == count && block.position == read && block.dropped == 0, "a file loses nothing");
         read += block.count;
     }
     require(wrapper_audio_recorder_stop(made) == WRAPPER_AUDIO_OK, "it stops");
     wrapper_audio_status last = WRAPPER_AUDIO_OK;
     for (; last == WRAPPER_AUDIO_OK; read += block.count)
-        last = wrapper_audio_recorder_read_s16(made, pcm.data(), pcm.size(), 0, &block);
+        last = read_some(pcm.size(), 0);
     require(last == WRAPPER_AUDIO_STOPPED, "a recording that was stopped has an end");
     wrapper_audio_recorder_info info;
     wrapper_audio_recorder_get_info(made, &info);

@@ -98,6 +98,8 @@ export interface RecorderOptions<Format extends SampleFormat = SampleFormat> {
   rate?: number;
   /** Neural noise suppression: true, or the share of the noise to remove, from 0 to 1. */
   denoise?: boolean | number;
+  /** Keeps the sound as it is without denoising, too, for readBoth(). */
+  undenoised?: boolean;
   /** Reports the probability of speech even without denoising. */
   speech?: boolean;
   converter?: Conversion;
@@ -206,6 +208,14 @@ export class Recorder<Samples extends Int16Array | Float32Array = Int16Array> im
    * @throws {ReadError}
    */
   read(count?: number, options?: { timeout?: number }): Promise<Samples>;
+
+  /**
+   * Like read(), and returns the same samples without denoising, too: listeners want the first, and recognisers often
+   * do better with the second. All other reads return denoised samples only. The recorder needs `undenoised`.
+   *
+   * @throws {ReadError}
+   */
+  readBoth(count?: number, options?: { timeout?: number }): Promise<{ denoised: Samples; undenoised: Samples }>;
 
   /** Iterates over blocks; the last may be shorter. Ends without an error if the recorder is stopped or closed. */
   blocks(options?: BlockOptions): AsyncGenerator<Samples, void, void>;

@@ -183,7 +183,7 @@ void capture::begin(const microphone& opened) {
         return static_cast<std::size_t>(divided_up(rate * static_cast<uint64_t>(ms), 1000));
     };
     const std::lock_guard chain{chain_mutex_};
-    chain_ = std::make_unique<voice_chain>(wanted);
+    chain_ = std::make_unique<voice_chain>(wanted, options_.undenoised != 0);
     const std::lock_guard hold{mutex_};
     device_ = opened.device();
     info_.device_rate = opened.rate();
@@ -193,6 +193,7 @@ void capture::begin(const microphone& opened) {
                                                        : WRAPPER_AUDIO_DENOISING_CONVERTED;
     largest_step_ = in_samples(microphone::block_ms) + chain_->delay() + 1;
     const std::size_t capacity = in_samples(options_.buffer_ms) + largest_step_;
+    if (options_.undenoised != 0) undenoised_buffer_.emplace(capacity);
     buffer_.emplace(capacity);
     history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
     loss_watch_.emplace(opened.rate());
@@ -235,21 +236,31 @@ void capture::keep(std::span<const int16_t> pcm) {
         history_.add_captured(pcm);
         const std::chrono::duration<double> elapsed = now - began_;
         const uint64_t lost = is_file_ ? 0 : loss_watch_->add(elapsed.count(), pcm.size());
-        buffer_->lose(lost * static_cast<uint64_t>(options_.rate) / static_cast<uint64_t>(info_.device_rate));
+        const uint64_t lost_here =
+            lost * static_cast<uint64_t>(options_.rate) / static_cast<uint64_t>(info_.device_rate);
+        buffer_->lose(lost_here);
+        if (undenoised_buffer_) undenoised_buffer_->lose(lost_here);
         history_.add_lost(lost);
     }
     captured_.resize(pcm.size());
     std::transform(pcm.begin(), pcm.end(), captured_.begin(), from_s16);
     processed_.clear();
-    chain_->process(captured_, processed_);
-    store(processed_);
+    undenoised_.clear();
+    try {
+        chain_->process(captured_, processed_, &undenoised_);
+    } catch (...) { // no memory: from now on its outputs may differ in length
+        chain_.reset();
+        throw;
+    }
+    store();
 }
 
-void capture::store(std::span<const float> samples) {
+void capture::store() {
     const std::lock_guard hold{mutex_};
     history_.add_speech(chain_->speech());
     chain_->speech().clear();
-    buffer_->write(samples);
+    buffer_->write(processed_);
+    if (undenoised_buffer_) undenoised_buffer_->write(undenoised_);
     changed_.notify_all();
 }
 
@@ -257,11 +268,12 @@ void capture::end(failure reason) {
     const std::lock_guard chain{chain_mutex_};
     if (chain_ != nullptr && !has_ended()) {
         processed_.clear();
+        undenoised_.clear();
         try {
-            chain_->flush(processed_);
+            chain_->flush(processed_, &undenoised_);
+            store();
         } catch (...) { // no memory: what is still inside is lost
         }
-        store(processed_);
     }
     const std::lock_guard hold{mutex_};
     if (ended_) return;
@@ -298,9 +310,12 @@ wrapper_audio_status capture::read(std::size_t wanted, const destination& to, in
 
     const auto take = [&] {
         float samples[512];
+        float undenoised[std::size(samples)];
         for (sample_buffer::piece piece; done < wanted; done += piece.count) {
             const uint64_t position = buffer_->position();
-            piece = buffer_->read(std::span(samples).first(std::min(std::size(samples), wanted - done)));
+            const std::size_t room = std::min(std::size(samples), wanted - done);
+            piece = buffer_->read(std::span(samples).first(room));
+            if (undenoised_buffer_) undenoised_buffer_->read(std::span(undenoised).first(room));
             if (piece.lost > 0 && block.dropped == 0) block.dropped_at = static_cast<uint32_t>(done);
             if (done == 0) block.position = position + piece.lost;
             constexpr uint64_t most = std::numeric_limits<uint32_t>::max();
@@ -315,6 +330,8 @@ wrapper_audio_status capture::read(std::size_t wanted, const destination& to, in
                 to.gate->add(std::span(samples).first(piece.count));
             } else {
                 std::copy(samples, samples + piece.count, to.floats.data() + done);
+                if (!to.undenoised.empty())
+                    std::copy(undenoised, undenoised + piece.count, to.undenoised.data() + done);
             }
         }
     };

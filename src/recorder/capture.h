@@ -68,6 +68,7 @@ public:
     // Where samples go that are read: one of these.
     struct destination {
         std::span<float> floats = {};
+        std::span<float> undenoised = {}; // as many, with `floats` and if the recording keeps them
         std::span<int16_t> pcm = {};
         speech_gate* gate = nullptr;
     };
@@ -89,7 +90,7 @@ private:
     void begin(const microphone& opened);
     bool may_read();
     void keep(std::span<const int16_t> pcm);
-    void store(std::span<const float> samples);
+    void store();
     void end(failure reason);
     void leave_behind();
     bool runs_ahead() const;
@@ -103,6 +104,7 @@ private:
     std::unique_ptr<voice_chain> chain_;
     std::vector<float> captured_;
     std::vector<float> processed_;
+    std::vector<float> undenoised_; // as many as are processed, if the options say so
 
     mutable std::mutex mutex_; // protects all that follows
     std::condition_variable changed_;
@@ -116,7 +118,8 @@ private:
     recorder::device device_;
     wrapper_audio_recorder_info info_{};
     std::optional<sample_buffer> buffer_;
-    std::size_t largest_step_ = 0; // the most samples that come out at once, the last ones included
+    std::optional<sample_buffer> undenoised_buffer_; // in step with the other: as many samples, and the same losses
+    std::size_t largest_step_ = 0;                   // the most samples that come out at once, the last ones included
     history history_;
     std::optional<loss_watch> loss_watch_;
     clock::time_point began_;

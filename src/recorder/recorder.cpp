@@ -213,7 +213,9 @@ bool is_valid(const wrapper_audio_recorder_options& options) {
                                             .denoise = options.denoise,
                                             .speech = options.speech,
                                             .conversion = options.conversion};
-    return voice_chain::is_valid(chain) && is_time(options.buffer_ms) && is_time(options.stall_ms) &&
+    const bool keeps_undenoised = options.undenoised == 1 && options.denoise > 0.0F;
+    return voice_chain::is_valid(chain) && (options.undenoised == 0 || keeps_undenoised) &&
+           is_time(options.buffer_ms) && is_time(options.stall_ms) &&
            std::all_of(std::begin(options.reserved), std::end(options.reserved), is_zero);
 }
 
@@ -309,6 +311,15 @@ wrapper_audio_status wrapper_audio_recorder_read_f32(wrapper_audio_recorder* rec
                                                      std::size_t count, int32_t timeout_ms,
                                                      wrapper_audio_block* block) noexcept {
     return read(recorder, count, {.floats = {samples, count}}, samples != nullptr || count == 0, timeout_ms, block);
+}
+
+wrapper_audio_status wrapper_audio_recorder_read_both_f32(wrapper_audio_recorder* recorder, float* denoised,
+                                                          float* undenoised, std::size_t count, int32_t timeout_ms,
+                                                          wrapper_audio_block* block) noexcept {
+    const bool is_valid = recorder != nullptr && recorder->options.undenoised != 0 &&
+                          ((denoised != nullptr && undenoised != nullptr) || count == 0);
+    return read(recorder, count, {.floats = {denoised, count}, .undenoised = {undenoised, count}}, is_valid, timeout_ms,
+                block);
 }
 
 wrapper_audio_status wrapper_audio_recorder_read_gate(wrapper_audio_recorder* recorder, wrapper_audio_speech_gate* gate,

@@ -139,20 +139,22 @@ noise_suppressor::noise_suppressor(float strength) : state_(rnnoise_create(nullp
     if (state_ == nullptr) throw std::bad_alloc();
 }
 
-void noise_suppressor::process(sample_span in, std::vector<float>& out, std::vector<float>& speech) {
+void noise_suppressor::process(sample_span in, std::vector<float>& out, std::vector<float>* undenoised,
+                               std::vector<float>& speech) {
     while (!in.empty()) {
         const auto part = in.first(std::min(in.size(), static_cast<std::size_t>(frame - filled_)));
         std::copy(part.begin(), part.end(), frames_[count_ % std::size(frames_)] + filled_);
         filled_ += static_cast<int32_t>(part.size());
         in = in.subspan(part.size());
         if (filled_ < frame) return;
-        process_frame(out, speech);
+        process_frame(out, undenoised, speech);
         filled_ = 0;
         ++count_;
     }
 }
 
-void noise_suppressor::process_frame(std::vector<float>& out, std::vector<float>& speech) {
+void noise_suppressor::process_frame(std::vector<float>& out, std::vector<float>* undenoised,
+                                     std::vector<float>& speech) {
     float denoised[frame];
     numeric::scale_to_pcm16_range(frames_[count_ % std::size(frames_)], frame, denoised);
     const float probability = rnnoise_process_frame(state_.get(), denoised, denoised);
@@ -165,6 +167,7 @@ void noise_suppressor::process_frame(std::vector<float>& out, std::vector<float>
         });
     }
     out.insert(out.end(), denoised, denoised + frame);
+    if (undenoised != nullptr) undenoised->insert(undenoised->end(), original, original + frame);
     speech.push_back(probability);
 }
 
@@ -176,7 +179,8 @@ bool voice_chain::is_valid(const wrapper_audio_voice_options& options) {
             options.conversion == WRAPPER_AUDIO_CONVERSION_LINEAR);
 }
 
-voice_chain::voice_chain(const wrapper_audio_voice_options& options) : options_(options) {
+voice_chain::voice_chain(const wrapper_audio_voice_options& options, bool keeps_undenoised) : options_(options) {
+    if (keeps_undenoised) undenoised_.emplace();
     reset();
     const auto conversion = static_cast<wrapper_audio_conversion>(options.conversion);
     double seconds = 0.0;
@@ -198,8 +202,12 @@ void voice_chain::reset() {
     const auto conversion = static_cast<wrapper_audio_conversion>(options_.conversion);
     in_ = make_rate_converter(options_.in_rate, denoises() ? denoiser_rate : options_.out_rate, conversion);
     suppressor_ = denoises() ? std::make_unique<noise_suppressor>(options_.denoise) : nullptr;
-    out_ = denoises() ? make_rate_converter(denoiser_rate, options_.out_rate, conversion) : nullptr;
-    ready_.clear();
+    const auto restart = [&](output& each) {
+        each.converter = denoises() ? make_rate_converter(denoiser_rate, options_.out_rate, conversion) : nullptr;
+        each.ready.clear();
+    };
+    restart(out_);
+    if (undenoised_) restart(*undenoised_);
     speech_.clear();
     taken_ = 0;
     given_ = 0;
@@ -217,33 +225,47 @@ uint64_t voice_chain::due() const {
 void voice_chain::run(sample_span in) {
     if (suppressor_ == nullptr) {
         if (in_ != nullptr)
-            in_->convert(in, ready_);
+            in_->convert(in, out_.ready);
         else
-            ready_.insert(ready_.end(), in.begin(), in.end());
+            out_.ready.insert(out_.ready.end(), in.begin(), in.end());
         return;
     }
     at_48000_.clear();
-    denoised_.clear();
     if (in_ != nullptr) {
         in_->convert(in, at_48000_);
         in = at_48000_;
     }
     const std::size_t old = speech_.size();
-    suppressor_->process(in, out_ != nullptr ? denoised_ : ready_, speech_);
+    suppressor_->process(in, out_.next_in(), undenoised_ ? &undenoised_->next_in() : nullptr, speech_);
     told_ += speech_.size() - old;
-    if (out_ != nullptr) out_->convert(denoised_, ready_);
+    out_.convert();
+    if (undenoised_) undenoised_->convert();
 }
 
-void voice_chain::give(std::vector<float>& out) {
-    const std::size_t count = std::min(ready_.size(), static_cast<std::size_t>(due() - given_));
-    const auto end = ready_.begin() + static_cast<std::ptrdiff_t>(count);
-    out.insert(out.end(), ready_.begin(), end);
-    ready_.erase(ready_.begin(), end);
+std::vector<float>& voice_chain::output::next_in() {
+    at_48000.clear();
+    return converter != nullptr ? at_48000 : ready;
+}
+
+void voice_chain::output::convert() {
+    if (converter != nullptr) converter->convert(at_48000, ready);
+}
+
+void voice_chain::output::give(std::size_t count, std::vector<float>& out) {
+    const auto end = ready.begin() + static_cast<std::ptrdiff_t>(count);
+    out.insert(out.end(), ready.begin(), end);
+    ready.erase(ready.begin(), end);
+}
+
+void voice_chain::give(std::vector<float>& out, std::vector<float>* undenoised) {
+    const std::size_t count = std::min(out_.ready.size(), static_cast<std::size_t>(due() - given_));
+    out_.give(count, out);
+    if (undenoised_) undenoised_->give(count, *undenoised);
     given_ += count;
 }
 
 // In pieces of at most 10 ms, so that a long input needs no more memory than a short one.
-void voice_chain::process(sample_span in, std::vector<float>& out) {
+void voice_chain::process(sample_span in, std::vector<float>& out, std::vector<float>* undenoised) {
     float piece[highest_rate / 100];
     const auto length = static_cast<std::size_t>(options_.in_rate / 100);
     while (!in.empty()) {
@@ -252,23 +274,23 @@ void voice_chain::process(sample_span in, std::vector<float>& out) {
         last_ = piece[part.size() - 1];
         taken_ += part.size();
         run({piece, part.size()});
-        give(out);
+        give(out, undenoised);
         in = in.subspan(part.size());
     }
 }
 
 // What is inside comes out when as much is put in after it: silence, or for linear interpolation, more of the last
 // sample.
-void voice_chain::flush(std::vector<float>& out) {
+void voice_chain::flush(std::vector<float>& out, std::vector<float>* undenoised) {
     const float filling = options_.conversion == WRAPPER_AUDIO_CONVERSION_LINEAR ? last_ : 0.0F;
     const std::vector<float> piece(static_cast<std::size_t>(options_.in_rate / 100), filling);
     const auto in_rate = static_cast<uint64_t>(options_.in_rate);
     const uint64_t begun = suppressor_ == nullptr // 10 ms
                                ? 0
                                : taken_ / in_rate * 100 + (taken_ % in_rate * 100 + in_rate - 1) / in_rate;
-    while (given_ + ready_.size() < due() || told_ < begun)
+    while (given_ + out_.ready.size() < due() || told_ < begun)
         run(piece);
-    give(out);
+    give(out, undenoised);
     speech_.resize(speech_.size() - std::min<std::size_t>(speech_.size(), told_ - begun));
     auto told = std::move(speech_);
     reset();

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -40,14 +41,14 @@ class noise_suppressor {
 public:
     explicit noise_suppressor(float strength);
 
-    // Appends what is denoised, and the probability of speech for each 10 ms of it.
-    void process(sample_span in, std::vector<float>& out, std::vector<float>& speech);
+    // Appends what is denoised, the same undenoised if that is wanted, and the probability of speech for each 10 ms.
+    void process(sample_span in, std::vector<float>& out, std::vector<float>* undenoised, std::vector<float>& speech);
 
     static constexpr int32_t frame = 480;
     static constexpr int32_t delayed_frames = 2; // RNNoise returns a frame when it is passed the second one after it
 
 private:
-    void process_frame(std::vector<float>& out, std::vector<float>& speech);
+    void process_frame(std::vector<float>& out, std::vector<float>* undenoised, std::vector<float>& speech);
 
     struct release {
         void operator()(DenoiseState* state) const { rnnoise_destroy(state); }
@@ -61,13 +62,15 @@ private:
 
 class voice_chain {
 public:
-    explicit voice_chain(const wrapper_audio_voice_options& options); // throws std::bad_alloc
+    // Throws std::bad_alloc. With `keeps_undenoised` it denoises, and also has a second output, which does not.
+    explicit voice_chain(const wrapper_audio_voice_options& options, bool keeps_undenoised = false);
 
     static bool is_valid(const wrapper_audio_voice_options& options);
 
-    // Append what is ready. `flush` resets the chain; by then the stream has had as many samples as belong to it.
-    void process(sample_span in, std::vector<float>& out);
-    void flush(std::vector<float>& out);
+    // Append what is ready, as many samples to both outputs. `flush` resets the chain; by then the stream has had as
+    // many samples as belong to it.
+    void process(sample_span in, std::vector<float>& out, std::vector<float>* undenoised = nullptr);
+    void flush(std::vector<float>& out, std::vector<float>* undenoised = nullptr);
     void reset();
 
     // Probabilities of speech since the host last cleared them.
@@ -77,18 +80,28 @@ public:
     std::size_t delay() const { return delay_; }
 
 private:
+    // Behind the noise suppressor.
+    struct output {
+        std::unique_ptr<rate_converter> converter; // null if it runs at 48000 Hz
+        std::vector<float> at_48000;
+        std::vector<float> ready;
+
+        std::vector<float>& next_in(); // where the suppressor's next samples go, before `convert`
+        void convert();
+        void give(std::size_t count, std::vector<float>& out);
+    };
+
     bool denoises() const { return options_.denoise > 0.0F || options_.speech != 0; }
     uint64_t due() const;
     void run(sample_span in);
-    void give(std::vector<float>& out);
+    void give(std::vector<float>& out, std::vector<float>* undenoised);
 
     const wrapper_audio_voice_options options_;
     std::unique_ptr<rate_converter> in_; // null if the rates are the same
     std::unique_ptr<noise_suppressor> suppressor_;
-    std::unique_ptr<rate_converter> out_;
+    output out_;
+    std::optional<output> undenoised_;
     std::vector<float> at_48000_;
-    std::vector<float> denoised_;
-    std::vector<float> ready_;
     std::vector<float> speech_;
     uint64_t taken_ = 0;
     uint64_t given_ = 0;

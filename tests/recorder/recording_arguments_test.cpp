@@ -56,7 +56,7 @@ TEST_F(recorder_arguments, of_create_have_limits) {
         with(&wrapper_audio_recorder_options::buffer_ms, ms);
         with(&wrapper_audio_recorder_options::stall_ms, ms);
     }
-    for (int32_t i = 0; i < 10; ++i) {
+    for (int32_t i = 0; i < 9; ++i) {
         bad.emplace_back().reserved[i] = 1;
         bad.emplace_back().reserved[i] = least;
     }

@@ -101,7 +101,7 @@ TEST_F(recorder_threads, lists_never_show_what_opening_changes) {
 }
 
 TEST_F(recorder_threads, share_a_recorder_and_its_samples) {
-    record({.rate = 16000, .denoise = 1.0F});
+    record({.rate = 48000, .denoise = 1.0F, .undenoised = 1});
     std::atomic<uint64_t> count{0};
     std::atomic<uint64_t> dropped{0};
     std::atomic<uint64_t> spoken{0};
@@ -111,6 +111,18 @@ TEST_F(recorder_threads, share_a_recorder_and_its_samples) {
             float samples[333];
             wrapper_audio_block told;
             status = wrapper_audio_recorder_read_f32(recorder, samples, 333, -1, &told);
+            count += told.count;
+            dropped += told.dropped;
+        }
+    };
+    const auto reader_of_both = [&] {
+        for (wrapper_audio_status status = WRAPPER_AUDIO_OK; status == WRAPPER_AUDIO_OK;) {
+            float cleaned[777];
+            float raw[777];
+            wrapper_audio_block told;
+            status = wrapper_audio_recorder_read_both_f32(recorder, cleaned, raw, 777, -1, &told);
+            for (uint32_t i = 0; i < told.count; ++i)
+                ASSERT_NEAR(raw[i], microphone.sound(told.position + i), 1e-4);
             count += told.count;
             dropped += told.dropped;
         }
@@ -129,8 +141,8 @@ TEST_F(recorder_threads, share_a_recorder_and_its_samples) {
         EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK);
         stopped = true;
     };
-    at_once({reader, reader, asker, stopper});
-    EXPECT_EQ(count, info().captured / 3);
+    at_once({reader, reader_of_both, reader_of_both, asker, stopper});
+    EXPECT_EQ(count, info().captured);
     EXPECT_EQ(dropped, 0U);
     EXPECT_EQ(info().read, count);
     EXPECT_GT(spoken, 0U);

@@ -216,19 +216,94 @@ class Pipes(HostTest):
     def test_a_gap_can_be_filled_with_silence(self):
         ramp = [2 + at % 30000 for at in range(48000 * 20)]
         self.listen_to_samples(ramp)
-        process = self.start(
-            *("record", "--rate", 48000, "--seconds", 9, "--fill-gaps", "--quiet", "-"),
-            text=False,
-            microphone={"MICROPHONE_PACED": "1"},
-        )
+        processes = [
+            self.start(
+                *("record", "--rate", 48000, "--seconds", 9, "--fill-gaps", "--quiet", *arguments),
+                text=False,
+                microphone={"MICROPHONE_PACED": "1"},
+            )
+            for arguments in (["-"], ["--denoise", "--undenoised", "-", self.file])
+        ]
         time.sleep(8)  # the pipe holds less than a second, the recorder five
-        output, errors = process.communicate(timeout=30)
-        told = re.search(rb"\((\d+) samples\) were lost at .* and replaced by silence: ", errors)
-        self.assertIsNotNone(told, errors)
-        samples = struct.unpack(f"<{9 * 48000}h", output)
-        self.assertEqual((process.returncode, samples.count(0)), (FINE, int(told[1])))
-        apart = [abs(s - h) for s, h in zip(samples, ramp) if s != 0]
-        self.assertLessEqual(max(apart), 1)
+        for process in processes:
+            output, errors = process.communicate(timeout=30)
+            told = re.search(rb"\((\d+) samples\) were lost at .* and replaced by silence: ", errors)
+            self.assertIsNotNone(told, errors)
+            samples = struct.unpack(f"<{9 * 48000}h", output)
+            self.assertEqual((process.returncode, samples.count(0)), (FINE, int(told[1])))
+            apart = [abs(s - h) for s, h in zip(samples, ramp) if s != 0]
+            self.assertLessEqual(max(apart), 1)
+        denoised = self.recorded(48000)
+        self.assertEqual(len(denoised), len(samples))
+        self.assertEqual({s for s, original in zip(denoised, samples) if original == 0}, {0})
+
+
+class Undenoised(HostTest):
+    """Both from one capture, each as if it were alone."""
+
+    def setUp(self):
+        super().setUp()
+        self.listen_to(SPEECH)
+
+    def both(self, *arguments):
+        code, output, errors = self.record("--denoise", "--undenoised", "raw.wav", "--seconds", 2, *arguments, "out.wav")
+        self.assertEqual((code, errors), (FINE, "wrapper-audio: denoising at 48000 Hz, the device's own rate\n"))
+        self.assertRegex(output, r"\Aout\.wav: 2\.00 s .*, denoising .*\nraw\.wav: 2\.00 s at \d+ Hz, .* dBFS\n\Z")
+        return [(self.folder / name).read_bytes() for name in ("out.wav", "raw.wav")]
+
+    def alone(self, *arguments):
+        self.assertEqual(self.record("--quiet", "--seconds", 2, *arguments, "alone.wav"), (FINE, "", ""))
+        return (self.folder / "alone.wav").read_bytes()
+
+    def test_sound_is_kept_too_with_the_same_format_and_effects(self):
+        for arguments in (
+            ["--rate", 48000],
+            ["--rate", 48000, "--bits", "float", "--highpass", 200, "--agc", -20, "--depop", 0.1],
+        ):
+            denoised, undenoised = self.both(*arguments)
+            self.assertEqual(denoised, self.alone("--denoise", *arguments))
+            self.assertEqual(undenoised, self.alone(*arguments))
+            self.assertNotEqual(denoised, undenoised)
+        self.assertEqual(len({len(sound) for sound in self.both("--rate", 44100, "--converter", "linear")}), 1)
+
+    def test_one_of_both_may_go_into_a_pipe(self):
+        sounds = self.both()
+        for name, arguments, piped in ("a.wav", ["-", "a.wav"], 1), ("b.wav", ["b.wav", "-"], 0):
+            code, output, errors = self.record("--denoise", "--seconds", 2, "--undenoised", *arguments, text=False)
+            self.assertEqual((code, output), (FINE, sounds[piped][HEADER_BYTES:]))
+            self.assertEqual((self.folder / name).read_bytes(), sounds[1 - piped])
+            self.assertRegex(errors, rb"standard output: 2.00 s(?s:.*)")
+            self.assertIn(b": %s: 2.00 s" % name.encode(), errors)
+
+    def test_a_reader_that_goes_ends_the_recording_and_leaves_the_other_file_whole(self):
+        process = self.start("record", "--denoise", "--undenoised", "-", self.file, text=False)
+        process.stdout.read(32000)
+        process.stdout.close()
+        process.stdout = None
+        _, errors = process.communicate(timeout=20)
+        self.assertEqual(process.returncode, FINE, errors)
+        self.assertGreater(len(self.recorded(16000)), 16000)
+        self.assertNotIn(b"standard output", errors)
+
+    def test_a_full_disk_is_told_of_the_file_that_it_is_about(self):
+        for arguments in ["/dev/full", self.file], [self.file, "/dev/full"]:
+            code, _, errors = self.record("--denoise", "--seconds", 60, "--undenoised", *arguments)
+            self.assertEqual(code, FILE_TROUBLE)
+            self.assertRegex(errors, "cannot write /dev/full: .*No space")
+            self.assertNotIn(f"cannot write {self.file}", errors)
+            self.recorded(16000)
+
+    def test_it_makes_no_sense_without_denoising_or_with_speech(self):
+        for arguments, words in (
+            (["out.wav"], "--undenoised goes with --denoise"),
+            (["--denoise=0", "out.wav"], "--undenoised goes with --denoise"),
+            (["--denoise", "raw.wav"], "--undenoised needs a file of its own"),
+            (["--denoise", "--trim", "out.wav"], "excludes"),
+            (["--denoise", "--events", "e.txt", "out.wav"], "excludes"),
+        ):
+            with self.subTest(arguments=arguments):
+                self.assert_failed(self.record("--undenoised", "raw.wav", *arguments), USAGE, words)
+        self.assert_failed(self.record("--denoise", "--undenoised", "raw.doc", "out.wav"), USAGE, "raw.doc")
 
 
 if __name__ == "__main__":

@@ -275,8 +275,15 @@ void parser::add_record() {
     add_speech(command, recording.speech);
     auto* fill = command->add_flag("--fill-gaps", recording.fill_gaps,
                                    "put silence where sound was lost, so that times stay true");
-    for (const char* other : {"--start-on-speech", "--stop-after-silence", "--trim", "--split", "--events"})
+    auto* undenoised = command
+                           ->add_option("--undenoised", recording.undenoised,
+                                        "with --denoise: write the same sound without denoising into this file, too")
+                           ->type_name("FILE|-");
+    for (const char* other : {"--start-on-speech", "--stop-after-silence", "--trim", "--split", "--events"}) {
         fill->excludes(command->get_option(other));
+        undenoised->excludes(command->get_option(other));
+    }
+    undenoised->excludes(command->get_option("--max-file-time"));
     command->get_option("--split")->excludes("--max-file-time");
 }
 

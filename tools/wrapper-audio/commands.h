@@ -44,6 +44,7 @@ struct record_options {
     effect_options effects;
     output_options output;
     bool fill_gaps = false;
+    std::string undenoised; // a second file; "" is none
     speech_options speech;
     bool for_a_command = false; // nothing is said on standard output, and nobody_spoke is a result
 };

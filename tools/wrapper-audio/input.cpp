@@ -72,12 +72,15 @@ microphone::microphone(const std::string& wanted, wrapper_audio_recorder_options
     if (status != WRAPPER_AUDIO_OK) throw failed(status);
 }
 
-std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& block) {
+std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& block, std::span<float> undenoised) {
     constexpr int often_enough = 100; // ms, to notice a signal soon
     for (std::uint32_t lost = 0;;) {  // before the first sample
         if (stop_requested()) stop();
         const wrapper_audio_status status =
-            wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), often_enough, &block);
+            undenoised.empty()
+                ? wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), often_enough, &block)
+                : wrapper_audio_recorder_read_both_f32(recorder.get(), samples.data(), undenoised.data(),
+                                                       samples.size(), often_enough, &block);
         stalls = block.count > 0 ? 0 : stalls + (status == WRAPPER_AUDIO_NO_DATA ? 1 : 0);
         if (!trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
             trouble_.emplace(failure_of(status, fmt::format("{}: nothing has come for {} seconds",

@@ -51,9 +51,10 @@ public:
 
     /**
      * Waits for samples, at most as many as fit, and returns how many came; 0 at the end. When a signal or a failure
-     * ends the recording, what was recorded before still comes. Five seconds without a sample are a failure.
+     * ends the recording, what was recorded before still comes. Five seconds without a sample are a failure. If the
+     * recorder keeps undenoised samples and there is room for as many, they come too.
      */
-    std::size_t read(std::span<float> samples, wrapper_audio_block& block);
+    std::size_t read(std::span<float> samples, wrapper_audio_block& block, std::span<float> undenoised = {});
 
     /** The probabilities of speech of what was read since the last call, if the recorder tells of it. */
     std::vector<float> take_speech();

@@ -57,7 +57,8 @@ const structs = {
     conversion: 'int32_t',
     buffer_ms: 'int32_t',
     stall_ms: 'int32_t',
-    reserved: 'int32_t[10]',
+    undenoised: 'int32_t',
+    reserved: 'int32_t[9]',
   },
   wrapper_audio_block: {
     position: 'uint64_t',
@@ -151,6 +152,7 @@ const functions = [
   'int wrapper_audio_recorder_open(void *recorder, const char *device_id)',
   'int wrapper_audio_recorder_read_s16(void *recorder, int16_t *samples, size_t count, int32_t timeout_ms, _Out_ wrapper_audio_block *block)',
   'int wrapper_audio_recorder_read_f32(void *recorder, float *samples, size_t count, int32_t timeout_ms, _Out_ wrapper_audio_block *block)',
+  'int wrapper_audio_recorder_read_both_f32(void *recorder, float *denoised, float *undenoised, size_t count, int32_t timeout_ms, _Out_ wrapper_audio_block *block)',
   'size_t wrapper_audio_recorder_take_speech(void *recorder, float *probabilities, size_t capacity)',
   'int wrapper_audio_recorder_get_info(void *recorder, _Out_ wrapper_audio_recorder_info *info)',
   'size_t wrapper_audio_recorder_get_text(void *recorder, int32_t kind, void *text, size_t capacity)',

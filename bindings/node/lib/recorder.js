@@ -40,6 +40,14 @@ function joined(a, b) {
   };
 }
 
+/** Floats as a block of this kind. */
+function fitted(floats, Samples) {
+  if (Samples === Float32Array) return floats;
+  const samples = new Samples(floats.length);
+  lib.check(lib.call('f32_to_s16', floats, floats.length, samples));
+  return samples;
+}
+
 const HEARING = [enums.Status.OK, enums.Status.TIMEOUT];
 
 /** The utterances in a speech gate. */
@@ -75,15 +83,14 @@ class Spoken {
       floats.set(piece, at);
       at += piece.length;
     }
-    const samples = this.#Samples === Float32Array ? floats : new this.#Samples(floats.length);
-    if (samples !== floats) lib.check(lib.call('f32_to_s16', floats, floats.length, samples));
-    return { samples, start: this.#begin / this.#rate, end: end / this.#rate };
+    return { samples: fitted(floats, this.#Samples), start: this.#begin / this.#rate, end: end / this.#rate };
   }
 }
 
 class Recorder {
   #pointer;
   #hears;
+  #keepsUndenoised;
   #id;
   #format;
   #blockMs;
@@ -105,7 +112,7 @@ class Recorder {
   }
 
   constructor({ device, rate = 16000, denoise = 0, speech = false, converter = 'clean', ...others } = {}) {
-    const { format = 'int16', blockMs = 30, bufferMs = 0, stallMs = 0 } = others;
+    const { format = 'int16', blockMs = 30, bufferMs = 0, stallMs = 0, undenoised = false } = others;
     lib.demandWholeNumbers({ rate, bufferMs, stallMs });
     if (!(blockMs > 0 && blockMs <= 60000)) {
       throw new RangeError(`blockMs is ${blockMs}; it must be above 0 and at most 60000`);
@@ -113,7 +120,9 @@ class Recorder {
     if (!Object.hasOwn(FORMATS, format)) throw new RangeError(`format is ${format}; it must be 'int16' or 'float32'`);
     const strength = typeof denoise === 'boolean' ? Number(denoise) : denoise;
     lib.demandNumbers({ denoise: strength });
+    if (undenoised && strength === 0) throw new RangeError('undenoised needs denoise');
     this.#hears = strength > 0 || Boolean(speech);
+    this.#keepsUndenoised = Boolean(undenoised);
     this.#id = idOf(device);
     this.#format = FORMATS[format];
     this.#blockMs = blockMs;
@@ -124,6 +133,7 @@ class Recorder {
       conversion: lib.conversion(converter),
       bufferMs,
       stallMs,
+      undenoised: Number(this.#keepsUndenoised),
     });
     forgotten.register(this, this.#pointer, this);
   }
@@ -202,6 +212,19 @@ class Recorder {
   }
 
   async read(count = this.#blockLength, { timeout = Infinity } = {}) {
+    const [samples] = await this.#read(this.#format.read, [this.#format.Samples], count, timeout);
+    return samples;
+  }
+
+  async readBoth(count = this.#blockLength, { timeout = Infinity } = {}) {
+    if (!this.#keepsUndenoised) throw new RangeError('readBoth() needs a recorder with undenoised');
+    const both = await this.#read('recorder_read_both_f32', [Float32Array, Float32Array], count, timeout);
+    const [denoised, undenoised] = both.map((floats) => fitted(floats, this.#format.Samples));
+    return { denoised, undenoised };
+  }
+
+  /** Reads into blocks of these kinds, of the same length. */
+  #read(name, kinds, count, timeout) {
     lib.demandWholeNumbers({ count });
     if (count < 0) throw new RangeError(`count is ${count}; it must be 0 or more`);
     if (typeof timeout !== 'number' || !(timeout >= 0)) {
@@ -211,26 +234,27 @@ class Recorder {
       const before = this.#failed;
       this.#failed = enums.Status.OK;
       this.#check(before, ReadError);
-      const samples = new this.#format.Samples(count);
+      const blocks = kinds.map((Samples) => new Samples(count));
+      const parts = (from, to) => blocks.map((block) => block.subarray(from, to));
       const end = performance.now() + timeout;
       let read = NOTHING;
       let status;
       do {
         const piece = {};
         const wait = Math.ceil(Math.max(0, Math.min(WAIT_MS, end - performance.now())));
-        const rest = samples.subarray(read.count);
         // The thread writes into our own memory; the caller could transfer his to a worker meanwhile.
-        status = await lib.callOnThread(this.#format.read, this.#pointer, rest, rest.length, wait, piece);
+        const rests = parts(read.count);
+        status = await lib.callOnThread(name, this.#pointer, ...rests, rests[0].length, wait, piece);
         read = joined(read, piece);
       } while (status === enums.Status.TIMEOUT && performance.now() < end && !this.closed);
       if (read.count === 0 && count > 0) {
         this.#demandOpen();
         this.#check(status, ReadError);
-        return samples.slice(0, 0);
+        return kinds.map((Samples) => new Samples(0));
       }
       if (status < 0) this.#failed = status;
       this.#block = read;
-      return read.count < count ? samples.slice(0, read.count) : samples;
+      return read.count < count ? blocks.map((block) => block.slice(0, read.count)) : blocks;
     });
   }
 

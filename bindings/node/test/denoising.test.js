@@ -54,6 +54,36 @@ for (const [rate, denoising] of [[48000, 'native'], [44100, 'converted'], [16000
   });
 }
 
+test('one capture comes denoised and undenoised', async (t) => {
+  const open = async (options) => {
+    const mic = await Recorder.open({ rate: 44100, ...options });
+    t.after(() => mic.close());
+    return mic;
+  };
+  for (const format of ['int16', 'float32']) {
+    const denoised = await (await open({ denoise: true, format })).read(44100);
+    const raw = await (await open({ speech: true, format })).read(44100);
+    const mic = await open({ denoise: true, undenoised: true, format });
+    const first = await mic.readBoth(10);
+    await mic.read(90);
+    const rest = await mic.readBoth(44000, { timeout: 20000 });
+    assert.strictEqual(mic.position, 100);
+    assert.deepStrictEqual([first.denoised, rest.denoised], [denoised.slice(0, 10), denoised.slice(100)]);
+    assert.deepStrictEqual([first.undenoised, rest.undenoised], [raw.slice(0, 10), raw.slice(100)]);
+    assert.strictEqual((await mic.readBoth(0)).undenoised.length, 0);
+    assert.strictEqual((await mic.readBoth()).undenoised.length, 1323);
+    await mic.stop();
+    while ((await mic.readBoth(44100)).denoised.length > 0);
+  }
+});
+
+test('undenoised sound has to be asked for, with denoise', async (t) => {
+  await assert.rejects(Recorder.open({ undenoised: true }), /RangeError: undenoised needs denoise/);
+  const mic = await Recorder.open({ denoise: true });
+  t.after(() => mic.close());
+  await assert.rejects(mic.readBoth(), /RangeError: readBoth\(\) needs a recorder with undenoised/);
+});
+
 test("a recording is what the host's own chain makes of the sound", async () => {
   const mic = await Recorder.open({ denoise: true, blockMs: 100 });
   const chunks = await mic.stream({ seconds: 3 }).toArray();

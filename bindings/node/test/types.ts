@@ -36,6 +36,7 @@ export async function record(): Promise<number> {
     device: microphone ?? (await findDevice('usb')),
     rate: 16000,
     denoise: 0.9,
+    undenoised: true,
     speech: true,
     converter: 'clean',
     blockMs: 20,
@@ -56,6 +57,9 @@ export async function record(): Promise<number> {
     const spoken: Int16Array = samples;
     total += spoken.length / (end - start);
   }
+  const { denoised, undenoised } = await recorder.readBoth(100, { timeout: 10 });
+  const both: [Int16Array, Int16Array] = [denoised, undenoised];
+  total += both.length;
   const speech: Float32Array = recorder.speechProbabilities();
   const bytes: Readable = recorder.stream();
   bytes.destroy();

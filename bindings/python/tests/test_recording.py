@@ -185,6 +185,32 @@ class Denoising_(support.ProcessTest):
             self.assertGreater(clear, said / 2, rate)
             self.assertAlmostEqual(half / loud, 0.5, delta=0.05)
 
+    def test_one_capture_comes_denoised_and_undenoised(self) -> None:
+        with Recorder(rate=44100, denoise=True, dtype="float32") as one, Recorder(
+            rate=44100, speech=True, dtype="float32"
+        ) as other:
+            denoised, raw = (one.read(44100).tolist(), other.read(44100).tolist())
+        for dtype in "float32", "int16":
+            with Recorder(rate=44100, denoise=True, undenoised=True, dtype=dtype) as recorder:
+                first = recorder.read_both(10)
+                recorder.read(90)
+                rest = recorder.read_both(44000, timeout=20)
+                self.assertEqual(recorder.position, 100)
+                self.assertEqual([len(block) for block in first + rest], [10, 10, 44000, 44000])
+                self.assertEqual([len(block) for block in recorder.read_both(0)], [0, 0])
+                self.assertEqual(len(recorder.read_both()[1]), 1323)
+            for sound, *blocks in (denoised, first[0], rest[0]), (raw, first[1], rest[1]):
+                expected = sound[:10] + sound[100:]
+                if dtype == "int16":
+                    expected = to_int16(array("f", expected)).tolist()
+                self.assertEqual(joined(blocks), expected)
+
+    def test_undenoised_sound_has_to_be_asked_for_with_denoise(self) -> None:
+        with self.assertRaisesRegex(ValueError, "undenoised=True needs denoise"):
+            Recorder(undenoised=True)
+        with Recorder(denoise=True) as recorder, self.assertRaisesRegex(ValueError, "with undenoised=True"):
+            recorder.read_both()
+
     def test_speech_is_told_where_it_is(self) -> None:
         for options in {"denoise": True}, {"speech": True}:
             with Recorder(block_ms=100, **options) as recorder:  # type: ignore[arg-type]

@@ -82,7 +82,8 @@ class RecorderOptions(Structure):
         ("conversion", c_int32),
         ("buffer_ms", c_int32),
         ("stall_ms", c_int32),
-        ("reserved", c_int32 * 10),
+        ("undenoised", c_int32),
+        ("reserved", c_int32 * 9),
     ]
 
 
@@ -192,6 +193,10 @@ FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
     "wrapper_audio_recorder_open": (c_int, [c_void_p, c_char_p]),
     "wrapper_audio_recorder_read_s16": (c_int, [c_void_p, POINTER(c_int16), c_size_t, c_int32, POINTER(Block)]),
     "wrapper_audio_recorder_read_f32": (c_int, [c_void_p, POINTER(c_float), c_size_t, c_int32, POINTER(Block)]),
+    "wrapper_audio_recorder_read_both_f32": (
+        c_int,
+        [c_void_p, POINTER(c_float), POINTER(c_float), c_size_t, c_int32, POINTER(Block)],
+    ),
     "wrapper_audio_recorder_take_speech": (c_size_t, [c_void_p, POINTER(c_float), c_size_t]),
     "wrapper_audio_recorder_get_info": (c_int, [c_void_p, POINTER(RecorderInfo)]),
     "wrapper_audio_recorder_get_text": (c_size_t, [c_void_p, c_int32, POINTER(c_char), c_size_t]),

@@ -10,9 +10,9 @@ import time
 import warnings
 import weakref
 from ctypes import byref
-from typing import Any, Iterator, List, NamedTuple, Optional, Type, Union
+from typing import Any, Iterator, List, NamedTuple, Optional, Tuple, Type, Union
 
-from ._blocks import Float32Block, Int16Block, new_block, samples_of
+from ._blocks import Float32Block, Int16Block, new_block, samples_of, to_int16
 from ._devices import Device
 from ._errors import ArgumentError, AudioError, ClosedError, OpenError, ReadError, ReadTimeout
 from ._interface import Block, Denoising, RecorderInfo, RecorderOptions, RecorderTextKind, SpeechOptions, Status
@@ -49,6 +49,7 @@ class Recorder(Closing):
         *,
         rate: int = 16000,
         denoise: float = False,
+        undenoised: bool = False,
         speech: bool = False,
         converter: str = "clean",
         block_ms: int = 30,
@@ -62,6 +63,7 @@ class Recorder(Closing):
         device     a Device or its id; None or "" is the default input device. find_device() accepts parts of ids.
         rate       of the samples returned, 100 to 768000 Hz
         denoise    neural noise suppression, whatever the device's rate: False, True, or a share from 0.0 to 1.0
+        undenoised keep the sound as it is without denoising, too, for read_both()
         speech     report the probability of speech even without denoising
         converter  of sample rates: "clean" is soxr's high quality; "linear" is fast, but aliases
         block_ms   length of a block in milliseconds
@@ -78,9 +80,11 @@ class Recorder(Closing):
         self._device_id = bytes_of(device.id if isinstance(device, Device) else device or "")
         self._last, self._stalled = Block(speech_probability=-1.0), False
         self.rate, self.block_ms = rate, block_ms
+        if undenoised and not denoise:
+            raise ArgumentError("undenoised=True needs denoise")
         late = int32("buffer_ms", buffer_ms), int32("stall_ms", stall_ms)
-        options = RecorderOptions(rate, denoise, speech, conversion(converter), *late)
-        self._hears = bool(denoise or speech)
+        options = RecorderOptions(rate, denoise, speech, conversion(converter), *late, undenoised)
+        self._hears, self._keeps_undenoised = bool(denoise or speech), bool(undenoised)
         self._library = load()
         self._handle = make("wrapper_audio_recorder_create", "wrapper_audio_recorder_free", byref(options))
         _recorders.add(self)
@@ -133,19 +137,40 @@ class Recorder(Closing):
 
     def read_into(self, block: Union[Int16Block, Float32Block], timeout: Optional[float] = None) -> int:
         """Like read(), into your own block of 16-bit samples or floats. Returns the number of samples read."""
+        code, samples = samples_of(block, "hf", written=True)
+        return self._read("wrapper_audio_recorder_read_" + {"h": "s16", "f": "f32"}[code], [samples], timeout)
+
+    def read_both(self, count: Optional[int] = None, timeout: Optional[float] = None) -> Tuple[Any, Any]:
+        """Like read(), and returns the same samples without denoising, too: (denoised, undenoised).
+
+        Listeners want the first, and recognisers often do better with the second. All other reads return denoised
+        samples only. The recorder needs undenoised=True.
+        """
+        if not self._keeps_undenoised:
+            raise ArgumentError("read_both() needs a Recorder with undenoised=True")
+        length = self._length if count is None else int32("count", count, 0)
+        both = new_block("f", length), new_block("f", length)
+        samples = [samples_of(block, "f", written=True)[1] for block in both]
+        got = self._read("wrapper_audio_recorder_read_both_f32", samples, timeout)
+        denoised, undenoised = (block[:got] if self._code == "f" else to_int16(block[:got]) for block in both)
+        return denoised, undenoised
+
+    def _read(self, name: str, blocks: List[Any], timeout: Optional[float]) -> int:
+        """Into arrays of the same length. Returns how many samples came into each."""
         if timeout is not None and not timeout >= 0:
             raise ArgumentError(f"the timeout is {timeout}; it must be 0 or more")
         stalled, self._stalled = self._stalled, False
         if stalled and self.available == 0:
             self._check(Status.NO_DATA, ReadError)
         end = math.inf if timeout is None else time.monotonic() + timeout
-        code, samples = samples_of(block, "hf", written=True)
-        read = getattr(self._library, "wrapper_audio_recorder_read_" + {"h": "s16", "f": "f32"}[code])
+        read = getattr(self._library, name)
         handle, whole, part = self._pointer(), Block(), Block()
+        kind, length = blocks[0]._type_, len(blocks[0])
         while True:
             left = math.ceil(1000 * max(0, min(_SLICE, end - time.monotonic())))
-            rest = ctypes.cast(byref(samples, whole.count * ctypes.sizeof(samples._type_)), read.argtypes[1])
-            status = read(handle, rest, len(samples) - whole.count, left, byref(part))
+            at = whole.count * ctypes.sizeof(kind)
+            rests = [ctypes.cast(byref(samples, at), ctypes.POINTER(kind)) for samples in blocks]
+            status = read(handle, *rests, length - whole.count, left, byref(part))
             _append(whole, part)
             if status != Status.TIMEOUT or time.monotonic() >= end:
                 break

@@ -41,7 +41,7 @@ bool speech_gate::is_valid(const wrapper_audio_speech_options& options) {
 }
 
 void speech_gate::reset() {
-    frames_ = voiced_ = unvoiced_ = last_end_ = position_ = given_ = 0;
+    frames_ = voiced_ = unvoiced_ = position_ = given_ = 0;
     speaking_ = ended_ = false;
     ranges_.clear();
     stretches_.clear();
@@ -65,12 +65,11 @@ void speech_gate::hear(float probability) {
     unvoiced_ = is_voiced ? 0 : unvoiced_ + 1;
     ++frames_;
     if (speaking_ && unvoiced_ >= std::max<uint64_t>(1, hang_over_)) {
-        last_end_ = first_sample(frames_ - (hang_over_ > 0 ? 0 : 1));
-        ranges_.back().end = last_end_;
+        ranges_.back().end = first_sample(frames_ - (hang_over_ > 0 ? 0 : 1));
         speaking_ = false;
     } else if (!speaking_ && voiced_ >= min_speech_) {
         const uint64_t speech = first_sample(frames_ - voiced_);
-        ranges_.push_back({std::max(last_end_, speech - std::min(speech, pre_roll_)), speech, never});
+        ranges_.push_back({speech - std::min(speech, pre_roll_), speech, never});
         speaking_ = true;
     }
 }
@@ -106,7 +105,7 @@ void speech_gate::forget(uint64_t before) {
 // Keeps what an utterance may still begin with.
 void speech_gate::forget_silence() {
     const uint64_t speech = first_sample(frames_ - voiced_); // if these frames prove to be some
-    forget(ranges_.empty() ? std::max(last_end_, speech - std::min(speech, pre_roll_)) : ranges_.front().begin);
+    forget(ranges_.empty() ? speech - std::min(speech, pre_roll_) : ranges_.front().begin);
 }
 
 // Moves the beginning to a sample that is there, behind whatever is missing before the speech. Whether there is one yet.

@@ -36,7 +36,7 @@ private:
 
     // What one utterance would be if no sample were missing and it had no maximum length.
     struct range {
-        uint64_t begin;  // of what is still to be given
+        uint64_t begin;  // of what is still to be given, or earlier: the samples of the range before are gone by then
         uint64_t speech; // where speech begins; the same as `begin` once samples have been given
         uint64_t end;    // never: not yet known
     };
@@ -65,7 +65,6 @@ private:
     uint64_t frames_ = 0;
     uint64_t voiced_ = 0;   // frames in succession
     uint64_t unvoiced_ = 0; // frames in succession
-    uint64_t last_end_ = 0; // of an utterance
     bool speaking_ = false; // the last of the ranges has no end yet
     std::deque<range> ranges_;
 

@@ -215,4 +215,27 @@ TEST_F(recorded_speech, needs_a_recorder_that_tells_of_it_and_a_gate_that_fits) 
     EXPECT_EQ(info().read, 480U);
 }
 
+// The quickest hour: the doubles denoise it, and hardly anything comes out.
+TEST_F(recorded_speech, that_nobody_takes_from_a_processor_is_dropped_after_an_hour) {
+    world().speech = [frame = -2](const float* /*samples*/) mutable { return static_cast<float>(frame++); };
+    wrapper_audio_processor* chain = nullptr;
+    const wrapper_audio_voice_options options{
+        .in_rate = 48000, .out_rate = 100, .speech = 1, .conversion = WRAPPER_AUDIO_CONVERSION_LINEAR};
+    ASSERT_EQ(wrapper_audio_voice_create(&chain, &options), WRAPPER_AUDIO_OK);
+    constexpr std::size_t hour = 360000; // of 10 ms
+    const std::vector<float> minute(6000 * ten_ms);
+    std::vector<float> out(minute.size());
+    std::size_t given = 0;
+    for (int i = 0; i < 61; ++i)
+        wrapper_audio_processor_process(chain, minute.data(), minute.size(), out.data(), out.size(), &given);
+    wrapper_audio_processor_process(chain, minute.data(), ten_ms, out.data(), out.size(), &given);
+    std::vector<float> told(2 * hour);
+    told.resize(wrapper_audio_processor_take_speech(chain, told.data(), told.size()));
+    wrapper_audio_processor_free(chain);
+    ASSERT_GE(told.size(), hour);
+    ASSERT_LE(told.size(), hour + 1);
+    EXPECT_EQ(told.back(), 61 * 6000 + 1 - 1 - 2) << "the last one";
+    EXPECT_EQ(told.front(), told.back() - static_cast<float>(told.size() - 1));
+}
+
 } // namespace

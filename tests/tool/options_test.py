@@ -258,7 +258,7 @@ class Undenoised(HostTest):
     def test_sound_is_kept_too_with_the_same_format_and_effects(self):
         for arguments in (
             ["--rate", 48000],
-            ["--rate", 48000, "--bits", "float", "--highpass", 200, "--agc", -20, "--depop", 0.1],
+            ["--rate", 48000, "--bits", "24", "--highpass", 200, "--agc", -20, "--depop", 0.1],
         ):
             denoised, undenoised = self.both(*arguments)
             self.assertEqual(denoised, self.alone("--denoise", *arguments))

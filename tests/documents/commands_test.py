@@ -38,6 +38,7 @@ ELSEWHERE = {
     r"npm install (\./wrapper-audio-\S*tgz ?)+": ("tests/install/check_bare_roots.sh", "npm install"),
     r"cmake --preset tsan .*": ("scripts/test", "tsan"),
     r"ctest --preset release -R '\^servers'.*": ("scripts/test", 'ctest --preset "$variant"'),
+    r"wrapper-audio .*pocketsphinx_continuous .*": ("tests/recogniser/recogniser_test.py", "check_recipes(said)"),
     r"ctest --test-dir build -R tool\.peers": ("scripts/test", 'ctest --preset "$variant"'),
 }
 # The hosts in other languages are run by their own test, which takes them and their commands out of the document.

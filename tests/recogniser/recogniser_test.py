@@ -11,6 +11,7 @@ RAWFILE is another recording of the same sentences, as make_speech_in_noise.sh m
 
 import os
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -73,6 +74,25 @@ def recognise(file):
     return words_of(heard.stdout)
 
 
+def check_recipes(said):
+    """The commands in docs/recipes.md, as they stand there, until they have understood something."""
+    build = Path(os.environ["WRAPPER_AUDIO_LIBRARY"]).resolve().parent
+    environment = dict(os.environ, PATH=f"{build}:{os.environ['PATH']}", LD_LIBRARY_PATH=str(build))
+    recipes = re.findall(r"^(?:wrapper-audio .*)?pocketsphinx_continuous .*$", (ROOT / "docs/recipes.md").read_text(), re.M)
+    assert len(recipes) == 2, recipes
+    for command in recipes:
+        process = subprocess.Popen(["bash", "-c", command], env=environment, stdin=subprocess.DEVNULL, text=True,
+                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, start_new_session=True)
+        recognised = 0
+        while recognised < 3 and (line := process.stdout.readline()):
+            recognised = max(recognised, align(said, words_of(line))[1])
+        if process.poll() is None and " - | " in command:  # until Ctrl-C
+            os.killpg(process.pid, signal.SIGINT)
+        process.communicate(timeout=60)
+        print(f"{command}: {recognised} words")
+        assert recognised >= 3, command
+
+
 def main(raw=DATA / "speech_in_noise_48k.raw"):
     check_alignment()
     script = (DATA / "make_speech_in_noise.sh").read_text()
@@ -89,6 +109,7 @@ def main(raw=DATA / "speech_in_noise_48k.raw"):
             heard = recognise(file)
             errors, recognised[denoise] = align(said, heard)
             print(f"| {'on' if denoise else 'off'} | {recognised[denoise]} | {errors} | {' '.join(heard)} |", flush=True)
+        check_recipes(said)
     # a recogniser that understands nothing at all would prove nothing
     return 0 if recognised[True] >= max(recognised[False], len(said) // 4) else 1
 

@@ -9,6 +9,7 @@ import struct
 import time
 import unittest
 import wave
+from concurrent.futures import ThreadPoolExecutor
 
 from host import FILE_TROUBLE, FINE, HEADER_BYTES, INPUT_BREAKS_OFF, SPEECH, USAGE, HostTest
 
@@ -225,8 +226,9 @@ class Pipes(HostTest):
             for arguments in (["-"], ["--denoise", "--undenoised", "-", self.file])
         ]
         time.sleep(8)  # the pipe holds less than a second, the recorder five
-        for process in processes:
-            output, errors = process.communicate(timeout=30)
+        with ThreadPoolExecutor() as readers:  # both at once, or the second one loses more than there is room for
+            heard = list(readers.map(lambda process: process.communicate(timeout=30), processes))
+        for process, (output, errors) in zip(processes, heard):
             told = re.search(rb"\((\d+) samples\) were lost at .* and replaced by silence: ", errors)
             self.assertIsNotNone(told, errors)
             samples = struct.unpack(f"<{9 * 48000}h", output)

@@ -182,7 +182,7 @@ bool recording::listen() {
         const auto room = std::span(buffer).first(std::min<std::uint64_t>(buffer.size(), left));
         const std::size_t count = microphone_.read(room, block, undenoised);
         losses_.add(block.dropped, static_cast<double>(heard + block.dropped_at) / wanted_.rate);
-        if (count == 0) break;
+        if (count == 0 && !(wanted_.fill_gaps && block.dropped > 0)) break;
         silence_.look_at(block);
         const auto whole = [&](kept_sound& sound, std::span<const float> samples) {
             samples = with_gap(sound, samples.first(count), block);

@@ -216,10 +216,10 @@ TEST_F(both_outputs, stay_in_step_with_every_other_read) {
 TEST_F(both_outputs, need_denoising) {
     wrapper_audio_recorder* made = nullptr;
     for (const int32_t undenoised : {INT32_MIN, -1, 1, 2, INT32_MAX}) {
-        for (const float denoise : {0.0F, 1e-30F, 1.0F}) {
-            const wrapper_audio_recorder_options options{.denoise = denoise, .speech = 1, .undenoised = undenoised};
+        for (const float strength : {0.0F, 1e-30F, 1.0F}) {
+            const wrapper_audio_recorder_options options{.denoise = strength, .speech = 1, .undenoised = undenoised};
             EXPECT_EQ(wrapper_audio_recorder_create(&made, &options),
-                      undenoised == 1 && denoise > 0.0F ? WRAPPER_AUDIO_OK : WRAPPER_AUDIO_INVALID_ARGUMENT);
+                      undenoised == 1 && strength > 0.0F ? WRAPPER_AUDIO_OK : WRAPPER_AUDIO_INVALID_ARGUMENT);
             wrapper_audio_recorder_free(made);
         }
     }

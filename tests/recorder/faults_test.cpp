@@ -64,10 +64,11 @@ protected:
     }
 
     wrapper_audio_status read(std::size_t count, uint64_t done, wrapper_audio_block& told) {
+        if (options_.undenoised != 0)
+            return wrapper_audio_recorder_read_both_f32(recorder, &denoised_.at(done), &undenoised_.at(done), count, -1,
+                                                        &told);
         int16_t pcm[first_read];
-        if (options_.undenoised == 0) return wrapper_audio_recorder_read_s16(recorder, pcm, count, -1, &told);
-        return wrapper_audio_recorder_read_both_f32(recorder, &denoised_.at(done), &undenoised_.at(done), count, -1,
-                                                    &told);
+        return wrapper_audio_recorder_read_s16(recorder, pcm, count, -1, &told);
     }
 
     // The denoiser changes nothing, but is two frames late: one output is what the other becomes 20 ms later.

@@ -6,8 +6,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
 disk_sync::disk_sync(int descriptor, double interval) {
     struct stat opened {};
@@ -15,11 +13,9 @@ disk_sync::disk_sync(int descriptor, double interval) {
     if (interval <= 0 || !S_ISREG(opened.st_mode)) return;
     descriptor_ = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
     thread_ = std::jthread([this, interval](const std::stop_token& stop) {
-        std::mutex mutex;
-        std::condition_variable_any stopped;
-        std::unique_lock hold(mutex);
+        std::unique_lock hold(mutex_);
         for (bool last = false; !last;) {
-            stopped.wait_for(hold, stop, std::chrono::duration<double>(interval), [] { return false; });
+            stopped_.wait_for(hold, stop, std::chrono::duration<double>(interval), [] { return false; });
             last = stop.stop_requested();
             sync();
         }

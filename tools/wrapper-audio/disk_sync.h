@@ -5,6 +5,8 @@
 #define DISK_SYNC_H
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 /** On a thread of its own: a slow disk holds nobody up. */
@@ -23,6 +25,8 @@ private:
     void sync();
 
     int descriptor_ = -1; // one of its own
+    std::mutex mutex_;    // protects nothing: there is only one to wait
+    std::condition_variable_any stopped_;
     std::atomic<int> error_ = 0;
     std::jthread thread_;
 };

@@ -300,7 +300,7 @@ exit_code recording::finish_file(kept_sound& sound, exit_code code) {
 
 exit_code recording::finish(bool good) {
     status_line::finish();
-    kept_sound& first = kept_.front();
+    const kept_sound& first = kept_.front();
     const bool reader_gone =
         std::any_of(kept_.begin(), kept_.end(), [](const auto& each) { return each.reader_gone(); });
     if (reader_gone && kept_.size() == 1) return fine;

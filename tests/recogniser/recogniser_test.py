@@ -81,8 +81,9 @@ def check_recipes(said):
     recipes = re.findall(r"^(?:wrapper-audio .*)?pocketsphinx_continuous .*$", (ROOT / "docs/recipes.md").read_text(), re.M)
     assert len(recipes) == 2, recipes
     for command in recipes:
-        process = subprocess.Popen(["bash", "-c", command], env=environment, stdin=subprocess.DEVNULL, text=True,
-                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, start_new_session=True)
+        # A line at a time, as in a terminal.
+        process = subprocess.Popen(["stdbuf", "-oL", "bash", "-c", command], env=environment, stdin=subprocess.DEVNULL,
+                                   text=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, start_new_session=True)
         recognised = 0
         while recognised < 3 and (line := process.stdout.readline()):
             recognised = max(recognised, align(said, words_of(line))[1])

@@ -117,12 +117,14 @@ TEST_F(recorder_threads, share_a_recorder_and_its_samples) {
     };
     const auto reader_of_both = [&] {
         for (wrapper_audio_status status = WRAPPER_AUDIO_OK; status == WRAPPER_AUDIO_OK;) {
-            float cleaned[777];
-            float raw[777];
+            float cleaned = 0.0F;
+            float raw = 0.0F;
             wrapper_audio_block told;
-            status = wrapper_audio_recorder_read_both_f32(recorder, cleaned, raw, 777, -1, &told);
-            for (uint32_t i = 0; i < told.count; ++i)
-                ASSERT_NEAR(raw[i], microphone.sound(told.position + i), 1e-4);
+            // One at a time: others may take some while a read waits for more.
+            status = wrapper_audio_recorder_read_both_f32(recorder, &cleaned, &raw, 1, -1, &told);
+            if (told.count == 1) {
+                ASSERT_NEAR(raw, microphone.sound(told.position), 1e-4);
+            }
             count += told.count;
             dropped += told.dropped;
         }
@@ -131,7 +133,8 @@ TEST_F(recorder_threads, share_a_recorder_and_its_samples) {
         while (!stopped) {
             float probabilities[5];
             spoken += wrapper_audio_recorder_take_speech(recorder, probabilities, 5);
-            ASSERT_LE(info().read, info().captured);
+            const wrapper_audio_recorder_info now = info();
+            ASSERT_LE(now.read, now.captured);
             ASSERT_EQ(text(WRAPPER_AUDIO_TEXT_DEVICE_ID), "Host:A");
             take_log();
         }

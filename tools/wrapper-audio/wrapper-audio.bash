@@ -11,7 +11,7 @@ _wrapper_audio_devices() {
 
 _wrapper_audio() {
     local line=${COMP_LINE:0:COMP_POINT} command=${COMP_WORDS[1]} current=${COMP_WORDS[COMP_CWORD]}
-    local common='--help --quiet --verbose' effects='--denoise --denoise=required --converter --highpass --depop --agc --type --bits --bitrate --no-clobber'
+    local common='--help --quiet --verbose' effects='--denoise --denoise=required --converter --highpass --depop --agc --type --bits --bitrate --quality --no-clobber'
     local pauses='--stop-after-silence --pre-roll --events' speech='--start-on-speech --trim --split'
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then

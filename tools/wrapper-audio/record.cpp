@@ -101,10 +101,11 @@ public:
           silence_(options.rate), events_(options.speech.events, options.rate),
           microphone_(options.device, recorder_options(options)) {
         if (!wanted_.speech.any()) return;
-        cutter_.emplace(wanted_.speech, wanted_.rate, events_,
-                        speech_sink{.write = [this](auto samples) { return write(kept_.front(), samples); },
-                                    .begin_utterance = [this] { return create_file(kept_.front()); },
-                                    .end_utterance = [this] { return finish_file(kept_.front(), fine) == fine; }});
+        cutter_ = std::make_unique<speech_cutter>(
+            wanted_.speech, wanted_.rate, events_,
+            speech_sink{.write = [this](auto samples) { return write(kept_.front(), samples); },
+                        .begin_utterance = [this] { return create_file(kept_.front()); },
+                        .end_utterance = [this] { return finish_file(kept_.front(), fine) == fine; }});
     }
 
     exit_code run();
@@ -133,7 +134,7 @@ private:
     level_meter meter_;
     event_log events_;
     microphone microphone_;
-    std::optional<speech_cutter> cutter_;
+    std::unique_ptr<speech_cutter> cutter_;
     std::set<std::string> names_;
     std::uint64_t position_ = 0; // behind what was read, lost samples included
     std::uint64_t told_ = 0;     // probabilities of speech

@@ -108,18 +108,18 @@ wrapper_audio_status wrapper_audio_device_list_create(wrapper_audio_device_list*
     if (list == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
     *list = nullptr;
     return guarded([&] {
-        const auto made = std::make_shared<std::unique_ptr<wrapper_audio_device_list>>();
+        const auto made = std::make_shared<wrapper_audio_device_list>();
         const auto look = [made] {
             const log::scope log;
             const audio_system_lock lock{opening_patience};
             const audio_system system;
-            *made = std::make_unique<wrapper_audio_device_list>(wrapper_audio_device_list{read_devices(), {}});
-            for (const device& each : (*made)->devices)
-                (*made)->records.push_back(record_of(each));
+            made->devices = read_devices();
+            for (const device& each : made->devices)
+                made->records.push_back(record_of(each));
         };
         run_with_patience(look, opening_patience + stopping_patience,
                           "the audio system does not respond: it has not listed its devices within 10 seconds");
-        *list = made->release();
+        *list = new wrapper_audio_device_list(std::move(*made));
         return WRAPPER_AUDIO_OK;
     });
 }

@@ -77,6 +77,6 @@ void run_with_patience(std::function<void()> action, std::chrono::milliseconds p
     count_abandoned(1);
     thread.detach();
     throw failure{WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK, reason};
-}
+} // GCOVR_EXCL_BR_LINE: the thread has been joined or left behind
 
 } // namespace recorder

@@ -119,7 +119,7 @@ wrapper_audio_status wrapper_audio_device_list_create(wrapper_audio_device_list*
         };
         run_with_patience(look, opening_patience + stopping_patience,
                           "the audio system does not respond: it has not listed its devices within 10 seconds");
-        *list = new wrapper_audio_device_list(std::move(*made));
+        *list = std::make_unique<wrapper_audio_device_list>(std::move(*made)).release();
         return WRAPPER_AUDIO_OK;
     });
 }

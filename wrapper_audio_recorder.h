@@ -73,23 +73,28 @@ extern "C" {
 
 /** @name Status */ /** @{ */
 
-/** The outcome of a call. The numbers never change; those below 0 are failures. */
+/**
+ * The outcome of a call. The numbers never change; those below 0 are failures, of which a later version may have more.
+ */
 typedef enum wrapper_audio_status {
-    WRAPPER_AUDIO_OK = 0,                 /**< success */
-    WRAPPER_AUDIO_TIMEOUT = 1,            /**< the time ran out before everything had arrived */
-    WRAPPER_AUDIO_STOPPED = 2,            /**< the recorder was stopped, and every sample has been read */
-    WRAPPER_AUDIO_INVALID_ARGUMENT = -1,  /**< an argument is NULL, NaN or out of range */
-    WRAPPER_AUDIO_INVALID_STATE = -2,     /**< not possible now: the recorder is already open, or never was */
-    WRAPPER_AUDIO_OUT_OF_MEMORY = -3,     /**< no memory, or no more threads */
-    WRAPPER_AUDIO_NO_AUDIO_SYSTEM = -4,   /**< PortAudio does not start */
-    WRAPPER_AUDIO_NO_INPUT_DEVICE = -5,   /**< there is no device to record from */
-    WRAPPER_AUDIO_UNKNOWN_DEVICE = -6,    /**< no device has this id */
-    WRAPPER_AUDIO_AMBIGUOUS_DEVICE = -7,  /**< several devices match */
-    WRAPPER_AUDIO_NOT_AN_INPUT = -8,      /**< the device cannot record */
-    WRAPPER_AUDIO_DEVICE_REFUSED = -9,    /**< the device did not open */
-    WRAPPER_AUDIO_DEVICE_FAILED = -10,    /**< the device failed while recording: it is gone */
-    WRAPPER_AUDIO_NO_DATA = -11,          /**< the device is open but delivers nothing */
-    WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK = -12 /**< the audio system does not respond */
+    WRAPPER_AUDIO_OK = 0,                   /**< success */
+    WRAPPER_AUDIO_TIMEOUT = 1,              /**< the time ran out before everything had arrived */
+    WRAPPER_AUDIO_STOPPED = 2,              /**< the recorder was stopped, and every sample has been read */
+    WRAPPER_AUDIO_INVALID_ARGUMENT = -1,    /**< an argument is NULL, NaN or out of range */
+    WRAPPER_AUDIO_INVALID_STATE = -2,       /**< not possible now: the recorder is already open, or never was */
+    WRAPPER_AUDIO_OUT_OF_MEMORY = -3,       /**< no memory, or no more threads */
+    WRAPPER_AUDIO_NO_AUDIO_SYSTEM = -4,     /**< PortAudio does not start */
+    WRAPPER_AUDIO_NO_INPUT_DEVICE = -5,     /**< there is no device to record from */
+    WRAPPER_AUDIO_UNKNOWN_DEVICE = -6,      /**< no device has this id */
+    WRAPPER_AUDIO_AMBIGUOUS_DEVICE = -7,    /**< several devices match */
+    WRAPPER_AUDIO_NOT_AN_INPUT = -8,        /**< the device cannot record */
+    WRAPPER_AUDIO_DEVICE_REFUSED = -9,      /**< the device did not open, and it is not known why */
+    WRAPPER_AUDIO_DEVICE_FAILED = -10,      /**< the device failed while recording */
+    WRAPPER_AUDIO_NO_DATA = -11,            /**< the device is open but delivers nothing */
+    WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK = -12, /**< the audio system does not respond */
+    WRAPPER_AUDIO_DEVICE_BUSY = -13,        /**< the device did not open: another program has it */
+    WRAPPER_AUDIO_DEVICE_FORBIDDEN = -14,   /**< the device did not open: this user may not use it */
+    WRAPPER_AUDIO_DEVICE_GONE = -15         /**< the device is not there any more: it was unplugged */
 } wrapper_audio_status;
 
 /**
@@ -280,7 +285,8 @@ wrapper_audio_status wrapper_audio_recorder_create(wrapper_audio_recorder **reco
  * @param device_id  the `id` of a wrapper_audio_device, compared byte for byte; NULL or "": the default input device
  * @return OK; STOPPED if another thread stopped it meanwhile; INVALID_STATE if it is already open; NO_AUDIO_SYSTEM,
  *         NO_INPUT_DEVICE, UNKNOWN_DEVICE, NOT_AN_INPUT, DEVICE_REFUSED, AUDIO_SYSTEM_STUCK (after 10 s),
- *         OUT_OF_MEMORY, INVALID_ARGUMENT. After a failure the recorder is not open and does not hold the device.
+ *         OUT_OF_MEMORY, INVALID_ARGUMENT; of devices of ALSA, which gives reasons, DEVICE_BUSY, DEVICE_FORBIDDEN and
+ *         DEVICE_GONE. After a failure the recorder is not open and does not hold the device.
  */
 wrapper_audio_status wrapper_audio_recorder_open(wrapper_audio_recorder *recorder,
                                                  const char *device_id) WRAPPER_AUDIO_NOEXCEPT;
@@ -294,10 +300,10 @@ wrapper_audio_status wrapper_audio_recorder_open(wrapper_audio_recorder *recorde
  * @param count       how many are wanted; 0 returns at once
  * @param timeout_ms  how long to wait at most; 0: not at all; below 0: as long as the device delivers
  * @param block       receives the number of samples and what is known about them; always filled
- * @return OK; TIMEOUT; STOPPED, once everything before the stop has been read; DEVICE_FAILED, once everything before
- *         the failure has been read; NO_DATA when nothing has arrived in `stall_ms` of waiting (a later read may return
- *         sound again); OUT_OF_MEMORY when the recorder's thread found none; INVALID_STATE before the first open;
- *         INVALID_ARGUMENT
+ * @return OK; TIMEOUT; STOPPED, once everything before the stop has been read; DEVICE_FAILED, or DEVICE_GONE where ALSA
+ *         says so, once everything before the failure has been read; NO_DATA when nothing has arrived in `stall_ms` of
+ *         waiting (a later read may return sound again); OUT_OF_MEMORY when the recorder's thread found none;
+ *         INVALID_STATE before the first open; INVALID_ARGUMENT
  *
  * Allocates nothing. Reads on several threads divide the samples among them.
  */
@@ -357,6 +363,51 @@ size_t wrapper_audio_recorder_take_speech(wrapper_audio_recorder *recorder, floa
  */
 wrapper_audio_status wrapper_audio_recorder_get_info(wrapper_audio_recorder *recorder,
                                                      wrapper_audio_recorder_info *info) WRAPPER_AUDIO_NOEXCEPT;
+
+/** What a recorder hears. */
+typedef enum wrapper_audio_signal {
+    WRAPPER_AUDIO_SIGNAL_UNKNOWN = 0, /**< too little has been read to tell */
+    WRAPPER_AUDIO_SIGNAL_SOUND = 1,   /**< none of those below: a peak of 0.001 or more in the last 2.5 s */
+    WRAPPER_AUDIO_SIGNAL_NO_DATA = 2, /**< the device has delivered nothing for 2.5 s */
+    WRAPPER_AUDIO_SIGNAL_ZEROS = 3,   /**< each sample of the last 2.5 s was exactly 0: muted, or the wrong device */
+    WRAPPER_AUDIO_SIGNAL_HISS = 4,    /**< each peak of the last 2.5 s was below 0.001, 60 dB below full scale: an
+                                           analogue input that is muted, or has nothing plugged in. A microphone that is
+                                           set up for speech makes the noise of a quiet room louder than that; if it is
+                                           not, its level is too low to record anybody well. */
+    WRAPPER_AUDIO_SIGNAL_CLIPPING = 5 /**< in each tenth of the last 2.5 s one sample in a hundred, or more, was at full
+                                           scale */
+} wrapper_audio_signal;
+
+/**
+ * Says what a recorder hears, so that a host can tell a microphone that is dead from a room that is quiet. It is judged
+ * by what the device delivered in the time of the samples that reads have returned, before denoising; samples that were
+ * lost do not count, nor what is older than `buffer_ms` and 2 s when a long read returns. It is known 2.5 s after the
+ * first of them, or with the first sound. NO_DATA does not wait for reads.
+ *
+ * @param recorder  a recorder
+ * @param signal    receives a wrapper_audio_signal; UNKNOWN before the first open
+ * @return OK, INVALID_ARGUMENT
+ *
+ * Allocates nothing.
+ */
+wrapper_audio_status wrapper_audio_recorder_get_signal(wrapper_audio_recorder *recorder,
+                                                       int32_t *signal) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Returns an English sentence about a signal, without a full stop.
+ *
+ * @param signal  a wrapper_audio_signal
+ * @return a constant text, even for numbers that are not a signal
+ */
+const char *wrapper_audio_signal_text(int32_t signal) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Returns an English sentence that says what a person can do about a signal, without a full stop.
+ *
+ * @param signal  a wrapper_audio_signal
+ * @return a constant text; "" where there is nothing to do, and for numbers that are not a signal
+ */
+const char *wrapper_audio_signal_advice(int32_t signal) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
  * Copies one of the recorder's texts.

@@ -105,6 +105,10 @@ void require_recording(script& bytes, const char* id, int index) {
         require(block.count == count && block.position == read && block.dropped == 0, "a file loses nothing");
         read += block.count;
     }
+    int32_t signal = -1;
+    require(wrapper_audio_recorder_get_signal(made, &signal) == WRAPPER_AUDIO_OK, "it says what it hears");
+    require(*wrapper_audio_signal_advice(signal) == '\0' || 100 * read > 249 * static_cast<uint64_t>(options.rate),
+            "silence and clipping need 2.5 s");
     require(wrapper_audio_recorder_stop(made) == WRAPPER_AUDIO_OK, "it stops");
     wrapper_audio_status last = WRAPPER_AUDIO_OK;
     for (; last == WRAPPER_AUDIO_OK; read += block.count)

@@ -3,9 +3,11 @@
 #include "server_sources.h"
 #include "text.h"
 
+#include <alsa/asoundlib.h>
 #include <portaudio.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
@@ -35,6 +37,13 @@ const char* text_or(const char* text, const char* otherwise) {
 std::string host_api_name(const PaDeviceInfo& info) {
     const PaHostApiInfo* host_api = Pa_GetHostApiInfo(info.hostApi);
     return host_api == nullptr ? "?" : text_or(host_api->name, "");
+}
+
+// PortAudio calls hardware by its name, with ALSA's name in brackets behind it, and other devices as ALSA does.
+std::string name_in_alsa(const std::string& name) {
+    const std::size_t bracket = name.rfind('(');
+    const bool is_hardware = name.ends_with(')') && name.find("hw:", bracket) != std::string::npos;
+    return is_hardware ? name.substr(bracket + 1, name.size() - bracket - 2) : name;
 }
 
 std::string core_id(const PaDeviceInfo& info) {
@@ -173,6 +182,8 @@ std::vector<device> read_devices() {
         found.input_channels = info->maxInputChannels;
         found.output_channels = info->maxOutputChannels;
         found.is_default = index == default_input;
+        const PaHostApiInfo* const host_api = Pa_GetHostApiInfo(info->hostApi);
+        if (host_api != nullptr && host_api->type == paALSA) found.alsa_name = name_in_alsa(text_or(info->name, ""));
         if (const server_source* const source = server_source_of(text_or(info->name, ""))) {
             found.id = source->server + ":" + source->name;
             found.name = valid_utf8(source->description);
@@ -218,14 +229,50 @@ std::string candidates(const std::vector<const device*>& devices) {
 
 namespace {
 
+// Why a device does not open. PortAudio does not pass on what ALSA says, so ALSA is asked once more. DEVICE_REFUSED if it
+// gives no reason, opens the device now, or does not have it.
+wrapper_audio_status refusal_of(const std::string& alsa_name) {
+    if (alsa_name.empty()) return WRAPPER_AUDIO_DEVICE_REFUSED;
+    snd_pcm_t* pcm = nullptr;
+    const int result = snd_pcm_open(&pcm, alsa_name.c_str(), SND_PCM_STREAM_CAPTURE, SND_PCM_NONBLOCK);
+    if (result >= 0) snd_pcm_close(pcm);
+    switch (result) {
+    case -EBUSY:
+        return WRAPPER_AUDIO_DEVICE_BUSY;
+    case -EACCES:
+    case -EPERM:
+        return WRAPPER_AUDIO_DEVICE_FORBIDDEN;
+    case -ENODEV: // its driver still waits for those who use it
+    case -ENOENT:
+        return WRAPPER_AUDIO_DEVICE_GONE;
+    default:
+        return WRAPPER_AUDIO_DEVICE_REFUSED;
+    }
+}
+
+std::string sentence_about(const std::string& id, wrapper_audio_status refusal) {
+    return valid_utf8(id) + " did not open: " + wrapper_audio_status_text(refusal);
+}
+
+// PortAudio leaves a device out of its table, or has it as an output only, if ALSA does not open it at once.
+void throw_if_kept_away(const std::string& id) {
+    const std::string alsa = "ALSA:";
+    const wrapper_audio_status refusal = refusal_of(id.empty()             ? "default"
+                                                    : id.starts_with(alsa) ? name_in_alsa(id.substr(alsa.size()))
+                                                                           : "");
+    if (refusal == WRAPPER_AUDIO_DEVICE_BUSY || refusal == WRAPPER_AUDIO_DEVICE_FORBIDDEN)
+        throw failure{refusal, sentence_about(id.empty() ? "the default input device" : id, refusal)};
+}
+
 device choose(const std::string& id) {
     const std::vector<device> devices = read_devices();
     std::vector<const device*> inputs;
     for (const device& each : devices)
         if (each.input_channels > 0) inputs.push_back(&each);
-    if (inputs.empty()) throw failure{WRAPPER_AUDIO_NO_INPUT_DEVICE, "there is no input device"};
     const auto chosen = std::find_if(devices.begin(), devices.end(),
                                      [&](const device& each) { return id.empty() ? each.is_default : each.id == id; });
+    if (chosen == devices.end() || chosen->input_channels < 1) throw_if_kept_away(id);
+    if (inputs.empty()) throw failure{WRAPPER_AUDIO_NO_INPUT_DEVICE, "there is no input device"};
     if (chosen == devices.end() && id.empty())
         throw failure{WRAPPER_AUDIO_NO_INPUT_DEVICE,
                       "there is no default input device. There are:" + candidates(inputs)};
@@ -247,6 +294,9 @@ microphone::microphone(const std::string& id, int32_t best_rate, log::scope& log
     const std::string line = log.take_failure();
     const std::string english = log::in_english(line); // empty where there was no memory for the line
     const bool has_no_memory = english.empty() || english.starts_with("there is no memory");
+    context_.reset(); // a device that is still its own would seem to be somebody else's
+    if (const auto refusal = refusal_of(device_.alsa_name); !has_no_memory && refusal != WRAPPER_AUDIO_DEVICE_REFUSED)
+        throw failure{refusal, sentence_about(device_.id, refusal), line};
     throw failure{has_no_memory ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_DEVICE_REFUSED,
                   with_words(valid_utf8(device_.id) + " did not open", line), line};
 }
@@ -274,7 +324,22 @@ int32_t microphone::read(std::vector<int16_t>& samples, log::scope& log) {
     const int32_t count = wrapper_audio_read(context_.get(), block_ms, samples.data(), room, nullptr, nullptr);
     if (count > 0) return count;
     const std::string line = log.take_failure();
+    if (is_gone())
+        throw failure{WRAPPER_AUDIO_DEVICE_GONE,
+                      valid_utf8(device_.id) + " failed: " + wrapper_audio_status_text(WRAPPER_AUDIO_DEVICE_GONE),
+                      line};
     throw failure{WRAPPER_AUDIO_DEVICE_FAILED, with_words(valid_utf8(device_.id) + " failed", line), line};
+}
+
+// Whether ALSA does not have it any more. Only ALSA's table needs the lock for that, and while somebody else keeps it,
+// nobody knows.
+bool microphone::is_gone() const {
+    try {
+        const audio_system_lock lock{std::chrono::seconds(1)};
+        return refusal_of(device_.alsa_name) == WRAPPER_AUDIO_DEVICE_GONE;
+    } catch (const failure&) {
+        return false;
+    }
 }
 
 } // namespace recorder

@@ -40,6 +40,7 @@ struct device {
     std::string id;
     std::string name;
     std::string host_api;
+    std::string alsa_name; // empty if it belongs to another audio API
     int32_t default_rate = 0;
     int32_t input_channels = 0;
     int32_t output_channels = 0;
@@ -78,6 +79,7 @@ private:
         void operator()(wrapper_audio_ctx* context) const { wrapper_audio_free(context); }
     };
     bool open(int32_t rate, const log::scope& log);
+    bool is_gone() const;
 
     audio_system system_;
     recorder::device device_;

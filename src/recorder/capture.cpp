@@ -78,6 +78,7 @@ void history::report(uint64_t end, wrapper_audio_block& block) {
         last_.squares += levels.squares;
         last_.count += levels.count;
         block.clipped += levels.clipped;
+        signal_watch_.add(levels.peak, levels.clipped, levels.count);
         if (reported_ < speech_count_)
             block.speech_probability = std::max(block.speech_probability, speech_[reported_ % speech_.size()]);
     }
@@ -216,7 +217,7 @@ bool capture::may_read() {
     const auto has_room = [&] { return buffer_->room() >= largest_step_; };
     is_file_ = is_file_ || (!has_room() && runs_ahead());
     if (is_file_) changed_.wait(hold, [&] { return stop_requested_ || has_room(); });
-    waits_since_ = clock::now();
+    waits_since_ = last_request_ = clock::now();
     return !stop_requested_;
 }
 
@@ -402,6 +403,13 @@ wrapper_audio_recorder_info capture::info() const {
         info.dropped = buffer_->lost_count();
     }
     return info;
+}
+
+wrapper_audio_signal capture::signal() const {
+    const std::lock_guard hold{mutex_};
+    const bool waits = waits_since_ && !ended_;
+    if (waits && clock::now() - last_request_ >= signal_watch::window) return WRAPPER_AUDIO_SIGNAL_NO_DATA;
+    return history_.signal();
 }
 
 failure capture::last_failure() const {

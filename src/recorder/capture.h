@@ -4,6 +4,7 @@
 #include "audio_system.h"
 #include "loss_watch.h"
 #include "sample_buffer.h"
+#include "signal_watch.h"
 #include "speech_gate.h"
 #include "voice.h"
 
@@ -36,6 +37,9 @@ public:
     // Reports what began since the last call and before `end`, in units of 10 ms.
     void report(uint64_t end, wrapper_audio_block& block);
 
+    // Of what was reported.
+    wrapper_audio_signal signal() const { return signal_watch_.signal(); }
+
     // Takes the probabilities of what was reported, oldest first.
     std::size_t take_speech(float* probabilities, std::size_t capacity);
 
@@ -47,6 +51,7 @@ private:
     std::vector<captured_levels> levels_; // rings
     std::vector<float> speech_;
     captured_levels last_;
+    signal_watch signal_watch_;
     uint64_t captured_ = 0;
     uint64_t speech_count_ = 0;
     uint64_t reported_ = 0;
@@ -78,6 +83,7 @@ public:
     wrapper_audio_status stop();
     bool has_ended() const;
     wrapper_audio_recorder_info info() const;
+    wrapper_audio_signal signal() const;
     failure last_failure() const;
     recorder::device device() const;
 
@@ -124,6 +130,7 @@ private:
     std::optional<loss_watch> loss_watch_;
     clock::time_point began_;
     std::optional<clock::time_point> waits_since_; // for the device
+    clock::time_point last_request_;               // of the thread to the device
     bool is_file_ = false;
 };
 

@@ -46,6 +46,12 @@ const char* wrapper_audio_status_text(int32_t status) noexcept {
         return "the device is open but delivers no sound";
     case WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK:
         return "the audio system does not respond";
+    case WRAPPER_AUDIO_DEVICE_BUSY:
+        return "another program is using the device";
+    case WRAPPER_AUDIO_DEVICE_FORBIDDEN:
+        return "this user may not use the device";
+    case WRAPPER_AUDIO_DEVICE_GONE:
+        return "the device is not there any more";
     default:
         return "unknown status";
     }
@@ -74,6 +80,48 @@ const char* wrapper_audio_status_advice(int32_t status) noexcept {
         return "Wait, reconnect it, or choose another device";
     case WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK:
         return "Reconnect the device, or restart the sound server";
+    case WRAPPER_AUDIO_DEVICE_BUSY:
+        return "Close the other program, or choose another device";
+    case WRAPPER_AUDIO_DEVICE_FORBIDDEN:
+        return "Let this user have it, as members of the group audio mostly do, or choose another device";
+    case WRAPPER_AUDIO_DEVICE_GONE:
+        return "Connect it and open it again, or choose another device";
+    default:
+        return "";
+    }
+}
+
+// ---- Signal ----
+
+const char* wrapper_audio_signal_text(int32_t signal) noexcept {
+    switch (signal) {
+    case WRAPPER_AUDIO_SIGNAL_UNKNOWN:
+        return "too little has been heard of the input to tell";
+    case WRAPPER_AUDIO_SIGNAL_SOUND:
+        return "there is sound on the input";
+    case WRAPPER_AUDIO_SIGNAL_NO_DATA:
+        return "the input is open but delivers nothing";
+    case WRAPPER_AUDIO_SIGNAL_ZEROS:
+        return "the input is silent: it delivers nothing but zeros";
+    case WRAPPER_AUDIO_SIGNAL_HISS:
+        return "the input is silent but for a faint hiss, 60 dB or more below full scale";
+    case WRAPPER_AUDIO_SIGNAL_CLIPPING:
+        return "the input clips all the time";
+    default:
+        return "unknown signal";
+    }
+}
+
+const char* wrapper_audio_signal_advice(int32_t signal) noexcept {
+    switch (signal) {
+    case WRAPPER_AUDIO_SIGNAL_NO_DATA:
+        return wrapper_audio_status_advice(WRAPPER_AUDIO_NO_DATA);
+    case WRAPPER_AUDIO_SIGNAL_ZEROS:
+        return "Unmute it, or choose another device";
+    case WRAPPER_AUDIO_SIGNAL_HISS:
+        return "Unmute it, plug a microphone in, raise its level, or choose another device";
+    case WRAPPER_AUDIO_SIGNAL_CLIPPING:
+        return "Lower its level, or choose another device";
     default:
         return "";
     }
@@ -345,6 +393,13 @@ wrapper_audio_status wrapper_audio_recorder_get_info(wrapper_audio_recorder* rec
     const call running{*recorder};
     *info = running.current() != nullptr ? running.current()->info() : wrapper_audio_recorder_info{};
     info->rate = recorder->options.rate;
+    return WRAPPER_AUDIO_OK;
+}
+
+wrapper_audio_status wrapper_audio_recorder_get_signal(wrapper_audio_recorder* recorder, int32_t* signal) noexcept {
+    if (recorder == nullptr || signal == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    const call running{*recorder};
+    *signal = running.current() != nullptr ? running.current()->signal() : WRAPPER_AUDIO_SIGNAL_UNKNOWN;
     return WRAPPER_AUDIO_OK;
 }
 

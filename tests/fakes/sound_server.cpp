@@ -274,9 +274,14 @@ int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t stream, int
     const fake::inside here;
     if (stream != SND_PCM_STREAM_CAPTURE || mode != SND_PCM_NONBLOCK) std::abort(); // it might wait for somebody else
     all->script.opened.emplace_back(name);
+    const auto answer = all->script.answers.find(name);
     const auto device = all->script.devices.find(name);
-    if (device == all->script.devices.end()) return -ENOENT;
-    if (!all->script.plugins.contains(device->second.substr(0, device->second.find(' ')))) return -ENXIO;
+    const auto result = [&] {
+        if (answer != all->script.answers.end()) return answer->second;
+        if (device == all->script.devices.end()) return -EIO;
+        return all->script.plugins.contains(device->second.substr(0, device->second.find(' '))) ? 0 : -ENXIO;
+    }();
+    if (result < 0) return result;
     *pcm = held(all->pcm);
     return 0;
 }

@@ -32,6 +32,7 @@ struct sound_server {
     std::set<std::string> plugins{"pulse", "pipewire"}; // that ALSA has
     std::set<std::string> failing;                      // functions, always
     std::map<std::string, int> failing_once;            // functions, at which call from now, from 1
+    std::map<std::string, int> answers;                 // what ALSA says when a device is opened, by its name
 
     // What happened.
     std::map<std::string, std::string> devices; // of ALSA: "plug-in parameter=source"

@@ -21,6 +21,9 @@ const enums = {
     DEVICE_FAILED: -10,
     NO_DATA: -11,
     AUDIO_SYSTEM_STUCK: -12,
+    DEVICE_BUSY: -13,
+    DEVICE_FORBIDDEN: -14,
+    DEVICE_GONE: -15,
   },
   Denoising: {
     OFF: 0,
@@ -36,6 +39,14 @@ const enums = {
     DEVICE_NAME: 1,
     REASON: 2,
     LOG_LINE: 3,
+  },
+  Signal: {
+    UNKNOWN: 0,
+    SOUND: 1,
+    NO_DATA: 2,
+    ZEROS: 3,
+    HISS: 4,
+    CLIPPING: 5,
   },
 };
 
@@ -155,6 +166,9 @@ const functions = [
   'int wrapper_audio_recorder_read_both_f32(void *recorder, float *denoised, float *undenoised, size_t count, int32_t timeout_ms, _Out_ wrapper_audio_block *block)',
   'size_t wrapper_audio_recorder_take_speech(void *recorder, float *probabilities, size_t capacity)',
   'int wrapper_audio_recorder_get_info(void *recorder, _Out_ wrapper_audio_recorder_info *info)',
+  'int wrapper_audio_recorder_get_signal(void *recorder, int32_t *signal)',
+  'const char *wrapper_audio_signal_text(int32_t signal)',
+  'const char *wrapper_audio_signal_advice(int32_t signal)',
   'size_t wrapper_audio_recorder_get_text(void *recorder, int32_t kind, void *text, size_t capacity)',
   'int wrapper_audio_recorder_stop(void *recorder)',
   'void wrapper_audio_recorder_free(void *recorder)',

@@ -41,6 +41,9 @@ class Status(enum.IntEnum):
     DEVICE_FAILED = -10
     NO_DATA = -11
     AUDIO_SYSTEM_STUCK = -12
+    DEVICE_BUSY = -13
+    DEVICE_FORBIDDEN = -14
+    DEVICE_GONE = -15
 
 
 class Denoising(enum.IntEnum):
@@ -59,6 +62,15 @@ class RecorderTextKind(enum.IntEnum):
     DEVICE_NAME = 1
     REASON = 2
     LOG_LINE = 3
+
+
+class Signal(enum.IntEnum):
+    UNKNOWN = 0
+    SOUND = 1
+    NO_DATA = 2
+    ZEROS = 3
+    HISS = 4
+    CLIPPING = 5
 
 
 class Device(Structure):
@@ -199,6 +211,9 @@ FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
     ),
     "wrapper_audio_recorder_take_speech": (c_size_t, [c_void_p, POINTER(c_float), c_size_t]),
     "wrapper_audio_recorder_get_info": (c_int, [c_void_p, POINTER(RecorderInfo)]),
+    "wrapper_audio_recorder_get_signal": (c_int, [c_void_p, POINTER(c_int32)]),
+    "wrapper_audio_signal_text": (c_char_p, [c_int32]),
+    "wrapper_audio_signal_advice": (c_char_p, [c_int32]),
     "wrapper_audio_recorder_get_text": (c_size_t, [c_void_p, c_int32, POINTER(c_char), c_size_t]),
     "wrapper_audio_recorder_stop": (c_int, [c_void_p]),
     "wrapper_audio_recorder_free": (None, [c_void_p]),

@@ -1,11 +1,25 @@
 """What `wrapper-audio doctor` advises, done: each piece of advice that it gives helps."""
 
+import errno
 import os
 import signal
 import subprocess
 import unittest
 
-from host import FINE, HOST, NO_DEVICE, NO_INPUT_DEVICE, OPEN_FAILED, READ_FAILED, SPEECH, USAGE, HostTest
+from host import (
+    CLIPPING,
+    FINE,
+    HISS,
+    HOST,
+    NO_DEVICE,
+    NO_INPUT_DEVICE,
+    OPEN_FAILED,
+    READ_FAILED,
+    SPEECH,
+    USAGE,
+    ZEROS,
+    HostTest,
+)
 from servers_test import ServerTest, servers
 
 IS_WELL = r"--denoise works: denoising"
@@ -21,7 +35,7 @@ class Advised(HostTest):
         code, output, errors = self.host("doctor", *arguments, **options)
         self.assertEqual((code, errors), (FINE, ""))
         self.assertRegex(output, IS_WELL)
-        self.assertNotIn("silence", output)
+        self.assertNotIn("the input ", output)
 
 
 class OnFileMicrophones(Advised):
@@ -31,13 +45,15 @@ class OnFileMicrophones(Advised):
         self.listen_to(SPEECH)
         self.assert_is_well()
 
-    def test_close_other_programs_or_choose_another_device(self):
+    def test_close_the_other_program_or_choose_another_device(self):
         self.listen_to(SPEECH)
         shared = {"MICROPHONE_LOCK": str(self.folder / "lock"), "MICROPHONE_PACED": "1"}
         other = self.start("record", self.file, microphone=shared)
         self.wait_for(lambda: self.file.exists() and self.file.stat().st_size > 10000, other)
         self.assert_advises(
-            "Close other programs that may be using it, or choose another device", ends=OPEN_FAILED, microphone=shared
+            "another program is using the device. Close the other program, or choose another device",
+            ends=OPEN_FAILED,
+            microphone=shared,
         )
         self.assert_is_well("--device", "filemic", microphone=shared)
         other.send_signal(signal.SIGINT)
@@ -59,8 +75,30 @@ class OnFileMicrophones(Advised):
         with open(self.folder / "microphone.conf", "a") as configuration:
             configuration.write('pcm.silent { type file slave.pcm null file "/dev/null" infile "/dev/zero" format raw }\n')
             configuration.write("pcm.null { type null }\n")
-        self.assert_advises("silence. Unmute the input, or choose another device by --device", "-d", "silent", ends=FINE)
+        self.assert_advises(ZEROS, "-d", "silent", ends=FINE)
         self.assert_is_well("-d", "filemic")
+
+    def test_raise_or_lower_its_level(self):
+        for samples, advice in ([-33, 33], HISS), ([-32768, 32767], CLIPPING):
+            self.listen_to_samples(samples * 24000 * 3)
+            self.assert_advises(advice, ends=FINE)
+        self.listen_to(SPEECH)
+        self.assert_is_well()
+
+    def test_let_this_user_have_it_or_connect_it_again(self):
+        self.listen_to(SPEECH)
+        for answer, words in (
+            (errno.EACCES, "this user may not use the device. Let this user have it, as members of the group audio"),
+            (errno.EPERM, "this user may not use the device. Let this user have it, as members of the group audio"),
+        ):
+            self.assert_advises(words, ends=OPEN_FAILED, microphone={"MICROPHONE_ANSWER": str(answer)})
+        for answer in errno.ENODEV, errno.ENOENT:
+            for more in {}, {"MICROPHONE_FAILS_AFTER": "3"}:
+                words = "the device is not there any more. Connect it and open it again, or choose another device"
+                microphone = {"MICROPHONE_ANSWER": str(answer), **more}
+                self.assert_advises(words, ends=READ_FAILED, microphone=microphone)
+                self.assert_is_well("--device", "filemic", microphone={"MICROPHONE_ANSWER": str(answer)})
+        self.assert_is_well(microphone={})
 
     def test_become_a_member_of_the_group_audio(self):
         if os.geteuid() != 0:
@@ -121,7 +159,7 @@ class OnPulseAudio(ServerTest, Advised):
 
     def test_unmute_the_input(self):
         self.server.output("pactl", "set-source-mute", "mic.monitor", "1")
-        self.assert_advises("silence. Unmute the input", ends=FINE)
+        self.assert_advises(ZEROS, ends=FINE)
         self.server.output("pactl", "set-source-mute", "mic.monitor", "0")
         self.assert_is_well()
 

@@ -24,6 +24,14 @@ SPEECH = ROOT / "tests/data/speech_in_noise_48k.raw"
 FINE, USAGE, NO_INPUT_DEVICE, OPEN_FAILED, READ_FAILED, FILE_TROUBLE, INPUT_BREAKS_OFF, NOT_DENOISED = 0, 2, 3, 4, 5, 6, 7, 8
 HEADER_BYTES = 44
 
+ZEROS = "the input is silent: it delivers nothing but zeros. Unmute it, or choose another device"
+HISS = (
+    "the input is silent but for a faint hiss, 60 dB or more below full scale. "
+    "Unmute it, plug a microphone in, raise its level, or choose another device"
+)
+CLIPPING = "the input clips all the time. Lower its level, or choose another device"
+NOTHING_COMES = "the input is open but delivers nothing. Wait, reconnect it, or choose another device"
+
 NO_DEVICE = "pcm.nothing { type hw card 99 }\n"  # PortAudio aborts when there is no definition at all
 
 

@@ -15,6 +15,7 @@ from host import (
     HEADER_BYTES,
     NO_DEVICE,
     NO_INPUT_DEVICE,
+    NOTHING_COMES,
     NOT_DENOISED,
     OPEN_FAILED,
     READ_FAILED,
@@ -340,6 +341,8 @@ class Failure(HostTest):
         with self.subTest("by itself"):
             code, output, errors = self.record(self.file, microphone=stalled)
             self.assertEqual(code, READ_FAILED)
+            note, errors = errors.split("\n", 1)
+            self.assertEqual(note, f"wrapper-audio: {NOTHING_COMES}")
             self.assertRegex(errors, r"delivers no sound: nothing has come for 5 seconds; .*out\.wav keeps .*\. Wait, reconnect it")
             self.check_result_line(output, 16000, self.recorded(16000))
         self.file.unlink()

@@ -5,13 +5,16 @@
  *     MICROPHONE_PACED=1          a read takes as long as its sound lasts
  *     MICROPHONE_FAILS_AFTER=N    reads fail once N of them have gone well
  *     MICROPHONE_REFUSES=1        no stream opens
- *     MICROPHONE_LOCK=FILE        the default input opens for one process at a time, which locks this file
+ *     MICROPHONE_LOCK=FILE        ALSA opens the default input for one process at a time, which locks this file
+ *     MICROPHONE_ANSWER=N         ALSA answers with this error when the default input is opened; with
+ *                                 MICROPHONE_FAILS_AFTER only once it has failed
  *     MICROPHONE_STALLS_AFTER=N   reads block for ever once N of them have gone well
  *     MICROPHONE_NAME=TEXT        the default input is called that
  *     MICROPHONE_ENDS=HOW         the process ends with a last word while a stream is opened: by abort, fault or exit
  *     DISK_LOG=FILE               gets the size of each file that is brought to the disk, on a line of its own
  *     DISK_FAILS=1                no file gets to the disk
  */
+#include <alsa/asoundlib.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <portaudio.h>
@@ -19,6 +22,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -66,9 +70,12 @@ bool is_over(const char* limit, int reads) {
     return limit != nullptr && reads >= std::atoi(limit);
 }
 
-bool take_lock(PaDeviceIndex device) {
+std::atomic<bool> is_listed{false}; // PortAudio, which lists only what it can open, has done so
+std::atomic<bool> has_failed{false};
+
+bool take_lock() {
     const char* file = std::getenv("MICROPHONE_LOCK");
-    if (file == nullptr || device != Pa_GetDefaultInputDevice()) return true;
+    if (file == nullptr) return true;
     static const int lock = open(file, O_RDWR | O_CREAT | O_CLOEXEC, 0600); // until the process ends
     return flock(lock, LOCK_EX | LOCK_NB) == 0;
 }
@@ -92,8 +99,20 @@ extern "C" PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* in
                                  void* data) {
     if (const char* how = std::getenv("MICROPHONE_ENDS"); how != nullptr) end_the_process(how);
     if (std::getenv("MICROPHONE_REFUSES") != nullptr) return paDeviceUnavailable;
-    if (!take_lock(input->device)) return paDeviceUnavailable;
+    is_listed = true;
     return next<decltype(Pa_OpenStream)>("Pa_OpenStream")(stream, input, output, rate, frames, flags, callback, data);
+}
+
+extern "C" int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t stream, int mode) {
+    const char* renamed = std::getenv("MICROPHONE_NAME");
+    if (renamed != nullptr && std::string(name) == renamed) name = "default";
+    if (is_listed && std::string(name) == "default") {
+        if (!take_lock()) return -EBUSY;
+        const char* answer = std::getenv("MICROPHONE_ANSWER");
+        if (answer != nullptr && (has_failed || std::getenv("MICROPHONE_FAILS_AFTER") == nullptr))
+            return -std::atoi(answer);
+    }
+    return next<decltype(snd_pcm_open)>("snd_pcm_open")(pcm, name, stream, mode);
 }
 
 extern "C" PaError Pa_CloseStream(PaStream* stream) {
@@ -118,7 +137,10 @@ extern "C" int fdatasync(int descriptor) {
 
 extern "C" PaError Pa_ReadStream(PaStream* stream, void* buffer, unsigned long frames) {
     static int reads = 0;
-    if (is_over(std::getenv("MICROPHONE_FAILS_AFTER"), reads)) return paUnanticipatedHostError;
+    if (is_over(std::getenv("MICROPHONE_FAILS_AFTER"), reads)) {
+        has_failed = true;
+        return paUnanticipatedHostError;
+    }
     while (is_over(std::getenv("MICROPHONE_STALLS_AFTER"), reads))
         std::this_thread::sleep_for(std::chrono::hours(1));
     ++reads;

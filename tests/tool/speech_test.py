@@ -132,13 +132,25 @@ class Speech(HostTest):
         self.assertIn(len(levels), range(16, 21))
         self.assertTrue(all(0 <= event["rms"] <= event["peak"] <= 1 for event in levels))
 
+    def test_changes_of_what_is_heard_are_told(self):
+        sound, second = SPEECH.read_bytes(), 48000
+        samples = [0] * 3 * second + [5, -5] * second + [32767] * 3 * second
+        (self.folder / "dying.raw").write_bytes(sound + struct.pack(f"<{len(samples)}h", *samples))
+        self.listen_to(self.folder / "dying.raw")
+        length = len(sound) / 96000
+        self.host("record", "--seconds", length + 8, "--events", self.events, self.file)
+        changes = self.told("signal")
+        self.assertEqual([event["signal"] for event in changes], ["sound", "zeros", "hiss", "sound", "clipping"])
+        for event, time in zip(changes, (0, length + 2.5, length + 3, length + 5, length + 7.5)):
+            self.assertAlmostEqual(event["time"], time, delta=0.15)
+
     def test_events_go_to_standard_output_and_may_lose_their_reader(self):
         self.listen_to(SPEECH)
         code, output, errors = self.record("--seconds", 6, "--events", "-", self.file)
         self.assertEqual(code, FINE)
         self.assertIn(str(self.file), errors)
         events = [json.loads(line)["event"] for line in output.splitlines()]
-        self.assertEqual([event for event in events if event != "level"], ["speech-start", "speech-end"])
+        self.assertEqual([event for event in events if event not in ("level", "signal")], ["speech-start", "speech-end"])
         code, _, errors = self.record("--seconds", 1, "--events", "/dev/full", self.file)
         self.assertEqual(code, FILE_TROUBLE)
         self.assertRegex(errors, "cannot write events to /dev/full: .*; the sound is kept without them")

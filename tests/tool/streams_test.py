@@ -12,7 +12,20 @@ import time
 import unittest
 import wave
 
-from host import FILE_TROUBLE, FINE, HOST, INPUT_BREAKS_OFF, SPEECH, USAGE, HostTest, decibels, rms
+from host import (
+    CLIPPING,
+    FILE_TROUBLE,
+    FINE,
+    HISS,
+    HOST,
+    INPUT_BREAKS_OFF,
+    SPEECH,
+    USAGE,
+    ZEROS,
+    HostTest,
+    decibels,
+    rms,
+)
 
 EFFECTS = ["--depop", "0.3", "--highpass", "100:0.8", "--agc", "-35:300"]
 
@@ -113,13 +126,27 @@ class Formats(StreamTest):
         self.assertRegex(errors, r"(?m)^\[audio_wrapper\] ctx_create ")
         self.assertRegex(errors, r"(?mi)^[^\[].*jack")
 
-    def test_silence_is_reported_once_after_two_seconds(self):
-        self.listen_to_samples([0] * 48000)
-        said = "wrapper-audio: the input is silent (muted? the wrong device?)\n"
-        self.assertEqual(self.record("--seconds", 1.9, self.file)[2], "")
-        self.assertEqual(self.record("--seconds", 9, self.file)[2], said)
-        self.assertEqual(self.record("--seconds", 9, "--quiet", self.file)[2], "")
+    def test_a_dead_input_is_reported_once_after_two_and_a_half_seconds(self):
+        for samples, said in (
+            ([0], ZEROS),
+            ([33, -33], HISS),  # 32 of 32767 when the core has cut what is behind the point
+            ([34, -34], ""),
+            ([0] * 99 + [32767], CLIPPING),
+            ([0] * 101 + [-32768], ""),
+        ):
+            with self.subTest(said=said):
+                self.listen_to_samples(samples * (48000 * 10 // len(samples)))
+                said = said and f"wrapper-audio: {said}\n"
+                self.assertEqual(self.record("--seconds", 2.4, self.file)[2], "")
+                self.assertEqual(self.record("--seconds", 2.5, self.file)[2], said)
+                self.assertEqual(self.record("--seconds", 9, self.file)[2], said)
+                self.assertEqual(self.record("--seconds", 9, "--quiet", self.file)[2], "")
 
+    def test_each_way_to_be_dead_is_reported(self):
+        second = 48000
+        self.listen_to_samples([9000] * second + [0] * 3 * second + [9000] * second + [5] * 3 * second + [0] * 3 * second)
+        said = [f"wrapper-audio: {each}" for each in (ZEROS, HISS)]
+        self.assertEqual(self.record("--seconds", 11, self.file)[2].splitlines(), said)
 
     def test_a_denoised_recording_of_a_quiet_room_is_not_called_silent(self):
         generator = random.Random(6)

@@ -86,26 +86,25 @@ void report_surroundings() {
                                                                     : "none found"));
 }
 
-/** Returns whether there is something to open. */
-bool report_devices() {
+void report_devices() {
     print("\nDevices\n");
     const device_list list;
     print(list.has_input() ? "  at least one device can record\n" : "  PortAudio starts, but no device can record\n");
     for (const wrapper_audio_device& each : list)
         print(fmt::format("  {} {} ({})\n", each.is_default != 0 ? '*' : ' ', printable(each.id),
                           each.input_channels > 0 ? "input" : "output"));
-    return list.has_input();
 }
 
 /* ---- What opening it says ------------------------------------------------------------------------------------ */
 
-/** Half a second of sound. */
+constexpr double listening_time = 2.5; // seconds: then the library knows what it hears
+
 level listen(microphone& opened, int rate) {
     std::vector<float> samples(static_cast<std::size_t>(rate) / 10);
     level heard;
     wrapper_audio_block block{};
     stop_on_signals();
-    while (heard.samples() < static_cast<std::uint64_t>(rate) / 2 && opened.read(samples, block) > 0)
+    while (static_cast<double>(heard.samples()) < listening_time * rate && opened.read(samples, block) > 0)
         heard.add(block.captured_rms, block.captured_peak, block.count);
     if (opened.trouble()) throw failure(*opened.trouble());
     return heard;
@@ -116,15 +115,15 @@ void report_opening(const std::string& wanted) {
     wrapper_audio_recorder_options options{};
     options.rate = 16000;
     options.denoise = 1.0F;
-    microphone opened(wanted, options);
+    std::vector<std::string> hints;
+    microphone opened(wanted, options, [&](const std::string& hint) { hints.push_back(hint); });
     const wrapper_audio_recorder_info info = opened.info();
     print(fmt::format("  '{}' opens and runs at {} Hz\n", printable(opened.name()), info.device_rate));
     const level heard = listen(opened, options.rate);
-    if (heard.peak() > 0)
-        print(fmt::format("  half a second of sound: peak {} dBFS, RMS {} dBFS\n", decibel_text(heard.peak()),
-                          decibel_text(heard.rms())));
-    else
-        print("  half a second of sound: complete silence. Unmute the input, or choose another device by --device\n");
+    print(fmt::format("  heard for {} s: peak {} dBFS, RMS {} dBFS\n", listening_time, decibel_text(heard.peak()),
+                      decibel_text(heard.rms())));
+    for (const std::string& hint : hints)
+        print(fmt::format("  {}\n", hint));
     print(fmt::format("\nDenoising\n  --denoise works: {}\n", denoising_text(info.denoising, info.device_rate)));
 }
 
@@ -156,8 +155,8 @@ exit_code examine(const doctor_options& wanted) {
     report_versions();
     report_surroundings();
     try {
-        if (!report_devices()) throw failure_of(WRAPPER_AUDIO_NO_INPUT_DEVICE);
-        report_opening(wanted.device);
+        report_devices();
+        report_opening(wanted.device); // even if there is none: the library says why then
     } catch (...) {
         report_audio_system();
         throw;

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -57,6 +58,12 @@ void event_log::dropped(std::uint64_t position, std::uint64_t samples) {
 void event_log::device_lost(std::uint64_t position, const std::string& reason) {
     const auto text = nlohmann::json(reason).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     write("device-lost", position, ",\"reason\":" + text);
+}
+
+void event_log::signal(std::uint64_t position, wrapper_audio_signal now) {
+    if (now == std::exchange(signal_, now)) return;
+    static constexpr std::array names{"unknown", "sound", "no-data", "zeros", "hiss", "clipping"}; // by their numbers
+    write("signal", position, fmt::format(",\"signal\":\"{}\"", names.at(static_cast<std::size_t>(now))));
 }
 
 void event_log::listen(std::uint64_t position, std::span<const float> samples) {

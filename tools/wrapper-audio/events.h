@@ -6,6 +6,8 @@
 
 #include "level.h"
 
+#include <wrapper_audio_recorder.h>
+
 #include <cstdint>
 #include <span>
 #include <string>
@@ -23,6 +25,9 @@ public:
     void dropped(std::uint64_t position, std::uint64_t samples);
     void device_lost(std::uint64_t position, const std::string& reason);
 
+    /** What the input delivers. It is said when it changes. */
+    void signal(std::uint64_t position, wrapper_audio_signal now);
+
     /** Says the level of each tenth of a second. */
     void listen(std::uint64_t position, std::span<const float> samples);
 
@@ -36,6 +41,7 @@ private:
     const std::string name_;
     int descriptor_ = -1;
     level level_;
+    wrapper_audio_signal signal_ = WRAPPER_AUDIO_SIGNAL_UNKNOWN;
     bool failed_ = false;
 };
 

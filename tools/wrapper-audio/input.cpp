@@ -1,6 +1,5 @@
 #include "input.h"
 
-#include "console.h"
 #include "stopping.h"
 #include "text.h"
 
@@ -22,9 +21,12 @@ exit_code code_of(wrapper_audio_status status) {
     case WRAPPER_AUDIO_NOT_AN_INPUT:
         return usage;
     case WRAPPER_AUDIO_DEVICE_REFUSED:
+    case WRAPPER_AUDIO_DEVICE_BUSY:
+    case WRAPPER_AUDIO_DEVICE_FORBIDDEN:
     case WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK:
         return open_failed;
     case WRAPPER_AUDIO_DEVICE_FAILED:
+    case WRAPPER_AUDIO_DEVICE_GONE:
     case WRAPPER_AUDIO_NO_DATA:
         return read_failed;
     default:
@@ -61,7 +63,9 @@ std::string device_list::find(const std::string& wanted) const {
     return devices[index].id;
 }
 
-microphone::microphone(const std::string& wanted, wrapper_audio_recorder_options options) {
+microphone::microphone(const std::string& wanted, wrapper_audio_recorder_options options,
+                       std::function<void(const std::string& sentences)> hint)
+    : hint_(std::move(hint)) {
     options.stall_ms = patience_ms / 2; // for the first sample the recorder waits twice as long by itself
     wrapper_audio_recorder* made = nullptr;
     wrapper_audio_status status = wrapper_audio_recorder_create(&made, &options);
@@ -81,6 +85,7 @@ std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& bloc
                 ? wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), often_enough, &block)
                 : wrapper_audio_recorder_read_both_f32(recorder.get(), samples.data(), undenoised.data(),
                                                        samples.size(), often_enough, &block);
+        listen();
         stalls = block.count > 0 ? 0 : stalls + (status == WRAPPER_AUDIO_NO_DATA ? 1 : 0);
         if (!trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
             trouble_.emplace(failure_of(status, fmt::format("{}: nothing has come for {} seconds",
@@ -94,6 +99,13 @@ std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& bloc
         lost = block.dropped += lost;
         if (is_over || block.count > 0) return block.count;
     }
+}
+
+void microphone::listen() {
+    const wrapper_audio_signal now = signal();
+    const std::string advice = wrapper_audio_signal_advice(now);
+    if (!advice.empty() && heard_.insert(now).second)
+        hint_(fmt::format("{}. {}", wrapper_audio_signal_text(now), advice));
 }
 
 std::vector<float> microphone::take_speech() {
@@ -113,6 +125,12 @@ wrapper_audio_recorder_info microphone::info() const {
     return info;
 }
 
+wrapper_audio_signal microphone::signal() const {
+    int32_t signal = WRAPPER_AUDIO_SIGNAL_UNKNOWN;
+    wrapper_audio_recorder_get_signal(recorder.get(), &signal);
+    return static_cast<wrapper_audio_signal>(signal);
+}
+
 void microphone::stop() {
     if (!stopped) wrapper_audio_recorder_stop(recorder.get());
     stopped = true;
@@ -126,11 +144,4 @@ std::string microphone::text(wrapper_audio_recorder_text_kind kind) const {
 
 failure microphone::failed(wrapper_audio_status status) const {
     return failure_of(status, text(WRAPPER_AUDIO_TEXT_REASON));
-}
-
-void silence_watch::look_at(const wrapper_audio_block& block) {
-    zeros = block.captured_peak > 0 ? 0 : zeros + block.count;
-    if (said || zeros < limit) return;
-    console::note("the input is silent (muted? the wrong device?)");
-    said = true;
 }

@@ -4,12 +4,15 @@
 #ifndef INPUT_H
 #define INPUT_H
 
+#include "console.h"
 #include "failure.h"
 
 #include <wrapper_audio_recorder.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -45,9 +48,10 @@ class microphone {
 public:
     /**
      * `wanted` is an id or a part of one; "" is the default. Throws a failure when there is no such device or it does
-     * not open.
+     * not open. `hint` is told once of each kind of sound that nobody would want to record, and what to do about it.
      */
-    microphone(const std::string& wanted, wrapper_audio_recorder_options options);
+    microphone(const std::string& wanted, wrapper_audio_recorder_options options,
+               std::function<void(const std::string& sentences)> hint = console::note);
 
     /**
      * Waits for samples, at most as many as fit, and returns how many came; 0 at the end. When a signal or a failure
@@ -63,33 +67,24 @@ public:
     const std::optional<failure>& trouble() const { return trouble_; }
 
     wrapper_audio_recorder_info info() const;
+    wrapper_audio_signal signal() const;
     std::string name() const { return text(WRAPPER_AUDIO_TEXT_DEVICE_NAME); }
     void stop();
 
 private:
     std::string text(wrapper_audio_recorder_text_kind kind) const;
     failure failed(wrapper_audio_status status) const;
+    void listen();
 
     struct closer {
         void operator()(wrapper_audio_recorder* open) const { wrapper_audio_recorder_free(open); }
     };
     std::unique_ptr<wrapper_audio_recorder, closer> recorder;
+    const std::function<void(const std::string& sentences)> hint_;
+    std::set<wrapper_audio_signal> heard_;
     std::optional<failure> trouble_;
     bool stopped = false;
     int stalls = 0;
-};
-
-/** Says once that nothing comes in. A quiet room is not that quiet: two seconds of zeros come from no microphone. */
-class silence_watch {
-public:
-    explicit silence_watch(int rate) : limit(2 * static_cast<std::uint64_t>(rate)) {}
-
-    void look_at(const wrapper_audio_block& block);
-
-private:
-    const std::uint64_t limit;
-    std::uint64_t zeros = 0;
-    bool said = false;
 };
 
 #endif

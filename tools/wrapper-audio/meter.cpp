@@ -91,13 +91,11 @@ exit_code show_meter(const meter_options& wanted) {
     microphone input(wanted.device, options);
     stop_on_signals();
     display shown(wanted.json);
-    silence_watch silence(rate);
     std::array<float, rate * 30 / 1000> samples{};
     for (wrapper_audio_block block{}; !stop_requested() && shown.samples() < limit;) {
         const std::size_t most = std::min<std::uint64_t>(samples.size(), limit - shown.samples());
         if (input.read(std::span(samples).first(most), block) == 0) break;
         shown.show(block);
-        silence.look_at(block);
     }
     shown.finish();
     if (input.trouble()) throw failure(*input.trouble());

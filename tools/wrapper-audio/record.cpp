@@ -98,8 +98,7 @@ public:
     explicit recording(const record_options& options)
         : wanted_(options), limit_(samples_in(options.seconds, options.rate, "--seconds")),
           file_limit_(samples_in(options.max_file_time, options.rate, "--max-file-time")), kept_(sounds_of(options)),
-          silence_(options.rate), events_(options.speech.events, options.rate),
-          microphone_(options.device, recorder_options(options)) {
+          events_(options.speech.events, options.rate), microphone_(options.device, recorder_options(options)) {
         if (!wanted_.speech.any()) return;
         cutter_ = std::make_unique<speech_cutter>(
             wanted_.speech, wanted_.rate, events_,
@@ -128,7 +127,6 @@ private:
     const std::uint64_t limit_;      // samples to keep, or to listen to
     const std::uint64_t file_limit_; // samples in each file
     std::vector<kept_sound> kept_;   // the undenoised sound behind the other
-    silence_watch silence_;
     losses losses_;
     const terminal screen_{STDERR_FILENO};
     level_meter meter_;
@@ -184,7 +182,6 @@ bool recording::listen() {
         const std::size_t count = microphone_.read(room, block, undenoised);
         losses_.add(block.dropped, static_cast<double>(heard + block.dropped_at) / wanted_.rate);
         if (count == 0 && !(wanted_.fill_gaps && block.dropped > 0)) break;
-        silence_.look_at(block);
         const auto whole = [&](kept_sound& sound, std::span<const float> samples) {
             samples = with_gap(sound, samples.first(count), block);
             return samples.first(std::min<std::uint64_t>(samples.size(), left));
@@ -227,6 +224,7 @@ bool recording::hear(std::span<const float> samples, const wrapper_audio_block& 
                       lose(block.position + first.size(), behind) &&
                       cutter_->add(chain.process(samples.subspan(first.size())), speech);
     events_.listen(end - samples.size(), samples);
+    events_.signal(end, microphone_.signal());
     position_ = end;
     return good;
 }

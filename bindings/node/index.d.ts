@@ -27,20 +27,24 @@ export class AudioError extends Error {
 }
 /** The shared library cannot be loaded, or is not the right one. */
 export class LibraryError extends AudioError {}
-/** There is no audio system or no microphone, or the device refuses. */
+/**
+ * There is no audio system or no microphone, or the device refuses: another program has it ('DEVICE_BUSY'), this user may
+ * not use it ('DEVICE_FORBIDDEN'), it was unplugged ('DEVICE_GONE'), or nobody knows ('DEVICE_REFUSED').
+ */
 export class OpenError extends AudioError {}
 /** No device has this id. The message lists the devices available. */
 export class UnknownDeviceError extends OpenError {}
 /** Several devices match. The message lists them. */
 export class AmbiguousDeviceError extends OpenError {}
-/** The device failed or delivers nothing ('NO_DATA', after which a read may succeed), or was never opened. */
+/** The device failed, is gone ('DEVICE_GONE') or delivers nothing ('NO_DATA', after which a read may succeed), or was never opened. */
 export class ReadError extends AudioError {}
 /** The object has been closed. */
 export class ClosedError extends AudioError {}
 
 export type Status =
   | '' | 'INVALID_STATE' | 'OUT_OF_MEMORY' | 'NO_AUDIO_SYSTEM' | 'NO_INPUT_DEVICE' | 'UNKNOWN_DEVICE'
-  | 'AMBIGUOUS_DEVICE' | 'NOT_AN_INPUT' | 'DEVICE_REFUSED' | 'DEVICE_FAILED' | 'NO_DATA' | 'AUDIO_SYSTEM_STUCK';
+  | 'AMBIGUOUS_DEVICE' | 'NOT_AN_INPUT' | 'DEVICE_REFUSED' | 'DEVICE_FAILED' | 'NO_DATA' | 'AUDIO_SYSTEM_STUCK'
+  | 'DEVICE_BUSY' | 'DEVICE_FORBIDDEN' | 'DEVICE_GONE';
 
 /**
  * Loads the shared library; if you do not call this, the first object does. The library is looked for at `file`, at the
@@ -55,6 +59,12 @@ export function load(file?: string): void;
 
 /** How a device is denoised: at its own 48000 Hz, converted to 48000 Hz, or not at all. */
 export type Denoising = 'native' | 'converted' | 'off';
+
+/**
+ * What a recorder hears: sound; or what nobody can be recorded with, exact zeros, a faint hiss below 0.001 of full scale,
+ * or clipping all the time; or nothing, because the device delivers none. At first it is unknown.
+ */
+export type Signal = 'unknown' | 'sound' | 'no-data' | 'zeros' | 'hiss' | 'clipping';
 
 /** One audio device of the machine. */
 export interface Device {
@@ -166,6 +176,8 @@ export class Recorder<Samples extends Int16Array | Float32Array = Int16Array> im
   /** Rate that the device runs at; 0 before it is opened. */
   readonly deviceRate: number;
   readonly denoising: Denoising;
+  /** What has been heard in the last 2.5 s that were read. */
+  readonly signal: Signal;
   /** The most samples by which the output lags behind the device. */
   readonly delay: number;
   /** Samples that a read would return at once. */
@@ -252,6 +264,7 @@ export class Meter implements AsyncIterable<Level> {
   private constructor();
   static open(options?: Pick<RecorderOptions, 'device'>): Promise<Meter>;
   readonly closed: boolean;
+  readonly signal: Signal;
   read(): Promise<Level>;
   /** Continues until the meter is closed. */
   [Symbol.asyncIterator](): AsyncGenerator<Level, void, void>;

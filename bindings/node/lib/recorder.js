@@ -95,6 +95,7 @@ class Recorder {
   #format;
   #blockMs;
   #info = {};
+  #signal = new Int32Array(1);
   #block = NOTHING;
   #failed = enums.Status.OK; // or why the last read returned fewer samples, which the next one throws
   #last = Promise.resolve();
@@ -151,6 +152,10 @@ class Recorder {
   get rate() { return this.#state.rate; }
   get deviceRate() { return this.#state.deviceRate; }
   get denoising() { return lib.nameOf('Denoising', this.#state.denoising).toLowerCase(); }
+  get signal() {
+    if (!this.closed) lib.call('recorder_get_signal', this.#pointer, this.#signal);
+    return lib.nameOf('Signal', this.#signal[0]).toLowerCase().replace('_', '-');
+  }
   get delay() { return this.#state.delay; }
   get available() { return this.#state.available; }
   get dropped() { return this.#state.dropped; }
@@ -331,6 +336,7 @@ class Recorder {
 
   close() {
     void this.#state;
+    void this.signal;
     this.#closing ??= this.#release();
     return this.#closing;
   }
@@ -356,6 +362,7 @@ class Meter {
   }
 
   get closed() { return this.#recorder.closed; }
+  get signal() { return this.#recorder.signal; }
 
   get #level() {
     const { capturedPeak: peak, capturedRms: rms, clipped } = this.#recorder;

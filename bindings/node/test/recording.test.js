@@ -1,13 +1,14 @@
 'use strict';
 const assert = require('node:assert');
 const fs = require('node:fs');
+const os = require('node:os');
 const path = require('node:path');
 const { Writable } = require('node:stream');
 const { pipeline } = require('node:stream/promises');
 const { test } = require('node:test');
 const { setTimeout: wait } = require('node:timers/promises');
 const { AudioError, ClosedError, Meter, OpenError, ReadError, Recorder, abandonedThreads, toFloat32 } = require('..');
-const { bytesOf, concatenated, heard, script, temporary } = require('./microphone');
+const { bytesOf, concatenated, heard, microphone, run, script, temporary } = require('./microphone');
 
 const settled = (promises) =>
   Promise.allSettled(promises).then((all) => all.map(({ value, reason }) => reason?.constructor ?? value));
@@ -85,6 +86,32 @@ test('it tells what it is doing', async (t) => {
   await mic.close();
   assert.deepStrictEqual([mic.rate, mic.deviceRate, mic.denoising], [16000, 48000, 'native'], 'also afterwards');
 });
+
+for (const [signal, samples] of [['zeros', [0]], ['hiss', [33, -33]], ['sound', [34, -34]], ['clipping', [32767]]]) {
+  test(`it tells what it hears: ${signal}`, async (t) => {
+    const { code, stdout, stderr } = await run(
+      `import { Meter, Recorder } from 'wrapper-audio';
+       const mic = await Recorder.open({ armed: true });
+       const told = [mic.signal];
+       await mic.open();
+       for (let i = 0; i < 249; ++i) await mic.read(160);
+       told.push(mic.signal);
+       await mic.read(160);
+       told.push(mic.signal);
+       await mic.close();
+       told.push(mic.signal);
+       const meter = await Meter.open();
+       for (let i = 0; i < 84; ++i) await meter.read();
+       told.push(meter.signal);
+       await meter.close();
+       console.log(JSON.stringify(told));`,
+      { env: microphone(t, Int16Array.from({ length: 240000 }, (_, i) => samples[i % samples.length]), 48000) },
+    );
+    assert.deepStrictEqual([code, stderr], [0, '']);
+    const before = signal === 'zeros' || signal === 'hiss' ? 'unknown' : 'sound';
+    assert.deepStrictEqual(JSON.parse(stdout), ['unknown', before, signal, signal, signal]);
+  });
+}
 
 test('floats are the same samples', async (t) => {
   const mic = await recorder(t, { rate: 48000, format: 'float32' });
@@ -309,6 +336,20 @@ test("a device that refuses is an OpenError, in English, with the capture librar
   delete process.env.MICROPHONE_REFUSES;
   await mic.open();
   assert.strictEqual((await mic.read()).length, 480);
+});
+
+test('why a device refuses or fails is its status', async (t) => {
+  for (const [code, status, advice] of [
+    ['EBUSY', 'DEVICE_BUSY', /Close the other program/],
+    ['EACCES', 'DEVICE_FORBIDDEN', /Let this user have it/],
+    ['ENODEV', 'DEVICE_GONE', /Connect it/],
+  ]) {
+    script(t, { MICROPHONE_ANSWER: String(os.constants.errno[code]) });
+    await assert.rejects(Recorder.open(), { name: 'OpenError', status, message: advice });
+  }
+  script(t, { MICROPHONE_FAILS_AFTER: '0' });
+  const mic = await recorder(t);
+  await assert.rejects(mic.read(), { name: 'ReadError', status: 'DEVICE_GONE', message: /Connect it/ });
 });
 
 test('a device that fails is a ReadError, after all that came before it', async (t) => {

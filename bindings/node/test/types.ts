@@ -14,6 +14,7 @@ import {
   Meter,
   OpenError,
   Recorder,
+  type Signal,
   UnknownDeviceError,
   abandonedThreads,
   capability,
@@ -65,11 +66,12 @@ export async function record(): Promise<number> {
   bytes.destroy();
   const began: bigint | null = recorder.firstSampleTime;
   const how: Denoising = recorder.denoising;
+  const heard: Signal = recorder.signal;
   await recorder.stop();
   await recorder.open();
   const block: Int16Array = await recorder.read(320, { timeout: 100 });
   await recorder.close();
-  total += recorder.dropped + recorder.deviceRate + (how === 'off' ? 0 : 1) + Number(began);
+  total += recorder.dropped + recorder.deviceRate + (how === 'off' || heard === 'no-data' ? 0 : 1) + Number(began);
   return total + block.length + speech.length;
 }
 

@@ -1,6 +1,7 @@
 """Recorders and meters that fail, wait or are interrupted: each in a process of its own. None writes a byte to standard
 error by itself."""
 
+import errno
 import signal
 import subprocess
 import textwrap
@@ -43,6 +44,31 @@ class Failures(SilentTest):
             self.assertEqual(head, f"DEVICE_REFUSED|{line}|True")
             self.assertIn("Device unavailable", text)
             self.assertEqual(logged, "True")
+
+    def test_why_a_device_refuses_or_fails_is_a_status(self) -> None:
+        program = """
+            import wrapper_audio
+            try:
+                with wrapper_audio.Recorder() as recorder:
+                    while True:
+                        recorder.read()
+            except wrapper_audio.AudioError as error:
+                print(type(error).__name__, error.status.name)
+                print(error)
+            """
+        for answer, fails_after, expected, advice in (
+            (errno.EBUSY, None, "OpenError DEVICE_BUSY", "Close the other program"),
+            (errno.EACCES, None, "OpenError DEVICE_FORBIDDEN", "Let this user have it"),
+            (errno.ENODEV, None, "OpenError DEVICE_GONE", "Connect it"),
+            (errno.ENODEV, "2", "ReadError DEVICE_GONE", "Connect it"),
+            (errno.EBUSY, "2", "ReadError DEVICE_FAILED", "Check that it is connected"),
+        ):
+            script = {"MICROPHONE_ANSWER": str(answer)}
+            if fails_after is not None:
+                script["MICROPHONE_FAILS_AFTER"] = fails_after
+            kind, text = self.scripted(program, **script).splitlines()
+            self.assertEqual(kind, expected)
+            self.assertIn(advice, text)
 
     def test_a_recorder_that_could_not_be_opened_can_be_opened_later(self) -> None:
         output = self.scripted(

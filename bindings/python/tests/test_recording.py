@@ -37,6 +37,30 @@ class Blocks(support.ProcessTest):
         self.assertEqual(heard, [as_recorded(sample) for sample in SPEECH[:43200]])
         self.assertGreater(max(heard), 1000)
 
+    def test_a_dead_microphone_is_told_apart(self) -> None:
+        program = """
+            import wrapper_audio
+            for make in wrapper_audio.Recorder, wrapper_audio.Meter:
+                with make() as heard:
+                    print(heard.signal.name)
+                    for _ in range(82):
+                        heard.read()  # 30 ms
+                    print(heard.signal.name)
+                    for _ in range(2):
+                        heard.read()
+                    print(heard.signal.name)
+            """
+        for name, samples, expected in (
+            ("zeros", [0], ["UNKNOWN", "UNKNOWN", "ZEROS"]),
+            ("hiss", [33, -33], ["UNKNOWN", "UNKNOWN", "HISS"]),
+            ("sound", [34, -34], ["UNKNOWN", "SOUND", "SOUND"]),
+            ("clipping", [32767, -32768], ["UNKNOWN", "SOUND", "CLIPPING"]),
+        ):
+            raw = support.sound(name, samples * (48000 * 10 // len(samples)))
+            configuration = support.file_microphone(raw, raw.with_suffix(""))
+            output, _ = self.check(program, ALSA_CONFIG_PATH=str(configuration))
+            self.assertEqual(output.split(), expected * 2)
+
     def test_a_read_returns_as_many_samples_as_are_wanted(self) -> None:
         with Recorder(rate=48000) as recorder:
             heard: List[int] = []

@@ -1,6 +1,7 @@
 """Utterances, on a microphone that hears a voice from 0.8 s to 5.3 s."""
 
 import asyncio
+import errno
 import unittest
 from typing import Any, List
 
@@ -66,7 +67,7 @@ class Utterances(support.ProcessTest):
                 self.assertEqual(list(utterances), [])
 
     def test_a_failure_comes_after_what_was_said(self) -> None:
-        output, _ = self.check("""
+        program = """
             import wrapper_audio
             recorder = wrapper_audio.Recorder(speech=True)
             utterances = recorder.utterances()
@@ -77,10 +78,12 @@ class Utterances(support.ProcessTest):
                 print(error.status.name)
             print(list(utterances))
             recorder.close()
-            """, scripted=True, MICROPHONE_FAILS_AFTER="100")  # after 3 s
-        size, status, rest = output.splitlines()
-        self.assertAlmostEqual(int(size) / 16000, 3 - 0.5, delta=0.05)
-        self.assertEqual((status, rest), ("DEVICE_FAILED", "[]"))
+            """
+        for script, expected in ({}, "DEVICE_FAILED"), ({"MICROPHONE_ANSWER": str(errno.ENODEV)}, "DEVICE_GONE"):
+            output, _ = self.check(program, scripted=True, MICROPHONE_FAILS_AFTER="100", **script)  # after 3 s
+            size, status, rest = output.splitlines()
+            self.assertAlmostEqual(int(size) / 16000, 3 - 0.5, delta=0.05)
+            self.assertEqual((status, rest), (expected, "[]"))
 
     def test_what_makes_no_sense_is_refused(self) -> None:
         with Recorder() as recorder:

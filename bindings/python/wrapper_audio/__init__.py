@@ -14,7 +14,7 @@ from ._blocks import Float32Block, Int16Block, to_float32, to_int16
 from ._devices import Capability, Device, capability, devices, find_device, log_lines
 from ._errors import AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError, OpenError
 from ._errors import ReadError, ReadTimeout, UnknownDeviceError
-from ._interface import Denoising, Status
+from ._interface import Denoising, Signal, Status
 from ._library import load
 from ._recorder import Level, Meter, Recorder
 from ._signal import Converter, Denoiser, DePop, GainControl, HighPass, Limiter, Processor
@@ -25,7 +25,7 @@ __version__ = "1.0.0"
 __all__ = [
     "AmbiguousDeviceError", "ArgumentError", "AudioError", "Capability", "ClosedError", "Converter", "DePop",
     "Denoiser", "Denoising", "Device", "Float32Block", "GainControl", "HighPass", "Int16Block", "Level",
-    "LibraryError", "Limiter", "Meter", "OpenError", "Processor", "ReadError", "ReadTimeout", "Recorder", "Status",
-    "UnknownDeviceError", "Utterance", "Utterances", "capability", "devices", "find_device", "load", "log_lines",
-    "to_float32", "to_int16",
+    "LibraryError", "Limiter", "Meter", "OpenError", "Processor", "ReadError", "ReadTimeout", "Recorder", "Signal",
+    "Status", "UnknownDeviceError", "Utterance", "Utterances", "capability", "devices", "find_device", "load",
+    "log_lines", "to_float32", "to_int16",
 ]

@@ -30,7 +30,8 @@ class ArgumentError(AudioError, ValueError):
 
 
 class OpenError(AudioError):
-    """There is no audio system or no such device, or the device refuses."""
+    """There is no audio system or no such device, or the device refuses: another program has it (status DEVICE_BUSY),
+    this user may not use it (DEVICE_FORBIDDEN), it was unplugged (DEVICE_GONE), or nobody knows (DEVICE_REFUSED)."""
 
 
 class UnknownDeviceError(OpenError):
@@ -42,7 +43,7 @@ class AmbiguousDeviceError(OpenError):
 
 
 class ReadError(AudioError):
-    """The device is gone (status DEVICE_FAILED) or delivers nothing (NO_DATA)."""
+    """The device failed (status DEVICE_FAILED), is gone (DEVICE_GONE) or delivers nothing (NO_DATA)."""
 
 
 class ReadTimeout(AudioError, TimeoutError):

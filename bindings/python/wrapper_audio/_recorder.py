@@ -15,7 +15,7 @@ from typing import Any, Iterator, List, NamedTuple, Optional, Tuple, Type, Union
 from ._blocks import Float32Block, Int16Block, new_block, samples_of, to_int16
 from ._devices import Device
 from ._errors import ArgumentError, AudioError, ClosedError, OpenError, ReadError, ReadTimeout
-from ._interface import Block, Denoising, RecorderInfo, RecorderOptions, RecorderTextKind, SpeechOptions, Status
+from ._interface import Block, Denoising, RecorderInfo, RecorderOptions, RecorderTextKind, Signal, SpeechOptions, Status
 from ._library import Closing, bytes_of, check, int32, load, make
 from ._signal import conversion, take_speech
 from ._speech import Utterances
@@ -273,6 +273,14 @@ class Recorder(Closing):
         return Denoising(self._info().denoising)
 
     @property
+    def signal(self) -> Signal:
+        """What has been heard in the last 2.5 s that were read: SOUND, or ZEROS, HISS or CLIPPING, with which nobody
+        can be recorded; NO_DATA if the device delivers nothing; UNKNOWN if it is too early to tell."""
+        heard = ctypes.c_int32()
+        check(self._library.wrapper_audio_recorder_get_signal(self._pointer(), byref(heard)))
+        return Signal(heard.value)
+
+    @property
     def first_sample_time(self) -> Optional[int]:
         """When the first sample was captured, on the clock of time.monotonic_ns(); None until it has arrived."""
         return self._info().first_sample_time or None
@@ -372,6 +380,12 @@ class Meter(Closing):
         """Continues until another thread closes the meter."""
         self._pointer()
         return (Level(self._recorder.captured_peak, self._recorder.captured_rms) for _ in self._recorder)
+
+    @property
+    def signal(self) -> Signal:
+        """What is heard, as Recorder.signal tells it."""
+        self._pointer()
+        return self._recorder.signal
 
     def close(self) -> None:
         """Releases the device. May be called again, and on any thread."""

@@ -96,7 +96,7 @@ class Utterances:
             self._recorder._last = block
         if status in (Status.OK, Status.TIMEOUT):
             return True
-        if status not in (Status.STOPPED, Status.DEVICE_FAILED, Status.OUT_OF_MEMORY):
+        if status not in (Status.STOPPED, Status.DEVICE_FAILED, Status.DEVICE_GONE, Status.OUT_OF_MEMORY):
             self._recorder._check(status, ReadError)
         self._ended = True
         try:

@@ -257,11 +257,17 @@ std::string sentence_about(const std::string& id, wrapper_audio_status refusal) 
 // PortAudio leaves a device out of its table, or has it as an output only, if ALSA does not open it at once.
 void throw_if_kept_away(const std::string& id) {
     const std::string alsa = "ALSA:";
-    const wrapper_audio_status refusal = refusal_of(id.empty()             ? "default"
-                                                    : id.starts_with(alsa) ? name_in_alsa(id.substr(alsa.size()))
-                                                                           : "");
+    std::string alsa_name;
+    std::string shown = id;
+    if (id.empty()) {
+        alsa_name = "default";
+        shown = "the default input device";
+    } else if (id.starts_with(alsa)) {
+        alsa_name = name_in_alsa(id.substr(alsa.size()));
+    }
+    const wrapper_audio_status refusal = refusal_of(alsa_name);
     if (refusal == WRAPPER_AUDIO_DEVICE_BUSY || refusal == WRAPPER_AUDIO_DEVICE_FORBIDDEN)
-        throw failure{refusal, sentence_about(id.empty() ? "the default input device" : id, refusal)};
+        throw failure{refusal, sentence_about(shown, refusal)};
 }
 
 device choose(const std::string& id) {
@@ -331,13 +337,12 @@ int32_t microphone::read(std::vector<int16_t>& samples, log::scope& log) {
     throw failure{WRAPPER_AUDIO_DEVICE_FAILED, with_words(valid_utf8(device_.id) + " failed", line), line};
 }
 
-// Whether ALSA does not have it any more. Only ALSA's table needs the lock for that, and while somebody else keeps it,
-// nobody knows.
+// Whether ALSA does not have it any more. Nobody knows while somebody else keeps the lock, which ALSA's table needs.
 bool microphone::is_gone() const {
     try {
         const audio_system_lock lock{std::chrono::seconds(1)};
         return refusal_of(device_.alsa_name) == WRAPPER_AUDIO_DEVICE_GONE;
-    } catch (const failure&) {
+    } catch (...) {
         return false;
     }
 }

@@ -55,7 +55,7 @@ TEST_F(signals, are_known_after_two_and_a_half_seconds_of_what_was_read) {
     for (const auto& [sound, result] :
          {std::pair(0.0F, WRAPPER_AUDIO_SIGNAL_ZEROS), std::pair(sample(20), WRAPPER_AUDIO_SIGNAL_HISS)}) {
         EXPECT_EQ(heard(0, [sound = sound](uint64_t /*n*/) { return sound; }), WRAPPER_AUDIO_SIGNAL_UNKNOWN);
-        ASSERT_TRUE(soon([&] { return info().available > 48000 * 4; })) << "whatever has not been read yet";
+        ASSERT_TRUE(soon([&] { return info().available > 192000; })) << "whatever has not been read yet";
         EXPECT_EQ(signal(), WRAPPER_AUDIO_SIGNAL_UNKNOWN);
         read_ten_ms(249);
         EXPECT_EQ(signal(), WRAPPER_AUDIO_SIGNAL_UNKNOWN);
@@ -67,7 +67,7 @@ TEST_F(signals, are_known_after_two_and_a_half_seconds_of_what_was_read) {
 
 TEST_F(signals, are_those_of_the_last_two_and_a_half_seconds) {
     // 1 s of sound, 3 s of zeros, and sound again.
-    const auto sound = [](uint64_t n) { return n < 48000 || n >= 48000 * 4 ? 0.1F : 0.0F; };
+    const auto sound = [](uint64_t n) { return n < 48000 || n >= 192000 ? 0.1F : 0.0F; };
     EXPECT_EQ(heard(3490, sound), WRAPPER_AUDIO_SIGNAL_SOUND);
     read(480);
     EXPECT_EQ(signal(), WRAPPER_AUDIO_SIGNAL_ZEROS);
@@ -101,7 +101,7 @@ TEST_F(signals, are_judged_before_denoising) {
 }
 
 TEST_F(signals, are_missing_where_nothing_comes) {
-    for (const uint64_t before : {0, 1440}) { // from the start, and later
+    for (const uint64_t before : {0U, 1440U}) { // from the start, and later
         microphone.sound = [](uint64_t /*n*/) { return 0.1F; };
         microphone.hang_after(before);
         record({.rate = 48000, .stall_ms = 1000});

@@ -1,6 +1,7 @@
 // The level meter: what it opens, what it measures, how it fails and what it says.
 #include "fixture.h"
 #include "read_reference.h"
+#include "signals.h"
 
 #include <bit>
 #include <cmath>
@@ -15,7 +16,7 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+using signals::nan;
 constexpr const char* opened_line = "[audio_wrapper] meter_open device='(null)' (idx=0) rate=48000 frames=1440";
 
 class meter : public with_fakes {

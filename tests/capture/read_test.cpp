@@ -18,8 +18,8 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
+using signals::infinity;
+using signals::nan;
 constexpr int32_t int_max = std::numeric_limits<int32_t>::max();
 
 // Something that a denoiser might do: nonlinear, and different for each position in the frame.

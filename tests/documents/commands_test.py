@@ -3,10 +3,10 @@
 With `registry` those that need npm's registry, and without all the others. Where it is out of reach they are skipped,
 with exit code 77.
 
-Commands stand in fences marked sh and in indented blocks, or are scripts named in the text. Each is run as it stands, in a folder that looks like the
-checkout, on a microphone that hears a file; what it writes stays in that folder. Those that another test runs, or that
-would run this one, are listed with the file that does, and that file is looked at. A comment that says what a command
-prints is held to it.
+Commands stand in fences marked sh and in indented blocks, or are scripts named in the text. Each is run as it stands, in
+a folder that looks like the checkout, on a microphone that hears a file; what it writes stays in that folder. Those that
+another test runs, or that would run this one, are listed with the file that does, and that file is looked at. A comment
+that says what a command prints is held to it.
 """
 import os
 import re
@@ -15,6 +15,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -29,7 +30,8 @@ ELSEWHERE = {
     r"scripts/test.*": (".ci/run", "scripts/test"),
     r"scripts/lint": ("scripts/test", "scripts/lint"),
     r"scripts/soak.*": ("scripts/test", "scripts/soak --short"),
-    r"scripts/fuzz.*": ("scripts/test", "scripts/fuzz 60"),
+    r"scripts/coverage": ("scripts/test", "scripts/coverage"),
+    r"scripts/fuzz.*": ("scripts/test", "scripts/fuzz 20"),
     r"scripts/mutate.*": ("scripts/test", "scripts/mutate --sample"),
     r"scripts/bench": ("docs/performance.md", "    scripts/bench --benchmark_filter="),
     r"scripts/quality.*": ("tests/quality/measures_test.py", "vad.main()"),
@@ -146,7 +148,7 @@ def main():
                     [(file, said)] = elsewhere
                     trouble = None if said in (ROOT / file).read_text() else f"{file} does not run it"
                 else:
-                    print(f"{name}: {command}", flush=True)
+                    print(time.strftime("%H:%M:%S"), f"{name}: {command}", flush=True)
                     trouble = checkout.run(Path(".") if "./bindings" in command else where, command, exports, comment)
                     ran.add((where, command))
                 if trouble and OF_THE_REGISTRY and UNREACHABLE.search(trouble):

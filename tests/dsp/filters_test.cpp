@@ -12,8 +12,8 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
+using signals::infinity;
+using signals::nan;
 
 class high_pass : public with_fakes {
 protected:

@@ -11,8 +11,8 @@ using testing::Each;
 
 namespace {
 
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
+using signals::infinity;
+using signals::nan;
 
 class gain_control : public with_fakes {
 protected:

@@ -15,8 +15,8 @@
 
 namespace {
 
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
+using signals::infinity;
+using signals::nan;
 constexpr int32_t int_max = std::numeric_limits<int32_t>::max();
 constexpr int32_t int_min = std::numeric_limits<int32_t>::min();
 

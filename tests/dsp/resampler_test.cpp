@@ -16,8 +16,8 @@ namespace {
 
 constexpr int32_t int_min = std::numeric_limits<int32_t>::min();
 constexpr int32_t int_max = std::numeric_limits<int32_t>::max();
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
+using signals::infinity;
+using signals::nan;
 constexpr const char* creation_line = "[dsp] soxr недоступен, используется linear interpolation\n";
 
 const std::vector<int32_t> usual_rates{8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000, 96000, 192000};

@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
+using signals::infinity;
+using signals::nan;
 
 // Calls `check` with blocks of every length, first at the end of their page and then at its start with each alignment.
 void for_each_block(unsigned seed, const std::function<void(const float* samples, int32_t count)>& check) {

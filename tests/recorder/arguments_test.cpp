@@ -2,14 +2,15 @@
 #include "processors.h"
 
 #include "bits.h"
+#include "signals.h"
 
 #include <cmath>
 #include <limits>
 
 namespace {
 
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
+using signals::infinity;
+using signals::nan;
 constexpr float tiny = std::numeric_limits<float>::denorm_min();
 constexpr int32_t int_max = std::numeric_limits<int32_t>::max();
 constexpr int32_t int_min = std::numeric_limits<int32_t>::min();

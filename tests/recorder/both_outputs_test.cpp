@@ -11,7 +11,7 @@ using std::chrono::milliseconds;
 namespace {
 
 // What reads returned, one after the other.
-struct account {
+struct both_reads {
     std::vector<float> denoised; // or all there is
     std::vector<float> undenoised;
     std::vector<std::pair<uint64_t, uint64_t>> places; // of each read, and how many samples are lost in it
@@ -34,7 +34,7 @@ protected:
         block_ = static_cast<uint64_t>(device_rate) * 30 / 1000;
     }
 
-    wrapper_audio_status read_more(account& all, std::size_t count, int32_t timeout_ms = -1) const {
+    wrapper_audio_status read_more(both_reads& all, std::size_t count, int32_t timeout_ms = -1) const {
         std::vector<float> denoised(count);
         std::vector<float> undenoised(count);
         wrapper_audio_block told;
@@ -49,8 +49,8 @@ protected:
         return all.status;
     }
 
-    account read_all() const {
-        account all;
+    both_reads read_all() const {
+        both_reads all;
         std::mt19937 random(1);
         while (read_more(all, random() % 1500 + 1) == WRAPPER_AUDIO_OK) {
         }
@@ -63,12 +63,12 @@ protected:
         ASSERT_TRUE(has_captured(blocks * block_));
     }
 
-    using scenario = std::function<account()>;
+    using scenario = std::function<both_reads()>;
 
-    account run(wrapper_audio_recorder_options options, const scenario& record_it) {
+    both_reads run(wrapper_audio_recorder_options options, const scenario& record_it) {
         keeps_both_ = options.undenoised != 0;
         create(options);
-        account all = record_it();
+        both_reads all = record_it();
         test_clock::let_waits_pass(false);
         microphone.fail_after(UINT64_MAX);
         microphone.go_on();
@@ -83,9 +83,9 @@ protected:
         wrapper_audio_recorder_options listening = denoising;
         listening.denoise = 0.0F;
         listening.speech = 1;
-        const account found = run(both, record_it);
-        const account denoised = run(denoising, record_it);
-        const account undenoised = run(listening, record_it);
+        const both_reads found = run(both, record_it);
+        const both_reads denoised = run(denoising, record_it);
+        const both_reads undenoised = run(listening, record_it);
         EXPECT_GT(found.denoised.size(), 100U);
         EXPECT_EQ(found.denoised, denoised.denoised);
         EXPECT_EQ(found.undenoised, undenoised.denoised);
@@ -137,7 +137,7 @@ TEST_F(both_outputs, are_those_of_two_recorders_after_a_stop) {
         EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK);
         device.join();
         EXPECT_EQ(info().captured, 11 * block_);
-        account all = read_all();
+        both_reads all = read_all();
         EXPECT_EQ(all.status, WRAPPER_AUDIO_STOPPED);
         return all;
     });
@@ -159,7 +159,7 @@ TEST_F(both_outputs, are_those_of_two_recorders_when_reads_come_late) {
     expect_those_of_two([&] {
         microphone.hang_after(0);
         open();
-        account all;
+        both_reads all;
         for (const uint64_t blocks : {80U, 85U, 160U, 163U}) {
             deliver(blocks);
             read_more(all, static_cast<std::size_t>(info().rate / 3), 0);
@@ -175,7 +175,7 @@ TEST_F(both_outputs, are_those_of_two_recorders_when_the_system_loses_sound) {
     expect_those_of_two({.rate = 16000, .denoise = 1.0F}, [&] {
         microphone.hang_after(0);
         open();
-        account all;
+        both_reads all;
         deliver(70);
         test_clock::skip(milliseconds(500));
         deliver(110);
@@ -202,7 +202,7 @@ TEST_F(both_outputs, stay_in_step_with_every_other_read) {
         EXPECT_EQ(wrapper_audio_recorder_read_f32(recorder, floats.data(), count, -1, &told), WRAPPER_AUDIO_OK);
         EXPECT_EQ(wrapper_audio_recorder_read_gate(recorder, gate, count, -1, &told), WRAPPER_AUDIO_OK);
         position += 3 * count;
-        account both;
+        both_reads both;
         EXPECT_EQ(read_more(both, count), WRAPPER_AUDIO_OK);
         EXPECT_EQ(both.places.front().first, position);
         std::vector<int16_t> pcm(count);

@@ -118,12 +118,12 @@ void* operator new(std::size_t size) {
     return failing_memory::allocate(size);
 }
 
-void operator delete(void* block) noexcept {
-    failing_memory::release(block);
+void operator delete(void* memory) noexcept {
+    failing_memory::release(memory);
 }
 
-void operator delete(void* block, std::size_t /*size*/) noexcept {
-    failing_memory::release(block);
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    failing_memory::release(memory);
 }
 
 // std::thread's beginning, to which the linker leads from the layer.

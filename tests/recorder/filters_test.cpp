@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-constexpr float infinity = std::numeric_limits<float>::infinity();
+using signals::infinity;
+using signals::nan;
 
 processor_holder high_pass(int32_t rate, float cutoff_hz, float q) {
     wrapper_audio_processor* processor = nullptr;
@@ -51,7 +51,7 @@ void expect_stream(const processor_holder& processor, const std::vector<float>& 
     EXPECT_TRUE(same(out.data(), expected)) << "after a reset";
 }
 
-std::vector<float> noise(std::size_t count, float amplitude = 1.1F) {
+std::vector<float> loud_noise(std::size_t count, float amplitude = 1.1F) {
     std::mt19937 random(2);
     return signals::noise(random, count, amplitude);
 }
@@ -59,7 +59,7 @@ std::vector<float> noise(std::size_t count, float amplitude = 1.1F) {
 // ---- High-pass ----
 
 TEST(high_pass, is_the_reference_at_the_rate_of_the_samples) {
-    const auto in = noise(5000);
+    const auto in = loud_noise(5000);
     for (const int32_t rate : {100, 8000, 16000, 44100, 48000, 768000}) {
         for (const float q : {0.05F, 0.707F, 50.0F}) {
             const float cutoff = static_cast<float>(rate) / 40.0F;
@@ -84,7 +84,7 @@ TEST(high_pass, takes_rumble_away_and_leaves_the_rest) {
 TEST(high_pass, gives_each_sample_at_once) {
     const auto processor = high_pass(48000, 80.0F, 0.707F);
     EXPECT_EQ(wrapper_audio_processor_delay(processor.get()), 0U);
-    EXPECT_EQ(process(processor, noise(1)).size(), 1U);
+    EXPECT_EQ(process(processor, loud_noise(1)).size(), 1U);
     EXPECT_TRUE(flush(processor).empty());
     EXPECT_TRUE(take_speech(processor).empty());
 }
@@ -92,7 +92,7 @@ TEST(high_pass, gives_each_sample_at_once) {
 // ---- De-pop ----
 
 TEST(depop, goes_on_from_call_to_call) {
-    const auto in = noise(5000);
+    const auto in = loud_noise(5000);
     for (const float coef : {0.0F, 0.3F, 0.95F, 1.0F})
         expect_stream(depop(coef), in, reference::depopped(in, coef));
     EXPECT_EQ(wrapper_audio_processor_delay(depop(0.5F).get()), 0U);
@@ -112,7 +112,7 @@ TEST(depop, by_hand) {
 
 // Sounds from -130 dB to beyond full scale, so that every bound of the gain is reached.
 std::vector<float> loud_and_quiet(std::size_t count) {
-    auto samples = noise(count);
+    auto samples = loud_noise(count);
     constexpr float amplitudes[] = {1.0F, 0.001F, 0.3F, 1e-7F, 5.0F, 0.05F, 0.0F, 0.2F};
     for (std::size_t i = 0; i < count; ++i)
         samples[i] *= amplitudes[i * std::size(amplitudes) / count];
@@ -177,7 +177,7 @@ TEST(gain_control, lets_silence_below_120_db_pass) {
 }
 
 TEST(gain_control, a_release_of_minus_0_is_one_of_0) {
-    const auto in = noise(1000);
+    const auto in = loud_noise(1000);
     EXPECT_EQ(whole_stream(gain_control(16000, -20.0F, -0.0F), in),
               whole_stream(gain_control(16000, -20.0F, 0.0F), in));
 }
@@ -215,7 +215,7 @@ void expect_same_output(const std::vector<float>& in, const std::vector<float>& 
 
 TEST(strange_samples, those_that_are_no_number_count_as_silence) {
     std::mt19937 random(8);
-    auto in = noise(9000, 0.5F);
+    auto in = loud_noise(9000, 0.5F);
     auto silenced = in;
     const float strange[] = {nan, -nan, infinity, -infinity};
     for (std::size_t i = 0; i < in.size(); i += random() % 300 + 1) {
@@ -228,7 +228,7 @@ TEST(strange_samples, those_that_are_no_number_count_as_silence) {
 }
 
 TEST(strange_samples, huge_ones_are_limited_to_40_db_above_full_scale) {
-    auto in = noise(9000, 0.5F);
+    auto in = loud_noise(9000, 0.5F);
     auto limited = in;
     const float huge[] = {
         100.5F, -101.0F, 1e10F, -1e20F, std::numeric_limits<float>::max(), std::numeric_limits<float>::lowest()};
@@ -242,7 +242,7 @@ TEST(strange_samples, huge_ones_are_limited_to_40_db_above_full_scale) {
 }
 
 TEST(strange_samples, noise_suppression_recovers_from_the_loudest) {
-    auto in = noise(96000, 0.05F);
+    auto in = loud_noise(96000, 0.05F);
     std::fill(in.begin() + 20000, in.begin() + 20100, 3e38F);
     for (const int32_t rate : {48000, 44100}) {
         const auto out = whole_stream({rate, 48000, 1.0F, 0, 0}, in);
@@ -266,7 +266,7 @@ TEST(strange_samples, denormal_ones_and_full_scale_squares_give_ordinary_numbers
 }
 
 TEST(any_processor, may_write_over_its_input) {
-    const auto in = noise(4800, 0.5F);
+    const auto in = loud_noise(4800, 0.5F);
     for (const auto& processor : one_of_each()) {
         const auto expected = process(processor, in, 4800);
         EXPECT_EQ(wrapper_audio_processor_reset(processor.get()), WRAPPER_AUDIO_OK);

@@ -8,15 +8,10 @@
 using fake::device;
 using fake::world;
 using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 using testing::HasSubstr;
 
 namespace {
-
-constexpr uint64_t block = 1440; // of the core, at 48000 Hz
-
-auto now() {
-    return std::chrono::steady_clock::now();
-}
 
 class hanging_device : public with_recorder {
 protected:
@@ -52,11 +47,11 @@ TEST_F(hanging_device, is_left_behind_by_a_stop_within_a_second) {
         microphone.hang_after(3 * block);
         record({.rate = 16000, .denoise = denoise});
         ASSERT_TRUE(has_captured(3 * block));
-        const auto before = now();
+        const auto before = steady_clock::now();
         test_clock::let_waits_pass(true);
         EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
-        EXPECT_LE(now() - before, milliseconds(1000));
-        EXPECT_GE(now() - before, milliseconds(500)) << "there was hope";
+        EXPECT_LE(steady_clock::now() - before, milliseconds(1000));
+        EXPECT_GE(steady_clock::now() - before, milliseconds(500)) << "there was hope";
         EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
         EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_INVALID_STATE);
         EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
@@ -77,10 +72,10 @@ TEST_F(hanging_device, is_left_behind_by_a_free) {
     microphone.hang_after(block);
     record({});
     ASSERT_TRUE(has_captured(block));
-    const auto before = now();
+    const auto before = steady_clock::now();
     test_clock::let_waits_pass(true);
     wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
-    EXPECT_LE(now() - before, milliseconds(1000));
+    EXPECT_LE(steady_clock::now() - before, milliseconds(1000));
     EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
     microphone.go_on();
     EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
@@ -156,11 +151,11 @@ TEST_F(hanging_device, that_does_not_open_is_left_behind_after_10_seconds) {
     ASSERT_TRUE(soon([&] { return wrapper_audio_recorder_get_info(other, &there), there.available >= 4800; }));
     create({});
     hang_in("Pa_OpenStream");
-    const auto before = now();
+    const auto before = steady_clock::now();
     test_clock::let_waits_pass(true);
     EXPECT_EQ(wrapper_audio_recorder_open(recorder, "Host:A"), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
-    EXPECT_GE(now() - before, milliseconds(10000));
-    EXPECT_LE(now() - before, milliseconds(11000));
+    EXPECT_GE(steady_clock::now() - before, milliseconds(10000));
+    EXPECT_LE(steady_clock::now() - before, milliseconds(11000));
     EXPECT_THAT(text(WRAPPER_AUDIO_TEXT_REASON), HasSubstr("10 seconds"));
     place.wait_for_somebody();
     EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
@@ -207,7 +202,7 @@ TEST_F(hanging_device, that_opens_late_can_be_stopped_by_another_thread) {
 TEST_F(hanging_device, that_does_not_open_can_be_stopped_by_another_thread) {
     create({});
     hang_in("Pa_OpenStream");
-    const auto before = now();
+    const auto before = steady_clock::now();
     wrapper_audio_status opened = WRAPPER_AUDIO_OK;
     std::thread opener([&] { opened = wrapper_audio_recorder_open(recorder, nullptr); });
     place.wait_for_somebody();
@@ -219,7 +214,7 @@ TEST_F(hanging_device, that_does_not_open_can_be_stopped_by_another_thread) {
     EXPECT_EQ(read(1, 0).status, WRAPPER_AUDIO_INVALID_STATE) << "it never was open";
     opener.join();
     EXPECT_EQ(opened, WRAPPER_AUDIO_STOPPED);
-    EXPECT_LE(now() - before, milliseconds(1000));
+    EXPECT_LE(steady_clock::now() - before, milliseconds(1000));
     EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U) << "counted once";
 }
 
@@ -246,7 +241,7 @@ TEST_F(hanging_device, that_hangs_while_devices_are_listed_is_left_behind_and_li
     hang_in("Pa_Initialize");
     wrapper_audio_device_list* list = nullptr;
     wrapper_audio_status listed = WRAPPER_AUDIO_OK;
-    const auto before = now();
+    const auto before = steady_clock::now();
     std::thread lister([&] { listed = wrapper_audio_device_list_create(&list); });
     place.wait_for_somebody();
     ASSERT_TRUE(soon([] { return test_clock::waiting() == 1; }));
@@ -254,7 +249,7 @@ TEST_F(hanging_device, that_hangs_while_devices_are_listed_is_left_behind_and_li
     lister.join();
     EXPECT_EQ(listed, WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
     EXPECT_EQ(list, nullptr);
-    EXPECT_LE(now() - before, milliseconds(11000));
+    EXPECT_LE(steady_clock::now() - before, milliseconds(11000));
     EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
 
     before_each(nullptr);

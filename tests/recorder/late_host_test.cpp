@@ -7,8 +7,6 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr uint64_t block = 1440; // of the core, at 48000 Hz
-
 class late_host : public with_recorder {
 protected:
     void SetUp() override {

@@ -10,8 +10,6 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr uint64_t block = 1440; // of the core, at 48000 Hz
-
 // A whole number as the core's 16-bit sample.
 float as_float(int value) {
     return (static_cast<float>(value) + (value > 0 ? 0.25F : value < 0 ? -0.25F : 0.0F)) / 32767.0F;

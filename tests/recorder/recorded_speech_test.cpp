@@ -6,7 +6,6 @@ using fake::world;
 
 namespace {
 
-constexpr uint64_t block = 1440; // of the core, at 48000 Hz
 constexpr uint64_t ten_ms = 480;
 
 struct utterance {

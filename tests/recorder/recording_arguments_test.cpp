@@ -88,7 +88,7 @@ TEST_F(recorder_arguments, of_create_may_be_left_out) {
 TEST_F(recorder_arguments, may_be_missing) {
     int16_t pcm[10] = {};
     float floats[10] = {};
-    wrapper_audio_block block;
+    wrapper_audio_block piece;
     wrapper_audio_recorder_info told;
     EXPECT_EQ(wrapper_audio_recorder_open(nullptr, nullptr), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_EQ(wrapper_audio_recorder_stop(nullptr), WRAPPER_AUDIO_INVALID_ARGUMENT);
@@ -99,23 +99,23 @@ TEST_F(recorder_arguments, may_be_missing) {
     EXPECT_EQ(wrapper_audio_recorder_get_text(nullptr, WRAPPER_AUDIO_TEXT_DEVICE_ID, copied, 10), 0U);
     EXPECT_STREQ(copied, "");
 
-    block.count = 99;
-    block.speech_probability = 0.5F;
-    EXPECT_EQ(wrapper_audio_recorder_read_s16(nullptr, pcm, 10, 0, &block), WRAPPER_AUDIO_INVALID_ARGUMENT);
-    EXPECT_EQ(block.count, 0U) << "filled in any case";
-    EXPECT_EQ(block.speech_probability, -1.0F);
-    EXPECT_EQ(wrapper_audio_recorder_read_f32(nullptr, floats, 10, 0, &block), WRAPPER_AUDIO_INVALID_ARGUMENT);
+    piece.count = 99;
+    piece.speech_probability = 0.5F;
+    EXPECT_EQ(wrapper_audio_recorder_read_s16(nullptr, pcm, 10, 0, &piece), WRAPPER_AUDIO_INVALID_ARGUMENT);
+    EXPECT_EQ(piece.count, 0U) << "filled in any case";
+    EXPECT_EQ(piece.speech_probability, -1.0F);
+    EXPECT_EQ(wrapper_audio_recorder_read_f32(nullptr, floats, 10, 0, &piece), WRAPPER_AUDIO_INVALID_ARGUMENT);
 
     record({});
-    EXPECT_EQ(wrapper_audio_recorder_read_s16(recorder, nullptr, 10, 0, &block), WRAPPER_AUDIO_INVALID_ARGUMENT);
-    EXPECT_EQ(wrapper_audio_recorder_read_f32(recorder, nullptr, 10, 0, &block), WRAPPER_AUDIO_INVALID_ARGUMENT);
+    EXPECT_EQ(wrapper_audio_recorder_read_s16(recorder, nullptr, 10, 0, &piece), WRAPPER_AUDIO_INVALID_ARGUMENT);
+    EXPECT_EQ(wrapper_audio_recorder_read_f32(recorder, nullptr, 10, 0, &piece), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_EQ(wrapper_audio_recorder_read_s16(recorder, pcm, 10, -1, nullptr), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_EQ(wrapper_audio_recorder_read_f32(recorder, floats, 10, -1, nullptr), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_EQ(wrapper_audio_recorder_get_info(recorder, nullptr), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_EQ(wrapper_audio_recorder_take_speech(recorder, nullptr, 10), 0U);
     EXPECT_EQ(info().read, 0U) << "nothing is taken by a read that is refused";
-    EXPECT_EQ(wrapper_audio_recorder_read_s16(recorder, pcm, 10, least, &block), WRAPPER_AUDIO_OK);
-    EXPECT_EQ(wrapper_audio_recorder_read_s16(recorder, pcm, 10, most, &block), WRAPPER_AUDIO_OK);
+    EXPECT_EQ(wrapper_audio_recorder_read_s16(recorder, pcm, 10, least, &piece), WRAPPER_AUDIO_OK);
+    EXPECT_EQ(wrapper_audio_recorder_read_s16(recorder, pcm, 10, most, &piece), WRAPPER_AUDIO_OK);
 }
 
 TEST_F(recorder_arguments, of_texts_may_be_any) {

@@ -1,9 +1,14 @@
 // What a speech gate refuses, and its defaults.
 #include "speech_gates.h"
 
+#include "signals.h"
+
 #include <limits>
 
 namespace {
+
+using signals::infinity;
+using signals::nan;
 
 wrapper_audio_status creating(const wrapper_audio_speech_options& options) {
     auto* made = reinterpret_cast<wrapper_audio_speech_gate*>(1);
@@ -39,8 +44,6 @@ TEST(speech_gate_arguments, have_documented_defaults) {
 TEST(speech_gate_arguments, have_limits) {
     constexpr int32_t most = std::numeric_limits<int32_t>::max();
     constexpr int32_t least = std::numeric_limits<int32_t>::min();
-    constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-    constexpr float infinity = std::numeric_limits<float>::infinity();
     const auto limits = [](int32_t wrapper_audio_speech_options::*field, std::initializer_list<int32_t> inside,
                            std::initializer_list<int32_t> outside) {
         for (const int32_t value : inside) {

@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+inline constexpr uint64_t block = 1440; // of the core, at 48000 Hz
+
 // A microphone of which each stream begins anew: sample n is sound(n).
 class scripted_microphone {
 public:

@@ -9,6 +9,9 @@
 
 namespace signals {
 
+inline constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+inline constexpr float infinity = std::numeric_limits<float>::infinity();
+
 inline std::vector<float> noise(std::mt19937& random, std::size_t count, float amplitude = 1.1F) {
     std::uniform_real_distribution<float> uniform(-1.0F, 1.0F);
     std::vector<float> samples(count);
@@ -19,8 +22,6 @@ inline std::vector<float> noise(std::mt19937& random, std::size_t count, float a
 
 // Strews NaN, infinities, signed zeros, denormals and huge numbers in, about one in 30.
 inline std::vector<float> hostile(std::mt19937& random, std::size_t count, float amplitude = 1.1F) {
-    constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-    constexpr float infinity = std::numeric_limits<float>::infinity();
     constexpr float strange[] = {nan,   infinity, -infinity, 1.0F,  -1.0F, 0.0F,
                                  -0.0F, 1e-40F,   -1e-45F,   1e20F, 3e38F, -3e38F};
     std::vector<float> samples = noise(random, count, amplitude);

@@ -78,12 +78,12 @@ soak::series repeat(const std::string& name, const std::string& path, long count
 } // namespace
 
 int main(int argc, char** argv) {
-    const soak::figures start = soak::figures_now();
     if (argc != 3) {
         std::fputs("usage: loads LIBRARY COUNT\n", stderr);
         return 2;
     }
     try {
+        const soak::figures start = soak::figures_now();
         // libjack, which PortAudio brings along, leaves memory and thread-specific keys behind each time that it is
         // unloaded. So it is measured alone, fewer times than there are keys, and stays loaded afterwards.
         const std::string jack = "libjack.so.0";

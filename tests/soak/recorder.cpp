@@ -141,12 +141,12 @@ bool repeated(const std::string& name, long count, const soak::figures& start, v
 } // namespace
 
 int main(int argc, char** argv) {
-    const soak::figures start = soak::figures_now();
     if (argc != 3) {
         std::fputs("usage: soak_recorder READS CYCLES\n", stderr);
         return 2;
     }
     try {
+        const soak::figures start = soak::figures_now();
         const long reads = std::stol(argv[1]);
         const long cycles = std::stol(argv[2]);
         bool flat = reads < 1 || soak_reads(reads, start);

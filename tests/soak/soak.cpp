@@ -256,12 +256,12 @@ bool soak_unplugged(long count, const soak::figures& start) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const soak::figures start = soak::figures_now();
     if (argc != 4) {
         std::fputs("usage: soak_calls READS CYCLES UNPLUGGED\n", stderr);
         return 2;
     }
     try {
+        const soak::figures start = soak::figures_now();
         long counts[3];
         std::transform(argv + 1, argv + 4, counts, [](const char* text) { return std::stol(text); });
         const auto [reads, cycles, unplugged] = counts;

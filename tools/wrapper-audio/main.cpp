@@ -62,6 +62,7 @@ void print(const std::string& text) {
     throw failure(file_trouble, fmt::format("cannot write to standard output: {}", std::strerror(errno)));
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): only where there is no memory for a line, and so none to say it with
 int main(int argc, char** argv) {
     std::setlocale(LC_CTYPE, "");
     fill_standard_descriptors();

@@ -17,11 +17,11 @@
 
 namespace {
 
-constexpr int rate = 16000; // of the samples, which nobody hears: the levels are those that the device gave
+constexpr int meter_rate = 16000; // of the samples, which nobody hears: the levels are those that the device gave
 
 std::uint64_t samples_wanted(const std::optional<double>& seconds) {
     if (!seconds) return std::numeric_limits<std::uint64_t>::max();
-    const double samples = std::ceil(*seconds * rate - 1e-9);
+    const double samples = std::ceil(*seconds * meter_rate - 1e-9);
     if (!(samples < 1e15)) throw failure(usage, "--seconds: longer than anybody can wait");
     return static_cast<std::uint64_t>(samples);
 }
@@ -32,13 +32,13 @@ public:
     explicit display(bool json) : json_(json) {}
 
     void show(const wrapper_audio_block& block) {
-        const std::uint64_t seconds_before = samples_ / rate;
+        const std::uint64_t seconds_before = samples_ / meter_rate;
         samples_ += block.count;
         second_.add(block.captured_rms, block.captured_peak, block.count);
         moment_.add(block.captured_rms, block.captured_peak, block.count);
         if (redraws())
             draw();
-        else if (samples_ / rate > seconds_before)
+        else if (samples_ / meter_rate > seconds_before)
             print_second();
     }
 
@@ -51,7 +51,7 @@ public:
     std::uint64_t samples() const { return samples_; }
 
 private:
-    double now() const { return static_cast<double>(samples_) / rate; }
+    double now() const { return static_cast<double>(samples_) / meter_rate; }
 
     void draw() {
         meter_.hold(now(), moment_.peak());
@@ -86,12 +86,12 @@ private:
 exit_code show_meter(const meter_options& wanted) {
     const std::uint64_t limit = samples_wanted(wanted.seconds);
     wrapper_audio_recorder_options options{};
-    options.rate = rate;
+    options.rate = meter_rate;
     options.conversion = WRAPPER_AUDIO_CONVERSION_LINEAR; // without delay
     microphone input(wanted.device, options);
     stop_on_signals();
     display shown(wanted.json);
-    std::array<float, rate * 30 / 1000> samples{};
+    std::array<float, meter_rate * 30 / 1000> samples{};
     for (wrapper_audio_block block{}; !stop_requested() && shown.samples() < limit;) {
         const std::size_t most = std::min<std::uint64_t>(samples.size(), limit - shown.samples());
         if (input.read(std::span(samples).first(most), block) == 0) break;

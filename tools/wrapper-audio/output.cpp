@@ -430,7 +430,7 @@ std::uint64_t sample_limit(sound_format format, sample_size bits, int channels) 
     case sound_format::flac: // 36 bits
         return (std::uint64_t{1} << 36) - 1;
     default:
-        return std::numeric_limits<std::int64_t>::max();
+        return no_limit;
     }
 }
 

@@ -11,6 +11,8 @@
 #include <span>
 #include <string>
 
+constexpr std::uint64_t no_limit = std::numeric_limits<std::int64_t>::max(); // of samples
+
 class output {
 public:
     virtual ~output() = default;
@@ -22,7 +24,7 @@ public:
     virtual bool close() = 0;
 
     /** How many samples of each channel fit. */
-    virtual std::uint64_t capacity() const { return std::numeric_limits<std::int64_t>::max(); }
+    virtual std::uint64_t capacity() const { return no_limit; }
 
     /** Why a write or the close failed. */
     virtual std::string reason() const = 0;

@@ -15,15 +15,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
 #include <vector>
 
 namespace {
-
-constexpr std::uint64_t no_limit = std::numeric_limits<std::int64_t>::max();
 
 std::uint64_t samples_in(const std::optional<double>& seconds, int rate, const char* option) {
     if (!seconds) return no_limit;

@@ -63,6 +63,15 @@ bool take_clock(std::string_view text, double& seconds) {
     return false;
 }
 
+float parse_between(const std::string& text, float least, float most, const char* unit = "") {
+    float number = std::numeric_limits<float>::quiet_NaN();
+    float rest = 0;
+    parse_pair(text, number, rest);
+    if (!(number >= least && number <= most) || text.find(':') != std::string::npos)
+        throw std::invalid_argument(fmt::format("must lie between {} and {}{}", least, most, unit));
+    return number;
+}
+
 } // namespace
 
 high_pass parse_high_pass(const std::string& text) {
@@ -84,30 +93,15 @@ gain_control parse_gain_control(const std::string& text) {
 }
 
 float parse_loudness(const std::string& text) {
-    float lufs = 1;
-    float rest = 0;
-    parse_pair(text, lufs, rest);
-    if (!(lufs >= -60 && lufs <= 0) || text.find(':') != std::string::npos)
-        throw std::invalid_argument("must lie between -60 and 0 LUFS");
-    return lufs;
+    return parse_between(text, -60, 0, " LUFS");
 }
 
 float parse_share(const std::string& text) {
-    float share = -1;
-    float rest = 0;
-    parse_pair(text, share, rest);
-    if (!(share >= 0 && share <= 1) || text.find(':') != std::string::npos)
-        throw std::invalid_argument("must lie between 0 and 1");
-    return share;
+    return parse_between(text, 0, 1);
 }
 
 float parse_quality(const std::string& text) {
-    float quality = -1;
-    float rest = 0;
-    parse_pair(text, quality, rest);
-    if (!(quality >= 0 && quality <= 10) || text.find(':') != std::string::npos)
-        throw std::invalid_argument("must lie between 0 and 10");
-    return quality;
+    return parse_between(text, 0, 10);
 }
 
 int parse_rate(const std::string& text) {

@@ -3,7 +3,7 @@
 import asyncio
 import errno
 import unittest
-from typing import Any, List
+from typing import Any, Dict, List, Tuple
 
 import support
 from wrapper_audio import ArgumentError, AudioError, Recorder, Utterance, to_int16
@@ -79,7 +79,9 @@ class Utterances(support.ProcessTest):
             print(list(utterances))
             recorder.close()
             """
-        for script, expected in ({}, "DEVICE_FAILED"), ({"MICROPHONE_ANSWER": str(errno.ENODEV)}, "DEVICE_GONE"):
+        answers: List[Tuple[Dict[str, str], str]] = [
+            ({}, "DEVICE_FAILED"), ({"MICROPHONE_ANSWER": str(errno.ENODEV)}, "DEVICE_GONE")]
+        for script, expected in answers:
             output, _ = self.check(program, scripted=True, MICROPHONE_FAILS_AFTER="100", **script)  # after 3 s
             size, status, rest = output.splitlines()
             self.assertAlmostEqual(int(size) / 16000, 3 - 0.5, delta=0.05)

@@ -80,6 +80,15 @@ bool take_lock() {
     return flock(lock, LOCK_EX | LOCK_NB) == 0;
 }
 
+// The default input, by its own or its new name, which may be that of another device.
+bool is_default(const std::string& name) {
+    if (name == "default") return true;
+    const char* renamed = std::getenv("MICROPHONE_NAME");
+    snd_config_t* other = nullptr;
+    return renamed != nullptr && name == renamed && snd_config_update() >= 0 &&
+           snd_config_search(snd_config, ("pcm." + name).c_str(), &other) < 0;
+}
+
 } // namespace
 
 extern "C" const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex index) {
@@ -104,15 +113,14 @@ extern "C" PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* in
 }
 
 extern "C" int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t stream, int mode) {
-    const char* renamed = std::getenv("MICROPHONE_NAME");
-    if (renamed != nullptr && std::string(name) == renamed) name = "default";
-    if (is_listed && std::string(name) == "default") {
+    if (!is_default(name)) return next<decltype(snd_pcm_open)>("snd_pcm_open")(pcm, name, stream, mode);
+    if (is_listed) {
         if (!take_lock()) return -EBUSY;
         const char* answer = std::getenv("MICROPHONE_ANSWER");
         if (answer != nullptr && (has_failed || std::getenv("MICROPHONE_FAILS_AFTER") == nullptr))
             return -std::atoi(answer);
     }
-    return next<decltype(snd_pcm_open)>("snd_pcm_open")(pcm, name, stream, mode);
+    return next<decltype(snd_pcm_open)>("snd_pcm_open")(pcm, "default", stream, mode);
 }
 
 extern "C" PaError Pa_CloseStream(PaStream* stream) {

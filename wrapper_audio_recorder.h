@@ -94,7 +94,8 @@ typedef enum wrapper_audio_status {
     WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK = -12, /**< the audio system does not respond */
     WRAPPER_AUDIO_DEVICE_BUSY = -13,        /**< the device did not open: another program has it */
     WRAPPER_AUDIO_DEVICE_FORBIDDEN = -14,   /**< the device did not open: this user may not use it */
-    WRAPPER_AUDIO_DEVICE_GONE = -15         /**< the device is not there any more: it was unplugged */
+    WRAPPER_AUDIO_DEVICE_GONE = -15,        /**< the device is not there any more: it was unplugged */
+    WRAPPER_AUDIO_NO_SYSTEM_SOUND = -16     /**< no device records what the computer plays */
 } wrapper_audio_status;
 
 /**
@@ -187,6 +188,17 @@ const wrapper_audio_device *wrapper_audio_device_list_get(const wrapper_audio_de
 wrapper_audio_status wrapper_audio_device_list_find(const wrapper_audio_device_list *list, const char *wanted,
                                                     size_t *index, char *reason,
                                                     size_t capacity) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Finds the device that records what the computer plays: the monitor of the output that programs play into unless they
+ * choose another. Only PulseAudio and PipeWire have one, where all their sources are listed.
+ *
+ * @param list   a list
+ * @param index  receives the index of the device
+ * @return OK, NO_SYSTEM_SOUND, INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_device_list_find_system(const wrapper_audio_device_list *list,
+                                                           size_t *index) WRAPPER_AUDIO_NOEXCEPT;
 
 /**
  * Releases a list and the texts in it.

@@ -147,6 +147,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::size_t found = 0;
         std::vector<char> reason(1 + bytes.below(200));
         wrapper_audio_device_list_find(made, unknown.c_str(), &found, reason.data(), reason.size());
+        require(wrapper_audio_device_list_find_system(made, &found) == WRAPPER_AUDIO_NO_SYSTEM_SOUND,
+                "only a server's source records what is played");
         require(std::find(reason.begin(), reason.end(), '\0') != reason.end(), "a reason ends");
     }
     std::vector<char> lines(4096);

@@ -30,6 +30,7 @@ export class LibraryError extends AudioError {}
 /**
  * There is no audio system or no microphone, or the device refuses: another program has it ('DEVICE_BUSY'), this user may
  * not use it ('DEVICE_FORBIDDEN'), it was unplugged ('DEVICE_GONE'), or nobody knows ('DEVICE_REFUSED').
+ * Or no device records what the computer plays ('NO_SYSTEM_SOUND').
  */
 export class OpenError extends AudioError {}
 /** No device has this id. The message lists the devices available. */
@@ -44,7 +45,7 @@ export class ClosedError extends AudioError {}
 export type Status =
   | '' | 'INVALID_STATE' | 'OUT_OF_MEMORY' | 'NO_AUDIO_SYSTEM' | 'NO_INPUT_DEVICE' | 'UNKNOWN_DEVICE'
   | 'AMBIGUOUS_DEVICE' | 'NOT_AN_INPUT' | 'DEVICE_REFUSED' | 'DEVICE_FAILED' | 'NO_DATA' | 'AUDIO_SYSTEM_STUCK'
-  | 'DEVICE_BUSY' | 'DEVICE_FORBIDDEN' | 'DEVICE_GONE';
+  | 'DEVICE_BUSY' | 'DEVICE_FORBIDDEN' | 'DEVICE_GONE' | 'NO_SYSTEM_SOUND';
 
 /**
  * Loads the shared library; if you do not call this, the first object does. The library is looked for at `file`, at the
@@ -90,6 +91,12 @@ export function devices(): Promise<Device[]>;
 
 /** Finds the one input device with this id or, if there is none, with this as a part of its id, ignoring case. */
 export function findDevice(wanted: string): Promise<Device>;
+
+/**
+ * Finds the device that records what the computer plays: on PulseAudio and PipeWire, the monitor of the output that
+ * programs play into unless they choose another.
+ */
+export function systemDevice(): Promise<Device>;
 
 /** Whether capture is possible at all: PortAudio does not start, no device can capture, or one can. */
 export const Capability: { readonly NO_PORTAUDIO: 0; readonly NO_INPUT: 1; readonly INPUT: 3 };

@@ -1,6 +1,7 @@
 'use strict';
 // Written so that `import { Recorder } from 'wrapper-audio'` finds the same names as `require`.
-const { Capability, abandonedThreads, capability, devices, findDevice, logEcho, logLines } = require('./lib/devices');
+const { Capability, abandonedThreads, capability, devices, findDevice, logEcho, logLines, systemDevice } =
+  require('./lib/devices');
 const { load } = require('./lib/library');
 
 module.exports = {
@@ -15,4 +16,5 @@ module.exports = {
   load,
   logEcho,
   logLines,
+  systemDevice,
 };

@@ -192,6 +192,7 @@ std::vector<device> read_devices() {
             found.input_channels = source->channels;
             found.output_channels = 0;
             found.is_server_source = true;
+            found.is_system = source->is_of_default_output;
         }
         const auto is_taken = [&](const std::string& id) {
             return std::any_of(devices.begin(), devices.end(), [&](const device& other) { return other.id == id; });

@@ -46,6 +46,7 @@ struct device {
     int32_t output_channels = 0;
     bool is_default = false;
     bool is_server_source = false;
+    bool is_system = false; // what the computer plays
 };
 
 // The devices of an initialisation, each with a unique id.

@@ -52,6 +52,8 @@ const char* wrapper_audio_status_text(int32_t status) noexcept {
         return "this user may not use the device";
     case WRAPPER_AUDIO_DEVICE_GONE:
         return "the device is not there any more";
+    case WRAPPER_AUDIO_NO_SYSTEM_SOUND:
+        return "no device records what the computer plays";
     default:
         return "unknown status";
     }
@@ -86,6 +88,10 @@ const char* wrapper_audio_status_advice(int32_t status) noexcept {
         return "Let this user have it, as members of the group audio mostly do, or choose another device";
     case WRAPPER_AUDIO_DEVICE_GONE:
         return "Connect it and open it again, or choose another device";
+    case WRAPPER_AUDIO_NO_SYSTEM_SOUND:
+        return "Start PipeWire or PulseAudio, with libpulse and ALSA's plug-in for PulseAudio (libasound2-plugins); on "
+               "JACK, choose the program that plays as the device; with ALSA alone, load snd-aloop, play into it and "
+               "choose its other end";
     default:
         return "";
     }
@@ -223,6 +229,16 @@ wrapper_audio_status wrapper_audio_device_list_find(const wrapper_audio_device_l
         }
         return WRAPPER_AUDIO_OK;
     });
+}
+
+wrapper_audio_status wrapper_audio_device_list_find_system(const wrapper_audio_device_list* list,
+                                                           std::size_t* index) noexcept {
+    if (list == nullptr || index == nullptr) return WRAPPER_AUDIO_INVALID_ARGUMENT;
+    const auto& devices = list->devices;
+    const auto found = std::find_if(devices.begin(), devices.end(), [](const device& each) { return each.is_system; });
+    if (found == devices.end()) return WRAPPER_AUDIO_NO_SYSTEM_SOUND;
+    *index = static_cast<std::size_t>(found - devices.begin());
+    return WRAPPER_AUDIO_OK;
 }
 
 void wrapper_audio_device_list_free(wrapper_audio_device_list* list) noexcept {

@@ -44,15 +44,22 @@ struct pulse_library {
 // What a server has answered so far.
 struct answer {
     std::string server = "PulseAudio";
+    std::string default_output;
     std::vector<server_source> sources;
     bool is_complete = false;
     std::exception_ptr error; // no exception may pass through libpulse
 };
 
 void take_server(pa_context* /*context*/, const pa_server_info* info, void* to) {
-    if (info == nullptr || info->server_name == nullptr) return;
-    const bool is_pipewire = std::string_view(info->server_name).find("PipeWire") != std::string_view::npos;
-    if (is_pipewire) static_cast<answer*>(to)->server = "PipeWire";
+    if (info == nullptr) return;
+    auto& so_far = *static_cast<answer*>(to);
+    const auto text = [](const char* given) { return std::string_view(given != nullptr ? given : ""); };
+    try {
+        if (text(info->server_name).find("PipeWire") != std::string_view::npos) so_far.server = "PipeWire";
+        so_far.default_output = text(info->default_sink_name);
+    } catch (...) {
+        so_far.error = std::current_exception();
+    }
 }
 
 void take_source(pa_context* /*context*/, const pa_source_info* info, int end, void* to) {
@@ -69,6 +76,8 @@ void take_source(pa_context* /*context*/, const pa_source_info* info, int end, v
         source.rate = static_cast<int32_t>(info->sample_spec.rate);
         source.channels = info->sample_spec.channels;
         source.is_monitor = info->monitor_of_sink != PA_INVALID_INDEX;
+        source.is_of_default_output = source.is_monitor && info->monitor_of_sink_name != nullptr &&
+                                      info->monitor_of_sink_name == so_far.default_output;
     } catch (...) {
         so_far.error = std::current_exception();
     }

@@ -14,6 +14,7 @@ struct server_source {
     int32_t rate = 0;
     int32_t channels = 0;
     bool is_monitor = false;
+    bool is_of_default_output = false; // a monitor of what programs play into unless they choose
 };
 
 // Asks the server that the user's programs use, which takes a second at most, and defines the devices; those of the last

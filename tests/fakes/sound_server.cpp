@@ -186,6 +186,7 @@ pa_operation* pa_context_get_server_info(pa_context* context, pa_server_info_cb_
     return fake::ask([context, done, to] {
         pa_server_info info{};
         info.server_name = all->script.name ? all->script.name->c_str() : nullptr;
+        info.default_sink_name = all->script.default_output ? all->script.default_output->c_str() : nullptr;
         const pa_server_info* const told = fails("server info") ? nullptr : &info;
         const fake::called_back there;
         done(context, told, to);
@@ -202,6 +203,7 @@ pa_operation* pa_context_get_source_info_list(pa_context* context, pa_source_inf
             info.description = each.description ? each.description->c_str() : nullptr;
             info.sample_spec = {PA_SAMPLE_S16LE, each.rate, each.channels};
             info.monitor_of_sink = each.is_monitor ? 7 : PA_INVALID_INDEX;
+            info.monitor_of_sink_name = each.is_monitor && each.output ? each.output->c_str() : nullptr;
             const fake::called_back there;
             done(context, &info, 0, to);
         }

@@ -18,12 +18,14 @@ struct server_source {
     uint32_t rate = 48000;
     uint8_t channels = 1;
     bool is_monitor = false;
+    std::optional<std::string> output = name.substr(0, name.find(".monitor")); // that it is the monitor of
 };
 
 struct sound_server {
     // The script.
     bool is_there = false;
     std::optional<std::string> name = "pulseaudio"; // nothing: it does not say
+    std::optional<std::string> default_output = "yeti";
     std::vector<server_source> sources;
     bool refuses_lists = false;
     bool is_silent = false;                             // once it was asked

@@ -258,6 +258,8 @@ TEST_F(device_list, refuses_missing_arguments) {
     EXPECT_STREQ(reason, "");
     EXPECT_EQ(wrapper_audio_device_list_find(list, nullptr, &index, nullptr, 0), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_EQ(wrapper_audio_device_list_find(list, "x", nullptr, nullptr, 0), WRAPPER_AUDIO_INVALID_ARGUMENT);
+    EXPECT_EQ(wrapper_audio_device_list_find_system(nullptr, &index), WRAPPER_AUDIO_INVALID_ARGUMENT);
+    EXPECT_EQ(wrapper_audio_device_list_find_system(list, nullptr), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_EQ(index, 7U);
     EXPECT_EQ(wrapper_audio_device_list_count(nullptr), 0U);
     EXPECT_EQ(wrapper_audio_device_list_get(nullptr, 0), nullptr);

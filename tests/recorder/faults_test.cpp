@@ -331,6 +331,7 @@ TEST_F(recorder_faults, of_the_allocations_for_a_servers_sources_are_survived) {
         fake::server().is_there = true;
         fake::server().sources = {{.name = "a name that is too long to need no memory", .is_monitor = true},
                                   {.name = "b"}};
+        fake::server().default_output = "an output whose name needs memory, too";
         fake::server().plugins = {"pipewire"};
         wrapper_audio_device_list* list = nullptr;
         wrapper_audio_status status = WRAPPER_AUDIO_OK;

@@ -64,6 +64,18 @@ protected:
         return found;
     }
 
+    // The id of the one that records what the computer plays; "" where there is none.
+    static std::string system() {
+        wrapper_audio_device_list* list = nullptr;
+        EXPECT_EQ(wrapper_audio_device_list_create(&list), WRAPPER_AUDIO_OK);
+        std::size_t index = 7;
+        const wrapper_audio_status status = wrapper_audio_device_list_find_system(list, &index);
+        EXPECT_TRUE(status == WRAPPER_AUDIO_OK || (status == WRAPPER_AUDIO_NO_SYSTEM_SOUND && index == 7));
+        const std::string id = status == WRAPPER_AUDIO_OK ? wrapper_audio_device_list_get(list, index)->id : "";
+        wrapper_audio_device_list_free(list);
+        return id;
+    }
+
     static std::map<std::string, std::string> defined() { return server().devices; }
 };
 
@@ -90,6 +102,31 @@ TEST_F(server_sources, are_pulseaudios_where_the_server_does_not_say) {
     EXPECT_THAT(listed(), ElementsAre("PulseAudio:yeti", "PulseAudio:yeti.monitor"));
     server().failing = {"server info"};
     EXPECT_THAT(listed(), ElementsAre("PulseAudio:yeti", "PulseAudio:yeti.monitor"));
+}
+
+TEST_F(server_sources, tell_which_of_them_records_what_the_computer_plays) {
+    server().sources = {server_source{"hdmi"},
+                        {.name = "hdmi.monitor", .is_monitor = true},
+                        {.name = "heard", .is_monitor = true, .output = "speakers"}};
+    server().default_output = "speakers";
+    EXPECT_EQ(system(), "PulseAudio:heard");
+    server().name = "PulseAudio (on PipeWire 1.4.2)";
+    server().default_output = "hdmi";
+    EXPECT_EQ(system(), "PipeWire:hdmi.monitor");
+}
+
+TEST_F(server_sources, may_all_record_something_else) {
+    for (const auto& output : {std::optional<std::string>("usb"), std::optional<std::string>()}) {
+        server().default_output = output;
+        EXPECT_EQ(system(), "");
+    }
+    server().default_output = "yeti";
+    server().sources = {server_source{"yeti"}, {.name = "monitor", .is_monitor = true, .output = std::nullopt}};
+    EXPECT_EQ(system(), "");
+    server().failing = {"server info"};
+    EXPECT_EQ(system(), "");
+    server().is_there = false;
+    EXPECT_EQ(system(), "");
 }
 
 TEST_F(server_sources, record_at_the_servers_rate) {

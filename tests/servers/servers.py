@@ -53,6 +53,7 @@ class Server:
 
     environment: for programs that are to use this server, in addition to their own; see also program_environment()
     play(wav): plays a sound file into the microphone and returns the process, which nobody needs to end
+    play_aloud(wav): plays it into the default output; see add_output()
     suspend(), resume(): the server stops answering, as in a crash that does not end it, and goes on
     kill(): the server is gone, without a farewell
     unplug(): the microphone is gone, the server is not; on JACK, end the player instead
@@ -151,6 +152,12 @@ class Server:
                 raise RuntimeError(f"{what} does not appear: {self.log(self.servers[0])}")
             time.sleep(0.02)
 
+    def add_output(self, name):
+        """Programs play into it from now on unless they choose another; on PulseAudio and PipeWire."""
+        self.output("pactl", "load-module", "module-null-sink", f"sink_name={name}", f"rate={self.rate}", "channels=1")
+        self.output("pactl", "set-default-sink", name)
+        self.wait_for(lambda: self.output("pactl", "get-default-sink") == f"{name}\n", f"the output {name}")
+
     def wait_for_no_microphone(self):
         self.wait_for(lambda: "mic" not in self.output("pactl", "list", "short", "sources"), "the end of the microphone")
 
@@ -219,6 +226,9 @@ class PulseAudio(Server):
 
     def play(self, wav):
         return self.start("paplay", "--device=mic", Path(wav).resolve())
+
+    def play_aloud(self, wav):
+        return self.start("paplay", Path(wav).resolve())
 
     def unplug(self):
         self.output("pactl", "unload-module", "module-null-sink")
@@ -344,6 +354,9 @@ default_access.properties["enable-flatpak-portal"] = false
 
     def play(self, wav):
         return self.start("pw-cat", "--playback", "--target=mic", Path(wav).resolve())
+
+    def play_aloud(self, wav):
+        return self.start("pw-cat", "--playback", Path(wav).resolve())
 
     def unplug(self):
         self.output("pw-cli", "destroy", "mic")

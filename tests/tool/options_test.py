@@ -11,7 +11,7 @@ import unittest
 import wave
 from concurrent.futures import ThreadPoolExecutor
 
-from host import FILE_TROUBLE, FINE, HEADER_BYTES, INPUT_BREAKS_OFF, SPEECH, USAGE, ZEROS, HostTest
+from host import FILE_TROUBLE, FINE, HEADER_BYTES, INPUT_BREAKS_OFF, NO_INPUT_DEVICE, SPEECH, USAGE, ZEROS, HostTest
 
 
 class Words(HostTest):
@@ -34,6 +34,16 @@ class Words(HostTest):
         self.assertEqual(self.host("help"), self.host("--help"))
         self.assertEqual(self.host("help", "record"), self.host("record", "--help"))
         self.assertEqual(self.host("help", "record")[0], FINE)
+
+    def test_what_the_computer_plays_needs_a_sound_server(self):
+        self.listen_to(SPEECH)
+        self.assert_failed(self.record("--system", "--device", "filemic", self.file), USAGE, "--device excludes --system")
+        self.assert_failed(
+            self.record("--system", self.file),
+            NO_INPUT_DEVICE,
+            r"\Awrapper-audio: no device records what the computer plays\. Start PipeWire .* with ALSA alone, load .*\n\Z",
+        )
+        self.assertFalse(self.file.exists())
 
     def test_quiet_may_stand_before_the_command(self):
         self.listen_to(SPEECH)

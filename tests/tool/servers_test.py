@@ -1,7 +1,10 @@
 """The host on PipeWire, on PulseAudio and on JACK, all without hardware: in real time, and with a server that goes away."""
 
+import cmath
+import math
 import re
 import signal
+import struct
 import sys
 import tempfile
 import time
@@ -38,6 +41,21 @@ class ServerTest(HostTest):
 
     def environment(self, microphone):
         return {**self.server.program_environment(super().environment(microphone)), **self.extra}
+
+    def tone(self, frequency):
+        """20 s of it at -12 dBFS: a file."""
+        path = self.folder / f"{frequency}.wav"
+        samples = (round(0.25 * 2**0.5 * 32767 * math.sin(math.tau * frequency * at / 48000)) for at in range(960000))
+        with wave.open(str(path), "wb") as wav:
+            wav.setparams((1, 2, 48000, 0, "NONE", ""))
+            wav.writeframes(struct.pack("<960000h", *samples))
+        return path
+
+    @staticmethod
+    def level_at(frequency, samples, rate=16000):
+        """Its RMS in dBFS."""
+        turn = cmath.exp(-1j * math.tau * frequency / rate)
+        return decibels(abs(sum(sample * turn**at for at, sample in enumerate(samples))) / len(samples) * 2**0.5 / 32767)
 
     def wait_until_device(self, part):
         self.wait_for(lambda: part in self.host("devices", "--ids")[1], what=f"{part} does not appear")
@@ -100,6 +118,25 @@ class PulseAudio(ServerTest):
         self.assertAlmostEqual(decibels(heard), -20, delta=5)
         self.record("--device", "second.monitor", "--seconds", 1, self.file)
         self.assertEqual(rms(self.recorded(16000)), 0, "nothing is played there")
+
+    def test_what_the_computer_plays_is_recorded_on_request(self):
+        self.server.add_output("speakers")
+        self.wait_until_device(":speakers.monitor")
+        for _ in range(3):  # see pause_recorded_by()
+            self.server.play(self.tone(880))
+            player = self.server.play_aloud(self.tone(440))
+            code, _, errors = self.record("--system", "--seconds", 3, self.file)
+            self.assertEqual((code, errors), (FINE, ""))
+            samples = self.recorded(16000)
+            if self.level_at(440, samples[-16000:]) > -30:
+                break
+        self.assertAlmostEqual(self.level_at(440, samples[-16000:]), -12, delta=1)
+        self.assertLess(self.level_at(880, samples[-16000:]), -60, "that is what the microphone hears")
+        player.kill()
+        player.wait()
+        code, _, errors = self.host("record", "--system", "--denoise", "--seconds", 5, self.file)
+        self.assertEqual((code, errors), (FINE, f"wrapper-audio: {OWN_RATE}\n"), "silence of the system is no defect")
+        self.assertEqual(rms(self.recorded(16000)[-16000:]), 0)
 
     def play(self):
         """Returns once the sound is to be heard."""
@@ -215,6 +252,12 @@ class Jack(ServerTest):
 
     def test_a_server_that_dies_ends_the_recording(self):
         self.record_until_the_server_dies()
+
+    def test_what_the_computer_plays_is_not_a_device(self):
+        self.assert_failed(
+            self.record("--system", self.file), NO_INPUT_DEVICE, "no device records what .* on JACK, choose the program that"
+        )
+        self.assertFalse(self.file.exists())
 
 
 if __name__ == "__main__":

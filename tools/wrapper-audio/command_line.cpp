@@ -19,7 +19,7 @@ constexpr const char* exit_codes = "\nExit codes:\n"
                                    "  0  done, to the end or until Ctrl-C or SIGTERM\n"
                                    "  1  something unexpected, such as no memory\n"
                                    "  2  wrong arguments\n"
-                                   "  3  there is no input device\n"
+                                   "  3  there is no input device, or none that records what the computer plays\n"
                                    "  4  the input device could not be opened\n"
                                    "  5  the input device failed; what was recorded before is kept\n"
                                    "  6  a file could not be read, created or written\n"
@@ -258,6 +258,7 @@ void parser::add_record() {
                             "  wrapper-audio record --denoise speech.wav\n"
                             "  wrapper-audio record --device usb --rate 48000 --seconds 60 minute.flac\n"
                             "  wrapper-audio record --highpass 80 --agc -20:300 talk.wav\n"
+                            "  wrapper-audio record --system lecture.opus          what the computer plays\n"
                             "  wrapper-audio record --denoise - | recogniser       raw signed 16-bit at 16000 Hz\n"
                             "  wrapper-audio record --split talk-%03d.wav          a file for each utterance\n");
     command
@@ -267,6 +268,8 @@ void parser::add_record() {
             "become the date and time, {} a number")
         ->required();
     add_recording(command, recording);
+    command->add_flag("--system", recording.system, "record what the computer plays; on PipeWire and PulseAudio")
+        ->excludes("--device");
     command
         ->add_option("--max-file-time", value_of("--max-file-time", recording.max_file_time, parse_duration),
                      "begin another file after so long; %03d or {} in the file's name becomes its number, %H and the "

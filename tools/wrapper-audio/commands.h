@@ -37,6 +37,7 @@ struct voice_options {
 struct record_options {
     std::string path;
     std::string device;
+    bool system = false; // instead: what the computer plays
     int rate = 16000;
     voice_options voice;
     std::optional<double> seconds;

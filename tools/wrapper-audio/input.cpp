@@ -15,6 +15,7 @@ exit_code code_of(wrapper_audio_status status) {
     switch (status) {
     case WRAPPER_AUDIO_NO_AUDIO_SYSTEM:
     case WRAPPER_AUDIO_NO_INPUT_DEVICE:
+    case WRAPPER_AUDIO_NO_SYSTEM_SOUND:
         return no_input_device;
     case WRAPPER_AUDIO_UNKNOWN_DEVICE:
     case WRAPPER_AUDIO_AMBIGUOUS_DEVICE:
@@ -60,6 +61,13 @@ std::string device_list::find(const std::string& wanted) const {
     const wrapper_audio_status status =
         wrapper_audio_device_list_find(list.get(), wanted.c_str(), &index, reason.data(), reason.size());
     if (status != WRAPPER_AUDIO_OK) throw failure_of(status, reason.data());
+    return devices[index].id;
+}
+
+std::string device_list::system() const {
+    std::size_t index = 0;
+    const wrapper_audio_status status = wrapper_audio_device_list_find_system(list.get(), &index);
+    if (status != WRAPPER_AUDIO_OK) throw failure_of(status);
     return devices[index].id;
 }
 

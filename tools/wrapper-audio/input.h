@@ -35,6 +35,9 @@ public:
     /** The id of the one input that is called or has in its id what is `wanted`. Throws a failure. */
     std::string find(const std::string& wanted) const;
 
+    /** The id of the one that records what the computer plays. Throws a failure. */
+    std::string system() const;
+
 private:
     struct closer {
         void operator()(wrapper_audio_device_list* made) const { wrapper_audio_device_list_free(made); }

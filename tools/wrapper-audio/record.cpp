@@ -95,7 +95,9 @@ public:
     explicit recording(const record_options& options)
         : wanted_(options), limit_(samples_in(options.seconds, options.rate, "--seconds")),
           file_limit_(samples_in(options.max_file_time, options.rate, "--max-file-time")), kept_(sounds_of(options)),
-          events_(options.speech.events, options.rate), microphone_(options.device, recorder_options(options)) {
+          events_(options.speech.events, options.rate),
+          microphone_(options.system ? device_list().system() : options.device, recorder_options(options),
+                      options.system ? [](const std::string&) {} : console::note) {
         if (!wanted_.speech.any()) return;
         cutter_ = std::make_unique<speech_cutter>(
             wanted_.speech, wanted_.rate, events_,

@@ -38,6 +38,14 @@ async function findDevice(wanted) {
   });
 }
 
+function systemDevice() {
+  return listed((list) => {
+    const index = [0];
+    check(call('device_list_find_system', list, index), { Kind: OpenError });
+    return deviceAt(list, index[0]);
+  });
+}
+
 /** A device's id as C expects it; null for the default device. */
 function idOf(device) {
   const id = device?.id ?? device ?? null;
@@ -78,4 +86,4 @@ function abandonedThreads() {
   return call('abandoned_threads');
 }
 
-module.exports = { Capability, abandonedThreads, capability, devices, findDevice, idOf, logEcho, logLines };
+module.exports = { Capability, abandonedThreads, capability, devices, findDevice, idOf, logEcho, logLines, systemDevice };

@@ -24,6 +24,7 @@ const enums = {
     DEVICE_BUSY: -13,
     DEVICE_FORBIDDEN: -14,
     DEVICE_GONE: -15,
+    NO_SYSTEM_SOUND: -16,
   },
   Denoising: {
     OFF: 0,
@@ -158,6 +159,7 @@ const functions = [
   'size_t wrapper_audio_device_list_count(const void *list)',
   'const wrapper_audio_device *wrapper_audio_device_list_get(const void *list, size_t index)',
   'int wrapper_audio_device_list_find(const void *list, const char *wanted, _Out_ size_t *index, void *reason, size_t capacity)',
+  'int wrapper_audio_device_list_find_system(const void *list, _Out_ size_t *index)',
   'void wrapper_audio_device_list_free(void *list)',
   'int wrapper_audio_recorder_create(_Out_ void **recorder, const wrapper_audio_recorder_options *options)',
   'int wrapper_audio_recorder_open(void *recorder, const char *device_id)',

@@ -13,6 +13,7 @@ const {
   capability,
   devices,
   findDevice,
+  systemDevice,
 } = require('..');
 const { decode, encode } = require('../lib/library');
 const { heard, run, script } = require('./microphone');
@@ -41,6 +42,15 @@ test('a device is chosen by its record or its id', async () => {
     assert.deepStrictEqual(await mic.read(), heard.slice(0, 480), `for ${JSON.stringify(device)}`);
     await mic.close();
   }
+});
+
+test('a machine without a sound server has no device that records what it plays', async () => {
+  await assert.rejects(systemDevice(), (error) => {
+    assert(error instanceof OpenError);
+    assert.strictEqual(error.status, 'NO_SYSTEM_SOUND');
+    assert.match(error.message, /^no device records what the computer plays\. Start PipeWire or PulseAudio/);
+    return true;
+  });
 });
 
 test('an unknown id is refused with the candidates, and a part of one finds a device', async () => {

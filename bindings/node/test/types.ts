@@ -23,6 +23,7 @@ import {
   load,
   logEcho,
   logLines,
+  systemDevice,
   toFloat32,
   toInt16,
 } from 'wrapper-audio';
@@ -34,7 +35,7 @@ export async function record(): Promise<number> {
   load('/path/libwrapper_audio_recorder.so.1');
   const microphone: Device | undefined = (await devices()).find(({ isDefault }) => isDefault);
   const recorder: Recorder = await Recorder.open({
-    device: microphone ?? (await findDevice('usb')),
+    device: microphone ?? (await findDevice('usb')) ?? (await systemDevice()),
     rate: 16000,
     denoise: 0.9,
     undenoised: true,

@@ -77,6 +77,12 @@ class Devices(support.ProcessTest):
         with self.assertRaises(ValueError):
             wrapper_audio.find_device("a\0b")
 
+    def test_a_machine_without_a_sound_server_has_no_device_that_records_what_it_plays(self) -> None:
+        with self.assertRaises(wrapper_audio.OpenError) as caught:
+            wrapper_audio.system_device()
+        self.assertIs(caught.exception.status, wrapper_audio.Status.NO_SYSTEM_SOUND)
+        self.assertRegex(str(caught.exception), r"^no device records what the computer plays\. Start PipeWire or Pulse")
+
     def test_the_capability_says_whether_recording_is_possible(self) -> None:
         self.assertIs(wrapper_audio.capability(), Capability.INPUT)
         output, errors = self.check(

@@ -11,7 +11,7 @@ Levels are linear amplitudes, full scale 1.0; rates are in Hz. `python -m wrappe
 """
 
 from ._blocks import Float32Block, Int16Block, to_float32, to_int16
-from ._devices import Capability, Device, capability, devices, find_device, log_lines
+from ._devices import Capability, Device, capability, devices, find_device, log_lines, system_device
 from ._errors import AmbiguousDeviceError, ArgumentError, AudioError, ClosedError, LibraryError, OpenError
 from ._errors import ReadError, ReadTimeout, UnknownDeviceError
 from ._interface import Denoising, Signal, Status
@@ -27,5 +27,5 @@ __all__ = [
     "Denoiser", "Denoising", "Device", "Float32Block", "GainControl", "HighPass", "Int16Block", "Level",
     "LibraryError", "Limiter", "Meter", "OpenError", "Processor", "ReadError", "ReadTimeout", "Recorder", "Signal",
     "Status", "UnknownDeviceError", "Utterance", "Utterances", "capability", "devices", "find_device", "load",
-    "log_lines", "to_float32", "to_int16",
+    "log_lines", "system_device", "to_float32", "to_int16",
 ]

@@ -83,6 +83,18 @@ def find_device(wanted: str) -> Device:
     return _device(library.wrapper_audio_device_list_get(handle, index)[0])
 
 
+def system_device() -> Device:
+    """Finds the device that records what the computer plays: on PulseAudio and PipeWire, the monitor of the output that
+    programs play into unless they choose another.
+
+    Raises OpenError with the status NO_SYSTEM_SOUND where there is none.
+    """
+    library, handle = load(), _list()
+    index = c_size_t()
+    check(library.wrapper_audio_device_list_find_system(handle, byref(index)), OpenError)
+    return _device(library.wrapper_audio_device_list_get(handle, index)[0])
+
+
 def capability() -> Capability:
     """Returns whether PortAudio starts, and whether any device can record."""
     try:

@@ -31,7 +31,8 @@ class ArgumentError(AudioError, ValueError):
 
 class OpenError(AudioError):
     """There is no audio system or no such device, or the device refuses: another program has it (status DEVICE_BUSY),
-    this user may not use it (DEVICE_FORBIDDEN), it was unplugged (DEVICE_GONE), or nobody knows (DEVICE_REFUSED)."""
+    this user may not use it (DEVICE_FORBIDDEN), it was unplugged (DEVICE_GONE), or nobody knows (DEVICE_REFUSED).
+    Or no device records what the computer plays (NO_SYSTEM_SOUND)."""
 
 
 class UnknownDeviceError(OpenError):

@@ -44,6 +44,7 @@ class Status(enum.IntEnum):
     DEVICE_BUSY = -13
     DEVICE_FORBIDDEN = -14
     DEVICE_GONE = -15
+    NO_SYSTEM_SOUND = -16
 
 
 class Denoising(enum.IntEnum):
@@ -200,6 +201,7 @@ FUNCTIONS: Dict[str, Tuple[Any, Optional[List[Any]]]] = {
     "wrapper_audio_device_list_count": (c_size_t, [c_void_p]),
     "wrapper_audio_device_list_get": (POINTER(Device), [c_void_p, c_size_t]),
     "wrapper_audio_device_list_find": (c_int, [c_void_p, c_char_p, POINTER(c_size_t), POINTER(c_char), c_size_t]),
+    "wrapper_audio_device_list_find_system": (c_int, [c_void_p, POINTER(c_size_t)]),
     "wrapper_audio_device_list_free": (None, [c_void_p]),
     "wrapper_audio_recorder_create": (c_int, [POINTER(c_void_p), POINTER(RecorderOptions)]),
     "wrapper_audio_recorder_open": (c_int, [c_void_p, c_char_p]),

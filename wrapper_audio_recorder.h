@@ -776,6 +776,97 @@ void wrapper_audio_speech_gate_free(wrapper_audio_speech_gate *gate) WRAPPER_AUD
 
 /** @} */
 
+/**
+ * @name Alignment
+ *
+ * Two recorders, such as a microphone and what the computer plays, have clocks that drift apart, by a second in some
+ * hours, and neither begins or loses sound when the other does. An aligner takes samples of both with the times at which
+ * they were captured, and returns as many of each, of the same times.
+ *
+ * - The first stream passes bit for bit, and its clock is the one that counts. The second is resampled, by a share that
+ *   changes so slowly that nobody hears it.
+ * - Of the times, those that arrive most punctually count: they may be late, as the system is.
+ * - What was lost on either side, 15 ms or more, is silence there, in its place. If the second stream delivers nothing,
+ *   as a monitor may while nobody plays, it is silence after 5 s.
+ * - Samples are ready a second after they were added, when it is known that the next ones are not merely late.
+ * @{
+ */
+
+/** Samples of two streams on their way to the same time. */
+typedef struct wrapper_audio_aligner wrapper_audio_aligner;
+
+/**
+ * Creates an aligner.
+ *
+ * @param aligner  receives the aligner, to be released with wrapper_audio_aligner_free(); NULL on failure
+ * @param rate     of the samples of both streams, 100 to 768000 Hz
+ * @return OK, INVALID_ARGUMENT, OUT_OF_MEMORY
+ */
+wrapper_audio_status wrapper_audio_aligner_create(wrapper_audio_aligner **aligner, int32_t rate) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Adds the next samples of a stream, in pieces of 100 ms at most, without those that were lost before them. They are kept
+ * until they are taken.
+ *
+ * @param aligner  an aligner; one call on it at a time
+ * @param side     0: the first stream; 1: the second
+ * @param samples  the samples; may be NULL when `count` is 0
+ * @param count    how many there are
+ * @param time     when the last of them was captured, in ns of a clock that both streams have in common, or later
+ * @return OK; INVALID_STATE after a flush; OUT_OF_MEMORY, after which the aligner is good for nothing but its release;
+ *         INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_aligner_add(wrapper_audio_aligner *aligner, int32_t side, const float *samples,
+                                               size_t count, int64_t time) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Reads a recorder like wrapper_audio_recorder_read_f32(), into an aligner, with the times at which the device delivered
+ * the samples. What conversion and noise suppression hold back makes no difference.
+ *
+ * @param recorder    a recorder
+ * @param aligner     an aligner of the same rate; one call on it at a time
+ * @param side        0: the recorder is its first stream; 1: its second
+ * @param count       how many samples are wanted
+ * @param timeout_ms  how long to wait at most
+ * @param block       receives the number of samples and what is known about them
+ * @return as wrapper_audio_recorder_read_f32(); INVALID_STATE also after a flush of the aligner; OUT_OF_MEMORY also when
+ *         the aligner found none
+ */
+wrapper_audio_status wrapper_audio_recorder_read_aligner(wrapper_audio_recorder *recorder,
+                                                         wrapper_audio_aligner *aligner, int32_t side, size_t count,
+                                                         int32_t timeout_ms,
+                                                         wrapper_audio_block *block) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Takes samples of both streams, as many as are ready and fit. Call it until it returns fewer than fit.
+ *
+ * @param aligner   an aligner; one call on it at a time
+ * @param first     receives samples of the first stream; may be NULL when `capacity` is 0
+ * @param second    receives as many of the second
+ * @param capacity  how many of each fit
+ * @param count     receives how many of each were taken
+ * @return OK, INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_aligner_take(wrapper_audio_aligner *aligner, float *first, float *second,
+                                                size_t capacity, size_t *count) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Ends both streams. Then the rest can be taken: up to the end of the first stream.
+ *
+ * @param aligner  an aligner; one call on it at a time
+ * @return OK, OUT_OF_MEMORY, INVALID_ARGUMENT
+ */
+wrapper_audio_status wrapper_audio_aligner_flush(wrapper_audio_aligner *aligner) WRAPPER_AUDIO_NOEXCEPT;
+
+/**
+ * Releases an aligner.
+ *
+ * @param aligner  an aligner or NULL
+ */
+void wrapper_audio_aligner_free(wrapper_audio_aligner *aligner) WRAPPER_AUDIO_NOEXCEPT;
+
+/** @} */
+
 /** @name Log */ /** @{ */
 
 /**

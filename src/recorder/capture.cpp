@@ -198,6 +198,7 @@ void capture::begin(const microphone& opened) {
     buffer_.emplace(capacity);
     history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
     loss_watch_.emplace(opened.rate());
+    arrivals_.emplace(static_cast<std::size_t>(options_.buffer_ms / microphone::block_ms * 2 + 64), options_.rate);
     began_ = opened.opened_at();
     changed_.notify_all();
 }
@@ -242,6 +243,10 @@ void capture::keep(std::span<const int16_t> pcm) {
         buffer_->lose(lost_here);
         if (undenoised_buffer_) undenoised_buffer_->lose(lost_here);
         history_.add_lost(lost);
+        lost_in_system_ += lost;
+        const uint64_t end = (info_.captured + lost_in_system_) * static_cast<uint64_t>(options_.rate) /
+                             static_cast<uint64_t>(info_.device_rate);
+        arrivals_->add(end, std::chrono::nanoseconds(now.time_since_epoch()).count());
     }
     captured_.resize(pcm.size());
     std::transform(pcm.begin(), pcm.end(), captured_.begin(), from_s16);
@@ -307,6 +312,7 @@ wrapper_audio_status capture::read(std::size_t wanted, const destination& to, in
     if (!buffer_) return WRAPPER_AUDIO_INVALID_STATE;
     if (to.gate != nullptr && (to.gate->has_ended() || to.gate->position() > buffer_->position()))
         return WRAPPER_AUDIO_INVALID_STATE;
+    if (to.aligner != nullptr && to.aligner->has_ended()) return WRAPPER_AUDIO_INVALID_STATE;
     block.position = buffer_->position();
 
     const auto take = [&] {
@@ -329,6 +335,9 @@ wrapper_audio_status capture::read(std::size_t wanted, const destination& to, in
             } else if (to.gate != nullptr) {
                 to.gate->skip(position + piece.lost - to.gate->position());
                 to.gate->add(std::span(samples).first(piece.count));
+            } else if (to.aligner != nullptr) {
+                to.aligner->add(to.side, std::span(samples).first(piece.count),
+                                arrivals_->time_of(buffer_->position()));
             } else {
                 std::copy(samples, samples + piece.count, to.floats.data() + done);
                 if (!to.undenoised.empty())

@@ -1,6 +1,8 @@
 // A recording: the thread that reads the device, and the buffer that the host reads.
 #pragma once
 
+#include "aligner.h"
+#include "arrival_times.h"
 #include "audio_system.h"
 #include "loss_watch.h"
 #include "sample_buffer.h"
@@ -76,6 +78,8 @@ public:
         std::span<float> undenoised = {}; // as many, with `floats` and if the recording keeps them
         std::span<int16_t> pcm = {};
         speech_gate* gate = nullptr;
+        recorder::aligner* aligner = nullptr;
+        std::size_t side = 0; // of the aligner
     };
     wrapper_audio_status read(std::size_t wanted, const destination& to, int32_t timeout_ms,
                               wrapper_audio_block& block);
@@ -128,6 +132,8 @@ private:
     std::size_t largest_step_ = 0;                   // the most samples that come out at once, the last ones included
     history history_;
     std::optional<loss_watch> loss_watch_;
+    std::optional<arrival_times> arrivals_;
+    uint64_t lost_in_system_ = 0; // the device's samples
     clock::time_point began_;
     std::optional<clock::time_point> waits_since_; // for the device
     clock::time_point last_request_;               // of the thread to the device

@@ -396,6 +396,19 @@ wrapper_audio_status wrapper_audio_recorder_read_gate(wrapper_audio_recorder* re
     });
 }
 
+wrapper_audio_status wrapper_audio_recorder_read_aligner(wrapper_audio_recorder* recorder,
+                                                         wrapper_audio_aligner* aligner, int32_t side,
+                                                         std::size_t count, int32_t timeout_ms,
+                                                         wrapper_audio_block* block) noexcept {
+    return guarded([&] {
+        const bool is_valid = recorder != nullptr && aligner != nullptr && (side == 0 || side == 1) &&
+                              aligner->aligner.rate() == recorder->options.rate;
+        return read(recorder, count,
+                    {.aligner = is_valid ? &aligner->aligner : nullptr, .side = static_cast<std::size_t>(side)},
+                    is_valid, timeout_ms, block);
+    });
+}
+
 std::size_t wrapper_audio_recorder_take_speech(wrapper_audio_recorder* recorder, float* probabilities,
                                                std::size_t capacity) noexcept {
     if (recorder == nullptr || probabilities == nullptr) return 0;

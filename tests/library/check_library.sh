@@ -20,7 +20,7 @@ case $name in
     functions=27
     needs=(libc.so.6 libm.so.6 libportaudio.so.2 librnnoise.so.0) ;;
   wrapper_audio_recorder)
-    functions=47
+    functions=53
     needs=(ld-linux-x86-64.so.2 libasound.so.2 libc.so.6 libgcc_s.so.1 libm.so.6 libportaudio.so.2 librnnoise.so.0
            libsoxr.so.0 libstdc++.so.6 libwrapper_audio.so.1) ;;
   *) echo "FAILED: what does $name promise?"; exit 1 ;;

@@ -43,6 +43,10 @@ class Words(HostTest):
             NO_INPUT_DEVICE,
             r"\Awrapper-audio: no device records what the computer plays\. Start PipeWire .* with ALSA alone, load .*\n\Z",
         )
+        self.assert_failed(self.record("--both", self.file), NO_INPUT_DEVICE, "no device records what the computer plays")
+        for other in "--system", "--trim", "--fill-gaps", "--undenoised x.wav", "--max-file-time 9", "--events e.txt":
+            result = self.record("--both", "--denoise", *other.split(), self.file)
+            self.assert_failed(result, USAGE, f"(--both excludes {other.split()[0]}|{other.split()[0]} excludes --both)")
         self.assertFalse(self.file.exists())
 
     def test_quiet_may_stand_before_the_command(self):

@@ -2,6 +2,7 @@
 
 import cmath
 import math
+import operator
 import re
 import signal
 import struct
@@ -137,6 +138,63 @@ class PulseAudio(ServerTest):
         code, _, errors = self.host("record", "--system", "--denoise", "--seconds", 5, self.file)
         self.assertEqual((code, errors), (FINE, f"wrapper-audio: {OWN_RATE}\n"), "silence of the system is no defect")
         self.assertEqual(rms(self.recorded(16000)[-16000:]), 0)
+
+    def sides(self, *arguments, seconds):
+        """Both sides of a call: the samples of the microphone, and those of the system."""
+        code, output, errors = self.record("--both", *arguments, "--seconds", seconds, self.file)
+        errors = errors.replace(f"wrapper-audio: {OWN_RATE.replace('device', 'microphone')}\n", "")
+        self.assertEqual((code, errors), (FINE, ""))
+        self.assertRegex(output, rf"out\.wav: {seconds}\.00 s at 16000 Hz, microphone: peak .* dBFS, system: peak .* dBFS\n")
+        with wave.open(str(self.file), "rb") as wav:
+            self.assertEqual((wav.getnchannels(), wav.getframerate(), wav.getnframes()), (2, 16000, 16000 * seconds))
+            samples = memoryview(wav.readframes(wav.getnframes())).cast("h").tolist()
+        return samples[::2], samples[1::2]
+
+    def test_both_sides_of_a_call_are_in_a_channel_each(self):
+        self.server.add_output("speakers")
+        self.wait_until_device(":speakers.monitor")
+        for _ in range(3):  # see pause_recorded_by()
+            self.server.play(self.tone(880))
+            self.server.play_aloud(self.tone(440))
+            microphone, system = self.sides("--device", f"{self.kind.__name__}:{self.source}", seconds=4)
+            heard = self.level_at(880, microphone[-8000:]), self.level_at(440, system[-8000:])
+            others = self.level_at(440, microphone[-8000:]), self.level_at(880, system[-8000:])
+            if min(heard) > -13:
+                break
+        self.assertAlmostEqual(min(heard), -12, delta=1)
+        self.assertLess(max(others), -30, "the channels are mixed up")
+
+    def test_both_sides_of_a_call_are_of_the_same_time(self):
+        self.server.add_output("speakers")
+        self.wait_until_device(":speakers.monitor")
+        for arguments in [], ["--denoise"]:
+            for _ in range(3):  # see pause_recorded_by()
+                self.server.play_aloud(self.sound)
+                # What the computer plays is the microphone as well, so that both sides are the same.
+                microphone, system = self.sides("--device", "speakers.monitor", *arguments, seconds=7)
+                delays = [self.delay(microphone[at:], system[at:]) for at in (24000, 56000, 88000)]
+                if max(map(abs, delays)) < 0.02:
+                    break
+            self.assertLess(max(map(abs, delays)), 0.02, arguments)
+
+    def test_silence_of_the_system_is_silence_on_its_side_of_a_call(self):
+        self.server.add_output("speakers")
+        self.wait_until_device(":speakers.monitor")
+        for _ in range(3):  # see pause_recorded_by()
+            self.server.play(self.sound)
+            microphone, system = self.sides("--device", f"{self.kind.__name__}:{self.source}", seconds=7)
+            if rms(microphone) > 0:
+                break
+        self.assertAlmostEqual(decibels(rms(microphone[-16000:])), -20, delta=8)
+        self.assertEqual(rms(system), 0)
+
+    @staticmethod
+    def delay(one, other, rate=16000):
+        """How much later the other is, in seconds, by their correlation; 50 ms are looked at in both directions."""
+        most, length = rate // 20, rate // 4
+        pattern = one[most : most + length]
+        scores = [sum(map(operator.mul, pattern, other[at : at + length])) for at in range(2 * most)]
+        return (max(range(2 * most), key=scores.__getitem__) - most) / rate
 
     def play(self):
         """Returns once the sound is to be heard."""

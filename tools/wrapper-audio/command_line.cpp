@@ -259,6 +259,7 @@ void parser::add_record() {
                             "  wrapper-audio record --device usb --rate 48000 --seconds 60 minute.flac\n"
                             "  wrapper-audio record --highpass 80 --agc -20:300 talk.wav\n"
                             "  wrapper-audio record --system lecture.opus          what the computer plays\n"
+                            "  wrapper-audio record --both --denoise call.wav      both sides of a call\n"
                             "  wrapper-audio record --denoise - | recogniser       raw signed 16-bit at 16000 Hz\n"
                             "  wrapper-audio record --split talk-%03d.wav          a file for each utterance\n");
     command
@@ -270,6 +271,8 @@ void parser::add_record() {
     add_recording(command, recording);
     command->add_flag("--system", recording.system, "record what the computer plays; on PipeWire and PulseAudio")
         ->excludes("--device");
+    auto* both = command->add_flag("--both", recording.both,
+                                   "record the input on the left and what the computer plays on the right");
     command
         ->add_option("--max-file-time", value_of("--max-file-time", recording.max_file_time, parse_duration),
                      "begin another file after so long; %03d or {} in the file's name becomes its number, %H and the "
@@ -287,6 +290,9 @@ void parser::add_record() {
         undenoised->excludes(command->get_option(other));
     }
     undenoised->excludes(command->get_option("--max-file-time"));
+    for (const char* other : {"--system", "--max-file-time", "--fill-gaps", "--undenoised", "--start-on-speech",
+                              "--stop-after-silence", "--pre-roll", "--trim", "--split", "--events"})
+        both->excludes(command->get_option(other));
     command->get_option("--split")->excludes("--max-file-time");
 }
 

@@ -11,6 +11,7 @@
 
 #include <wrapper_audio_recorder.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +39,7 @@ struct record_options {
     std::string path;
     std::string device;
     bool system = false; // instead: what the computer plays
+    bool both = false;   // as well, in a second channel
     int rate = 16000;
     voice_options voice;
     std::optional<double> seconds;
@@ -81,6 +83,8 @@ struct doctor_options {
 exit_code list_devices(const devices_options& wanted);
 exit_code show_meter(const meter_options& wanted);
 exit_code record(const record_options& wanted);
+/** At most so many samples of each side. */
+exit_code record_both(const record_options& wanted, std::uint64_t limit);
 /** Returns the exit code of the command. */
 int dictate(const dictate_options& wanted);
 exit_code process(const process_options& wanted);

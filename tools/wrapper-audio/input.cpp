@@ -85,14 +85,40 @@ microphone::microphone(const std::string& wanted, wrapper_audio_recorder_options
 }
 
 std::size_t microphone::read(std::span<float> samples, wrapper_audio_block& block, std::span<float> undenoised) {
+    return read_by(
+        [&](int timeout) {
+            return undenoised.empty()
+                       ? wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), timeout,
+                                                         &block)
+                       : wrapper_audio_recorder_read_both_f32(recorder.get(), samples.data(), undenoised.data(),
+                                                              samples.size(), timeout, &block);
+        },
+        block);
+}
+
+std::size_t microphone::read(wrapper_audio_aligner& aligner, int side, std::size_t count, wrapper_audio_block& block) {
+    return read_by(
+        [&](int timeout) {
+            return wrapper_audio_recorder_read_aligner(recorder.get(), &aligner, side, count, timeout, &block);
+        },
+        block);
+}
+
+void microphone::read_what_is_there(wrapper_audio_aligner& aligner, int side) {
+    constexpr std::size_t some = 1000;
+    wrapper_audio_block block{};
+    wrapper_audio_status status = WRAPPER_AUDIO_OK;
+    while (status == WRAPPER_AUDIO_OK)
+        status = wrapper_audio_recorder_read_aligner(recorder.get(), &aligner, side, some, 0, &block);
+    if (status < 0 && status != WRAPPER_AUDIO_NO_DATA && !trouble_) trouble_.emplace(failed(status));
+}
+
+template <class Read>
+std::size_t microphone::read_by(Read read, wrapper_audio_block& block) {
     constexpr int often_enough = 100; // ms, to notice a signal soon
     for (std::uint32_t lost = 0;;) {  // before the first sample
         if (stop_requested()) stop();
-        const wrapper_audio_status status =
-            undenoised.empty()
-                ? wrapper_audio_recorder_read_f32(recorder.get(), samples.data(), samples.size(), often_enough, &block)
-                : wrapper_audio_recorder_read_both_f32(recorder.get(), samples.data(), undenoised.data(),
-                                                       samples.size(), often_enough, &block);
+        const wrapper_audio_status status = read(often_enough);
         listen();
         stalls = block.count > 0 ? 0 : stalls + (status == WRAPPER_AUDIO_NO_DATA ? 1 : 0);
         if (!trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {

@@ -63,6 +63,12 @@ public:
      */
     std::size_t read(std::span<float> samples, wrapper_audio_block& block, std::span<float> undenoised = {});
 
+    /** The same into an aligner, `count` samples at most. */
+    std::size_t read(wrapper_audio_aligner& aligner, int side, std::size_t count, wrapper_audio_block& block);
+
+    /** Reads what has come into an aligner, without waiting; nothing, too, when the device is to blame. */
+    void read_what_is_there(wrapper_audio_aligner& aligner, int side);
+
     /** The probabilities of speech of what was read since the last call, if the recorder tells of it. */
     std::vector<float> take_speech();
 
@@ -75,6 +81,8 @@ public:
     void stop();
 
 private:
+    template <class Read>
+    std::size_t read_by(Read read, wrapper_audio_block& block);
     std::string text(wrapper_audio_recorder_text_kind kind) const;
     failure failed(wrapper_audio_status status) const;
     void listen();

@@ -328,6 +328,7 @@ exit_code record(const record_options& wanted) {
         if (wanted.undenoised == wanted.path) throw failure(usage, "--undenoised needs a file of its own");
         format_of(wanted.undenoised, wanted.output);
     }
+    if (wanted.both) return record_both(wanted, samples_in(wanted.seconds, wanted.rate, "--seconds"));
     recording made(wanted);
     const exit_code code = made.run();
     return wanted.for_a_command && code == fine && !made.has_spoken() ? nobody_spoke : code;

@@ -42,6 +42,7 @@ ELSEWHERE = {
     r"ctest --preset release -R '\^servers'.*": ("scripts/test", 'ctest --preset "$variant"'),
     r"wrapper-audio .*pocketsphinx_continuous .*": ("tests/recogniser/recogniser_test.py", "check_recipes(said)"),
     r"wrapper-audio record --system .*": ("tests/tool/servers_test.py", 'self.record("--system"'),
+    r"wrapper-audio record --both .*": ("tests/tool/servers_test.py", 'self.record("--both"'),
     r"ctest --test-dir build -R tool\.peers": ("scripts/test", 'ctest --preset "$variant"'),
 }
 # The hosts in other languages are run by their own test, which takes them and their commands out of the document.

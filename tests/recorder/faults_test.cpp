@@ -389,6 +389,39 @@ TEST_F(recorder_faults, of_a_gates_allocations_are_survived) {
     EXPECT_GT(lost, 3);
 }
 
+TEST_F(recorder_faults, of_an_aligners_allocations_are_survived) {
+    const std::vector<float> samples(1600);
+    std::vector<float> taken(40000);
+    int lost = 0;
+    bool was_met = true;
+    for (int n = 1; was_met; ++n) {
+        SCOPED_TRACE("allocation " + std::to_string(n) + " fails");
+        wrapper_audio_aligner* aligner = nullptr;
+        const in_layer here;
+        failing_memory::fail(n);
+        wrapper_audio_status status = wrapper_audio_aligner_create(&aligner, 16000);
+        for (int64_t i = 0; i < 40 && status == WRAPPER_AUDIO_OK; ++i) {
+            const int64_t time = i * 100000000 + (i > 30 ? 500000000 : 0); // with a loss
+            status = wrapper_audio_aligner_add(aligner, static_cast<int32_t>(i % 2), samples.data(), 1600, time);
+        }
+        std::size_t count = 0;
+        if (status == WRAPPER_AUDIO_OK) status = wrapper_audio_aligner_flush(aligner);
+        if (status == WRAPPER_AUDIO_OK)
+            EXPECT_EQ(wrapper_audio_aligner_take(aligner, taken.data(), taken.data(), taken.size(), &count),
+                      WRAPPER_AUDIO_OK)
+                << "which needs none";
+        was_met = failing_memory::allocations() >= n;
+        failing_memory::fail(0);
+        if (was_met && aligner != nullptr) {
+            wrapper_audio_aligner_flush(aligner);
+        }
+        wrapper_audio_aligner_free(aligner);
+        EXPECT_EQ(status, was_met ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_OK);
+        lost += was_met ? 1 : 0;
+    }
+    EXPECT_GT(lost, 20);
+}
+
 using without_libc = with_recorder;
 
 // What the layer has of the C library, it has once in a process: so in a process of its own.

@@ -406,15 +406,12 @@ TEST_F(recorder_faults, of_an_aligners_allocations_are_survived) {
         }
         std::size_t count = 0;
         if (status == WRAPPER_AUDIO_OK) status = wrapper_audio_aligner_flush(aligner);
-        if (status == WRAPPER_AUDIO_OK)
-            EXPECT_EQ(wrapper_audio_aligner_take(aligner, taken.data(), taken.data(), taken.size(), &count),
-                      WRAPPER_AUDIO_OK)
-                << "which needs none";
+        if (status == WRAPPER_AUDIO_OK) { // the rest needs no memory
+            status = wrapper_audio_aligner_take(aligner, taken.data(), taken.data(), taken.size(), &count);
+        }
         was_met = failing_memory::allocations() >= n;
         failing_memory::fail(0);
-        if (was_met && aligner != nullptr) {
-            wrapper_audio_aligner_flush(aligner);
-        }
+        if (was_met && aligner != nullptr) wrapper_audio_aligner_flush(aligner);
         wrapper_audio_aligner_free(aligner);
         EXPECT_EQ(status, was_met ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_OK);
         lost += was_met ? 1 : 0;

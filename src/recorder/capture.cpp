@@ -5,105 +5,11 @@
 #include "threads.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <limits>
 
 namespace recorder {
 
-namespace {
-
 using namespace std::chrono_literals;
-
-// For the core's samples: the largest positive sample of a 16-bit device is 1/32768 below full scale.
-constexpr int full_scale = 32766;
-
-uint64_t divided_up(uint64_t a, uint64_t b) {
-    return a / b + (a % b != 0 ? 1 : 0);
-}
-
-float root_mean_square(double squares, uint64_t count) {
-    return count == 0 ? 0.0F : static_cast<float>(std::sqrt(squares / static_cast<double>(count)));
-}
-
-} // namespace
-
-// ---- History ----
-
-void history::add_captured(std::span<const int16_t> pcm) {
-    const auto rate = static_cast<uint64_t>(rate_);
-    while (!pcm.empty()) {
-        const uint64_t number = captured_ * 100 / rate;
-        const uint64_t end = divided_up((number + 1) * rate, 100);
-        const auto part = pcm.first(static_cast<std::size_t>(std::min<uint64_t>(pcm.size(), end - captured_)));
-        captured_levels& levels = levels_[number % levels_.size()];
-        if (captured_ == divided_up(number * rate, 100)) levels = {};
-        for (const int16_t sample : part) {
-            const float x = from_s16(sample);
-            levels.peak = std::max(levels.peak, std::fabs(x));
-            levels.squares += static_cast<double>(x * x);
-            levels.clipped += std::abs(sample) >= full_scale ? 1 : 0;
-        }
-        levels.count += static_cast<int32_t>(part.size());
-        captured_ += part.size();
-        pcm = pcm.subspan(part.size());
-    }
-}
-
-void history::add_speech(std::span<const float> probabilities) {
-    for (const float probability : probabilities)
-        speech_[speech_count_++ % speech_.size()] = probability;
-}
-
-void history::add_lost(uint64_t count) {
-    const auto rate = static_cast<uint64_t>(rate_);
-    const uint64_t before = captured_ * 100 / rate;
-    captured_ += count;
-    const uint64_t after = captured_ * 100 / rate;
-    for (uint64_t number = after - std::min<uint64_t>(after - before, levels_.size()); number < after; ++number)
-        levels_[(number + 1) % levels_.size()] = {};
-    for (uint64_t left = std::min<uint64_t>(after - before, speech_.size()); left > 0; --left)
-        speech_[(speech_count_ + after - before - left) % speech_.size()] = 0.0F;
-    speech_count_ += after - before;
-}
-
-void history::report(uint64_t end, wrapper_audio_block& block) {
-    block.speech_probability = -1.0F;
-    const uint64_t known = divided_up(captured_ * 100, static_cast<uint64_t>(rate_));
-    end = std::min(end, known);
-    if (reported_ < end) last_ = {};
-    reported_ = std::max(reported_, known - std::min<uint64_t>(known, levels_.size())); // what is still kept
-    for (; reported_ < end; ++reported_) {
-        const captured_levels& levels = levels_[reported_ % levels_.size()];
-        last_.peak = std::max(last_.peak, levels.peak);
-        last_.squares += levels.squares;
-        last_.count += levels.count;
-        block.clipped += levels.clipped;
-        signal_watch_.add(levels.peak, levels.clipped, levels.count);
-        if (reported_ < speech_count_)
-            block.speech_probability = std::max(block.speech_probability, speech_[reported_ % speech_.size()]);
-    }
-    block.captured_peak = last_.peak; // of the previous 10 ms if none began
-    block.captured_rms = root_mean_square(last_.squares, static_cast<uint64_t>(last_.count));
-}
-
-std::size_t history::take_speech(float* probabilities, std::size_t capacity) {
-    const uint64_t end = std::min(reported_, speech_count_);
-    const uint64_t oldest = speech_count_ - std::min<uint64_t>(speech_count_, speech_.size());
-    speech_taken_ = std::max(speech_taken_, oldest);
-    std::size_t count = 0;
-    for (; count < capacity && speech_taken_ < end; ++count)
-        probabilities[count] = speech_[speech_taken_++ % speech_.size()];
-    return count;
-}
-
-void history::add_speech_to(speech_gate& gate) const {
-    const uint64_t end = std::min(reported_, speech_count_);
-    const uint64_t oldest = speech_count_ - std::min<uint64_t>(speech_count_, speech_.size());
-    while (gate.frames() < end) {
-        const float probability = gate.frames() < oldest ? 0.0F : speech_[gate.frames() % speech_.size()];
-        gate.add_speech({&probability, 1});
-    }
-}
 
 // ---- Opening ----
 

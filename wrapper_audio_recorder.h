@@ -229,7 +229,10 @@ typedef struct wrapper_audio_recorder_options {
     int32_t stall_ms;     /**< how long a device may deliver nothing before NO_DATA, 100 to 60000; 0: 1500 */
     int32_t undenoised;   /**< 1: also keep the samples as they are without denoising, for
                                wrapper_audio_recorder_read_both_f32(); needs `denoise` above 0.0 */
-    int32_t reserved[9];  /**< must be 0 */
+    int32_t reconnect;    /**< 1: a device that fails or is unplugged while recording does not end the recording. It is
+                               waited for, or opened as the default input device, whichever that is then; the time
+                               in between counts as dropped samples. */
+    int32_t reserved[8];  /**< must be 0 */
 } wrapper_audio_recorder_options;
 
 /** What a read returned. */
@@ -386,15 +389,17 @@ typedef enum wrapper_audio_signal {
                                            analogue input that is muted, or has nothing plugged in. A microphone that is
                                            set up for speech makes the noise of a quiet room louder than that; if it is
                                            not, its level is too low to record anybody well. */
-    WRAPPER_AUDIO_SIGNAL_CLIPPING = 5 /**< in each tenth of the last 2.5 s one sample in a hundred, or more, was at full
-                                           scale */
+    WRAPPER_AUDIO_SIGNAL_CLIPPING = 5, /**< in each tenth of the last 2.5 s one sample in a hundred, or more, was at full
+                                            scale */
+    WRAPPER_AUDIO_SIGNAL_LOST = 6      /**< with `reconnect`: the device has failed or is gone, and has not delivered
+                                            anything since. It takes 0.5 s at least. */
 } wrapper_audio_signal;
 
 /**
  * Says what a recorder hears, so that a host can tell a microphone that is dead from a room that is quiet. It is judged
  * by what the device delivered in the time of the samples that reads have returned, before denoising; samples that were
  * lost do not count, nor what is older than `buffer_ms` and 2 s when a long read returns. It is known 2.5 s after the
- * first of them, or with the first sound. NO_DATA does not wait for reads.
+ * first of them, or with the first sound. NO_DATA and LOST do not wait for reads.
  *
  * @param recorder  a recorder
  * @param signal    receives a wrapper_audio_signal; UNKNOWN before the first open

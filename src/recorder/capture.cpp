@@ -11,6 +11,13 @@ namespace recorder {
 
 using namespace std::chrono_literals;
 
+namespace {
+
+// For a device that was lost. Listing the devices takes some of a processor, and a stop waits no longer than this.
+constexpr std::chrono::milliseconds retry_interval{500};
+
+} // namespace
+
 // ---- Opening ----
 
 capture::~capture() {
@@ -47,18 +54,9 @@ void capture::run() noexcept {
     std::optional<microphone> opened;
     failure reason{WRAPPER_AUDIO_STOPPED};
     try {
-        {
-            const audio_system_lock lock{opening_patience};
-            // A device that already runs at the wanted rate needs no conversion. Any other is best opened at 48000 Hz:
-            // sound servers run at it, and would themselves convert less cleanly.
-            const bool denoises = options_.denoise > 0.0F || options_.speech != 0;
-            opened.emplace(device_id_, denoises ? denoiser_rate : options_.rate, log);
-        }
+        open_device(opened, log, opening_patience);
         begin(*opened);
-        std::vector<int16_t> pcm(static_cast<std::size_t>(int64_t{opened->rate()} * microphone::block_ms / 1000 + 1));
-        while (may_read()) {
-            const auto count = static_cast<std::size_t>(opened->read(pcm, log));
-            keep(std::span(pcm).first(count));
+        while (listen(*opened, log) && find_device(opened, log)) {
         }
     } catch (failure& failed) {
         reason = std::move(failed);
@@ -74,6 +72,14 @@ void capture::run() noexcept {
     thread_gone_ = true;
     if (left_behind_) count_abandoned(-1);
     changed_.notify_all();
+}
+
+void capture::open_device(std::optional<microphone>& opened, log::scope& log, milliseconds patience) {
+    const audio_system_lock lock{patience};
+    // A device that already runs at the wanted rate needs no conversion. Any other is best opened at 48000 Hz: sound
+    // servers run at it, and would themselves convert less cleanly.
+    const bool hears = options_.denoise > 0.0F || options_.speech != 0;
+    opened.emplace(device_id_, hears ? denoiser_rate : options_.rate, log);
 }
 
 void capture::begin(const microphone& opened) {
@@ -98,23 +104,47 @@ void capture::begin(const microphone& opened) {
     info_.denoising = options_.denoise <= 0.0F         ? WRAPPER_AUDIO_DENOISING_OFF
                       : opened.rate() == denoiser_rate ? WRAPPER_AUDIO_DENOISING_NATIVE
                                                        : WRAPPER_AUDIO_DENOISING_CONVERTED;
-    largest_step_ = in_samples(microphone::block_ms) + chain_->delay() + 1;
-    const std::size_t capacity = in_samples(options_.buffer_ms) + largest_step_;
-    if (options_.undenoised != 0) undenoised_buffer_.emplace(capacity);
-    buffer_.emplace(capacity);
-    history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), opened.rate());
+    if (!buffer_) {
+        largest_step_ = in_samples(microphone::block_ms) + chain_->delay() + 1;
+        const std::size_t capacity = in_samples(options_.buffer_ms) + largest_step_;
+        const bool hears = options_.denoise > 0.0F || options_.speech != 0;
+        if (options_.undenoised != 0) undenoised_buffer_.emplace(capacity);
+        buffer_.emplace(capacity);
+        history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), hears);
+        arrivals_.emplace(static_cast<std::size_t>(options_.buffer_ms / microphone::block_ms * 2 + 64), options_.rate);
+        told_until_ = opened.opened_at();
+    }
+    history_.begin(opened.rate());
     loss_watch_.emplace(opened.rate());
-    arrivals_.emplace(static_cast<std::size_t>(options_.buffer_ms / microphone::block_ms * 2 + 64), options_.rate);
     began_ = opened.opened_at();
+    captured_before_ = info_.captured;
+    lost_in_system_ = 0;
+    is_file_ = false;
     changed_.notify_all();
 }
 
 // ---- The thread ----
 
+// Until the recording is stopped: then it returns false; true if the device was lost.
+bool capture::listen(microphone& opened, log::scope& log) {
+    std::vector<int16_t> pcm(static_cast<std::size_t>(int64_t{opened.rate()} * microphone::block_ms / 1000 + 1));
+    try {
+        while (may_read()) {
+            const auto count = static_cast<std::size_t>(opened.read(pcm, log));
+            keep(std::span(pcm).first(count));
+        }
+        return false;
+    } catch (failure& failed) {
+        if (options_.reconnect == 0) throw;
+        lose_device(std::move(failed));
+        return true;
+    }
+}
+
 // A device keeps to the clock, within the accuracy of both; a file is read as fast as the processor can.
 bool capture::runs_ahead() const {
     const std::chrono::duration<double> elapsed = clock::now() - began_;
-    const double delivered = static_cast<double>(info_.captured) / info_.device_rate;
+    const double delivered = static_cast<double>(info_.captured - captured_before_) / info_.device_rate;
     return delivered > elapsed.count() * 1.01 + 0.05;
 }
 
@@ -131,28 +161,32 @@ bool capture::may_read() {
 void capture::keep(std::span<const int16_t> pcm) {
     const auto now = clock::now();
     const std::lock_guard chain{chain_mutex_};
+    const auto first = now - std::chrono::nanoseconds(1s) * pcm.size() / info_.device_rate;
     {
         const std::lock_guard hold{mutex_};
         waits_since_.reset();
         if (ended_) return; // stopped while this thread hung in the device
+        if (is_lost_) lose_until(first);
+        is_lost_ = false;
+        if (info_.captured == captured_before_) placed_before_ = buffer_->end();
         if (info_.captured == 0) {
-            const auto length = std::chrono::nanoseconds(1s) * pcm.size() / info_.device_rate;
-            const auto first = now.time_since_epoch() - length;
-            info_.first_sample_time = std::chrono::duration_cast<std::chrono::nanoseconds>(first).count();
+            const auto since = first.time_since_epoch();
+            info_.first_sample_time = std::chrono::duration_cast<std::chrono::nanoseconds>(since).count();
         }
         info_.captured += pcm.size();
         history_.add_captured(pcm);
         const std::chrono::duration<double> elapsed = now - began_;
         const uint64_t lost = is_file_ ? 0 : loss_watch_->add(elapsed.count(), pcm.size());
-        const uint64_t lost_here =
-            lost * static_cast<uint64_t>(options_.rate) / static_cast<uint64_t>(info_.device_rate);
-        buffer_->lose(lost_here);
-        if (undenoised_buffer_) undenoised_buffer_->lose(lost_here);
+        lose(lost * static_cast<uint64_t>(options_.rate) / static_cast<uint64_t>(info_.device_rate));
         history_.add_lost(lost);
         lost_in_system_ += lost;
-        const uint64_t end = (info_.captured + lost_in_system_) * static_cast<uint64_t>(options_.rate) /
-                             static_cast<uint64_t>(info_.device_rate);
+        const uint64_t end = placed_before_ + (info_.captured - captured_before_ + lost_in_system_) *
+                                                  static_cast<uint64_t>(options_.rate) /
+                                                  static_cast<uint64_t>(info_.device_rate);
         arrivals_->add(end, std::chrono::nanoseconds(now.time_since_epoch()).count());
+        // What came late was captured earlier; a device that fails now leaves no later sample to tell.
+        const std::chrono::duration<double> late(loss_watch_->excess());
+        told_until_ = now - std::chrono::duration_cast<clock::duration>(late);
     }
     captured_.resize(pcm.size());
     std::transform(pcm.begin(), pcm.end(), captured_.begin(), from_s16);
@@ -167,6 +201,20 @@ void capture::keep(std::span<const int16_t> pcm) {
     store();
 }
 
+void capture::lose(uint64_t count) {
+    buffer_->lose(count);
+    if (undenoised_buffer_) undenoised_buffer_->lose(count);
+}
+
+// Without a device. Whole samples are lost, and the rest the next time, so that they add up.
+void capture::lose_until(clock::time_point time) {
+    const std::chrono::duration<double> missing = std::max(time - told_until_, clock::duration::zero());
+    const double count = std::floor(missing.count() * options_.rate);
+    lose(static_cast<uint64_t>(count));
+    told_until_ += std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(count / options_.rate));
+    history_.skip_to(buffer_->end() * 100 / static_cast<uint64_t>(options_.rate));
+}
+
 void capture::store() {
     const std::lock_guard hold{mutex_};
     history_.add_speech(chain_->speech());
@@ -176,22 +224,66 @@ void capture::store() {
     changed_.notify_all();
 }
 
+// Whoever calls this has the chain.
+void capture::flush() {
+    if (chain_ == nullptr || has_ended()) return;
+    processed_.clear();
+    undenoised_.clear();
+    try {
+        chain_->flush(processed_, &undenoised_);
+        store();
+    } catch (...) { // no memory: what is still inside is lost
+    }
+}
+
 void capture::end(failure reason) {
     const std::lock_guard chain{chain_mutex_};
-    if (chain_ != nullptr && !has_ended()) {
-        processed_.clear();
-        undenoised_.clear();
-        try {
-            chain_->flush(processed_, &undenoised_);
-            store();
-        } catch (...) { // no memory: what is still inside is lost
-        }
-    }
+    flush();
     const std::lock_guard hold{mutex_};
     if (ended_) return;
     ended_ = true;
     ended_by_ = std::move(reason);
     changed_.notify_all();
+}
+
+// ---- A device that was lost ----
+
+// What was recorded before can be read at once. The next device may run at another rate, with a chain of its own.
+void capture::lose_device(failure reason) {
+    const std::lock_guard chain{chain_mutex_};
+    flush();
+    chain_.reset();
+    const std::lock_guard hold{mutex_};
+    if (ended_) return; // stopped while this thread hung in the device
+    is_lost_ = true;
+    lost_by_ = std::move(reason);
+    changed_.notify_all();
+}
+
+// Gives the device back and opens it again, once it is there. Returns false when the recording is stopped before.
+bool capture::find_device(std::optional<microphone>& opened, log::scope& log) {
+    {
+        const audio_system_lock lock;
+        opened.reset();
+    }
+    while (waits_for_device()) {
+        try {
+            log.take_failure(); // not a failure of this attempt
+            open_device(opened, log, retry_interval);
+            begin(*opened);
+            return true;
+        } catch (...) { // it is not back, or cannot be opened yet, or there is no memory: another time it may be
+        }
+    }
+    return false;
+}
+
+// Until the next attempt. Returns false when the recording is stopped.
+bool capture::waits_for_device() {
+    std::unique_lock hold{mutex_};
+    changed_.wait_for(hold, retry_interval, [&] { return stop_requested_; });
+    lose_until(clock::now());
+    return !stop_requested_;
 }
 
 // ---- The host's side ----
@@ -322,6 +414,7 @@ wrapper_audio_recorder_info capture::info() const {
 
 wrapper_audio_signal capture::signal() const {
     const std::lock_guard hold{mutex_};
+    if (is_lost_ && !ended_) return WRAPPER_AUDIO_SIGNAL_LOST;
     const bool waits = waits_since_ && !ended_;
     if (waits && clock::now() - last_request_ >= signal_watch::window) return WRAPPER_AUDIO_SIGNAL_NO_DATA;
     return history_.signal();
@@ -329,8 +422,7 @@ wrapper_audio_signal capture::signal() const {
 
 failure capture::last_failure() const {
     const std::lock_guard hold{mutex_};
-    if (ended_by_.status < 0) return ended_by_;
-    return {};
+    return ended_by_.status < 0 ? ended_by_ : lost_by_;
 }
 
 device capture::device() const {

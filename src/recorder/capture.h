@@ -54,11 +54,19 @@ private:
 
     void join(std::unique_lock<std::mutex>& hold);
     void run() noexcept;
+    void open_device(std::optional<microphone>& opened, log::scope& log, milliseconds patience);
     void begin(const microphone& opened);
+    bool listen(microphone& opened, log::scope& log);
     bool may_read();
     void keep(std::span<const int16_t> pcm);
+    void lose(uint64_t count);
+    void lose_until(clock::time_point time);
     void store();
+    void flush();
     void end(failure reason);
+    void lose_device(failure reason);
+    bool find_device(std::optional<microphone>& opened, log::scope& log);
+    bool waits_for_device();
     void leave_behind();
     bool runs_ahead() const;
     std::optional<clock::time_point> stalls_at() const;
@@ -82,6 +90,7 @@ private:
     bool thread_gone_ = false;
     bool left_behind_ = false;
     failure ended_by_;
+    failure lost_by_; // the device, the last time
     recorder::device device_;
     wrapper_audio_recorder_info info_{};
     std::optional<sample_buffer> buffer_;
@@ -95,6 +104,10 @@ private:
     std::optional<clock::time_point> waits_since_; // for the device
     clock::time_point last_request_;               // of the thread to the device
     bool is_file_ = false;
+    bool is_lost_ = false;         // the device, until it delivers again
+    uint64_t captured_before_ = 0; // by the devices before the present one
+    uint64_t placed_before_ = 0;   // the position of its first sample
+    clock::time_point told_until_; // what came before was delivered, or lost
 };
 
 } // namespace recorder

@@ -15,13 +15,28 @@ constexpr int full_scale = 32766;
 
 } // namespace
 
+void history::begin(int32_t device_rate) {
+    begin_ = known();
+    captured_ = 0;
+    rate_ = device_rate;
+}
+
+void history::skip_to(uint64_t end) {
+    end = std::max(end, known());
+    for (uint64_t number = end - std::min<uint64_t>(end - known(), levels_.size()); number < end; ++number)
+        levels_[number % levels_.size()] = {};
+    pad_speech(end - std::min(end, speech_count_));
+    begin_ = end;
+    captured_ = 0;
+}
+
 void history::add_captured(std::span<const int16_t> pcm) {
     const auto rate = static_cast<uint64_t>(rate_);
     while (!pcm.empty()) {
         const uint64_t number = captured_ * 100 / rate;
         const uint64_t end = divided_up((number + 1) * rate, 100);
         const auto part = pcm.first(static_cast<std::size_t>(std::min<uint64_t>(pcm.size(), end - captured_)));
-        captured_levels& levels = levels_[number % levels_.size()];
+        captured_levels& levels = levels_[(begin_ + number) % levels_.size()];
         if (captured_ == divided_up(number * rate, 100)) levels = {};
         for (const int16_t sample : part) {
             const float x = from_s16(sample);
@@ -46,15 +61,21 @@ void history::add_lost(uint64_t count) {
     captured_ += count;
     const uint64_t after = captured_ * 100 / rate;
     for (uint64_t number = after - std::min<uint64_t>(after - before, levels_.size()); number < after; ++number)
-        levels_[(number + 1) % levels_.size()] = {};
-    for (uint64_t left = std::min<uint64_t>(after - before, speech_.size()); left > 0; --left)
-        speech_[(speech_count_ + after - before - left) % speech_.size()] = 0.0F;
-    speech_count_ += after - before;
+        levels_[(begin_ + number + 1) % levels_.size()] = {};
+    pad_speech(after - before);
+}
+
+// Nobody speaks where there is no sound.
+void history::pad_speech(uint64_t count) {
+    if (speech_.empty()) return;
+    speech_count_ += count;
+    for (uint64_t left = std::min<uint64_t>(count, speech_.size()); left > 0; --left)
+        speech_[(speech_count_ - left) % speech_.size()] = 0.0F;
 }
 
 void history::report(uint64_t end, wrapper_audio_block& block) {
     block.speech_probability = -1.0F;
-    const uint64_t known = divided_up(captured_ * 100, static_cast<uint64_t>(rate_));
+    const uint64_t known = this->known();
     end = std::min(end, known);
     if (reported_ < end) last_ = {};
     reported_ = std::max(reported_, known - std::min<uint64_t>(known, levels_.size())); // what is still kept

@@ -32,7 +32,12 @@ struct captured_levels {
 class history {
 public:
     history() = default;
-    history(std::size_t length, int32_t device_rate) : rate_(device_rate), levels_(length), speech_(length) {}
+    history(std::size_t length, bool hears_speech) : levels_(length), speech_(hears_speech ? length : 0) {}
+
+    // What follows comes from a device at this rate.
+    void begin(int32_t device_rate);
+    // Without a device: nothing is known of the time until then, in units of 10 ms.
+    void skip_to(uint64_t end);
 
     void add_captured(std::span<const int16_t> pcm);
     void add_speech(std::span<const float> probabilities);
@@ -51,12 +56,16 @@ public:
     void add_speech_to(speech_gate& gate) const;
 
 private:
+    uint64_t known() const { return begin_ + divided_up(captured_ * 100, static_cast<uint64_t>(rate_)); }
+    void pad_speech(uint64_t count);
+
     int32_t rate_ = 1;
     std::vector<captured_levels> levels_; // rings
     std::vector<float> speech_;
     captured_levels last_;
     signal_watch signal_watch_;
-    uint64_t captured_ = 0;
+    uint64_t begin_ = 0;    // of the present device's sound, in units of 10 ms
+    uint64_t captured_ = 0; // of it
     uint64_t speech_count_ = 0;
     uint64_t reported_ = 0;
     uint64_t speech_taken_ = 0;

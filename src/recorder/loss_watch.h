@@ -20,7 +20,8 @@ public:
     uint64_t add(double seconds, std::size_t count) {
         delivered_ += static_cast<double>(count);
         if (size_ == arrivals_.size()) forget_oldest();
-        arrivals_[(first_ + size_++) % arrivals_.size()] = {seconds, seconds - delivered_ / rate_};
+        last_lateness_ = seconds - delivered_ / rate_;
+        arrivals_[(first_ + size_++) % arrivals_.size()] = {seconds, last_lateness_};
         if (seconds - arrivals_[first_].at < patience) return 0;
         const double lateness = least_lateness();
         forget_oldest();
@@ -32,6 +33,9 @@ public:
             *usual_lateness_ += largest_drift * static_cast<double>(count) / rate_;
         return step >= smallest_loss ? static_cast<uint64_t>(step * rate_) : 0;
     }
+
+    // By how many seconds the last block came later than blocks usually do, as far as that is known.
+    double excess() const { return std::max(0.0, last_lateness_ - usual_lateness_.value_or(last_lateness_)); }
 
 private:
     struct arrival {
@@ -58,6 +62,7 @@ private:
     std::size_t first_ = 0;
     std::size_t size_ = 0;
     double delivered_ = 0.0;
+    double last_lateness_ = 0.0;
     std::optional<double> usual_lateness_;
 };
 

@@ -113,6 +113,8 @@ const char* wrapper_audio_signal_text(int32_t signal) noexcept {
         return "the input is silent but for a faint hiss, 60 dB or more below full scale";
     case WRAPPER_AUDIO_SIGNAL_CLIPPING:
         return "the input clips all the time";
+    case WRAPPER_AUDIO_SIGNAL_LOST:
+        return "the input is lost, and the recording goes on when it is back";
     default:
         return "unknown signal";
     }
@@ -128,6 +130,8 @@ const char* wrapper_audio_signal_advice(int32_t signal) noexcept {
         return "Unmute it, plug a microphone in, raise its level, or choose another device";
     case WRAPPER_AUDIO_SIGNAL_CLIPPING:
         return "Lower its level, or choose another device";
+    case WRAPPER_AUDIO_SIGNAL_LOST:
+        return "Connect it again, or start the sound server again";
     default:
         return "";
     }
@@ -279,8 +283,8 @@ bool is_valid(const wrapper_audio_recorder_options& options) {
                                             .conversion = options.conversion};
     const bool keeps_undenoised = options.undenoised == 1 && options.denoise > 0.0F;
     return voice_chain::is_valid(chain) && (options.undenoised == 0 || keeps_undenoised) &&
-           is_time(options.buffer_ms) && is_time(options.stall_ms) &&
-           std::all_of(std::begin(options.reserved), std::end(options.reserved), is_zero);
+           (options.reconnect == 0 || options.reconnect == 1) && is_time(options.buffer_ms) &&
+           is_time(options.stall_ms) && std::all_of(std::begin(options.reserved), std::end(options.reserved), is_zero);
 }
 
 // A call on a recorder, which is not released until the call is over, and the recording it concerns.

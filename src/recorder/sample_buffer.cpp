@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <numeric>
 
 namespace recorder {
 
@@ -36,6 +37,11 @@ void sample_buffer::lose(uint64_t count) {
         gaps_.back().lost += count;
     else
         gaps_.push_back({written_, count});
+}
+
+uint64_t sample_buffer::end() const {
+    return std::accumulate(gaps_.begin(), gaps_.end(), position() + available(),
+                           [](uint64_t sum, const gap& each) { return sum + each.lost; });
 }
 
 sample_buffer::piece sample_buffer::read(std::span<float> samples) {

@@ -14,7 +14,7 @@ endfunction()
 add_recording_test(recorder_devices
   device_list_test.cpp opening_test.cpp recording_arguments_test.cpp refusals_test.cpp server_sources_test.cpp)
 add_recording_test(recorder_reading reading_test.cpp hanging_test.cpp late_host_test.cpp recorded_speech_test.cpp
-  both_outputs_test.cpp signal_test.cpp aligned_reading_test.cpp)
+  both_outputs_test.cpp signal_test.cpp aligned_reading_test.cpp reconnect_test.cpp)
 add_recording_test(recorder_threads threads_test.cpp)
 
 # Its allocations and its new threads fail as the test tells them to; see failing_memory.h.

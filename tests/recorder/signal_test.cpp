@@ -168,7 +168,7 @@ TEST_F(signals, want_a_recorder_and_a_place) {
 
 TEST(signal_texts, are_a_sentence_each) {
     std::set<std::string> sentences;
-    for (int32_t signal = 0; signal <= 5; ++signal) {
+    for (int32_t signal = 0; signal <= 6; ++signal) {
         const std::string sentence = wrapper_audio_signal_text(signal);
         EXPECT_GT(sentence.size(), 10U);
         EXPECT_NE(sentence.back(), '.');
@@ -177,7 +177,7 @@ TEST(signal_texts, are_a_sentence_each) {
         EXPECT_EQ(advice.size() > 10, signal >= WRAPPER_AUDIO_SIGNAL_NO_DATA) << advice;
         EXPECT_FALSE(advice.ends_with('.'));
     }
-    for (const int32_t signal : {-1, 6, 1000, INT32_MIN, INT32_MAX}) {
+    for (const int32_t signal : {-1, 7, 1000, INT32_MIN, INT32_MAX}) {
         EXPECT_STREQ(wrapper_audio_signal_text(signal), "unknown signal");
         EXPECT_STREQ(wrapper_audio_signal_advice(signal), "");
     }

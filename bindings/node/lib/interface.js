@@ -48,6 +48,7 @@ const enums = {
     ZEROS: 3,
     HISS: 4,
     CLIPPING: 5,
+    LOST: 6,
   },
 };
 
@@ -70,7 +71,8 @@ const structs = {
     buffer_ms: 'int32_t',
     stall_ms: 'int32_t',
     undenoised: 'int32_t',
-    reserved: 'int32_t[9]',
+    reconnect: 'int32_t',
+    reserved: 'int32_t[8]',
   },
   wrapper_audio_block: {
     position: 'uint64_t',

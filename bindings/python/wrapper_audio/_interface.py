@@ -72,6 +72,7 @@ class Signal(enum.IntEnum):
     ZEROS = 3
     HISS = 4
     CLIPPING = 5
+    LOST = 6
 
 
 class Device(Structure):
@@ -96,7 +97,8 @@ class RecorderOptions(Structure):
         ("buffer_ms", c_int32),
         ("stall_ms", c_int32),
         ("undenoised", c_int32),
-        ("reserved", c_int32 * 9),
+        ("reconnect", c_int32),
+        ("reserved", c_int32 * 8),
     ]
 
 

@@ -213,8 +213,11 @@ void parser::add_devices() {
     CLI::App* command = add("devices", "List the devices to record from",
                             "  wrapper-audio devices\n"
                             "  wrapper-audio devices --json | jq -r '.[] | select(.kind == \"input\") | .id'\n");
+    command->add_flag("--watch", devices.watch, "go on showing which devices arrive and leave, until Ctrl-C");
     auto* json = command->add_flag("--json", devices.json, "print JSON for programs: inputs and outputs");
-    command->add_flag("--ids", devices.ids, "print ids only, one per line, for scripts")->excludes(json);
+    command->add_flag("--ids", devices.ids, "print ids only, one per line, for scripts")
+        ->excludes(json)
+        ->excludes("--watch");
     command->add_flag("--all", devices.all, "include outputs");
 }
 
@@ -281,6 +284,8 @@ void parser::add_record() {
     add_speech(command, recording.speech);
     auto* fill = command->add_flag("--fill-gaps", recording.fill_gaps,
                                    "put silence where sound was lost, so that times stay true");
+    command->add_flag("--reconnect", recording.reconnect,
+                      "wait for a device that fails or is unplugged, and go on in the same file");
     auto* undenoised = command
                            ->add_option("--undenoised", recording.undenoised,
                                         "with --denoise: write the same sound without denoising into this file, too")

@@ -20,6 +20,7 @@ struct devices_options {
     bool json = false;
     bool ids = false;
     bool all = false;
+    bool watch = false;
 };
 
 struct meter_options {
@@ -47,6 +48,7 @@ struct record_options {
     effect_options effects;
     output_options output;
     bool fill_gaps = false;
+    bool reconnect = false;
     std::string undenoised; // a second file; "" is none
     speech_options speech;
     bool for_a_command = false; // nothing is said on standard output, and nobody_spoke is a result

@@ -4,14 +4,23 @@
 #include "commands.h"
 #include "console.h"
 #include "input.h"
+#include "stopping.h"
 #include "text.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <optional>
+#include <sstream>
 
 namespace {
 
@@ -83,13 +92,101 @@ void print_line(const std::string& text) {
     print((isatty(STDOUT_FILENO) == 1 ? printable(text) : text) + "\n");
 }
 
-} // namespace
-
-exit_code list_devices(const devices_options& wanted) {
-    const device_list list;
+std::vector<wrapper_audio_device> shown_of(const device_list& list, const devices_options& wanted) {
     std::vector<wrapper_audio_device> shown;
     std::copy_if(list.begin(), list.end(), std::back_inserter(shown),
                  [&](const auto& each) { return wanted.all || wanted.json || is_input(each); });
+    return shown;
+}
+
+/* ---- Watching ------------------------------------------------------------------------------------------------ */
+
+using device_entries = std::map<std::string, nlohmann::ordered_json>; // by their ids
+
+/** Writes the devices of this moment, one on each line. */
+void write_devices(int to, const devices_options& wanted, bool failed_before) try {
+    const device_list list;
+    for (const wrapper_audio_device& each : shown_of(list, wanted))
+        console::write_all(to, json_of(each).dump() + "\n");
+    console::write_all(to, "\n");
+} catch (const failure& failed) {
+    if (!failed_before) console::error(failed.text());
+}
+
+/** What a process writes, which ends with it or when a signal ends the command. */
+std::string output_of(pid_t process, int from) {
+    std::string text;
+    std::array<char, 4096> part{};
+    for (ssize_t count = 1; count != 0 && !stop_requested();) {
+        count = read(from, part.data(), part.size());
+        text.append(part.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+    return text;
+}
+
+/**
+ * Looks in a process of its own: PortAudio does not look again where it has found a JACK server, and it may hang. Nothing
+ * if that failed, which is said once.
+ */
+std::optional<device_entries> look(const devices_options& wanted, bool failed_before) {
+    std::array<int, 2> ends{};
+    if (pipe(ends.data()) != 0) throw failure(unexpected, std::strerror(errno));
+    const pid_t process = fork();
+    if (process == 0) {
+        write_devices(ends[1], wanted, failed_before);
+        _exit(fine);
+    }
+    const int error = errno;
+    close(ends[1]);
+    const std::string text = process < 0 ? "" : output_of(process, ends[0]);
+    close(ends[0]);
+    if (process < 0) throw failure(unexpected, std::strerror(error));
+    if (text != "\n" && !text.ends_with("\n\n")) return std::nullopt;
+    device_entries entries;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line) && !line.empty();) {
+        auto entry = nlohmann::ordered_json::parse(line);
+        const std::string id = entry.value("idHex", entry["id"].get<std::string>());
+        entries.emplace(id, std::move(entry));
+    }
+    return entries;
+}
+
+void show(const char* event, const nlohmann::ordered_json& device, const devices_options& wanted) {
+    if (wanted.json)
+        print_line(nlohmann::ordered_json{{"event", event}, {"device", device}}.dump());
+    else
+        print(fmt::format("{:8} {}  {}\n", event, printable(device["id"].get<std::string>()),
+                          printable(device["name"].get<std::string>())));
+}
+
+/** Until a signal comes. */
+exit_code watch(const devices_options& wanted) {
+    stop_on_signals();
+    device_entries before;
+    const char* arrival = "present";
+    for (bool failed = false; !stop_requested(); poll(nullptr, 0, 1000)) {
+        const auto now = look(wanted, failed);
+        failed = !now;
+        if (failed) continue;
+        for (const auto& [id, device] : before)
+            if (!now->contains(id)) show("left", device, wanted);
+        for (const auto& [id, device] : *now)
+            if (!before.contains(id)) show(arrival, device, wanted);
+        before = *now;
+        arrival = "arrived";
+    }
+    return fine;
+}
+
+} // namespace
+
+exit_code list_devices(const devices_options& wanted) {
+    if (wanted.watch) return watch(wanted);
+    const device_list list;
+    const std::vector<wrapper_audio_device> shown = shown_of(list, wanted);
     if (wanted.json) {
         auto entries = nlohmann::ordered_json::array();
         for (const auto& each : shown)

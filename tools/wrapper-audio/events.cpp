@@ -60,9 +60,14 @@ void event_log::device_lost(std::uint64_t position, const std::string& reason) {
     write("device-lost", position, ",\"reason\":" + text);
 }
 
+void event_log::device_back(std::uint64_t position) {
+    write("device-back", position);
+}
+
 void event_log::signal(std::uint64_t position, wrapper_audio_signal now) {
     if (now == std::exchange(signal_, now)) return;
-    static constexpr std::array names{"unknown", "sound", "no-data", "zeros", "hiss", "clipping"}; // by their numbers
+    static constexpr std::array names{"unknown", "sound",    "no-data", "zeros",
+                                      "hiss",    "clipping", "lost"}; // by their numbers
     write("signal", position, fmt::format(",\"signal\":\"{}\"", names.at(static_cast<std::size_t>(now))));
 }
 

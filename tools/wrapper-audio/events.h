@@ -24,6 +24,7 @@ public:
     void speech(bool starts, std::uint64_t position);
     void dropped(std::uint64_t position, std::uint64_t samples);
     void device_lost(std::uint64_t position, const std::string& reason);
+    void device_back(std::uint64_t position);
 
     /** What the input delivers. It is said when it changes. */
     void signal(std::uint64_t position, wrapper_audio_signal now);

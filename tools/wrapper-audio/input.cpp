@@ -73,7 +73,7 @@ std::string device_list::system() const {
 
 microphone::microphone(const std::string& wanted, wrapper_audio_recorder_options options,
                        std::function<void(const std::string& sentences)> hint)
-    : hint_(std::move(hint)) {
+    : waits_(options.reconnect != 0), hint_(std::move(hint)) {
     options.stall_ms = patience_ms / 2; // for the first sample the recorder waits twice as long by itself
     wrapper_audio_recorder* made = nullptr;
     wrapper_audio_status status = wrapper_audio_recorder_create(&made, &options);
@@ -121,7 +121,7 @@ std::size_t microphone::read_by(Read read, wrapper_audio_block& block) {
         const wrapper_audio_status status = read(often_enough);
         listen();
         stalls = block.count > 0 ? 0 : stalls + (status == WRAPPER_AUDIO_NO_DATA ? 1 : 0);
-        if (!trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
+        if (!waits_ && !trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
             trouble_.emplace(failure_of(status, fmt::format("{}: nothing has come for {} seconds",
                                                             wrapper_audio_status_text(status), patience_ms / 1000)));
             stop(); // what is still inside comes then
@@ -131,13 +131,14 @@ std::size_t microphone::read_by(Read read, wrapper_audio_block& block) {
         if (is_over && status < 0 && !trouble_) trouble_.emplace(failed(status));
         if (lost > 0) block.dropped_at = 0;
         lost = block.dropped += lost;
-        if (is_over || block.count > 0) return block.count;
+        if (is_over || block.count > 0 || (waits_ && lost > 0)) return block.count;
     }
 }
 
 void microphone::listen() {
     const wrapper_audio_signal now = signal();
     const std::string advice = wrapper_audio_signal_advice(now);
+    if (now == WRAPPER_AUDIO_SIGNAL_LOST) return; // each time, by whoever reads
     if (!advice.empty() && heard_.insert(now).second)
         hint_(fmt::format("{}. {}", wrapper_audio_signal_text(now), advice));
 }

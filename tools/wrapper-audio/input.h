@@ -6,6 +6,7 @@
 
 #include "console.h"
 #include "failure.h"
+#include "text.h"
 
 #include <wrapper_audio_recorder.h>
 
@@ -59,7 +60,8 @@ public:
     /**
      * Waits for samples, at most as many as fit, and returns how many came; 0 at the end. When a signal or a failure
      * ends the recording, what was recorded before still comes. Five seconds without a sample are a failure. If the
-     * recorder keeps undenoised samples and there is room for as many, they come too.
+     * recorder keeps undenoised samples and there is room for as many, they come too. A recorder that reconnects is waited
+     * for; then a block without a sample may tell what has been lost so far.
      */
     std::size_t read(std::span<float> samples, wrapper_audio_block& block, std::span<float> undenoised = {});
 
@@ -71,6 +73,12 @@ public:
 
     /** The probabilities of speech of what was read since the last call, if the recorder tells of it. */
     std::vector<float> take_speech();
+
+    /** Whether the device is away, and the recording goes on when it is back. */
+    bool is_lost() const { return signal() == WRAPPER_AUDIO_SIGNAL_LOST; }
+
+    /** Why it failed last. */
+    std::string reason() const { return printable_lines(text(WRAPPER_AUDIO_TEXT_REASON)); }
 
     /** Why the recording ended, if the device was to blame. */
     const std::optional<failure>& trouble() const { return trouble_; }
@@ -91,6 +99,7 @@ private:
         void operator()(wrapper_audio_recorder* open) const { wrapper_audio_recorder_free(open); }
     };
     std::unique_ptr<wrapper_audio_recorder, closer> recorder;
+    const bool waits_;
     const std::function<void(const std::string& sentences)> hint_;
     std::set<wrapper_audio_signal> heard_;
     std::optional<failure> trouble_;

@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -36,6 +37,7 @@ wrapper_audio_recorder_options recorder_options(const record_options& wanted) {
     options.speech = wanted.speech.any() ? 1 : 0;
     options.conversion = wanted.voice.conversion;
     options.undenoised = wanted.undenoised.empty() ? 0 : 1;
+    options.reconnect = wanted.reconnect ? 1 : 0;
     return options;
 }
 
@@ -112,6 +114,7 @@ public:
 private:
     bool listen();
     bool wants_more(std::uint64_t heard) const;
+    void account(const wrapper_audio_block& block, std::uint64_t heard);
     bool hear(std::span<const float> samples, const wrapper_audio_block& block);
     std::span<const float> with_gap(kept_sound& sound, std::span<const float> samples,
                                     const wrapper_audio_block& block) const;
@@ -127,6 +130,8 @@ private:
     const std::uint64_t file_limit_; // samples in each file
     std::vector<kept_sound> kept_;   // the undenoised sound behind the other
     losses losses_;
+    bool is_lost_ = false;   // the device
+    std::uint64_t away_ = 0; // samples that it has not delivered
     const terminal screen_{STDERR_FILENO};
     level_meter meter_;
     event_log events_;
@@ -170,6 +175,28 @@ bool recording::wants_more(std::uint64_t heard) const {
     return (counts_what_is_kept ? kept_.front().count : heard) < limit_ && !(cutter_ && cutter_->is_over());
 }
 
+/** Says where sound was lost: at once if the device was, and otherwise at the end. */
+void recording::account(const wrapper_audio_block& block, std::uint64_t heard) {
+    const bool is_away = microphone_.is_lost();
+    if (is_away && !is_lost_) {
+        is_lost_ = true;
+        away_ = 0;
+        events_.device_lost(position_, microphone_.reason());
+        console::error(microphone_.reason() + "; the recording goes on when it is back");
+    }
+    if (!is_lost_) {
+        losses_.add(block.dropped, static_cast<double>(heard + block.dropped_at) / wanted_.rate);
+        return;
+    }
+    away_ += block.dropped;
+    if (is_away || away_ == 0 || block.count == 0) return; // what is read may be from before
+    is_lost_ = false;
+    events_.device_back(block.position);
+    console::note(fmt::format("'{}' is back; {:.1f} s are {}", printable(microphone_.name()),
+                              static_cast<double>(away_) / wanted_.rate,
+                              wanted_.fill_gaps ? "replaced by silence" : "missing"));
+}
+
 /** Returns false when an output failed. */
 bool recording::listen() {
     std::vector<float> buffer(static_cast<std::size_t>(std::max(1, wanted_.rate * 30 / 1000)));
@@ -179,8 +206,8 @@ bool recording::listen() {
         const std::uint64_t left = cutter_ && !wanted_.speech.cuts() ? limit_ : limit_ - heard;
         const auto room = std::span(buffer).first(std::min<std::uint64_t>(buffer.size(), left));
         const std::size_t count = microphone_.read(room, block, undenoised);
-        losses_.add(block.dropped, static_cast<double>(heard + block.dropped_at) / wanted_.rate);
-        if (count == 0 && !(wanted_.fill_gaps && block.dropped > 0)) break;
+        account(block, heard);
+        if (count == 0 && block.dropped == 0) break;
         const auto whole = [&](kept_sound& sound, std::span<const float> samples) {
             samples = with_gap(sound, samples.first(count), block);
             return samples.first(std::min<std::uint64_t>(samples.size(), left));

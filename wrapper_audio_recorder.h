@@ -231,7 +231,8 @@ typedef struct wrapper_audio_recorder_options {
                                wrapper_audio_recorder_read_both_f32(); needs `denoise` above 0.0 */
     int32_t reconnect;    /**< 1: a device that fails or is unplugged while recording does not end the recording. It is
                                waited for, or opened as the default input device, whichever that is then; the time
-                               in between counts as dropped samples. */
+                               in between counts as dropped samples. Reads time out meanwhile: only those without a
+                               timeout return NO_DATA. */
     int32_t reserved[8];  /**< must be 0 */
 } wrapper_audio_recorder_options;
 

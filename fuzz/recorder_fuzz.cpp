@@ -64,6 +64,7 @@ void require_recording(script& bytes, const char* id, int index) {
     options.conversion = static_cast<int32_t>(bytes.below(2));
     options.buffer_ms = 100;
     options.undenoised = options.denoise > 0.0F && bytes.flag() ? 1 : 0;
+    options.reconnect = bytes.flag() ? 1 : 0;
     wrapper_audio_recorder* made = nullptr;
     require(wrapper_audio_recorder_create(&made, &options) == WRAPPER_AUDIO_OK, "a recorder is made");
     const recorder holder(made);

@@ -63,9 +63,10 @@ export type Denoising = 'native' | 'converted' | 'off';
 
 /**
  * What a recorder hears: sound; or what nobody can be recorded with, exact zeros, a faint hiss below 0.001 of full scale,
- * or clipping all the time; or nothing, because the device delivers none. At first it is unknown.
+ * or clipping all the time; or nothing, because the device delivers none, or is lost and waited for with `reconnect`. At
+ * first it is unknown.
  */
-export type Signal = 'unknown' | 'sound' | 'no-data' | 'zeros' | 'hiss' | 'clipping';
+export type Signal = 'unknown' | 'sound' | 'no-data' | 'zeros' | 'hiss' | 'clipping' | 'lost';
 
 /** One audio device of the machine. */
 export interface Device {
@@ -128,6 +129,11 @@ export interface RecorderOptions<Format extends SampleFormat = SampleFormat> {
   bufferMs?: number;
   /** How long a device may deliver nothing, twice that at first, before a read fails: 100 to 60000; 1500. */
   stallMs?: number;
+  /**
+   * Waits for a device that fails or is unplugged while recording, and goes on: what it did not deliver counts as dropped,
+   * `signal` is 'lost' meanwhile, and reads wait or time out.
+   */
+  reconnect?: boolean;
   /** Does not open the microphone until open(). */
   armed?: boolean;
 }

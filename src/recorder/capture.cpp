@@ -295,8 +295,9 @@ void capture::leave_behind() {
     changed_.notify_all();
 }
 
-std::optional<capture::clock::time_point> capture::stalls_at() const {
-    if (!waits_since_) return std::nullopt;
+std::optional<capture::clock::time_point> capture::stalls_at(bool has_limit) const {
+    // Whoever waits for a device that was lost waits for one that hangs, too, but not for ever.
+    if (!waits_since_ || (has_limit && options_.reconnect != 0)) return std::nullopt;
     const int32_t times = info_.captured == 0 ? 2 : 1; // sound servers are slow to start
     return *waits_since_ + milliseconds(int64_t{options_.stall_ms} * times);
 }
@@ -348,7 +349,7 @@ wrapper_audio_status capture::read(std::size_t wanted, const destination& to, in
     for (take(); done < wanted; take()) {
         if (done > 0 && is_file_) changed_.notify_all(); // there is room now
         const auto now = clock::now();
-        const auto stall = stalls_at();
+        const auto stall = stalls_at(timeout_ms >= 0);
         if (ended_) {
             status = ended_by_.status;
         } else if (stall && now >= *stall) {

@@ -69,7 +69,7 @@ private:
     bool waits_for_device();
     void leave_behind();
     bool runs_ahead() const;
-    std::optional<clock::time_point> stalls_at() const;
+    std::optional<clock::time_point> stalls_at(bool has_limit) const; // for a read
 
     const wrapper_audio_recorder_options options_;
     const std::string device_id_;

@@ -102,7 +102,7 @@ TEST_F(lost_device, is_told_of_by_the_place_in_a_read_across) {
 }
 
 TEST_F(lost_device, lets_reads_time_out_and_tell_what_has_been_lost_so_far) {
-    ASSERT_NO_FATAL_FAILURE(record_and_lose({.rate = 16000, .stall_ms = 60000}, 10 * block));
+    ASSERT_NO_FATAL_FAILURE(record_and_lose({.rate = 16000}, 10 * block));
     plug_in({});
     read(10 * block / 3);
     uint64_t dropped = 0;

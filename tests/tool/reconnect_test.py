@@ -12,7 +12,7 @@ from servers_test import ServerTest
 import servers
 
 LOST = r"wrapper-audio: \S+ failed: .*; the recording goes on when it is back\n"
-BACK = r"wrapper-audio: '\S+' is back; (\S+) s are {}\n"
+BACK = r"wrapper-audio: '.+' is back; (\S+) s are {}\n"
 PACED = {"MICROPHONE_PACED": "1"}
 FAILING = {**PACED, "MICROPHONE_FAILS_AFTER": "40"}  # 1.2 s
 RETURNING = {**FAILING, "MICROPHONE_RETURNS": "1"}

@@ -34,9 +34,9 @@ _wrapper_audio() {
     if [[ $current == -* ]]; then
         local options=$common
         case $command in
-        devices) options+=' --json --ids --all' ;;
+        devices) options+=' --json --ids --all --watch' ;;
         meter) options+=' --device --seconds --json' ;;
-        record) options+=" --device --system --both --rate --seconds --max-file-time --sync --fill-gaps --undenoised $effects $pauses $speech" ;;
+        record) options+=" --device --system --both --rate --seconds --max-file-time --sync --fill-gaps --reconnect --undenoised $effects $pauses $speech" ;;
         dictate) options+=" --output --device --rate --seconds --sync $effects $pauses" ;;
         process) options+=" --rate --raw-rate --raw-channels --raw-bits --channel --loudness $effects $pauses $speech" ;;
         doctor) options+=' --device' ;;

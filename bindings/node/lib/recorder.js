@@ -113,7 +113,7 @@ class Recorder {
   }
 
   constructor({ device, rate = 16000, denoise = 0, speech = false, converter = 'clean', ...others } = {}) {
-    const { format = 'int16', blockMs = 30, bufferMs = 0, stallMs = 0, undenoised = false } = others;
+    const { format = 'int16', blockMs = 30, bufferMs = 0, stallMs = 0, undenoised = false, reconnect = false } = others;
     lib.demandWholeNumbers({ rate, bufferMs, stallMs });
     if (!(blockMs > 0 && blockMs <= 60000)) {
       throw new RangeError(`blockMs is ${blockMs}; it must be above 0 and at most 60000`);
@@ -135,6 +135,7 @@ class Recorder {
       bufferMs,
       stallMs,
       undenoised: Number(this.#keepsUndenoised),
+      reconnect: Number(Boolean(reconnect)),
     });
     forgotten.register(this, this.#pointer, this);
   }

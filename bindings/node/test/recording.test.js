@@ -264,6 +264,23 @@ test('a device that falls silent gives what came before, and is an error then', 
   assert((await took(() => assert.rejects(mic.read(), silent))) > 800, 'and the one after waits anew');
 });
 
+test('a device that comes back is recorded on if that is wanted', async (t) => {
+  script(t, { MICROPHONE_PACED: '1' });
+  const mic = await recorder(t, { rate: 48000, reconnect: true, stallMs: 100 });
+  await mic.read(4800);
+  script(t, { MICROPHONE_FAILS_AFTER: '0' });
+  for (let blocks = 0; mic.signal !== 'lost'; ++blocks) {
+    assert(blocks < 100, 'it goes on');
+    await wait(10);
+  }
+  assert((await mic.read(480000, { timeout: 300 })).length < 48000, 'what came before');
+  const before = mic.dropped;
+  delete process.env.MICROPHONE_FAILS_AFTER;
+  assert.strictEqual((await mic.read(4800)).length, 4800);
+  assert.notStrictEqual(mic.signal, 'lost');
+  assert(mic.dropped > before && mic.dropped >= 48000 * 0.4, `${mic.dropped} are missing`);
+});
+
 test('closing ends a read that waits and turns the others away', async (t) => {
   script(t, { MICROPHONE_PACED: '1' });
   const mic = await recorder(t, { rate: 48000 });

@@ -44,6 +44,7 @@ export async function record(): Promise<number> {
     blockMs: 20,
     bufferMs: 1000,
     stallMs: 1000,
+    reconnect: true,
     armed: true,
   });
   await recorder.open();

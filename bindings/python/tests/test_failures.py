@@ -128,6 +128,25 @@ class Failures(SilentTest):
         )
         self.assertEqual(output, "960\n480\nNO_DATA True\nTrue\n")
 
+    def test_a_device_that_comes_back_is_recorded_on_if_that_is_wanted(self) -> None:
+        output = self.scripted(
+            """
+            import time, wrapper_audio
+            with wrapper_audio.Recorder(rate=48000, reconnect=True, stall_ms=100) as recorder:
+                print(len(recorder.read(57600)))
+                try:
+                    recorder.read(timeout=0.3)
+                except wrapper_audio.ReadTimeout:
+                    print(recorder.signal.name, recorder.dropped < 48000 * 0.4)
+                print(len(recorder.read(4800)))
+                print(recorder.signal.name, recorder.position - 57600 == recorder.dropped > 48000 * 0.4)
+            """,
+            MICROPHONE_PACED="1",
+            MICROPHONE_FAILS_AFTER="40",
+            MICROPHONE_RETURNS="1",
+        )
+        self.assertEqual(output, "57600\nLOST True\n4800\nSOUND True\n")
+
     def test_the_log_is_kept_instead_of_written(self) -> None:
         output = self.output_of(
             """

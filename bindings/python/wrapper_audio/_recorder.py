@@ -56,6 +56,7 @@ class Recorder(Closing):
         dtype: str = "int16",
         buffer_ms: int = 5000,
         stall_ms: int = 1500,
+        reconnect: bool = False,
         armed: bool = False,
     ) -> None:
         """Opens the microphone at once, or with armed=True leaves that to open().
@@ -70,6 +71,8 @@ class Recorder(Closing):
         dtype      "int16": samples from -32767 to 32767; "float32": full scale 1.0
         buffer_ms  how much sound is kept for a program that reads late, 100 to 60000
         stall_ms   how long a device may deliver nothing before a read fails, 100 to 60000
+        reconnect  wait for a device that fails or is unplugged while recording, and go on: what it did not deliver
+                   counts as dropped, `signal` is Signal.LOST meanwhile, and reads wait or time out
 
         Raises OpenError; UnknownDeviceError lists the devices available.
         """
@@ -83,7 +86,7 @@ class Recorder(Closing):
         if undenoised and not denoise:
             raise ArgumentError("undenoised=True needs denoise")
         late = int32("buffer_ms", buffer_ms), int32("stall_ms", stall_ms)
-        options = RecorderOptions(rate, denoise, speech, conversion(converter), *late, undenoised)
+        options = RecorderOptions(rate, denoise, speech, conversion(converter), *late, undenoised, reconnect)
         self._hears, self._keeps_undenoised = bool(denoise or speech), bool(undenoised)
         self._library = load()
         self._handle = make("wrapper_audio_recorder_create", "wrapper_audio_recorder_free", byref(options))
@@ -275,7 +278,8 @@ class Recorder(Closing):
     @property
     def signal(self) -> Signal:
         """What has been heard in the last 2.5 s that were read: SOUND, or ZEROS, HISS or CLIPPING, with which nobody
-        can be recorded; NO_DATA if the device delivers nothing; UNKNOWN if it is too early to tell."""
+        can be recorded; NO_DATA if the device delivers nothing; LOST if it is waited for with reconnect=True; UNKNOWN
+        if it is too early to tell."""
         heard = ctypes.c_int32()
         check(self._library.wrapper_audio_recorder_get_signal(self._pointer(), byref(heard)))
         return Signal(heard.value)

@@ -30,6 +30,7 @@ public:
         return lost;
     }
 
+    double excess() const { return watch_.excess(); }
     void lose(double seconds) { due_ += seconds; }
     void pause_host(double seconds) { now_ = due_ + seconds; }
 
@@ -106,6 +107,22 @@ TEST(loss_watch, a_device_that_begins_late_has_lost_nothing) {
     for (int i = 0; i < 1000; ++i)
         lost += watch.add(5.0 + block_seconds * i, block);
     EXPECT_EQ(lost, 0U);
+}
+
+TEST(loss_watch, knows_how_much_later_than_usual_the_last_block_came) {
+    device on_time;
+    EXPECT_EQ(on_time.excess(), 0.0) << "before the first block";
+    on_time.read(5);
+    on_time.pause_host(0.3);
+    on_time.read(1);
+    EXPECT_EQ(on_time.excess(), 0.0) << "nobody knows what is usual";
+    on_time.read(100);
+    EXPECT_NEAR(on_time.excess(), 0.0, 0.01);
+    on_time.lose(2.0);
+    on_time.read(1);
+    EXPECT_NEAR(on_time.excess(), 2.0, 0.01);
+    on_time.read(100);
+    EXPECT_NEAR(on_time.excess(), 0.0, 0.01) << "it has been told as lost";
 }
 
 } // namespace

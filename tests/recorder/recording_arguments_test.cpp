@@ -24,7 +24,7 @@ wrapper_audio_status creating(const wrapper_audio_recorder_options& options) {
 TEST_F(recorder_arguments, of_create_have_limits) {
     const float nan = std::nanf("");
     const float beyond = std::nextafter(1.0F, 2.0F);
-    std::vector<wrapper_audio_recorder_options> good(12);
+    std::vector<wrapper_audio_recorder_options> good(13);
     good[1].rate = 100;
     good[2].rate = 768000;
     good[3].denoise = 1.0F;
@@ -36,6 +36,7 @@ TEST_F(recorder_arguments, of_create_have_limits) {
     good[9].stall_ms = 100;
     good[10].stall_ms = 60000;
     good[11].denoise = -0.0F;
+    good[12].reconnect = 1;
     for (std::size_t i = 0; i < good.size(); ++i)
         EXPECT_EQ(creating(good[i]), WRAPPER_AUDIO_OK) << i;
 
@@ -56,7 +57,9 @@ TEST_F(recorder_arguments, of_create_have_limits) {
         with(&wrapper_audio_recorder_options::buffer_ms, ms);
         with(&wrapper_audio_recorder_options::stall_ms, ms);
     }
-    for (int32_t i = 0; i < 9; ++i) {
+    for (const int32_t flag : {least, -1, 2, most})
+        with(&wrapper_audio_recorder_options::reconnect, flag);
+    for (int32_t i = 0; i < 8; ++i) {
         bad.emplace_back().reserved[i] = 1;
         bad.emplace_back().reserved[i] = least;
     }

@@ -66,8 +66,8 @@ void event_log::device_back(std::uint64_t position) {
 
 void event_log::signal(std::uint64_t position, wrapper_audio_signal now) {
     if (now == std::exchange(signal_, now)) return;
-    static constexpr std::array names{"unknown", "sound",    "no-data", "zeros",
-                                      "hiss",    "clipping", "lost"}; // by their numbers
+    // By their numbers.
+    static constexpr std::array names{"unknown", "sound", "no-data", "zeros", "hiss", "clipping", "lost"};
     write("signal", position, fmt::format(",\"signal\":\"{}\"", names.at(static_cast<std::size_t>(now))));
 }
 

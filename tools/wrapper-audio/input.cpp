@@ -121,7 +121,7 @@ std::size_t microphone::read_by(Read read, wrapper_audio_block& block) {
         const wrapper_audio_status status = read(often_enough);
         listen();
         stalls = block.count > 0 ? 0 : stalls + (status == WRAPPER_AUDIO_NO_DATA ? 1 : 0);
-        if (!waits_ && !trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
+        if (!trouble_ && (stalls == 2 || (stalls == 1 && info().captured == 0))) {
             trouble_.emplace(failure_of(status, fmt::format("{}: nothing has come for {} seconds",
                                                             wrapper_audio_status_text(status), patience_ms / 1000)));
             stop(); // what is still inside comes then

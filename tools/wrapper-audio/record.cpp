@@ -18,7 +18,6 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <utility>
 #include <vector>
 
 namespace {

@@ -64,7 +64,7 @@ aligner::aligner(int32_t rate) : rate_(rate), streams_{timeline(rate), timeline(
 
 void aligner::end() {
     for (timeline& each : streams_)
-        each.end();
+        each.finish();
 }
 
 std::size_t aligner::take(std::span<float> first, std::span<float> second) {

@@ -168,7 +168,7 @@ void capture::keep(std::span<const int16_t> pcm) {
         if (ended_) return; // stopped while this thread hung in the device
         if (is_lost_) lose_until(first);
         is_lost_ = false;
-        if (info_.captured == captured_before_) placed_before_ = buffer_->end();
+        if (info_.captured == captured_before_) placed_before_ = buffer_->end_position();
         if (info_.captured == 0) {
             const auto since = first.time_since_epoch();
             info_.first_sample_time = std::chrono::duration_cast<std::chrono::nanoseconds>(since).count();
@@ -180,10 +180,10 @@ void capture::keep(std::span<const int16_t> pcm) {
         lose(lost * static_cast<uint64_t>(options_.rate) / static_cast<uint64_t>(info_.device_rate));
         history_.add_lost(lost);
         lost_in_system_ += lost;
-        const uint64_t end = placed_before_ + (info_.captured - captured_before_ + lost_in_system_) *
-                                                  static_cast<uint64_t>(options_.rate) /
-                                                  static_cast<uint64_t>(info_.device_rate);
-        arrivals_->add(end, std::chrono::nanoseconds(now.time_since_epoch()).count());
+        const uint64_t until = placed_before_ + (info_.captured - captured_before_ + lost_in_system_) *
+                                                    static_cast<uint64_t>(options_.rate) /
+                                                    static_cast<uint64_t>(info_.device_rate);
+        arrivals_->add(until, std::chrono::nanoseconds(now.time_since_epoch()).count());
         // What came late was captured earlier; a device that fails now leaves no later sample to tell.
         const std::chrono::duration<double> late(loss_watch_->excess());
         told_until_ = now - std::chrono::duration_cast<clock::duration>(late);
@@ -212,7 +212,7 @@ void capture::lose_until(clock::time_point time) {
     const double count = std::floor(missing.count() * options_.rate);
     lose(static_cast<uint64_t>(count));
     told_until_ += std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(count / options_.rate));
-    history_.skip_to(buffer_->end() * 100 / static_cast<uint64_t>(options_.rate));
+    history_.skip_to(buffer_->end_position() * 100 / static_cast<uint64_t>(options_.rate));
 }
 
 void capture::store() {

@@ -75,10 +75,10 @@ void history::pad_speech(uint64_t count) {
 
 void history::report(uint64_t end, wrapper_audio_block& block) {
     block.speech_probability = -1.0F;
-    const uint64_t known = this->known();
-    end = std::min(end, known);
+    const uint64_t all = known();
+    end = std::min(end, all);
     if (reported_ < end) last_ = {};
-    reported_ = std::max(reported_, known - std::min<uint64_t>(known, levels_.size())); // what is still kept
+    reported_ = std::max(reported_, all - std::min<uint64_t>(all, levels_.size())); // what is still kept
     for (; reported_ < end; ++reported_) {
         const captured_levels& levels = levels_[reported_ % levels_.size()];
         last_.peak = std::max(last_.peak, levels.peak);

@@ -39,7 +39,7 @@ void sample_buffer::lose(uint64_t count) {
         gaps_.push_back({written_, count});
 }
 
-uint64_t sample_buffer::end() const {
+uint64_t sample_buffer::end_position() const {
     return std::accumulate(gaps_.begin(), gaps_.end(), position() + available(),
                            [](uint64_t sum, const gap& each) { return sum + each.lost; });
 }

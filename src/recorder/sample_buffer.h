@@ -32,7 +32,7 @@ public:
     // Samples read or lost before the next one.
     uint64_t position() const { return read_ + lost_; }
     // Samples written or lost so far.
-    uint64_t end() const;
+    uint64_t end_position() const;
     uint64_t read_count() const { return read_; }
     uint64_t lost_count() const { return lost_; }
 

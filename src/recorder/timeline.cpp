@@ -28,7 +28,7 @@ void timeline::settle(double now) {
         settle_oldest();
 }
 
-void timeline::end() {
+void timeline::finish() {
     ended_ = true;
     while (!arrivals_.empty())
         settle_oldest();

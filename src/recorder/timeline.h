@@ -24,7 +24,7 @@ public:
     // Samples of which the last was captured at `seconds` of a clock, or somewhat earlier.
     void add(std::span<const float> samples, double seconds);
     void settle(double now); // those that arrived a second before, even if nothing has come since
-    void end();              // no more are to come
+    void finish();           // no more are to come
 
     bool has_ended() const { return ended_; }
     bool is_empty() const { return !lateness_; }

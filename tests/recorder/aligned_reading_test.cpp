@@ -7,7 +7,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr int32_t rate = 48000;
+constexpr int32_t device_rate = 48000;
 constexpr std::size_t block = 1440; // of the core
 
 // Samples that tell their number: 15 bits of it, which is 0.7 ms exact.
@@ -19,11 +19,11 @@ class aligned_reading : public with_recorder {
 protected:
     void SetUp() override {
         with_recorder::SetUp();
-        world().devices = {device{.name = "A", .rate = rate}};
+        world().devices = {device{.name = "A", .rate = device_rate}};
         microphone.sound = numbered;
         microphone.keeps_time = true;
         microphone.hang_after(0);
-        ASSERT_EQ(wrapper_audio_aligner_create(&aligner, rate), WRAPPER_AUDIO_OK);
+        ASSERT_EQ(wrapper_audio_aligner_create(&aligner, device_rate), WRAPPER_AUDIO_OK);
     }
     void TearDown() override {
         wrapper_audio_aligner_free(aligner);
@@ -79,14 +79,14 @@ private:
 };
 
 TEST_F(aligned_reading, tells_when_samples_came_and_not_when_they_were_read) {
-    record({.rate = rate});
+    record({.rate = device_rate});
     constexpr int late = 10; // blocks
     for (int i = 0; i < 100; ++i) {
         deliver();
         if (i < late) continue;
         ASSERT_EQ(read(), WRAPPER_AUDIO_OK);
         EXPECT_EQ(got.count, block);
-        EXPECT_EQ(got.position, (i - late) * block);
+        EXPECT_EQ(got.position, static_cast<uint64_t>(i - late) * block);
         EXPECT_GT(got.peak, 0.0F);
     }
     take_all();
@@ -96,7 +96,7 @@ TEST_F(aligned_reading, tells_when_samples_came_and_not_when_they_were_read) {
 }
 
 TEST_F(aligned_reading, has_silence_where_the_system_lost_samples) {
-    record({.rate = rate});
+    record({.rate = device_rate});
     for (int i = 0; i < 100; ++i) {
         deliver();
         if (i == 40) lose(20);
@@ -134,7 +134,7 @@ TEST_F(aligned_reading, converts_first) {
 }
 
 TEST_F(aligned_reading, refuses_what_makes_no_sense) {
-    record({.rate = rate});
+    record({.rate = device_rate});
     deliver();
     EXPECT_EQ(read(block, 2), WRAPPER_AUDIO_INVALID_ARGUMENT);
     EXPECT_EQ(read(block, -1), WRAPPER_AUDIO_INVALID_ARGUMENT);

@@ -114,15 +114,15 @@ void write_devices(int to, const devices_options& wanted, bool failed_before) tr
 }
 
 /** What a process writes, which ends with it or when a signal ends the command. */
-std::string output_of(pid_t process, int from) {
+std::string output_of(pid_t child, int from) {
     std::string text;
     std::array<char, 4096> part{};
     for (ssize_t count = 1; count != 0 && !stop_requested();) {
         count = read(from, part.data(), part.size());
         text.append(part.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     }
-    kill(process, SIGKILL);
-    waitpid(process, nullptr, 0);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
     return text;
 }
 
@@ -133,16 +133,16 @@ std::string output_of(pid_t process, int from) {
 std::optional<device_entries> look(const devices_options& wanted, bool failed_before) {
     std::array<int, 2> ends{};
     if (pipe(ends.data()) != 0) throw failure(unexpected, std::strerror(errno));
-    const pid_t process = fork();
-    if (process == 0) {
+    const pid_t child = fork();
+    if (child == 0) {
         write_devices(ends[1], wanted, failed_before);
         _exit(fine);
     }
     const int error = errno;
     close(ends[1]);
-    const std::string text = process < 0 ? "" : output_of(process, ends[0]);
+    const std::string text = child < 0 ? "" : output_of(child, ends[0]);
     close(ends[0]);
-    if (process < 0) throw failure(unexpected, std::strerror(error));
+    if (child < 0) throw failure(unexpected, std::strerror(error));
     if (text != "\n" && !text.ends_with("\n\n")) return std::nullopt;
     device_entries entries;
     std::istringstream lines(text);

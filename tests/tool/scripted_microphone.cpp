@@ -110,6 +110,7 @@ extern "C" PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* in
     if (const char* how = std::getenv("MICROPHONE_ENDS"); how != nullptr) end_the_process(how);
     if (std::getenv("MICROPHONE_REFUSES") != nullptr) return paDeviceUnavailable;
     is_listed = true;
+    if (std::getenv("MICROPHONE_FAILS_AFTER") == nullptr) has_failed = false; // that was another script
     return next<decltype(Pa_OpenStream)>("Pa_OpenStream")(stream, input, output, rate, frames, flags, callback, data);
 }
 

@@ -20,7 +20,7 @@ constexpr double correction = 0.1;
 constexpr double inertia = 2.0; // seconds
 
 // How long the first stream waits for the second. A monitor may deliver nothing while nobody plays.
-constexpr double patience = 5.0; // seconds
+constexpr double patience_for_second = 5.0; // seconds
 
 double bessel_i0(double x) {
     double sum = 1.0;
@@ -107,7 +107,7 @@ bool aligner::waits_for_second(std::size_t count) {
         return static_cast<int64_t>(streams_[1].known()) >= position_ + shift + static_cast<int64_t>(count) + taps;
     };
     if (is_known()) return false;
-    if (streams_[0].active() - streams_[0].place_of(position_).active < patience) return true;
+    if (streams_[0].active() - streams_[0].place_of(position_).active < patience_for_second) return true;
     streams_[1].settle(streams_[0].heard_until());
     return false;
 }

@@ -43,11 +43,11 @@ TEST_F(signals, are_told_apart) {
     EXPECT_EQ(heard(2500, [](uint64_t n) { return n == 119999 ? sample(-1) : 0.0F; }), WRAPPER_AUDIO_SIGNAL_HISS);
     EXPECT_EQ(heard(2500, [](uint64_t n) { return n % 2 == 0 ? sample(-32) : sample(32); }), WRAPPER_AUDIO_SIGNAL_HISS);
     for (const int loud : {-33, 33}) // 0.001007; 32 are 0.000977
-        EXPECT_EQ(heard(2500, [&](uint64_t n) { return n == 7 ? sample(loud) : 0.0F; }), WRAPPER_AUDIO_SIGNAL_SOUND);
+        EXPECT_EQ(heard(2500, [loud](uint64_t n) { return n == 7 ? sample(loud) : 0.0F; }), WRAPPER_AUDIO_SIGNAL_SOUND);
     for (const float full : {-1.0F, 1.0F, sample(-32766), sample(32766)})
-        EXPECT_EQ(heard(2500, [&](uint64_t n) { return n % 100 == 99 ? full : 0.0F; }), WRAPPER_AUDIO_SIGNAL_CLIPPING);
+        EXPECT_EQ(heard(2500, [full](uint64_t n) { return n % 100 == 99 ? full : 0.0F; }), WRAPPER_AUDIO_SIGNAL_CLIPPING);
     for (const int loud : {-32765, 32765})
-        EXPECT_EQ(heard(2500, [&](uint64_t /*n*/) { return sample(loud); }), WRAPPER_AUDIO_SIGNAL_SOUND);
+        EXPECT_EQ(heard(2500, [loud](uint64_t /*n*/) { return sample(loud); }), WRAPPER_AUDIO_SIGNAL_SOUND);
     EXPECT_EQ(heard(2500, [](uint64_t n) { return n % 101 == 0 ? 1.0F : 0.0F; }), WRAPPER_AUDIO_SIGNAL_SOUND);
 }
 
@@ -81,7 +81,7 @@ TEST_F(signals, are_the_same_at_any_rate) {
     for (const double rate : {100.0, 8000.0, 11025.0, 44100.0, 192000.0, 768000.0}) {
         world().devices = {device{.name = "A", .rate = rate}};
         for (const float silence : {0.0F, sample(32)}) {
-            microphone.sound = [&](uint64_t /*n*/) { return silence; };
+            microphone.sound = [silence](uint64_t /*n*/) { return silence; };
             record({.rate = 16000, .conversion = WRAPPER_AUDIO_CONVERSION_LINEAR});
             read_ten_ms(249);
             EXPECT_EQ(signal(), WRAPPER_AUDIO_SIGNAL_UNKNOWN) << rate;

@@ -24,6 +24,7 @@ protected:
 
     // What is said when so much has been read of a microphone that hears only this.
     wrapper_audio_signal heard(std::size_t ms, std::function<float(uint64_t n)> sound) {
+        wrapper_audio_recorder_stop(recorder); // which still hears it
         microphone.sound = std::move(sound);
         record({.rate = 48000});
         read_ten_ms(ms / 10);
@@ -81,6 +82,7 @@ TEST_F(signals, are_the_same_at_any_rate) {
     for (const double rate : {100.0, 8000.0, 11025.0, 44100.0, 192000.0, 768000.0}) {
         world().devices = {device{.name = "A", .rate = rate}};
         for (const float silence : {0.0F, sample(32)}) {
+            wrapper_audio_recorder_stop(recorder); // which still hears it
             microphone.sound = [silence](uint64_t /*n*/) { return silence; };
             record({.rate = 16000, .conversion = WRAPPER_AUDIO_CONVERSION_LINEAR});
             read_ten_ms(249);
@@ -102,6 +104,7 @@ TEST_F(signals, are_judged_before_denoising) {
 
 TEST_F(signals, are_missing_where_nothing_comes) {
     for (const uint64_t before : {0U, 1440U}) { // from the start, and later
+        wrapper_audio_recorder_stop(recorder); // which still hears it
         microphone.sound = [](uint64_t /*n*/) { return 0.1F; };
         microphone.hang_after(before);
         record({.rate = 48000, .stall_ms = 1000});
@@ -125,6 +128,7 @@ TEST_F(signals, are_missing_where_nothing_comes) {
 }
 
 TEST_F(signals, are_not_missing_while_a_file_waits_for_the_host) {
+    wrapper_audio_recorder_stop(recorder); // which still hears it
     microphone.sound = [](uint64_t /*n*/) { return 0.1F; };
     record({.rate = 48000, .buffer_ms = 100});
     ASSERT_TRUE(soon([&] { return info().available >= 4800; }));

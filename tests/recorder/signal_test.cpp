@@ -46,7 +46,8 @@ TEST_F(signals, are_told_apart) {
     for (const int loud : {-33, 33}) // 0.001007; 32 are 0.000977
         EXPECT_EQ(heard(2500, [loud](uint64_t n) { return n == 7 ? sample(loud) : 0.0F; }), WRAPPER_AUDIO_SIGNAL_SOUND);
     for (const float full : {-1.0F, 1.0F, sample(-32766), sample(32766)})
-        EXPECT_EQ(heard(2500, [full](uint64_t n) { return n % 100 == 99 ? full : 0.0F; }), WRAPPER_AUDIO_SIGNAL_CLIPPING);
+        EXPECT_EQ(heard(2500, [full](uint64_t n) { return n % 100 == 99 ? full : 0.0F; }),
+                  WRAPPER_AUDIO_SIGNAL_CLIPPING);
     for (const int loud : {-32765, 32765})
         EXPECT_EQ(heard(2500, [loud](uint64_t /*n*/) { return sample(loud); }), WRAPPER_AUDIO_SIGNAL_SOUND);
     EXPECT_EQ(heard(2500, [](uint64_t n) { return n % 101 == 0 ? 1.0F : 0.0F; }), WRAPPER_AUDIO_SIGNAL_SOUND);
@@ -104,7 +105,7 @@ TEST_F(signals, are_judged_before_denoising) {
 
 TEST_F(signals, are_missing_where_nothing_comes) {
     for (const uint64_t before : {0U, 1440U}) { // from the start, and later
-        wrapper_audio_recorder_stop(recorder); // which still hears it
+        wrapper_audio_recorder_stop(recorder);  // which still hears it
         microphone.sound = [](uint64_t /*n*/) { return 0.1F; };
         microphone.hang_after(before);
         record({.rate = 48000, .stall_ms = 1000});

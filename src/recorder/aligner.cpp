@@ -60,7 +60,7 @@ aligner::aligner(int32_t rate) : rate_(rate), streams_{timeline(rate), timeline(
         each.reserve(most);
     neighbours_.reserve(2 * most + taps);
     old_place_.reserve(most);
-} // GCOVR_EXCL_BR_LINE: what is cleaned up if this fails is an array of two streams, which GCC asks about
+} // GCOVR_EXCL_BR_LINE: when this fails, GCC asks how many of the two streams are to be released
 
 void aligner::end() {
     for (timeline& each : streams_)

@@ -78,8 +78,7 @@ void capture::open_device(std::optional<microphone>& opened, log::scope& log, mi
     const audio_system_lock lock{patience};
     // A device that already runs at the wanted rate needs no conversion. Any other is best opened at 48000 Hz: sound
     // servers run at it, and would themselves convert less cleanly.
-    const bool hears = options_.denoise > 0.0F || options_.speech != 0;
-    opened.emplace(device_id_, hears ? denoiser_rate : options_.rate, log);
+    opened.emplace(device_id_, hears_speech(options_) ? denoiser_rate : options_.rate, log);
 }
 
 void capture::begin(const microphone& opened) {
@@ -107,10 +106,9 @@ void capture::begin(const microphone& opened) {
     if (!buffer_) {
         largest_step_ = in_samples(microphone::block_ms) + chain_->delay() + 1;
         const std::size_t capacity = in_samples(options_.buffer_ms) + largest_step_;
-        const bool hears = options_.denoise > 0.0F || options_.speech != 0;
         if (options_.undenoised != 0) undenoised_buffer_.emplace(capacity);
         buffer_.emplace(capacity);
-        history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), hears);
+        history_ = history(static_cast<std::size_t>(capacity * 100 / rate + 200), hears_speech(options_));
         arrivals_.emplace(static_cast<std::size_t>(options_.buffer_ms / microphone::block_ms * 2 + 64), options_.rate);
         told_until_ = opened.opened_at();
     }

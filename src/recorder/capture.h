@@ -17,6 +17,11 @@
 
 namespace recorder {
 
+// Whether it makes probabilities of speech, which the denoiser does.
+inline bool hears_speech(const wrapper_audio_recorder_options& options) {
+    return options.denoise > 0.0F || options.speech != 0;
+}
+
 // Shared by the host's handle and the thread, which outlives the handle when the device hangs.
 class capture : public std::enable_shared_from_this<capture> {
 public:

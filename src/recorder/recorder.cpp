@@ -270,7 +270,7 @@ wrapper_audio_status wrapper_audio_recorder_read_gate(wrapper_audio_recorder* re
                                                       wrapper_audio_block* block) noexcept {
     return guarded([&] {
         const bool is_valid = recorder != nullptr && gate != nullptr && gate->gate.rate() == recorder->options.rate &&
-                              (recorder->options.denoise > 0.0F || recorder->options.speech != 0);
+                              hears_speech(recorder->options);
         return read(recorder, count, {.gate = is_valid ? &gate->gate : nullptr}, is_valid, timeout_ms, block);
     });
 }

@@ -8,7 +8,6 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr int32_t device_rate = 48000;
-constexpr std::size_t block = 1440; // of the core
 
 // Samples that tell their number: 15 bits of it, which is 0.7 ms exact.
 float numbered(uint64_t n) {

@@ -151,7 +151,6 @@ TEST(aligner, keeps_an_hour_of_drifting_clocks_together) {
         EXPECT_NEAR(static_cast<double>(all.first.size()), 3600.0 * stream_rate, stream_rate);
         EXPECT_EQ(silent(all.first), 0U);
         EXPECT_LT(silent(all.second), static_cast<std::size_t>(0.5 * stream_rate)) << "it begins later";
-        EXPECT_LT(apart(all), 0.02);
         EXPECT_LT(apart(all), 0.005) << "measured: 0.0029";
     }
 }

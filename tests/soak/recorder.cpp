@@ -132,9 +132,9 @@ void convert(long which) {
     const processor chain(made);
     std::array<float, 4410> samples{};
     std::size_t count = 0;
-    require_ok(wrapper_audio_processor_process(made, samples.data(), samples.size(), samples.data(), samples.size(),
-                                               &count),
-               "process");
+    require_ok(
+        wrapper_audio_processor_process(made, samples.data(), samples.size(), samples.data(), samples.size(), &count),
+        "process");
     require_ok(wrapper_audio_processor_flush(made, samples.data(), samples.size(), &count), "flush");
 }
 

@@ -115,7 +115,7 @@ class OnFileMicrophones(Advised):
                 ["unshare", "--mount", "sh", "-c", script, "sh", self.folder, groups, HOST],
                 cwd=self.folder,
                 # libjack leaves its database behind when it may not open it.
-                env={**self.environment(None), "ASAN_OPTIONS": "detect_leaks=0"},
+                env=self.environment(None),
                 capture_output=True,
                 text=True,
                 timeout=30,
@@ -129,10 +129,10 @@ class OnFileMicrophones(Advised):
 
 
 class OnPulseAudio(ServerTest, Advised):
+    kind = servers.PulseAudio
+
     def setUp(self):
         super().setUp()
-        self.start_server(servers.PulseAudio)
-        self.extra["ASAN_OPTIONS"] = "detect_leaks=0"
         self.wait_until_device("ALSA:pulse")
         self.hear()
 

@@ -44,7 +44,7 @@ class Words(HostTest):
             r"\Awrapper-audio: no device records what the computer plays\. Start PipeWire .* with ALSA alone, load .*\n\Z",
         )
         self.assert_failed(self.record("--both", self.file), NO_INPUT_DEVICE, "no device records what the computer plays")
-        for other in "--system", "--trim", "--fill-gaps", "--undenoised x.wav", "--max-file-time 9", "--events e.txt":
+        for other in "--system", "--trim", "--fill-gaps", "--undenoised x.wav", "--reconnect", "--events e.txt":
             result = self.record("--both", "--denoise", *other.split(), self.file)
             self.assert_failed(result, USAGE, f"(--both excludes {other.split()[0]}|{other.split()[0]} excludes --both)")
         self.assertFalse(self.file.exists())
@@ -314,6 +314,7 @@ class Undenoised(HostTest):
             (["out.wav"], "--undenoised goes with --denoise"),
             (["--denoise=0", "out.wav"], "--undenoised goes with --denoise"),
             (["--denoise", "raw.wav"], "--undenoised needs a file of its own"),
+            (["--denoise", "./raw.wav"], "--undenoised needs a file of its own"),
             (["--denoise", "--trim", "out.wav"], "excludes"),
             (["--denoise", "--events", "e.txt", "out.wav"], "excludes"),
         ):

@@ -31,6 +31,7 @@ def table():
 
 
 class Peers(ServerTest):
+    kind = servers.PipeWire
     rows = set()
     tests_begun = 0
 
@@ -42,7 +43,6 @@ class Peers(ServerTest):
 
     def setUp(self):
         super().setUp()
-        self.start_server(servers.PipeWire)
         self.programs = {"wrapper-audio": HOST}
         for name in NAMES[1:]:
             unpacked = servers.UNPACKED / "usr/bin" / name

@@ -103,12 +103,6 @@ class PulseAudio(ServerTest):
     device = "ALSA:pulse"
     source = "mic.monitor"
 
-    def setUp(self):
-        super().setUp()
-        self.start_server(self.kind)
-        # ALSA's plug-ins for sound servers leave memory behind and are unloaded, so that no suppression knows their name.
-        self.extra["ASAN_OPTIONS"] = "detect_leaks=0"
-
     def check_a_restart(self, device):
         log = self.folder / "errors"
         with open(log, "w") as errors:

@@ -3,9 +3,9 @@
  */
 #include "commands.h"
 #include "console.h"
-#include "file_names.h"
 #include "input.h"
 #include "level.h"
+#include "recorded_files.h"
 #include "stopping.h"
 #include "text.h"
 
@@ -31,87 +31,78 @@ wrapper_audio_recorder_options options_of(const record_options& wanted, bool is_
     return options;
 }
 
-void no_hint(const std::string& /*sentences*/) {} // silence of the system is no defect
-
 class call {
 public:
-    explicit call(const record_options& options)
-        : wanted_(options), system_id_(device_list().system()), chain_(options.effects, options.rate),
+    call(const record_options& options, std::uint64_t limit)
+        : wanted_(options), limit_(limit), system_id_(device_list().system()), chain_(options.effects, options.rate),
           microphone_(options.device, options_of(options, true)),
-          system_(system_id_, options_of(options, false), no_hint) {
+          system_(system_id_, options_of(options, false), no_hint),
+          files_(options.path, options, limit, {"microphone: ", "system: "}) {
         wrapper_audio_aligner* made = nullptr;
         check_status(wrapper_audio_aligner_create(&made, options.rate));
         aligner_.reset(made);
     }
 
-    exit_code run(std::uint64_t limit);
+    exit_code run();
 
 private:
     struct closer {
         void operator()(wrapper_audio_aligner* made) const { wrapper_audio_aligner_free(made); }
     };
 
-    void listen(std::uint64_t limit);
-    bool take(std::uint64_t limit, bool at_end = false);
-    bool write(std::uint64_t limit);
-    void create_file();
-    void show();
-    exit_code finish();
+    bool listen();
+    bool take(bool at_end = false);
+    bool write();
+    exit_code finish(bool good);
 
     const record_options& wanted_;
+    const std::uint64_t limit_; // samples of each side
     const std::string system_id_;
     effect_chain chain_;
     microphone microphone_;
     microphone system_;
+    recorded_files files_;
     std::unique_ptr<wrapper_audio_aligner, closer> aligner_;
     const terminal screen_{STDERR_FILENO};
     level_meter meter_;
-    std::string name_;
-    std::unique_ptr<output> file_;
-    bool failed_ = false;
-    std::uint64_t in_file_ = 0;                 // samples of each side
     std::uint64_t lost_ = 0;                    // of the microphone's samples
     std::array<std::vector<float>, 2> waiting_; // of both sides; the effects may hold some of the first back
     std::vector<float> frames_;
-    std::array<level, 2> heard_;
 };
 
-exit_code call::run(std::uint64_t limit) {
+exit_code call::run() {
     const wrapper_audio_recorder_info info = microphone_.info();
     if (info.denoising != WRAPPER_AUDIO_DENOISING_OFF)
         console::note(denoising_text(info.denoising, info.device_rate, "the microphone's"));
     else if (wanted_.voice.denoise)
         report_no_denoising(wanted_.voice.must_denoise);
     stop_on_signals();
-    name_ = expanded(wanted_.path);
-    create_file(); // last: a device that does not open leaves an older file alone
-    listen(limit);
+    files_.create(); // last: a device that does not open leaves an older file alone
+    const bool good = listen();
     microphone_.stop();
     system_.stop();
-    return finish();
+    return finish(good);
 }
 
-void call::create_file() {
-    file_ = create_output(name_, {wanted_.rate, 2, true}, wanted_.output);
-    in_file_ = 0;
-}
-
-/** Returns once everything is over. */
-void call::listen(std::uint64_t limit) {
+/** Returns false when the output failed. */
+bool call::listen() {
     const auto block_size = static_cast<std::size_t>(std::max(1, wanted_.rate * 30 / 1000));
-    for (wrapper_audio_block block{};;) {
+    while (files_.count() < limit_) {
+        wrapper_audio_block block{};
         const std::size_t count = microphone_.read(*aligner_, 0, block_size, block);
         lost_ += block.dropped;
         system_.read_what_is_there(*aligner_, 1);
-        if (count == 0) break;
-        if (!take(limit)) return;
+        if (count == 0) {
+            check_status(wrapper_audio_aligner_flush(aligner_.get()));
+            return take(true);
+        }
+        if (!take()) return false;
     }
-    check_status(wrapper_audio_aligner_flush(aligner_.get()));
-    take(limit, true);
+    return true;
 }
 
-/** Takes what is ready. Returns whether to go on. */
-bool call::take(std::uint64_t limit, bool at_end) {
+/** Takes what is ready, and writes it. */
+bool call::take(bool at_end) {
     std::array<std::array<float, 1024>, 2> samples{};
     for (std::size_t count = samples[0].size(); count == samples[0].size();) {
         check_status(wrapper_audio_aligner_take(aligner_.get(), samples[0].data(), samples[1].data(), count, &count));
@@ -124,72 +115,40 @@ bool call::take(std::uint64_t limit, bool at_end) {
         const auto rest = chain_.finish();
         waiting_[0].insert(waiting_[0].end(), rest.begin(), rest.end());
     }
-    return write(limit);
+    return write();
 }
 
-bool call::write(std::uint64_t limit) {
-    if (in_file_ == file_->capacity() && file_->close()) {
-        name_ = with_free_number(name_);
-        create_file();
-    }
-    const std::uint64_t left = std::min(limit - heard_[0].samples(), file_->capacity() - in_file_);
-    const std::size_t count = std::min<std::uint64_t>(std::min(waiting_[0].size(), waiting_[1].size()), left);
-    in_file_ += count;
+bool call::write() {
+    const std::size_t count = std::min(waiting_[0].size(), waiting_[1].size());
     frames_.clear();
     for (std::size_t i = 0; i < count; ++i)
-        for (auto& side : waiting_)
-            frames_.push_back(wanted_.output.bits == sample_size::real ? side[i] : std::clamp(side[i], -1.0F, 1.0F));
-    failed_ = file_->write(frames_) < frames_.size();
-    for (std::size_t side = 0; side < 2; ++side) {
-        heard_[side].add(std::span(waiting_[side]).first(count));
-        waiting_[side].erase(waiting_[side].begin(), waiting_[side].begin() + static_cast<std::ptrdiff_t>(count));
-    }
-    if (screen_.redraws && !console::is_quiet() && count > 0) show();
-    return !failed_ && heard_[0].samples() < limit;
+        for (const auto& side : waiting_)
+            frames_.push_back(side[i]);
+    for (auto& side : waiting_)
+        side.erase(side.begin(), side.begin() + static_cast<std::ptrdiff_t>(count));
+    if (screen_.redraws && !console::is_quiet() && count > 0)
+        show_levels(meter_, screen_, static_cast<double>(files_.count()) / wanted_.rate, "", frames_);
+    return files_.write(frames_);
 }
 
-void call::show() {
-    level now;
-    now.add(frames_);
-    const double time = static_cast<double>(heard_[0].samples()) / wanted_.rate;
-    meter_.hold(time, now.peak());
-    if (status_line::is_due())
-        status_line::show(screen_,
-                          meter_.line(screen_, time, fmt::format("{:>8} ", time_text(time)), now.rms(), now.peak()));
-}
-
-exit_code call::finish() {
+exit_code call::finish(bool good) {
     status_line::finish();
-    const bool closed = file_->close();
-    if (file_->reader_gone()) return fine;
-    exit_code code = fine;
-    const std::string shown = name_ == "-" ? "standard output" : printable(name_);
+    if (files_.reader_gone()) return fine;
+    exit_code code = good ? fine : file_trouble;
     for (const microphone* side : {&microphone_, &system_}) {
         if (!side->trouble()) continue;
-        console::error(side->trouble()->text(fmt::format("; {} keeps what was recorded before", shown)));
+        console::error(side->trouble()->text(fmt::format("; {} keeps what was recorded before", files_.shown_name())));
         code = side->trouble()->code;
     }
     if (lost_ > 0)
         console::error(fmt::format("{:.2f} s of sound from the microphone were lost and replaced by silence: this "
                                    "computer was too slow",
                                    static_cast<double>(lost_) / wanted_.rate));
-    if (failed_ || !closed) {
-        console::error(fmt::format("cannot write {}{}: {}", failed_ ? "" : "the end of ", shown, file_->reason()));
-        code = file_trouble;
-    }
-    const std::string result = fmt::format(
-        "{}: {:.2f} s at {} Hz, microphone: peak {} dBFS, RMS {} dBFS, system: peak {} dBFS, RMS {} dBFS", shown,
-        static_cast<double>(heard_[0].samples()) / wanted_.rate, wanted_.rate, decibel_text(heard_[0].peak()),
-        decibel_text(heard_[0].rms()), decibel_text(heard_[1].peak()), decibel_text(heard_[1].rms()));
-    if (name_ == "-")
-        console::note(result);
-    else if (!console::is_quiet())
-        print(result + "\n");
-    return code;
+    return files_.is_open() ? files_.finish(code) : code;
 }
 
 } // namespace
 
 exit_code record_both(const record_options& wanted, std::uint64_t limit) {
-    return call(wanted).run(limit);
+    return call(wanted, limit).run();
 }

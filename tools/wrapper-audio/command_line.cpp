@@ -295,9 +295,8 @@ void parser::add_record() {
         undenoised->excludes(command->get_option(other));
     }
     undenoised->excludes(command->get_option("--max-file-time"));
-    for (const char* other :
-         {"--system", "--max-file-time", "--fill-gaps", "--reconnect", "--undenoised", "--start-on-speech",
-          "--stop-after-silence", "--pre-roll", "--trim", "--split", "--events"})
+    for (const char* other : {"--system", "--fill-gaps", "--reconnect", "--undenoised", "--start-on-speech",
+                              "--stop-after-silence", "--pre-roll", "--trim", "--split", "--events"})
         both->excludes(command->get_option(other));
     command->get_option("--split")->excludes("--max-file-time");
 }

@@ -138,3 +138,13 @@ shown_text level_meter::line(const terminal& on, double now, const std::string& 
     }
     return shown;
 }
+
+void show_levels(level_meter& meter, const terminal& on, double now, const std::string& state,
+                 std::span<const float> samples) {
+    level moment;
+    moment.add(samples);
+    meter.hold(now, moment.peak());
+    if (!status_line::is_due()) return;
+    status_line::show(on,
+                      meter.line(on, now, fmt::format("{:>8} {}", time_text(now), state), moment.rms(), moment.peak()));
+}

@@ -59,4 +59,8 @@ private:
     std::int64_t second_ = -1;
 };
 
+/** On the status line, when it is due: the levels of a moment, behind what `state` tells. */
+void show_levels(level_meter& meter, const terminal& on, double now, const std::string& state,
+                 std::span<const float> samples);
+
 #endif

@@ -3,10 +3,9 @@
  */
 #include "commands.h"
 #include "console.h"
-#include "file_names.h"
 #include "input.h"
 #include "level.h"
-#include "output.h"
+#include "recorded_files.h"
 #include "stopping.h"
 #include "text.h"
 
@@ -14,20 +13,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
+#include <filesystem>
 #include <memory>
-#include <optional>
-#include <set>
 #include <vector>
 
 namespace {
-
-std::uint64_t samples_in(const std::optional<double>& seconds, int rate, const char* option) {
-    if (!seconds) return no_limit;
-    const double samples = std::round(*seconds * rate);
-    if (!(samples >= 1.0)) throw failure(usage, fmt::format("{}: too short for a single sample", option));
-    return samples < static_cast<double>(no_limit) ? static_cast<std::uint64_t>(samples) : no_limit;
-}
 
 wrapper_audio_recorder_options recorder_options(const record_options& wanted) {
     wrapper_audio_recorder_options options{};
@@ -64,70 +54,35 @@ private:
     std::string where;
 };
 
-/** What is kept: the effects on it, the file that is being written, and the level of what is in that. */
+/** What is kept: the effects on it, and the files it is written to. */
 struct kept_sound {
-    kept_sound(std::string to, const record_options& wanted)
-        : path(std::move(to)), chain(wanted.effects, wanted.rate) {}
-
-    bool reader_gone() const { return file && file->reader_gone(); }
-    std::string shown_name() const { return name == "-" ? "standard output" : printable(name); }
-
-    std::string path;
     effect_chain chain;
-    std::vector<float> filled; // with silence
-    std::string name;
-    int files = 0;
-    std::unique_ptr<output> file;
-    level heard;
-    std::uint64_t count = 0; // of samples in all files
-    bool failed = false;
+    recorded_files files;
+    std::vector<float> filled = {}; // with silence
 };
-
-/** What is recorded, and the same undenoised if that is wanted. */
-std::vector<kept_sound> sounds_of(const record_options& wanted) {
-    std::vector<kept_sound> kept;
-    kept.emplace_back(wanted.path, wanted);
-    if (!wanted.undenoised.empty()) kept.emplace_back(wanted.undenoised, wanted);
-    return kept;
-}
 
 class recording {
 public:
-    explicit recording(const record_options& options)
-        : wanted_(options), limit_(samples_in(options.seconds, options.rate, "--seconds")),
-          file_limit_(samples_in(options.max_file_time, options.rate, "--max-file-time")), kept_(sounds_of(options)),
-          events_(options.speech.events, options.rate),
-          microphone_(options.system ? device_list().system() : options.device, recorder_options(options),
-                      options.system ? [](const std::string&) {} : console::note) {
-        if (!wanted_.speech.any()) return;
-        cutter_ = std::make_unique<speech_cutter>(
-            wanted_.speech, wanted_.rate, events_,
-            speech_sink{.write = [this](auto samples) { return write(kept_.front(), samples); },
-                        .begin_utterance = [this] { return create_file(kept_.front()); },
-                        .end_utterance = [this] { return finish_file(kept_.front(), fine) == fine; }});
-    }
+    recording(const record_options& options, std::uint64_t limit);
 
     exit_code run();
     bool has_spoken() const { return cutter_ && cutter_->has_spoken(); }
 
 private:
+    void keep(const std::string& path, std::function<std::string()> remark = nullptr);
+    std::string denoising() const;
     bool listen();
     bool wants_more(std::uint64_t heard) const;
     void account(const wrapper_audio_block& block, std::uint64_t heard);
     bool hear(std::span<const float> samples, const wrapper_audio_block& block);
     std::span<const float> with_gap(kept_sound& sound, std::span<const float> samples,
                                     const wrapper_audio_block& block) const;
-    bool create_file(kept_sound& sound);
-    bool next_file(kept_sound& sound) { return finish_file(sound, fine) == fine && create_file(sound); }
-    bool write(kept_sound& sound, std::span<const float> samples);
     void show(std::span<const float> samples);
-    exit_code finish_file(kept_sound& sound, exit_code code);
     exit_code finish(bool good);
 
     const record_options& wanted_;
-    const std::uint64_t limit_;      // samples to keep, or to listen to
-    const std::uint64_t file_limit_; // samples in each file
-    std::vector<kept_sound> kept_;   // the undenoised sound behind the other
+    const std::uint64_t limit_;    // samples to keep, or to listen to
+    std::vector<kept_sound> kept_; // the undenoised sound behind the other
     losses losses_;
     bool is_lost_ = false;   // the device
     std::uint64_t away_ = 0; // samples that it has not delivered
@@ -136,42 +91,52 @@ private:
     event_log events_;
     microphone microphone_;
     std::unique_ptr<speech_cutter> cutter_;
-    std::set<std::string> names_;
     std::uint64_t position_ = 0; // behind what was read, lost samples included
     std::uint64_t told_ = 0;     // probabilities of speech
-    std::vector<float> limited_;
 };
 
-exit_code recording::run() {
+recording::recording(const record_options& options, std::uint64_t limit)
+    : wanted_(options), limit_(limit), events_(options.speech.events, options.rate),
+      microphone_(options.system ? device_list().system() : options.device, recorder_options(options),
+                  options.system ? no_hint : console::note) {
+    keep(options.path, [this] { return wanted_.voice.denoise ? ", " + denoising() : ""; });
+    if (!options.undenoised.empty()) keep(options.undenoised);
+    if (!wanted_.speech.any()) return;
+    recorded_files& files = kept_.front().files;
+    cutter_ = std::make_unique<speech_cutter>(wanted_.speech, wanted_.rate, events_,
+                                              speech_sink{.write = [&](auto samples) { return files.write(samples); },
+                                                          .begin_utterance = [&] { return files.create(), true; },
+                                                          .end_utterance = [&] { return files.finish(fine) == fine; }});
+}
+
+void recording::keep(const std::string& path, std::function<std::string()> remark) {
+    kept_.push_back(
+        {effect_chain(wanted_.effects, wanted_.rate), recorded_files(path, wanted_, limit_, {""}, std::move(remark))});
+}
+
+std::string recording::denoising() const {
     const wrapper_audio_recorder_info info = microphone_.info();
-    if (info.denoising != WRAPPER_AUDIO_DENOISING_OFF)
-        console::note(denoising_text(info.denoising, info.device_rate));
+    return denoising_text(info.denoising, info.device_rate);
+}
+
+exit_code recording::run() {
+    if (microphone_.info().denoising != WRAPPER_AUDIO_DENOISING_OFF)
+        console::note(denoising());
     else if (wanted_.voice.denoise)
         report_no_denoising(wanted_.voice.must_denoise);
     stop_on_signals();
     // Last: a device that does not open leaves an older file alone.
     for (kept_sound& each : kept_)
-        if (!wanted_.speech.split) create_file(each);
+        if (!wanted_.speech.split) each.files.create();
     const bool good = listen();
     microphone_.stop();
     return finish(good);
 }
 
-bool recording::create_file(kept_sound& sound) {
-    ++sound.files;
-    sound.heard = {};
-    const bool is_one_of_many = wanted_.speech.split || wanted_.max_file_time;
-    const std::string name = expanded(is_one_of_many ? numbered(sound.path, sound.files) : sound.path);
-    // Nothing that this recording has written is overwritten.
-    sound.name = names_.insert(name).second ? name : with_free_number(name);
-    sound.file = create_output(sound.name, {wanted_.rate, 1, true}, wanted_.output);
-    return true;
-}
-
 /** --seconds is how long the file gets; with --trim and --split, how long to listen. */
 bool recording::wants_more(std::uint64_t heard) const {
     const bool counts_what_is_kept = cutter_ && !wanted_.speech.cuts();
-    return (counts_what_is_kept ? kept_.front().count : heard) < limit_ && !(cutter_ && cutter_->is_over());
+    return (counts_what_is_kept ? kept_.front().files.count() : heard) < limit_ && !(cutter_ && cutter_->is_over());
 }
 
 /** Says where sound was lost: at once if the device was, and otherwise at the end. */
@@ -211,17 +176,20 @@ bool recording::listen() {
             samples = with_gap(sound, samples.first(count), block);
             return samples.first(std::min<std::uint64_t>(samples.size(), left));
         };
-        auto samples = whole(kept_.front(), buffer);
+        kept_sound& first = kept_.front();
+        auto samples = whole(first, buffer);
         heard += samples.size();
-        bool good =
-            cutter_ ? hear(samples, block) : write(kept_.front(), samples = kept_.front().chain.process(samples));
-        if (kept_.size() > 1)
-            good = write(kept_.back(), kept_.back().chain.process(whole(kept_.back(), undenoised))) && good;
+        bool good = cutter_ ? hear(samples, block) : first.files.write(samples = first.chain.process(samples));
+        if (kept_.size() > 1) {
+            kept_sound& other = kept_.back();
+            good = other.files.write(other.chain.process(whole(other, undenoised))) && good;
+        }
         if (!good) return false;
         if (screen_.redraws && !console::is_quiet() && !samples.empty()) show(samples);
     }
     if (!cutter_)
-        return std::all_of(kept_.begin(), kept_.end(), [&](auto& each) { return write(each, each.chain.finish()); });
+        return std::all_of(kept_.begin(), kept_.end(),
+                           [&](auto& each) { return each.files.write(each.chain.finish()); });
     if (const auto& trouble = microphone_.trouble()) events_.device_lost(position_, trouble->what());
     return cutter_->add(kept_.front().chain.finish(), {}) && cutter_->finish();
 }
@@ -265,79 +233,27 @@ std::span<const float> recording::with_gap(kept_sound& sound, std::span<const fl
     return sound.filled;
 }
 
-bool recording::write(kept_sound& sound, std::span<const float> samples) {
-    samples = samples.first(std::min<std::uint64_t>(samples.size(), limit_ - sound.count));
-    if (wanted_.output.bits != sample_size::real) { // which has room above full scale
-        limited_.assign(samples.begin(), samples.end());
-        for (float& sample : limited_)
-            sample = std::clamp(sample, -1.0F, 1.0F);
-        samples = limited_;
-    }
-    while (!samples.empty()) {
-        const auto room = [&] { return std::min(file_limit_, sound.file->capacity()) - sound.heard.samples(); };
-        if (room() == 0 && !next_file(sound)) return false;
-        const auto part = samples.first(std::min<std::uint64_t>(samples.size(), room()));
-        const auto kept = part.first(sound.file->write(part));
-        sound.heard.add(kept);
-        sound.count += kept.size();
-        sound.failed = kept.size() < part.size();
-        if (sound.failed) return false;
-        samples = samples.subspan(part.size());
-    }
-    return true;
-}
-
 void recording::show(std::span<const float> samples) {
-    level now;
-    now.add(samples);
-    const double time = static_cast<double>(cutter_ ? position_ : kept_.front().count) / wanted_.rate;
-    meter_.hold(time, now.peak());
-    if (!status_line::is_due()) return;
-    const char* const speech = !cutter_ ? "" : cutter_->speaks() ? "speech " : "       ";
-    const std::string head = fmt::format("{:>8} {}", time_text(time), speech);
-    status_line::show(screen_, meter_.line(screen_, time, head, now.rms(), now.peak()));
-}
-
-/** Closes the file and says how it went. */
-exit_code recording::finish_file(kept_sound& sound, exit_code code) {
-    const bool closed = sound.file->close();
-    if (sound.reader_gone()) return code;
-    if (sound.failed || !closed) {
-        console::error(fmt::format("cannot write {}{}: {}", sound.failed ? "" : "the end of ", sound.shown_name(),
-                                   sound.file->reason()));
-        code = file_trouble;
-    }
-    const wrapper_audio_recorder_info info = microphone_.info();
-    const bool is_denoised = wanted_.voice.denoise && &sound == &kept_.front();
-    const std::string result = fmt::format("{}: {:.2f} s at {} Hz, peak {} dBFS, RMS {} dBFS{}", sound.shown_name(),
-                                           static_cast<double>(sound.heard.samples()) / wanted_.rate, wanted_.rate,
-                                           decibel_text(sound.heard.peak()), decibel_text(sound.heard.rms()),
-                                           is_denoised ? ", " + denoising_text(info.denoising, info.device_rate) : "");
-    sound.file.reset();
-    const bool is_sound_printed = wanted_.path == "-" || wanted_.undenoised == "-";
-    if (is_sound_printed || wanted_.speech.events == "-" || wanted_.for_a_command)
-        console::note(result);
-    else if (!console::is_quiet())
-        print(result + "\n");
-    return code;
+    const double time = static_cast<double>(cutter_ ? position_ : kept_.front().files.count()) / wanted_.rate;
+    show_levels(meter_, screen_, time, !cutter_ ? "" : cutter_->speaks() ? "speech " : "       ", samples);
 }
 
 exit_code recording::finish(bool good) {
     status_line::finish();
-    const kept_sound& first = kept_.front();
+    const recorded_files& first = kept_.front().files;
     const bool reader_gone =
-        std::any_of(kept_.begin(), kept_.end(), [](const auto& each) { return each.reader_gone(); });
+        std::any_of(kept_.begin(), kept_.end(), [](const auto& each) { return each.files.reader_gone(); });
     if (reader_gone && kept_.size() == 1) return fine;
     exit_code code = good || reader_gone ? fine : file_trouble;
     if (good && microphone_.trouble()) {
         console::error(microphone_.trouble()->text(fmt::format(
-            "; {} what was recorded before", first.file ? first.shown_name() + " keeps" : "the files keep")));
+            "; {} what was recorded before", first.is_open() ? first.shown_name() + " keeps" : "the files keep")));
         code = microphone_.trouble()->code;
     }
     if (cutter_ && !cutter_->has_spoken()) console::note("nobody spoke");
     losses_.report(wanted_.rate, wanted_.fill_gaps);
     for (kept_sound& each : kept_)
-        if (each.file) code = finish_file(each, code);
+        if (each.files.is_open()) code = each.files.finish(code);
     return code == fine && events_.failed() ? file_trouble : code;
 }
 
@@ -351,11 +267,14 @@ exit_code record(const record_options& wanted) {
     if (!wanted.undenoised.empty()) {
         if (!(wanted.voice.denoise.value_or(0.0F) > 0.0F))
             throw failure(usage, "--undenoised goes with --denoise, and a strength above 0");
-        if (wanted.undenoised == wanted.path) throw failure(usage, "--undenoised needs a file of its own");
+        const auto whole = [](const std::string& path) { return std::filesystem::absolute(path).lexically_normal(); };
+        if (whole(wanted.undenoised) == whole(wanted.path))
+            throw failure(usage, "--undenoised needs a file of its own");
         format_of(wanted.undenoised, wanted.output);
     }
-    if (wanted.both) return record_both(wanted, samples_in(wanted.seconds, wanted.rate, "--seconds"));
-    recording made(wanted);
+    const std::uint64_t limit = samples_in(wanted.seconds, wanted.rate, "--seconds");
+    if (wanted.both) return record_both(wanted, limit);
+    recording made(wanted, limit);
     const exit_code code = made.run();
     return wanted.for_a_command && code == fine && !made.has_spoken() ? nobody_spoke : code;
 }

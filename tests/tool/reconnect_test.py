@@ -6,7 +6,7 @@ import signal
 import time
 import unittest
 
-from host import FINE, READ_FAILED, USAGE, HostTest, rms
+from host import FINE, HEADER_BYTES, READ_FAILED, USAGE, HostTest, rms
 from servers_test import ServerTest
 
 import servers
@@ -41,6 +41,24 @@ class Reconnecting(HostTest):
                 self.assertAlmostEqual(len(silent) / 48000, away, delta=0.06)
             else:
                 self.assertEqual(silent, [])
+
+    def test_what_follows_is_in_a_file_of_its_own_if_that_is_wanted(self):
+        options = "--reconnect", "--split-gaps", "--rate", 48000, "--seconds", 2
+        for name, names in ("talk.wav", ("talk.wav", "talk-2.wav")), ("%03d.wav", ("001.wav", "002.wav")):
+            code, output, errors = self.record(*options, name, microphone=RETURNING)
+            self.assertTrue(code == FINE and re.fullmatch(LOST + BACK.format("missing"), errors), errors)
+            self.assertEqual(re.findall(r"^(\S+): (\S+) s", output, re.M), [(names[0], "1.20"), (names[1], "0.80")])
+            sizes = [(self.folder / each).stat().st_size - HEADER_BYTES for each in names]
+            self.assertEqual(sizes, [2 * 57600, 2 * 38400])
+
+    def test_both_sounds_are_split_at_the_same_place(self):
+        options = "--reconnect", "--split-gaps", "--seconds", 2, "--denoise", "--undenoised", "raw.wav", "--agc", -20
+        code, output, errors = self.record(*options, "out.wav", microphone=RETURNING)
+        self.assertEqual(code, FINE, errors)
+        told = dict(re.findall(r"^(\S+)\.wav: (\S+) s", output, re.M))
+        self.assertEqual(sorted(told), ["out", "out-2", "raw", "raw-2"])
+        self.assertEqual((told["out"], told["out-2"]), (told["raw"], told["raw-2"]))
+        self.assertEqual(float(told["out"]) + float(told["out-2"]), 2)
 
     def test_events_tell_of_it(self):
         events = self.folder / "events"
@@ -81,6 +99,14 @@ class Reconnecting(HostTest):
     def test_without_the_option_the_recording_ends(self):
         code, _, errors = self.record(self.file, microphone=RETURNING)
         self.assertEqual(code, READ_FAILED, errors)
+
+    def test_gaps_split_files_only(self):
+        for arguments, words in (
+            (["--split-gaps", self.file], "--split-gaps requires --reconnect"),
+            (["--reconnect", "--split-gaps", "--fill-gaps", self.file], "excludes"),
+            (["--reconnect", "--split-gaps", "-"], "--split-gaps needs files"),
+        ):
+            self.assert_failed(self.record(*arguments), USAGE, words)
 
     def test_ids_cannot_be_watched(self):
         self.assertEqual(self.host("devices", "--watch", "--ids")[0], USAGE)

@@ -286,11 +286,17 @@ void parser::add_record() {
                                    "put silence where sound was lost, so that times stay true");
     command->add_flag("--reconnect", recording.reconnect,
                       "wait for a device that fails or is unplugged, and go on in the same file");
+    command
+        ->add_flag("--split-gaps", recording.split_gaps,
+                   "with --reconnect: go on in another file, named as with --max-file-time")
+        ->needs("--reconnect")
+        ->excludes(fill);
     auto* undenoised = command
                            ->add_option("--undenoised", recording.undenoised,
                                         "with --denoise: write the same sound without denoising into this file, too")
                            ->type_name("FILE|-");
     for (const char* other : {"--start-on-speech", "--stop-after-silence", "--trim", "--split", "--events"}) {
+        command->get_option("--split-gaps")->excludes(command->get_option(other));
         fill->excludes(command->get_option(other));
         undenoised->excludes(command->get_option(other));
     }

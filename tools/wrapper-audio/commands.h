@@ -49,7 +49,8 @@ struct record_options {
     output_options output;
     bool fill_gaps = false;
     bool reconnect = false;
-    std::string undenoised; // a second file; "" is none
+    bool split_gaps = false; // where the device was away another file begins
+    std::string undenoised;  // a second file; "" is none
     speech_options speech;
     bool for_a_command = false; // nothing is said on standard output, and nobody_spoke is a result
 };

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -73,7 +74,8 @@ private:
     std::string denoising() const;
     bool listen();
     bool wants_more(std::uint64_t heard) const;
-    void account(const wrapper_audio_block& block, std::uint64_t heard);
+    bool account(const wrapper_audio_block& block, std::uint64_t heard);
+    bool write(kept_sound& sound, std::span<const float>& samples, std::optional<std::size_t> gap);
     bool hear(std::span<const float> samples, const wrapper_audio_block& block);
     std::span<const float> with_gap(kept_sound& sound, std::span<const float> samples,
                                     const wrapper_audio_block& block) const;
@@ -139,8 +141,8 @@ bool recording::wants_more(std::uint64_t heard) const {
     return (counts_what_is_kept ? kept_.front().files.count() : heard) < limit_ && !(cutter_ && cutter_->is_over());
 }
 
-/** Says where sound was lost: at once if the device was, and otherwise at the end. */
-void recording::account(const wrapper_audio_block& block, std::uint64_t heard) {
+/** Says where sound was lost: at once if the device was, and otherwise at the end. Returns whether it is back. */
+bool recording::account(const wrapper_audio_block& block, std::uint64_t heard) {
     const bool is_away = microphone_.is_lost();
     if (is_away && !is_lost_) {
         is_lost_ = true;
@@ -150,15 +152,29 @@ void recording::account(const wrapper_audio_block& block, std::uint64_t heard) {
     }
     if (!is_lost_) {
         losses_.add(block.dropped, static_cast<double>(heard + block.dropped_at) / wanted_.rate);
-        return;
+        return false;
     }
     away_ += block.dropped;
-    if (is_away || away_ == 0 || block.count == 0) return; // what is read may be from before
+    if (is_away || away_ == 0 || block.count == 0) return false; // what is read may be from before
     is_lost_ = false;
     events_.device_back(block.position);
     console::note(fmt::format("'{}' is back; {:.1f} s are {}", printable(microphone_.name()),
                               static_cast<double>(away_) / wanted_.rate,
                               wanted_.fill_gaps ? "replaced by silence" : "missing"));
+    return true;
+}
+
+/** The samples become those that were written. Those behind a gap go into another file. */
+bool recording::write(kept_sound& sound, std::span<const float>& samples, std::optional<std::size_t> gap) {
+    if (gap) {
+        const auto before = samples.first(*gap);
+        samples = samples.subspan(*gap);
+        if (!sound.files.write(sound.chain.process(before)) || !sound.files.write(sound.chain.finish()) ||
+            !sound.files.next())
+            return false;
+    }
+    samples = sound.chain.process(samples);
+    return sound.files.write(samples);
 }
 
 /** Returns false when an output failed. */
@@ -170,19 +186,20 @@ bool recording::listen() {
         const std::uint64_t left = cutter_ && !wanted_.speech.cuts() ? limit_ : limit_ - heard;
         const auto room = std::span(buffer).first(std::min<std::uint64_t>(buffer.size(), left));
         const std::size_t count = microphone_.read(room, block, undenoised);
-        account(block, heard);
+        const bool is_back = account(block, heard);
         if (count == 0 && block.dropped == 0) break;
         const auto whole = [&](kept_sound& sound, std::span<const float> samples) {
             samples = with_gap(sound, samples.first(count), block);
             return samples.first(std::min<std::uint64_t>(samples.size(), left));
         };
-        kept_sound& first = kept_.front();
-        auto samples = whole(first, buffer);
+        auto samples = whole(kept_.front(), buffer);
         heard += samples.size();
-        bool good = cutter_ ? hear(samples, block) : first.files.write(samples = first.chain.process(samples));
+        std::optional<std::size_t> gap;
+        if (is_back && wanted_.split_gaps) gap = block.dropped > 0 ? block.dropped_at : 0; // or it was told before
+        bool good = cutter_ ? hear(samples, block) : write(kept_.front(), samples, gap);
         if (kept_.size() > 1) {
-            kept_sound& other = kept_.back();
-            good = other.files.write(other.chain.process(whole(other, undenoised))) && good;
+            auto others = whole(kept_.back(), undenoised);
+            good = write(kept_.back(), others, gap) && good;
         }
         if (!good) return false;
         if (screen_.redraws && !console::is_quiet() && !samples.empty()) show(samples);
@@ -261,8 +278,9 @@ exit_code recording::finish(bool good) {
 
 exit_code record(const record_options& wanted) {
     check(wanted.speech, wanted.path);
-    if (wanted.max_file_time && wanted.path == "-")
-        throw failure(usage, "--max-file-time needs files, not standard output");
+    if ((wanted.max_file_time || wanted.split_gaps) && (wanted.path == "-" || wanted.undenoised == "-"))
+        throw failure(usage, fmt::format("{} needs files, not standard output",
+                                         wanted.max_file_time ? "--max-file-time" : "--split-gaps"));
     format_of(wanted.path, wanted.output); // which fails before anything begins
     if (!wanted.undenoised.empty()) {
         if (!(wanted.voice.denoise.value_or(0.0F) > 0.0F))

@@ -25,7 +25,7 @@ recorded_files::recorded_files(std::string path, const record_options& wanted, s
 void recorded_files::create() {
     ++files_;
     levels_.assign(channels_.size(), {});
-    const bool is_one_of_many = wanted_.speech.split || wanted_.max_file_time;
+    const bool is_one_of_many = wanted_.speech.split || wanted_.max_file_time || wanted_.split_gaps;
     const std::string name = expanded(is_one_of_many ? numbered(path_, files_) : path_);
     // Nothing that this recording has written is overwritten.
     name_ = names_.insert(name).second ? name : with_free_number(name);
@@ -51,10 +51,7 @@ bool recorded_files::write(std::span<const float> frames) {
         frames = limited_;
     }
     while (!frames.empty()) {
-        if (room() == 0) {
-            if (finish(fine) != fine) return false;
-            create();
-        }
+        if (room() == 0 && !next()) return false;
         const auto part = frames.first(std::min<std::uint64_t>(frames.size() / channels, room()) * channels);
         const auto kept = part.first(file_->write(part));
         measure(kept);
@@ -62,6 +59,12 @@ bool recorded_files::write(std::span<const float> frames) {
         if (failed_) return false;
         frames = frames.subspan(part.size());
     }
+    return true;
+}
+
+bool recorded_files::next() {
+    if (finish(fine) != fine) return false;
+    create();
     return true;
 }
 

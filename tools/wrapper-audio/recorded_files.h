@@ -30,6 +30,9 @@ public:
     /** Takes whole frames until the limit, in as many files as they need. Returns whether they arrived. */
     bool write(std::span<const float> frames);
 
+    /** Goes on in another file. Returns whether this one arrived; throws a failure. */
+    bool next();
+
     /** Closes the file and says how it went. Returns `code`, or that there was trouble. */
     exit_code finish(exit_code code);
 

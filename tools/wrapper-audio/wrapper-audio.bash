@@ -36,7 +36,7 @@ _wrapper_audio() {
         case $command in
         devices) options+=' --json --ids --all --watch' ;;
         meter) options+=' --device --seconds --json' ;;
-        record) options+=" --device --system --both --rate --seconds --max-file-time --sync --fill-gaps --reconnect --undenoised $effects $pauses $speech" ;;
+        record) options+=" --device --system --both --rate --seconds --max-file-time --sync --fill-gaps --reconnect --split-gaps --undenoised $effects $pauses $speech" ;;
         dictate) options+=" --output --device --rate --seconds --sync $effects $pauses" ;;
         process) options+=" --rate --raw-rate --raw-channels --raw-bits --channel --loudness $effects $pauses $speech" ;;
         doctor) options+=' --device' ;;

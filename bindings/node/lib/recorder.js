@@ -96,6 +96,8 @@ class Recorder {
   #blockMs;
   #info = {};
   #signal = new Int32Array(1);
+  #onSignal;
+  #told = 'unknown';
   #block = NOTHING;
   #failed = enums.Status.OK; // or why the last read returned fewer samples, which the next one throws
   #last = Promise.resolve();
@@ -114,6 +116,7 @@ class Recorder {
 
   constructor({ device, rate = 16000, denoise = 0, speech = false, converter = 'clean', ...others } = {}) {
     const { format = 'int16', blockMs = 30, bufferMs = 0, stallMs = 0, undenoised = false, reconnect = false } = others;
+    this.#onSignal = others.onSignal;
     lib.demandWholeNumbers({ rate, bufferMs, stallMs });
     if (!(blockMs > 0 && blockMs <= 60000)) {
       throw new RangeError(`blockMs is ${blockMs}; it must be above 0 and at most 60000`);
@@ -252,6 +255,7 @@ class Recorder {
         const rests = parts(read.count);
         status = await lib.callOnThread(name, this.#pointer, ...rests, rests[0].length, wait, piece);
         read = joined(read, piece);
+        this.#tellSignal();
       } while (status === enums.Status.TIMEOUT && performance.now() < end && !this.closed);
       if (read.count === 0 && count > 0) {
         this.#demandOpen();
@@ -262,6 +266,13 @@ class Recorder {
       this.#block = read;
       return read.count < count ? blocks.map((block) => block.slice(0, read.count)) : blocks;
     });
+  }
+
+  #tellSignal() {
+    const { signal } = this;
+    if (signal === this.#told) return;
+    this.#told = signal;
+    this.#onSignal?.(signal);
   }
 
   get #blockLength() {
@@ -318,6 +329,7 @@ class Recorder {
       const read = () => lib.callOnThread('recorder_read_gate', this.#pointer, gate, count, WAIT_MS, block);
       const status = await this.#inTurn(read);
       if (block.count > 0) this.#block = block;
+      this.#tellSignal();
       return status;
     } catch (error) {
       if (error instanceof ClosedError) return enums.Status.STOPPED;

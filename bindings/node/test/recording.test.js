@@ -266,8 +266,10 @@ test('a device that falls silent gives what came before, and is an error then', 
 
 test('a device that comes back is recorded on if that is wanted', async (t) => {
   script(t, { MICROPHONE_PACED: '1' });
-  const mic = await recorder(t, { rate: 48000, reconnect: true, stallMs: 100 });
-  await mic.read(4800);
+  const told = [];
+  const onSignal = (signal) => told.push(signal);
+  const mic = await recorder(t, { rate: 48000, reconnect: true, stallMs: 100, onSignal });
+  await mic.read(48000);
   script(t, { MICROPHONE_FAILS_AFTER: '0' });
   for (let blocks = 0; mic.signal !== 'lost'; ++blocks) {
     assert(blocks < 100, 'it goes on');
@@ -279,6 +281,7 @@ test('a device that comes back is recorded on if that is wanted', async (t) => {
   assert.strictEqual((await mic.read(4800)).length, 4800);
   assert.notStrictEqual(mic.signal, 'lost');
   assert(mic.dropped > before && mic.dropped >= 48000 * 0.4, `${mic.dropped} are missing`);
+  assert.deepStrictEqual(told, ['sound', 'lost', 'sound']);
 });
 
 test('closing ends a read that waits and turns the others away', async (t) => {

@@ -45,6 +45,7 @@ export async function record(): Promise<number> {
     bufferMs: 1000,
     stallMs: 1000,
     reconnect: true,
+    onSignal: (signal) => console.log(signal === 'lost'),
     armed: true,
   });
   await recorder.open();

@@ -132,7 +132,8 @@ class Failures(SilentTest):
         output = self.scripted(
             """
             import time, wrapper_audio
-            with wrapper_audio.Recorder(rate=48000, reconnect=True, stall_ms=100) as recorder:
+            told = []
+            with wrapper_audio.Recorder(rate=48000, reconnect=True, stall_ms=100, on_signal=told.append) as recorder:
                 print(len(recorder.read(57600)))
                 try:
                     recorder.read(timeout=0.3)
@@ -140,12 +141,13 @@ class Failures(SilentTest):
                     print(recorder.signal.name, recorder.dropped < 48000 * 0.4)
                 print(len(recorder.read(4800)))
                 print(recorder.signal.name, recorder.position - 57600 == recorder.dropped > 48000 * 0.4)
+            print(*(signal.name for signal in told))
             """,
             MICROPHONE_PACED="1",
             MICROPHONE_FAILS_AFTER="40",
             MICROPHONE_RETURNS="1",
         )
-        self.assertEqual(output, "57600\nLOST True\n4800\nSOUND True\n")
+        self.assertEqual(output, "57600\nLOST True\n4800\nSOUND True\nSOUND LOST SOUND\n")
 
     def test_the_log_is_kept_instead_of_written(self) -> None:
         output = self.output_of(

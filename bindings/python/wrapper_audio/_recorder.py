@@ -10,13 +10,13 @@ import time
 import warnings
 import weakref
 from ctypes import byref
-from typing import Any, Iterator, List, NamedTuple, Optional, Tuple, Type, Union
+from typing import Any, Callable, Iterator, List, NamedTuple, Optional, Tuple, Type, Union
 
 from ._blocks import Float32Block, Int16Block, new_block, samples_of, to_int16
 from ._devices import Device
 from ._errors import ArgumentError, AudioError, ClosedError, OpenError, ReadError, ReadTimeout
 from ._interface import Block, Denoising, RecorderInfo, RecorderOptions, RecorderTextKind, Signal, SpeechOptions, Status
-from ._library import Closing, bytes_of, check, int32, load, make
+from ._library import Closing, Handle, bytes_of, check, int32, load, make
 from ._signal import conversion, take_speech
 from ._speech import Utterances
 
@@ -57,6 +57,7 @@ class Recorder(Closing):
         buffer_ms: int = 5000,
         stall_ms: int = 1500,
         reconnect: bool = False,
+        on_signal: Optional[Callable[[Signal], object]] = None,
         armed: bool = False,
     ) -> None:
         """Opens the microphone at once, or with armed=True leaves that to open().
@@ -73,6 +74,8 @@ class Recorder(Closing):
         stall_ms   how long a device may deliver nothing before a read fails, 100 to 60000
         reconnect  wait for a device that fails or is unplugged while recording, and go on: what it did not deliver
                    counts as dropped, `signal` is Signal.LOST meanwhile, and reads wait or time out
+        on_signal  called with `signal` when a read finds that it has changed, on the thread that reads, every 0.2 s at
+                   most while it waits. What it raises, the read raises
 
         Raises OpenError; UnknownDeviceError lists the devices available.
         """
@@ -82,6 +85,7 @@ class Recorder(Closing):
         self._length = max(int32("block_ms", block_ms) * int32("rate", rate) // 1000, 1)
         self._device_id = bytes_of(device.id if isinstance(device, Device) else device or "")
         self._last, self._stalled = Block(speech_probability=-1.0), False
+        self._on_signal, self._told = on_signal, Signal.UNKNOWN
         self.rate, self.block_ms = rate, block_ms
         if undenoised and not denoise:
             raise ArgumentError("undenoised=True needs denoise")
@@ -175,6 +179,7 @@ class Recorder(Closing):
             rests = [ctypes.cast(byref(samples, at), ctypes.POINTER(kind)) for samples in blocks]
             status = read(handle, *rests, length - whole.count, left, byref(part))
             _append(whole, part)
+            self._tell_signal(handle)
             if status != Status.TIMEOUT or time.monotonic() >= end:
                 break
         self._last, self._stalled = whole, whole.count > 0 and status == Status.NO_DATA  # raised by the next read
@@ -183,6 +188,13 @@ class Recorder(Closing):
                 raise ReadTimeout(f"no sample arrived within {timeout} s. Read again, or wait longer", status)
             self._check(status, ReadError)
         return int(whole.count)
+
+    def _tell_signal(self, handle: Handle) -> None:
+        if self._on_signal is not None:
+            signal = self._signal(handle)
+            if signal != self._told:
+                self._told = signal
+                self._on_signal(signal)
 
     def blocks(self, seconds: Optional[float] = None) -> Iterator[Any]:
         """Iterates over blocks for this many seconds, or until the end; the last block may be shorter.
@@ -280,8 +292,11 @@ class Recorder(Closing):
         """What has been heard in the last 2.5 s that were read: SOUND, or ZEROS, HISS or CLIPPING, with which nobody
         can be recorded; NO_DATA if the device delivers nothing; LOST if it is waited for with reconnect=True; UNKNOWN
         if it is too early to tell."""
+        return self._signal(self._pointer())
+
+    def _signal(self, handle: Handle) -> Signal:
         heard = ctypes.c_int32()
-        check(self._library.wrapper_audio_recorder_get_signal(self._pointer(), byref(heard)))
+        check(self._library.wrapper_audio_recorder_get_signal(handle, byref(heard)))
         return Signal(heard.value)
 
     @property

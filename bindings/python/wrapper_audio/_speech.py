@@ -90,6 +90,7 @@ class Utterances:
             count, wait = max(int(self._recorder.rate * _SLICE), 1), int(1000 * _SLICE)
             handle = self._recorder._pointer()
             status = load().wrapper_audio_recorder_read_gate(handle, self._gate, count, wait, byref(block))
+            self._recorder._tell_signal(handle)
         except ClosedError:
             status = Status.STOPPED
         if block.count > 0:

@@ -57,6 +57,17 @@ private:
 
 /** What is kept: the effects on it, and the files it is written to. */
 struct kept_sound {
+    /** The samples become those that were written. Those behind a gap go into another file. */
+    bool write(std::span<const float>& samples, std::optional<std::size_t> gap) {
+        if (gap) {
+            const auto before = samples.first(*gap);
+            samples = samples.subspan(*gap);
+            if (!files.write(chain.process(before)) || !files.write(chain.finish()) || !files.next()) return false;
+        }
+        samples = chain.process(samples);
+        return files.write(samples);
+    }
+
     effect_chain chain;
     recorded_files files;
     std::vector<float> filled = {}; // with silence
@@ -75,7 +86,6 @@ private:
     bool listen();
     bool wants_more(std::uint64_t heard) const;
     bool account(const wrapper_audio_block& block, std::uint64_t heard);
-    bool write(kept_sound& sound, std::span<const float>& samples, std::optional<std::size_t> gap);
     bool hear(std::span<const float> samples, const wrapper_audio_block& block);
     std::span<const float> with_gap(kept_sound& sound, std::span<const float> samples,
                                     const wrapper_audio_block& block) const;
@@ -164,19 +174,6 @@ bool recording::account(const wrapper_audio_block& block, std::uint64_t heard) {
     return true;
 }
 
-/** The samples become those that were written. Those behind a gap go into another file. */
-bool recording::write(kept_sound& sound, std::span<const float>& samples, std::optional<std::size_t> gap) {
-    if (gap) {
-        const auto before = samples.first(*gap);
-        samples = samples.subspan(*gap);
-        if (!sound.files.write(sound.chain.process(before)) || !sound.files.write(sound.chain.finish()) ||
-            !sound.files.next())
-            return false;
-    }
-    samples = sound.chain.process(samples);
-    return sound.files.write(samples);
-}
-
 /** Returns false when an output failed. */
 bool recording::listen() {
     std::vector<float> buffer(static_cast<std::size_t>(std::max(1, wanted_.rate * 30 / 1000)));
@@ -196,10 +193,10 @@ bool recording::listen() {
         heard += samples.size();
         std::optional<std::size_t> gap;
         if (is_back && wanted_.split_gaps) gap = block.dropped > 0 ? block.dropped_at : 0; // or it was told before
-        bool good = cutter_ ? hear(samples, block) : write(kept_.front(), samples, gap);
+        bool good = cutter_ ? hear(samples, block) : kept_.front().write(samples, gap);
         if (kept_.size() > 1) {
             auto others = whole(kept_.back(), undenoised);
-            good = write(kept_.back(), others, gap) && good;
+            good = kept_.back().write(others, gap) && good;
         }
         if (!good) return false;
         if (screen_.redraws && !console::is_quiet() && !samples.empty()) show(samples);

@@ -139,18 +139,19 @@ bool capture::listen(microphone& opened, log::scope& log) {
     }
 }
 
-// A device keeps to the clock, within the accuracy of both; a file is read as fast as the processor can.
-bool capture::runs_ahead() const {
+// A device keeps to the clock, within the accuracy of both; a file is read as fast as the processor can. Where there is no
+// room for what comes, a little ahead is enough to tell.
+bool capture::runs_ahead(bool has_room) const {
     const std::chrono::duration<double> elapsed = clock::now() - began_;
     const double delivered = static_cast<double>(info_.captured - captured_before_) / info_.device_rate;
-    return delivered > elapsed.count() * 1.01 + 0.05;
+    return delivered > (has_room ? elapsed.count() * 2.0 + 5.0 : elapsed.count() * 1.01 + 0.05);
 }
 
 // Whether to continue reading. A file waits for the host; nothing else does.
 bool capture::may_read() {
     std::unique_lock hold{mutex_};
     const auto has_room = [&] { return buffer_->room() >= largest_step_; };
-    is_file_ = is_file_ || (!has_room() && runs_ahead());
+    is_file_ = is_file_ || runs_ahead(has_room());
     if (is_file_) changed_.wait(hold, [&] { return stop_requested_ || has_room(); });
     waits_since_ = last_request_ = clock::now();
     return !stop_requested_;

@@ -73,7 +73,7 @@ private:
     bool find_device(std::optional<microphone>& opened, log::scope& log);
     bool waits_for_device();
     void leave_behind();
-    bool runs_ahead() const;
+    bool runs_ahead(bool has_room) const;
     std::optional<clock::time_point> stalls_at(bool has_limit) const; // for a read
 
     const wrapper_audio_recorder_options options_;

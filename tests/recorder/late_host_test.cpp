@@ -220,6 +220,19 @@ TEST_F(late_host, has_no_stall_while_a_file_waits_for_it) {
     EXPECT_EQ(read(1600).status, WRAPPER_AUDIO_OK);
 }
 
+TEST_F(late_host, loses_nothing_of_a_file_on_a_machine_that_pauses) {
+    world().devices = {device{.name = "A", .rate = 48000}};
+    microphone.hang_after(300 * block); // 9 s at once
+    record({.rate = 48000, .buffer_ms = 60000});
+    ASSERT_TRUE(has_captured(300 * block));
+    microphone.keeps_time = true;
+    test_clock::skip(milliseconds(1000));
+    deliver(500 * block);
+    const reading all = read(500 * block);
+    EXPECT_EQ(all.block.count, 500 * block);
+    EXPECT_EQ(all.block.dropped, 0U);
+}
+
 // A ramp of a second tells which time the levels and the speech are of.
 TEST_F(late_host, is_told_the_levels_and_the_speech_behind_a_loss_inside_the_system) {
     world().devices = {device{.name = "A", .rate = 48000}};

@@ -4,7 +4,6 @@
 #include "failure.h"
 #include "stopping.h"
 #include "text.h"
-#include "wav_header.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -89,7 +88,12 @@ int libsndfile_format(sound_format format, sample_size bits) {
     case sound_format::mp3:
         return SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
     default:
-        return SF_FORMAT_FLAC | (bits == sample_size::bits_16 ? SF_FORMAT_PCM_16 : SF_FORMAT_PCM_24);
+        return (format == sound_format::flac   ? SF_FORMAT_FLAC
+                : format == sound_format::rf64 ? SF_FORMAT_RF64
+                                               : SF_FORMAT_WAV) |
+               (bits == sample_size::bits_16   ? SF_FORMAT_PCM_16
+                : bits == sample_size::bits_24 ? SF_FORMAT_PCM_24
+                                               : SF_FORMAT_FLOAT);
     }
 }
 
@@ -100,10 +104,9 @@ std::pair<int, int> bitrates(sound_format format, const stream_shape& shape) {
     return {8000, shape.rate >= 16000 ? 160000 : 64000};
 }
 
-/** A file that libsndfile encodes. */
-class encoded_file : public output {
+class sound_file : public output {
 public:
-    encoded_file(int descriptor, const stream_shape& shape, sound_format format, const output_options& wanted)
+    sound_file(int descriptor, const stream_shape& shape, sound_format format, const output_options& wanted)
         : own_descriptor(descriptor), channels(shape.channels), numbers(shape.from_microphone), kind(format),
           bits(wanted.bits.value_or(sample_size::bits_16)), sync(descriptor, wanted.sync) {
         SF_INFO info{};
@@ -111,16 +114,22 @@ public:
         info.channels = shape.channels;
         info.format = libsndfile_format(format, bits);
         file = sf_open_fd(descriptor, SFM_WRITE, &info, SF_TRUE);
-        if (file != nullptr) set_compression(wanted, shape);
-        remember_error();
+        if (file == nullptr) return;
+        set_compression(wanted, shape);
+        if (format != sound_format::wav && format != sound_format::rf64) return;
+        sf_command(file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE); // WAV as long as it is small enough
+        // The header is brought up to date with each write, so that the file is valid however the program ends.
+        sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+        sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
     }
-    encoded_file(const encoded_file&) = delete;
-    encoded_file& operator=(const encoded_file&) = delete;
-    ~encoded_file() override { encoded_file::close(); }
+    sound_file(const sound_file&) = delete;
+    sound_file& operator=(const sound_file&) = delete;
+    ~sound_file() override { sound_file::close(); }
 
     std::size_t write(std::span<const float> samples) override {
         const auto count = static_cast<sf_count_t>(samples.size());
-        const sf_count_t written = is_lossy(kind) ? write_limited(samples)
+        const sf_count_t written = is_lossy(kind)              ? write_limited(samples)
+                                   : bits == sample_size::real ? sf_write_float(file, samples.data(), count)
                                    : bits == sample_size::bits_24
                                        ? sf_write_int(file, numbers.bits_24(samples).data(), count)
                                        : sf_write_short(file, numbers.bits_16(samples).data(), count);
@@ -141,7 +150,14 @@ public:
         return result == 0 && disk_error == 0;
     }
 
+    std::uint64_t capacity() const override { return sample_limit(kind, bits, channels); }
     std::string reason() const override { return error; }
+
+    /** Whether the header could be written. */
+    bool is_good() {
+        remember_error();
+        return file != nullptr && error.empty();
+    }
 
 private:
     void set_compression(const output_options& wanted, const stream_shape& shape) {
@@ -162,8 +178,7 @@ private:
     void note_length() {
         constexpr std::uint64_t block = 4096; // samples, at the encoder's usual level
         constexpr off_t place = 21;           // in the file: four bits of the samples' size, and 36 for this number
-        std::uint64_t length = frames_written > 0 ? (frames_written - 1) / block * block : 0;
-        if (length >= std::uint64_t{1} << 36) length = 0; // which is unknown
+        const std::uint64_t length = frames_written > 0 ? (frames_written - 1) / block * block : 0;
         if (kind != sound_format::flac || length == length_noted) return;
         const std::uint64_t size = bits == sample_size::bits_16 ? 15 : 23; // one less
         std::array<std::uint8_t, 5> bytes{};
@@ -199,6 +214,31 @@ private:
     disk_sync sync;
 };
 
+std::size_t bytes_of(sample_size bits) {
+    return bits == sample_size::bits_16 ? 2 : bits == sample_size::bits_24 ? 3 : 4;
+}
+
+/** The header of a WAV file whose end nobody knows yet: the largest sizes, which readers take for "until the end". */
+std::array<std::byte, 44> endless_wav_header(const stream_shape& shape, sample_size bits) {
+    std::array<std::byte, 44> header{};
+    std::size_t at = 0;
+    const auto text = [&](std::string_view letters) { at += letters.copy(reinterpret_cast<char*>(&header[at]), 4); };
+    const auto number = [&](std::size_t value, std::size_t bytes) {
+        std::memcpy(&header[at], &value, bytes);
+        at += bytes;
+    };
+    constexpr std::uint32_t unknown = 0xFFFFFFFF;
+    const std::size_t rate = static_cast<std::uint32_t>(shape.rate);
+    const std::size_t channels = static_cast<std::uint32_t>(shape.channels);
+    const std::size_t frame = channels * bytes_of(bits);
+    text("RIFF"), number(unknown, 4), text("WAVE");
+    text("fmt "), number(16, 4), number(bits == sample_size::real ? 3 : 1, 2), number(channels, 2);
+    number(rate, 4), number(rate * frame, 4);
+    number(frame, 2), number(8 * bytes_of(bits), 2);
+    text("data"), number(unknown, 4);
+    return header;
+}
+
 class raw_samples : public output {
 public:
     raw_samples(int to, const stream_shape& shape, const output_options& wanted)
@@ -208,32 +248,11 @@ public:
     raw_samples& operator=(const raw_samples&) = delete;
     ~raw_samples() override { raw_samples::close(); }
 
-    std::size_t write(std::span<const float> samples) override { return write_some(encoded(samples)) / bytes_of(bits); }
-
-    bool write_bytes(const std::string& bytes) { return write_some(std::as_bytes(std::span(bytes))) == bytes.size(); }
-
-    /** In place of those that the file begins with. */
-    bool write_beginning(const std::string& bytes) {
-        if (pwrite(descriptor, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size())) return true;
-        if (error.empty()) error = std::strerror(errno);
-        return false;
+    std::size_t write(std::span<const float> samples) override {
+        return write_bytes(encoded(samples)) / bytes_of(bits);
     }
 
-    bool close() override {
-        if (descriptor < 0) return true;
-        int result = ::close(descriptor) == 0 ? 0 : errno;
-        if (const int disk_error = sync.finish(); result == 0) result = disk_error;
-        if (result != 0) error = std::strerror(result);
-        descriptor = -1;
-        return result == 0;
-    }
-
-    std::string reason() const override { return error; }
-    bool reader_gone() const override { return gone; }
-
-private:
-    /** Returns how many bytes went. */
-    std::size_t write_some(std::span<const std::byte> bytes) {
+    std::size_t write_bytes(std::span<const std::byte> bytes) {
         std::size_t done = 0;
         while (done < bytes.size() && wait_for_room()) {
             // No more than a pipe is sure to take at once when there is room.
@@ -250,6 +269,19 @@ private:
         return done;
     }
 
+    bool close() override {
+        if (descriptor < 0) return true;
+        int result = ::close(descriptor) == 0 ? 0 : errno;
+        if (const int disk_error = sync.finish(); result == 0) result = disk_error;
+        if (result != 0) error = std::strerror(result);
+        descriptor = -1;
+        return result == 0;
+    }
+
+    std::string reason() const override { return error; }
+    bool reader_gone() const override { return gone; }
+
+private:
     std::span<const std::byte> encoded(std::span<const float> samples) {
         if (bits == sample_size::real) return std::as_bytes(samples);
         if (bits == sample_size::bits_16) return std::as_bytes(numbers.bits_16(samples));
@@ -284,34 +316,8 @@ private:
     disk_sync sync;
 };
 
-/** A WAV file that is valid at any moment, however the program ends: its header follows each write. */
-class wav_file : public raw_samples {
-public:
-    wav_file(int to, const stream_shape& of, const output_options& wanted)
-        : raw_samples(to, of, wanted), shape(of), bits(wanted.bits.value_or(sample_size::bits_16)) {
-        write_bytes(wav_header(shape, bits, 0));
-    }
-
-    std::size_t write(std::span<const float> samples) override {
-        const std::size_t written = raw_samples::write(samples);
-        bytes += written * bytes_of(bits);
-        return write_beginning(wav_header(shape, bits, bytes)) ? written : 0;
-    }
-
-    bool close() override {
-        const bool needs_padding = std::exchange(bytes, 0) % 2 != 0;
-        if (needs_padding && reason().empty()) write_bytes(std::string(1, '\0'));
-        return raw_samples::close();
-    }
-
-private:
-    const stream_shape shape;
-    const sample_size bits;
-    std::uint64_t bytes = 0; // of samples
-};
-
 const char* name_of(sound_format format) {
-    constexpr std::array names{"WAV", "FLAC", "raw", "Vorbis", "Opus", "MP3"};
+    constexpr std::array names{"WAV", "RF64", "FLAC", "raw", "Vorbis", "Opus", "MP3"};
     return names.at(static_cast<std::size_t>(format));
 }
 
@@ -323,7 +329,7 @@ std::unique_ptr<output> make_sequence(int descriptor, const std::string& name, c
     if (format != sound_format::wav && format != sound_format::raw)
         throw failure(usage,
                       fmt::format("{} is a pipe, which cannot take {}: use --type wav or raw", name, name_of(format)));
-    if (format == sound_format::wav && !samples->write_bytes(endless_wav_header(shape, bits)) &&
+    if (format == sound_format::wav && samples->write_bytes(endless_wav_header(shape, bits)) < 44 &&
         !samples->reader_gone())
         throw failure(file_trouble, fmt::format("cannot write {}: {}", name, samples->reason()));
     return samples;
@@ -364,11 +370,12 @@ int take_file(const std::string& path, bool keeps_older) {
 sound_format format_by_name(const std::string& path) {
     const std::string extension = lower_case_extension(path);
     if (path == "-" || extension == ".raw" || extension == ".pcm") return sound_format::raw;
+    if (extension == ".rf64") return sound_format::rf64;
     if (extension == ".flac") return sound_format::flac;
     if (extension == ".ogg" || extension == ".oga") return sound_format::ogg;
     if (extension == ".opus") return sound_format::opus;
     if (extension == ".mp3") return sound_format::mp3;
-    if (extension == ".wav" || extension == ".rf64" || extension.empty()) return sound_format::wav;
+    if (extension == ".wav" || extension.empty()) return sound_format::wav;
     throw failure(usage,
                   fmt::format("{}: cannot write files of this kind; the name should end in .wav, .flac, .opus, .ogg, "
                               ".mp3 or .raw, or --type should say which",
@@ -415,6 +422,18 @@ int nearest_rate(sound_format format, int rate) {
     return above != rates.end() ? *above : rates.back();
 }
 
+std::uint64_t sample_limit(sound_format format, sample_size bits, int channels) {
+    const std::size_t frame = bytes_of(bits) * static_cast<std::size_t>(channels);
+    switch (format) {
+    case sound_format::wav: // its sizes are 32-bit numbers, and the larger one counts what is in front of the samples
+        return (std::numeric_limits<std::uint32_t>::max() - (bits == sample_size::real ? 72 : 36)) / frame;
+    case sound_format::flac: // 36 bits
+        return (std::uint64_t{1} << 36) - 1;
+    default:
+        return no_limit;
+    }
+}
+
 std::unique_ptr<output> create_output(const std::string& path, const stream_shape& shape,
                                       const output_options& wanted) {
     const sound_format format = format_of(path, wanted);
@@ -425,11 +444,7 @@ std::unique_ptr<output> create_output(const std::string& path, const stream_shap
     const bool has_places = lseek(descriptor, 0, SEEK_CUR) == 0 && (fcntl(descriptor, F_GETFL) & O_APPEND) == 0;
     const std::string name = path == "-" ? "standard output" : printable(path);
     if (format == sound_format::raw || !has_places) return make_sequence(descriptor, name, shape, format, wanted);
-    std::unique_ptr<output> file;
-    if (format == sound_format::wav)
-        file = std::make_unique<wav_file>(descriptor, shape, wanted);
-    else
-        file = std::make_unique<encoded_file>(descriptor, shape, format, wanted);
-    if (!file->reason().empty()) throw failure(file_trouble, fmt::format("cannot write {}: {}", name, file->reason()));
+    auto file = std::make_unique<sound_file>(descriptor, shape, format, wanted);
+    if (!file->is_good()) throw failure(file_trouble, fmt::format("cannot write {}: {}", name, file->reason()));
     return file;
 }

@@ -23,6 +23,9 @@ public:
     /** Brings everything to its end. Returns whether all of it arrived. */
     virtual bool close() = 0;
 
+    /** How many samples of each channel fit. */
+    virtual std::uint64_t capacity() const { return no_limit; }
+
     /** Why a write or the close failed. */
     virtual std::string reason() const = 0;
 
@@ -30,7 +33,7 @@ public:
     virtual bool reader_gone() const { return false; }
 };
 
-enum class sound_format { wav, flac, raw, ogg, opus, mp3 };
+enum class sound_format { wav, rf64, flac, raw, ogg, opus, mp3 };
 enum class sample_size { bits_16, bits_24, real };
 
 struct output_options {
@@ -56,6 +59,9 @@ sound_format format_of(const std::string& path, const output_options& wanted);
 
 /** The rate to convert to, so that this format can be written: the nearest above, or the highest there is. */
 int nearest_rate(sound_format format, int rate);
+
+/** How many samples of each channel fit in a file. */
+std::uint64_t sample_limit(sound_format format, sample_size bits, int channels);
 
 /**
  * Creates the file, or takes standard output for "-". Throws a failure; a file that another program is recording into

@@ -38,7 +38,7 @@ std::string recorded_files::shown_name() const {
 
 /** For samples of each channel, in the present file. */
 std::uint64_t recorded_files::room() const {
-    return file_limit_ - levels_.front().samples();
+    return std::min(file_limit_, file_->capacity()) - levels_.front().samples();
 }
 
 bool recorded_files::write(std::span<const float> frames) {

@@ -352,8 +352,8 @@ class Failure(HostTest):
             time.sleep(0.5)  # well in the stall
             begun = time.monotonic()
             process.send_signal(signal.SIGINT)
-            output, errors = process.communicate(timeout=4)
-            self.assertLess(time.monotonic() - begun, 2)
+            output, errors = process.communicate(timeout=20)
+            self.assertLess(time.monotonic() - begun, 4)
             self.assertEqual((process.returncode, errors), (FINE, ""))
             self.assertEqual(len(self.recorded(16000)), 7 * 480)
 

@@ -45,8 +45,6 @@ ELSEWHERE = {
     r"wrapper-audio record --both .*": ("tests/tool/servers_test.py", 'self.record("--both"'),
     r"ctest --test-dir build -R tool\.peers": ("scripts/test", 'ctest --preset "$variant"'),
 }
-# The hosts in other languages are run by their own test, which takes them and their commands out of the document.
-HOSTS = re.compile(r"## A host in your language\n.*", re.DOTALL)
 # Until Ctrl-C.
 ENDLESS = ("wrapper-audio meter", "wrapper-audio record --denoise speech.flac",
            "wrapper-audio record --denoise - | recogniser", "wrapper-audio record --split talk-%03d.wav",
@@ -59,7 +57,7 @@ MAY_MISS_GOALS = "scripts/bench"  # on a busy machine, which is no failure of th
 def commands(text):
     """The commands in a document's text, continued lines joined, each with its comment."""
     found, fence = [], None
-    for line in HOSTS.sub("", text).splitlines():
+    for line in text.splitlines():
         mark = re.match(r"```(\w*)", line)
         if mark:
             fence = mark[1] if fence is None else None
@@ -136,7 +134,7 @@ def main():
         for name in sorted(listed.split()):
             text = (ROOT / name).read_text()
             where = Path(name).parent if Path(name).parent != Path("docs") else Path(".")
-            for file, program in programs(HOSTS.sub("", text)).items():
+            for file, program in programs(text).items():
                 (checkout.folder / where / file).write_text(program)
             exports = []
             for command, comment in commands(text):

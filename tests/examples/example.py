@@ -1,6 +1,7 @@
 """Runs an example as a process, on microphones that hear files."""
 
 import array
+import math
 import os
 import struct
 import subprocess
@@ -29,6 +30,35 @@ def single(number):
 def heard(sample):
     """What a device at the wanted rate makes of a sample of its file."""
     return int(single(sample / 32768 * 32767))
+
+
+def rms(samples):
+    return math.sqrt(sum(s * s for s in samples) / len(samples))
+
+
+def high_pass(samples, cutoff, rate):
+    """A second-order high-pass."""
+    w = 2 * math.pi * cutoff / rate
+    alpha, cosine = math.sin(w) / (2 * 0.707), math.cos(w)
+    b0, b1 = (1 + cosine) / 2, -(1 + cosine)
+    a0, a1, a2 = 1 + alpha, -2 * cosine, 1 - alpha
+    x1 = x2 = y1 = y2 = 0.0
+    for x in samples:
+        y = (b0 * x + b1 * x1 + b0 * x2 - a1 * y1 - a2 * y2) / a0
+        x1, x2, y1, y2 = x, x1, y, y1
+        yield y
+
+
+def level_out(samples, rate, target, release_ms):
+    """Brings blocks of 10 ms towards an RMS, by at most 20 dB."""
+    gain, keep, block = 1.0, math.exp(-10 / release_ms), rate // 100
+    for at in range(0, len(samples), block):
+        part = samples[at : at + block]
+        level = rms(part)
+        if level >= 1e-6:
+            gain = gain * keep + (1 - keep) * min(10, max(0.1, target / level))
+            part = [s * gain for s in part]
+        yield from part
 
 
 class ExampleTest(unittest.TestCase):

@@ -6,40 +6,13 @@ import random
 import subprocess
 import unittest
 
-from example import FAILED, FINE, SPEECH, ExampleTest, pcm16
-
-
-def rms(samples):
-    return math.sqrt(sum(s * s for s in samples) / len(samples))
-
-
-def high_pass(samples, cutoff, rate):
-    w = 2 * math.pi * cutoff / rate
-    alpha, cosine = math.sin(w) / (2 * 0.707), math.cos(w)
-    b0, b1 = (1 + cosine) / 2, -(1 + cosine)
-    a0, a1, a2 = 1 + alpha, -2 * cosine, 1 - alpha
-    x1 = x2 = y1 = y2 = 0.0
-    for x in samples:
-        y = (b0 * x + b1 * x1 + b0 * x2 - a1 * y1 - a2 * y2) / a0
-        x1, x2, y1, y2 = x, x1, y, y1
-        yield y
-
-
-def level_out(samples, rate, target=10 ** (-30 / 20), release_ms=200):
-    gain, keep, block = 1.0, math.exp(-10 / release_ms), rate // 100
-    for at in range(0, len(samples), block):
-        part = samples[at : at + block]
-        level = rms(part)
-        if level >= 1e-6:
-            gain = gain * keep + (1 - keep) * min(10, max(0.1, target / level))
-            part = [s * gain for s in part]
-        yield from part
+from example import FAILED, FINE, SPEECH, ExampleTest, high_pass, level_out, pcm16, rms
 
 
 def chain(pcm, rate):
     filtered = list(high_pass([s / 32767 for s in pcm], 100, rate))
     filtered = [s - 0.3 * before for s, before in zip(filtered, [0] + filtered)]
-    return list(level_out(filtered, rate))
+    return list(level_out(filtered, rate, target=10 ** (-30 / 20), release_ms=200))
 
 
 class Process(ExampleTest):

@@ -1,8 +1,9 @@
-"""Holds docs/hosts.md to what it says: hosts_test.py PART BUILD_FOLDER.
+"""Holds docs/hosts.md and the examples to what they say: hosts_test.py PART BUILD_FOLDER.
 
-PART is log (the table has every log line of the sources, and no other), links, c (the build lines of examples/c), or the
-language of a host in the document. A host is built and run by the commands that stand below it, against the library
-as it is installed, on a microphone that hears a file. A language whose tools are missing is skipped, with exit code 77.
+PART is log (the document's table has every log line of the sources, and no other), links (all lead somewhere, and to
+every example), c (the build lines of examples/c), or another language of the examples. An example is built and run by
+the commands in its first lines, against the library as it is installed, on a microphone that hears a file. A language
+whose tools are missing is skipped, with exit code 77.
 """
 
 import array
@@ -16,7 +17,14 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 DOCUMENT = (ROOT / "docs/hosts.md").read_text()
+C_EXAMPLES = sorted((ROOT / "examples/c").glob("*.c"))
 SPEECH = ROOT / "tests/data/speech_in_noise_48k.raw"
+HOSTS = {  # their files, and the tools that these need
+    "rust": ("rust/record.rs", ["rustc"]),
+    "go": ("go/record.go", ["go"]),
+    "csharp": ("csharp/Record.cs", ["mcs", "mono"]),
+    "java": ("java/Record.java", ["javac", "java"]),
+}
 SKIPPED = 77
 SECONDS = 3
 
@@ -61,6 +69,8 @@ def test_links():
     for target in targets:
         found = target[1:] in anchors if target.startswith("#") else (ROOT / "docs" / target).is_file()
         check(found, "a link leads nowhere:", target)
+    for example in [f"c/{source.name}" for source in C_EXAMPLES] + [source for source, _ in HOSTS.values()]:
+        check(f"../examples/{example}" in targets, "docs/hosts.md does not lead to the example", example)
 
 
 class Workshop:
@@ -92,9 +102,9 @@ class Workshop:
         done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **options)
         check(done.returncode == 0, command, "failed:\n" + done.stdout.decode())
 
-    def compile(self, *commands):
-        for command in commands:
-            self.succeed("bash", "-c", command, cwd=self.folder, env=self.environment)
+    def compile(self, source, command):
+        shutil.copy(source, self.folder)
+        self.succeed("bash", "-c", command, cwd=self.folder, env=self.environment)
 
     def run(self, command, **environment):
         """Returns (exit code, standard error)."""
@@ -121,11 +131,11 @@ class Workshop:
 
 
 def test_c(workshop):
-    for source in sorted((ROOT / "examples/c").glob("*.c")):
+    check(len(C_EXAMPLES) > 5, "hardly an example:", C_EXAMPLES)
+    for source in C_EXAMPLES:
         line = re.search(r"^ \* (cc .*)$", source.read_text(), re.MULTILINE)
         check(line, source, "does not tell how to build it")
-        shutil.copy(source, workshop.folder)
-        workshop.compile(line[1])
+        workshop.compile(source, line[1])
     workshop.expected()
     for build, name in (f"{workshop.build}/examples/c", "built"), (".", "heard"):
         code, errors = workshop.run(f"{build}/record -n -s {SECONDS} {name}.raw && {build}/core {SECONDS} >{name}.core")
@@ -133,28 +143,32 @@ def test_c(workshop):
     for ending in "raw", "core":
         built, heard = ((workshop.folder / f"{name}.{ending}").read_bytes() for name in ("built", "heard"))
         check(built == heard and len(heard) == 2 * 16000 * SECONDS, "another sound:", ending)
-    for command in "./meter -s 1 >levels", "./pick choice <<<1 >choices", "./process 48000 16000 expected.raw >processed":
+    for command in (
+        "./meter -s 1 >levels",
+        "./pick choice <<<1 >choices",
+        "./process 48000 16000 expected.raw >processed",
+        "./filter <expected.raw >filtered",
+    ):
         code, errors = workshop.run(command)
         check(code == 0, command, errors)
 
 
-def host_of(language):
-    """Returns the name of its file, its text and its commands, from the document."""
-    pattern = rf"`([A-Za-z.]+)`:\n\n```{language}\n(.*?)```\n\n```sh\n(.*?)```"
-    found = re.findall(pattern, DOCUMENT, re.DOTALL)
-    check(len(found) == 1, "docs/hosts.md has", len(found), "hosts in", language)
-    name, text, commands = found[0]
-    return name, text, commands.strip().split("\n")
+def commands_of(source):
+    """How a host is built and how it is run: the indented lines of the comment that it begins with."""
+    comment = re.match(r"(//.*\n)+", source.read_text())
+    commands = re.findall(r"^//   (.*)$", comment[0] if comment else "", re.MULTILINE)
+    check(len(commands) == 2, source, "does not tell how to build and run it")
+    return commands
 
 
 def test_host(workshop, language):
-    name, text, commands = host_of(language)
-    (workshop.folder / name).write_text(text)
-    workshop.compile(*commands[:-1])
+    source = ROOT / "examples" / HOSTS[language][0]
+    build, run = commands_of(source)
+    workshop.compile(source, build)
     expected, peak = workshop.expected()
     result = workshop.folder / "speech.raw"
 
-    code, errors = workshop.run(commands[-1])
+    code, errors = workshop.run(run)
     check(code == 0, errors)
     check(result.read_bytes() == expected, "another sound than that of examples/c/core.c")
     devices = '[{"id":"ALSA:filemic","name":"filemic","kind":"input","isDefault":false},' \
@@ -164,11 +178,11 @@ def test_host(workshop, language):
     check(len(told) == 1 and abs(float(told[0]) - peak) <= 0.001, "a peak of", told, "instead of", peak)
     check(errors.count("[audio_wrapper] Ресурсы освобождены\n") == 1, "not freed once:", errors)
 
-    code, errors = workshop.run(commands[-1], ALSA_CONFIG_PATH=str(workshop.folder / "nothing.conf"))
+    code, errors = workshop.run(run, ALSA_CONFIG_PATH=str(workshop.folder / "nothing.conf"))
     check((code, result.read_bytes()) == (1, b""), "without a microphone:", code, errors)
     check("\ndevices: []\n" in errors and errors.endswith("\nrecord: no microphone\n"), "without a microphone:", errors)
 
-    code, errors = workshop.run(commands[-1].replace("speech.raw", "/dev/full"))
+    code, errors = workshop.run(run.replace("speech.raw", "/dev/full"))
     check(code != 0, "what could not be written was no failure")
 
 
@@ -196,14 +210,12 @@ def need_java():
     skip("java is on this machine, but no development kit from version 22 on")
 
 
-TOOLS = {"rust": ["rustc"], "go": ["go"], "csharp": ["mcs", "mono"], "java": ["javac", "java"]}
-
-
 def main(part, build):
     if part in ("log", "links"):
         globals()["test_" + part]()
     else:
-        need(*TOOLS.get(part, []))
+        if part in HOSTS:
+            need(*HOSTS[part][1])
         with tempfile.TemporaryDirectory(prefix="wrapper-audio.", dir="/tmp") as folder:  # ALSA takes no space or colon
             workshop = Workshop(folder, build)
             test_c(workshop) if part == "c" else test_host(workshop, part)

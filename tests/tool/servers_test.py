@@ -21,7 +21,28 @@ OWN_RATE = "denoising at 48000 Hz, the device's own rate"
 
 
 class ServerTest(HostTest):
-    """On a server of its own kind."""
+    """On a server of its own kind.
+
+    On a busy machine a server that has no hardware's clock connects a stream late, misses some of its sound, or gives it
+    nothing but zeros (PipeWire 0.3.65's PulseAudio server). So what fails is told and tried again; what is wrong with
+    the program fails three times.
+    """
+
+    def run(self, result=None):
+        for _ in range(2):
+            first = unittest.TestResult()
+            super().run(first)
+            failed = first.failures + first.errors
+            if not failed:
+                result.startTest(self)
+                if first.skipped:
+                    result.addSkip(*first.skipped[0])
+                else:
+                    result.addSuccess(self)
+                result.stopTest(self)
+                return result
+            print(f"{self.id()} is tried again:\n{failed[0][1]}", file=sys.stderr, flush=True)
+        return super().run(result)
 
     def setUp(self):
         super().setUp()
@@ -84,7 +105,6 @@ class PulseAudio(ServerTest):
 
     def setUp(self):
         super().setUp()
-        self.players = []
         self.wait_until_device(f"ALSA:{self.device}")
 
     def test_it_records_and_denoises_in_real_time(self):
@@ -92,12 +112,8 @@ class PulseAudio(ServerTest):
         begun = time.monotonic()
         pause = self.pause_recorded_by()
         self.assertGreater(time.monotonic() - begun, 5.5)
-        for _ in range(3):  # what a busy machine loses may be the pauses
-            self.play()
-            denoised = self.pause_recorded_by("--denoise", says=OWN_RATE)
-            if denoised < pause - 15:
-                break
-        self.assertLess(denoised, pause - 15)
+        self.play()
+        self.assertLess(self.pause_recorded_by("--denoise", says=OWN_RATE), pause - 15)
         doctor = self.host("doctor", "--device", self.device)[1]
         self.assertRegex(doctor, f"(?s)sound server of this user: {self.kind.__name__}\n.*--denoise works: {OWN_RATE}")
 
@@ -108,27 +124,20 @@ class PulseAudio(ServerTest):
         self.assertRegex(listed, rf"  {self.kind.__name__}:{self.source} +.* 48000 +native +input\n")
         self.assertRegex(listed, rf"  {self.kind.__name__}:second.monitor +.* 16000 +converted +input\n")
         self.play()
-        for _ in range(3):  # see pause_recorded_by()
-            self.record("--device", f"{self.kind.__name__}:{self.source}", "--seconds", 3, self.file)
-            heard = rms(self.recorded(16000))
-            if heard > 0:
-                break
-        self.assertAlmostEqual(decibels(heard), -20, delta=5)
+        self.record("--device", f"{self.kind.__name__}:{self.source}", "--seconds", 3, self.file)
+        self.assertAlmostEqual(decibels(rms(self.recorded(16000))), -20, delta=5)
         self.record("--device", "second.monitor", "--seconds", 1, self.file)
         self.assertEqual(rms(self.recorded(16000)), 0, "nothing is played there")
 
     def test_what_the_computer_plays_is_recorded_on_request(self):
         self.server.add_output("speakers")
         self.wait_until_device(":speakers.monitor")
-        for _ in range(3):  # see pause_recorded_by()
-            aloud = self.play_tones()
-            code, _, errors = self.record("--system", "--seconds", 3, self.file)
-            self.assertEqual((code, errors), (FINE, ""))
-            samples = self.recorded(16000)
-            if self.level_at(440, samples[-16000:]) > -30:
-                break
-        self.assertAlmostEqual(self.level_at(440, samples[-16000:]), -12, delta=1)
-        self.assertLess(self.level_at(880, samples[-16000:]), -60, "that is what the microphone hears")
+        aloud = self.play_tones()
+        code, _, errors = self.record("--system", "--seconds", 3, self.file)
+        self.assertEqual((code, errors), (FINE, ""))
+        samples = self.recorded(16000)[-16000:]
+        self.assertAlmostEqual(self.level_at(440, samples), -12, delta=1)
+        self.assertLess(self.level_at(880, samples), -30, "that is what the microphone hears")
         aloud.kill()
         aloud.wait()
         code, _, errors = self.host("record", "--system", "--denoise", "--seconds", 5, self.file)
@@ -136,12 +145,9 @@ class PulseAudio(ServerTest):
         self.assertEqual(rms(self.recorded(16000)[-16000:]), 0)
 
     def play_tones(self):
-        """880 Hz for the microphone and 440 Hz aloud, whose player is returned. Those before end."""
-        for player in self.players:
-            player.kill()
-            player.wait()
-        self.players = [self.server.play(self.tone(880)), self.server.play_aloud(self.tone(440))]
-        return self.players[1]
+        """880 Hz for the microphone and 440 Hz aloud, whose player is returned."""
+        self.server.play(self.tone(880))
+        return self.server.play_aloud(self.tone(440))
 
     def sides(self, *arguments, seconds):
         """Both sides of a call: the samples of the microphone, and those of the system."""
@@ -157,13 +163,10 @@ class PulseAudio(ServerTest):
     def test_both_sides_of_a_call_are_in_a_channel_each(self):
         self.server.add_output("speakers")
         self.wait_until_device(":speakers.monitor")
-        for _ in range(3):  # see pause_recorded_by()
-            self.play_tones()
-            microphone, system = self.sides("--device", f"{self.kind.__name__}:{self.source}", seconds=4)
-            heard = self.level_at(880, microphone[-8000:]), self.level_at(440, system[-8000:])
-            others = self.level_at(440, microphone[-8000:]), self.level_at(880, system[-8000:])
-            if min(heard) > -13:
-                break
+        self.play_tones()
+        microphone, system = self.sides("--device", f"{self.kind.__name__}:{self.source}", seconds=4)
+        heard = self.level_at(880, microphone[-8000:]), self.level_at(440, system[-8000:])
+        others = self.level_at(440, microphone[-8000:]), self.level_at(880, system[-8000:])
         self.assertAlmostEqual(min(heard), -12, delta=1)
         self.assertLess(max(others), -30, "the channels are mixed up")
         output = self.record("--both", "--seconds", 1, "--max-file-time", 0.6, self.folder / "part-%d.wav")[1]
@@ -174,25 +177,19 @@ class PulseAudio(ServerTest):
         self.server.add_output("speakers")
         self.wait_until_device(":speakers.monitor")
         for arguments in [], ["--denoise"]:
-            for _ in range(3):  # see pause_recorded_by()
-                self.server.play_aloud(self.sound)
-                # What the computer plays is the microphone as well, so that both sides are the same.
-                microphone, system = self.sides("--device", "speakers.monitor", *arguments, seconds=7)
-                # Denoised, a pause has nothing that could be found on the other side.
-                loudest = [self.loudest(microphone, begin, begin + 28000) for begin in (16000, 48000, 80000)]
-                delays = [self.delay(microphone[at:], system[at:]) for at in loudest]
-                if max(map(abs, delays)) < 0.02:
-                    break
+            self.server.play_aloud(self.sound)
+            # What the computer plays is the microphone as well, so that both sides are the same.
+            microphone, system = self.sides("--device", "speakers.monitor", *arguments, seconds=7)
+            # Denoised, a pause has nothing that could be found on the other side.
+            loudest = [self.loudest(microphone, begin, begin + 28000) for begin in (16000, 48000, 80000)]
+            delays = [self.delay(microphone[at:], system[at:]) for at in loudest]
             self.assertLess(max(map(abs, delays)), 0.02, arguments)
 
     def test_silence_of_the_system_is_silence_on_its_side_of_a_call(self):
         self.server.add_output("speakers")
         self.wait_until_device(":speakers.monitor")
-        for _ in range(3):  # see pause_recorded_by()
-            self.server.play(self.sound)
-            microphone, system = self.sides("--device", f"{self.kind.__name__}:{self.source}", seconds=7)
-            if rms(microphone) > 0:
-                break
+        self.server.play(self.sound)
+        microphone, system = self.sides("--device", f"{self.kind.__name__}:{self.source}", seconds=7)
         self.assertAlmostEqual(decibels(rms(microphone[-16000:])), -20, delta=8)
         self.assertEqual(rms(system), 0)
 
@@ -220,15 +217,9 @@ class PulseAudio(ServerTest):
 
         Without denoising digital silence is not one of them: a busy server leaves it where it had no sound to give.
         """
-        for _ in range(3):
-            code, _, errors = self.record(*arguments, "--device", self.device, "--seconds", 6, self.file)
-            self.assertEqual((code, errors.split("\n")[0]), (FINE, says and f"wrapper-audio: {says}"))
-            samples = self.recorded(16000)
-            if any(samples):
-                break
-            # PipeWire's PulseAudio server (0.3.65) gives a new stream nothing but zeros now and then.
-            self.play()
-        self.assertEqual(errors, says and f"wrapper-audio: {says}\n")
+        code, _, errors = self.record(*arguments, "--device", self.device, "--seconds", 6, self.file)
+        self.assertEqual((code, errors), (FINE, says and f"wrapper-audio: {says}\n"))
+        samples = self.recorded(16000)
         self.assertEqual(len(samples), 96000)
         samples = samples[-56000:]
         self.assertAlmostEqual(decibels(rms(samples)), -20, delta=5)

@@ -62,7 +62,12 @@ struct kept_sound {
         if (gap) {
             const auto before = samples.first(*gap);
             samples = samples.subspan(*gap);
-            if (!files.write(chain.process(before)) || !files.write(chain.finish()) || !files.next()) return false;
+            if (!files.write(chain.process(before)) || !files.write(chain.finish())) return false;
+            is_behind_gap = true;
+        }
+        if (is_behind_gap && !samples.empty()) {
+            if (!files.next()) return false;
+            is_behind_gap = false;
         }
         samples = chain.process(samples);
         return files.write(samples);
@@ -71,6 +76,7 @@ struct kept_sound {
     effect_chain chain;
     recorded_files files;
     std::vector<float> filled = {}; // with silence
+    bool is_behind_gap = false;     // of the last file
 };
 
 class recording {
@@ -287,6 +293,7 @@ exit_code record(const record_options& wanted) {
             throw failure(usage, "--undenoised needs a file of its own");
         format_of(wanted.undenoised, wanted.output);
     }
+    samples_in(wanted.max_file_time, wanted.rate, "--max-file-time"); // as is this
     const std::uint64_t limit = samples_in(wanted.seconds, wanted.rate, "--seconds");
     if (wanted.both) return record_both(wanted, limit);
     recording made(wanted, limit);

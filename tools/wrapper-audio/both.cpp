@@ -126,9 +126,10 @@ bool call::write() {
             frames_.push_back(side[i]);
     for (auto& side : waiting_)
         side.erase(side.begin(), side.begin() + static_cast<std::ptrdiff_t>(count));
-    if (screen_.redraws && !console::is_quiet() && count > 0)
+    const bool good = files_.write(frames_);
+    if (good && screen_.redraws && !console::is_quiet() && count > 0)
         show_levels(meter_, screen_, static_cast<double>(files_.count()) / wanted_.rate, "", frames_);
-    return files_.write(frames_);
+    return good;
 }
 
 exit_code call::finish(bool good) {

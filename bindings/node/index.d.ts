@@ -134,7 +134,10 @@ export interface RecorderOptions<Format extends SampleFormat = SampleFormat> {
    * `signal` is 'lost' meanwhile, and reads wait or time out.
    */
   reconnect?: boolean;
-  /** Called when a read finds that `signal` has changed, while it waits every 0.2 s. What it throws, the read throws. */
+  /**
+   * Called when a read finds that `signal` has changed, while it waits every 0.2 s. What it throws, the read throws
+   * instead of its samples.
+   */
   onSignal?: (signal: Signal) => void;
   /** Does not open the microphone until open(). */
   armed?: boolean;

@@ -75,7 +75,7 @@ class Recorder(Closing):
         reconnect  wait for a device that fails or is unplugged while recording, and go on: what it did not deliver
                    counts as dropped, `signal` is Signal.LOST meanwhile, and reads wait or time out
         on_signal  called with `signal` when a read finds that it has changed, on the thread that reads, every 0.2 s at
-                   most while it waits. What it raises, the read raises
+                   most while it waits. What it raises, the read raises in place of the samples it was to return
 
         Raises OpenError; UnknownDeviceError lists the devices available.
         """

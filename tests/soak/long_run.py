@@ -40,10 +40,10 @@ class Figures:
         self.warm = None
 
     def look(self, progress):
-        status = dict(line.split(":", 1) for line in (self.folder / "status").read_text().splitlines())
-        now = [int(status["VmRSS"].split()[0]), len(list((self.folder / "fd").iterdir())), int(status["Threads"])]
         if progress < 0.5:
             return
+        status = dict(line.split(":", 1) for line in (self.folder / "status").read_text().splitlines())
+        now = [int(status["VmRSS"].split()[0]), len(list((self.folder / "fd").iterdir())), int(status["Threads"])]
         self.warm = self.warm or now
         self.most = now if self.warm is now else list(map(max, self.most, now))
 
@@ -78,8 +78,8 @@ def from_files(hours):
             rest = sum(map(len, recorder.blocks()))
             delivered = recorder._info().captured
             # What is still inside the converter when it stops comes out with silence behind it.
-            require(0 <= (count + rest) * 48000 // rate - delivered < 48000 // rate if not denoise else
-                    abs((count + rest) * 48000 // rate - delivered) <= recorder.delay * 48000 // rate,
+            inside = recorder.delay * 48000 // rate if denoise else 0
+            require(abs((count + rest) * 48000 // rate - delivered) <= inside,
                     f"{delivered} samples delivered, and {count + rest} read at {rate} Hz")
         print(f"{hours} hours at {rate} Hz{', denoised' if denoise else ', bit for bit'}, in "
               f"{time.monotonic() - begun:.0f} s: {delivered} samples delivered at 48000 Hz, {count + rest} read")

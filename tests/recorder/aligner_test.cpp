@@ -296,8 +296,7 @@ TEST(aligner, goes_on_while_the_second_stream_delivers_nothing) {
     EXPECT_LT(apart(no_more), 0.005);
     EXPECT_NEAR(static_cast<double>(silent(no_more.second)), 18.0 * stream_rate, 0.1 * stream_rate);
 
-    const heard paused =
-        run({}, {.loses = [](double time) { return time > 12.0 && time < 112.0; }}, 150.0, is_on_time);
+    const heard paused = run({}, {.loses = [](double time) { return time > 12.0 && time < 112.0; }}, 150.0, is_on_time);
     EXPECT_LT(apart(paused, 0.0, 11.9), 0.005);
     EXPECT_LT(apart(paused, 112.1), 0.02);
     EXPECT_NEAR(static_cast<double>(silent(paused.second)), 100.0 * stream_rate, 0.1 * stream_rate);

@@ -95,8 +95,8 @@ void register_in_place(int count) {
     });
     add("to 16 bits" + n + ", library", count, [pcm](float* samples, std::int32_t length) {
         for (std::int32_t i = 0; i < length; i += 8) {
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(pcm->data() + i),
-                             numeric::to_pcm16_lanes(_mm_loadu_ps(samples + i), _mm_loadu_ps(samples + i + 4)));
+            numeric::store(pcm->data() + i, numeric::to_pcm16(numeric::load<numeric::float4>(samples + i),
+                                                              numeric::load<numeric::float4>(samples + i + 4)));
         }
     });
     add("to 16 bits" + n + ", plain", count,

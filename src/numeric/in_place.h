@@ -1,7 +1,8 @@
 // Stateless operations on a block, in place and in single precision.
 #pragma once
 
-#include <emmintrin.h>
+#include "lanes.h"
+
 #include <stdint.h>
 
 #include <cstddef>
@@ -30,28 +31,24 @@ inline void multiply(float* samples, int32_t count, float gain) {
 
 // From the end to the start no input is overwritten before it has been used.
 inline void subtract_previous(float* samples, int32_t count, float coef) {
-    const __m128 coefs = _mm_set1_ps(coef);
     int32_t left = count;
     for (; left > 16; left -= 16) {
         float* last = samples + left - 16;
-        __m128 filtered[4];
-        for (std::ptrdiff_t i = 0; i < 4; ++i) {
-            const __m128 previous = _mm_loadu_ps(last + 4 * i - 1);
-            filtered[i] = _mm_sub_ps(_mm_loadu_ps(last + 4 * i), _mm_mul_ps(previous, coefs));
-        }
+        float4 filtered[4];
         for (std::ptrdiff_t i = 0; i < 4; ++i)
-            _mm_storeu_ps(last + 4 * i, filtered[i]);
+            filtered[i] = load<float4>(last + 4 * i) - load<float4>(last + 4 * i - 1) * coef;
+        for (std::ptrdiff_t i = 0; i < 4; ++i)
+            store(last + 4 * i, filtered[i]);
     }
     plain::subtract_previous(samples, left, coef);
 }
 
 inline void multiply(float* samples, int32_t count, float gain) {
-    const __m128 gains = _mm_set1_ps(gain);
     int32_t first = 0;
     for (; count - first >= 16; first += 16) {
         for (std::ptrdiff_t i = 0; i < 4; ++i) {
             float* next = samples + first + 4 * i;
-            _mm_storeu_ps(next, _mm_mul_ps(_mm_loadu_ps(next), gains));
+            store(next, load<float4>(next) * gain);
         }
     }
     plain::multiply(samples + first, count - first, gain);

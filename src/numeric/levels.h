@@ -1,10 +1,12 @@
 // Peak and RMS of a block, on linear amplitudes against full scale 1.0, and the 16-bit samples that go with them.
 #pragma once
 
-#include <emmintrin.h>
+#include "lanes.h"
+
 #include <stdint.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 
 namespace numeric {
@@ -40,47 +42,46 @@ inline int32_t count_beyond(const float* samples, int32_t count, float threshold
 
 // The sum of squares is one long chain of additions, each waiting for the one before. What else there is to do with the
 // samples fits into the waiting: `meanwhile(i, x, y)` gets samples i to i + 3 and i + 4 to i + 7. Returns how many
-// samples were taken, the largest multiple of 8.
+// samples were taken, the largest multiple of 8. Inline, so that what `meanwhile` gathers stays in registers.
 template <typename Meanwhile>
-int32_t add_squares(double& sum, const float* samples, int32_t count, Meanwhile meanwhile) {
+[[gnu::always_inline]] inline int32_t add_squares(double& sum, const float* samples, int32_t count,
+                                                  Meanwhile meanwhile) {
     const int32_t whole = count > 0 ? count & ~7 : 0;
     double running = sum;
     for (int32_t i = 0; i < whole; i += 8) {
-        const __m128 vectors[2] = {_mm_loadu_ps(samples + i), _mm_loadu_ps(samples + i + 4)};
+        const float4 vectors[2] = {load<float4>(samples + i), load<float4>(samples + i + 4)};
         meanwhile(i, vectors[0], vectors[1]);
-        for (const __m128 x : vectors) {
-            const __m128 squares = _mm_mul_ps(x, x);
-            const __m128d low = _mm_cvtps_pd(squares);
-            const __m128d high = _mm_cvtps_pd(_mm_movehl_ps(squares, squares));
-            running += _mm_cvtsd_f64(low);
-            running += _mm_cvtsd_f64(_mm_unpackhi_pd(low, low));
-            running += _mm_cvtsd_f64(high);
-            running += _mm_cvtsd_f64(_mm_unpackhi_pd(high, high));
+        for (const float4 x : vectors) {
+            const float4 squares = x * x;
+            for (const double2 two :
+                 {to_doubles(squares), to_doubles(__builtin_shufflevector(squares, squares, 2, 3, 2, 3))}) {
+                running += two[0];
+                running += two[1];
+            }
         }
     }
     sum = running;
     return whole;
 }
 
-inline __m128 magnitudes(__m128 x) {
-    return _mm_and_ps(x, _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF)));
+inline float4 magnitudes(float4 x) {
+    return std::bit_cast<float4>(std::bit_cast<int4>(x) & 0x7FFFFFFF);
 }
 
-// `max` in this order leaves the peak alone where a sample is NaN.
-inline __m128 raise_peak(__m128 peaks, __m128 x) {
-    return _mm_max_ps(magnitudes(x), peaks);
+// A NaN leaves the peak alone.
+inline float4 raise_peak(float4 peaks, float4 x) {
+    const float4 all = magnitudes(x);
+    return all > peaks ? all : peaks;
 }
 
-inline float largest(__m128 x) {
-    float lanes[4];
-    _mm_storeu_ps(lanes, x);
-    return std::max({lanes[0], lanes[1], lanes[2], lanes[3]});
+inline float largest(float4 x) {
+    return std::max({x[0], x[1], x[2], x[3]});
 }
 
 inline void add_levels(level_sums& sums, const float* samples, int32_t count) {
-    __m128 peaks = _mm_set1_ps(sums.peak);
+    float4 peaks = float4{} + sums.peak;
     const int32_t done = add_squares(sums.squares, samples, count,
-                                     [&](int32_t, __m128 x, __m128 y) { peaks = raise_peak(raise_peak(peaks, x), y); });
+                                     [&](int32_t, float4 x, float4 y) { peaks = raise_peak(raise_peak(peaks, x), y); });
     sums.peak = largest(peaks);
     plain::add_levels(sums, samples + done, count - done);
 }
@@ -88,7 +89,7 @@ inline void add_levels(level_sums& sums, const float* samples, int32_t count) {
 // The sum of squares alone.
 inline double sum_of_squares(const float* samples, int32_t count) {
     level_sums sums;
-    const int32_t done = add_squares(sums.squares, samples, count, [](int32_t, __m128, __m128) {});
+    const int32_t done = add_squares(sums.squares, samples, count, [](int32_t, float4, float4) {});
     plain::add_levels(sums, samples + done, count - done);
     return sums.squares;
 }
@@ -96,16 +97,13 @@ inline double sum_of_squares(const float* samples, int32_t count) {
 // The sum of squares, and how many magnitudes lie above the threshold.
 inline double sum_of_squares(const float* samples, int32_t count, float threshold, int32_t& beyond) {
     level_sums sums;
-    const __m128 limit = _mm_set1_ps(threshold);
-    __m128i counts = _mm_setzero_si128();
-    const int32_t done = add_squares(sums.squares, samples, count, [&](int32_t, __m128 x, __m128 y) {
-        // A lane that is above is -1.
-        counts = _mm_sub_epi32(counts, _mm_castps_si128(_mm_cmpgt_ps(magnitudes(x), limit)));
-        counts = _mm_sub_epi32(counts, _mm_castps_si128(_mm_cmpgt_ps(magnitudes(y), limit)));
+    int4 counts{};
+    const int32_t done = add_squares(sums.squares, samples, count, [&](int32_t, float4 x, float4 y) {
+        counts -= magnitudes(x) > threshold; // a lane that is above is -1
+        counts -= magnitudes(y) > threshold;
     });
-    int32_t lanes[4];
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), counts);
-    beyond = lanes[0] + lanes[1] + lanes[2] + lanes[3] + plain::count_beyond(samples + done, count - done, threshold);
+    beyond =
+        counts[0] + counts[1] + counts[2] + counts[3] + plain::count_beyond(samples + done, count - done, threshold);
     plain::add_levels(sums, samples + done, count - done);
     return sums.squares;
 }

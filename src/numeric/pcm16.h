@@ -3,7 +3,6 @@
 
 #include "levels.h"
 
-#include <emmintrin.h>
 #include <stdint.h>
 
 #include <cmath>
@@ -30,21 +29,18 @@ inline void to_pcm16(const float* in, int32_t count, int16_t* out) {
 
 } // namespace plain
 
-// Eight samples whose magnitudes are below 65536: what lies beyond full scale is caught by the saturation to 16 bits.
-inline __m128i to_pcm16_lanes(__m128 x, __m128 y) {
-    const __m128 scale = _mm_set1_ps(pcm16_scale);
-    const __m128i low = _mm_cvttps_epi32(_mm_mul_ps(x, scale));
-    const __m128i high = _mm_cvttps_epi32(_mm_mul_ps(y, scale));
-    return _mm_max_epi16(_mm_packs_epi32(low, high), _mm_set1_epi16(-32767));
+// Eight samples whose magnitudes are below 65536.
+inline short8 to_pcm16(float4 x, float4 y) {
+    return to_shorts(x * pcm16_scale, y * pcm16_scale);
 }
 
 // Levels and 16-bit samples in one pass. Samples are taken to be ordinary; should the levels then tell that one was
 // NaN or 65536 and above, the 16-bit samples are made again.
 inline void measure_to_pcm16(level_sums& sums, const float* in, int32_t count, int16_t* out) {
-    __m128 peaks = _mm_set1_ps(sums.peak);
-    const int32_t done = add_squares(sums.squares, in, count, [&](int32_t i, __m128 x, __m128 y) {
+    float4 peaks = float4{} + sums.peak;
+    const int32_t done = add_squares(sums.squares, in, count, [&](int32_t i, float4 x, float4 y) {
         peaks = raise_peak(raise_peak(peaks, x), y);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), to_pcm16_lanes(x, y));
+        store(out + i, to_pcm16(x, y));
     });
     sums.peak = largest(peaks);
     plain::add_levels(sums, in + done, count - done);

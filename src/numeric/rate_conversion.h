@@ -1,7 +1,8 @@
 // Sample rate conversion of one block: copy, means of whole groups, or linear interpolation.
 #pragma once
 
-#include <emmintrin.h>
+#include "lanes.h"
+
 #include <stdint.h>
 
 #include <algorithm>
@@ -43,49 +44,46 @@ inline void interpolate_linear(const float* in, int32_t in_count, double step, i
 } // namespace plain
 
 // Four floats that lie `stride` apart.
-inline __m128 strided(const float* in, std::ptrdiff_t stride) {
-    return _mm_setr_ps(in[0], in[stride], in[2 * stride], in[3 * stride]);
+inline float4 strided(const float* in, std::ptrdiff_t stride) {
+    return float4{in[0], in[stride], in[2 * stride], in[3 * stride]};
 }
 
 // Two floats each from two places that lie `stride` apart.
-inline __m128 strided_pairs(const float* in, std::ptrdiff_t stride) {
-    const __m128 low = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(in));
-    return _mm_loadh_pi(low, reinterpret_cast<const __m64*>(in + stride));
+inline float4 strided_pairs(const float* in, std::ptrdiff_t stride) {
+    return __builtin_shufflevector(load<float2>(in), load<float2>(in + stride), 0, 1, 2, 3);
 }
 
 // Four groups at a time, one in each lane, taken two inputs at a time.
 inline void group_means_in_lanes(const float* in, int32_t ratio, float* out, int32_t count) {
     const std::ptrdiff_t stride = ratio;
-    const __m128 divisor = _mm_set1_ps(static_cast<float>(ratio));
+    const auto divisor = static_cast<float>(ratio);
     for (int32_t i = 0; i < count; i += 4) {
-        __m128 sum = _mm_setzero_ps();
+        float4 sum{};
         int32_t j = 0;
         for (; j + 1 < ratio; j += 2) {
-            const __m128 groups01 = strided_pairs(in + j, stride);
-            const __m128 groups23 = strided_pairs(in + j + 2 * stride, stride);
-            sum = _mm_add_ps(sum, _mm_shuffle_ps(groups01, groups23, _MM_SHUFFLE(2, 0, 2, 0)));
-            sum = _mm_add_ps(sum, _mm_shuffle_ps(groups01, groups23, _MM_SHUFFLE(3, 1, 3, 1)));
+            const float4 groups01 = strided_pairs(in + j, stride);
+            const float4 groups23 = strided_pairs(in + j + 2 * stride, stride);
+            sum += __builtin_shufflevector(groups01, groups23, 0, 2, 4, 6);
+            sum += __builtin_shufflevector(groups01, groups23, 1, 3, 5, 7);
         }
-        if (j < ratio) sum = _mm_add_ps(sum, strided(in + j, stride));
-        _mm_storeu_ps(out + i, _mm_div_ps(sum, divisor));
+        if (j < ratio) sum += strided(in + j, stride);
+        store(out + i, sum / divisor);
         in += 4 * stride;
     }
 }
 
 // The same for groups of three, which three vectors hold exactly four of: a0 b0 c0 a1, b1 c1 a2 b2, c2 a3 b3 c3.
 inline void means_of_three(const float* in, float* out, int32_t count) {
-    const __m128 divisor = _mm_set1_ps(3.0F);
     for (int32_t i = 0; i < count; i += 4) {
-        const __m128 v0 = _mm_loadu_ps(in);
-        const __m128 v1 = _mm_loadu_ps(in + 4);
-        const __m128 v2 = _mm_loadu_ps(in + 8);
-        const __m128 bcbc01 = _mm_shuffle_ps(v0, v1, _MM_SHUFFLE(1, 0, 2, 1));
-        const __m128 abab23 = _mm_shuffle_ps(v1, v2, _MM_SHUFFLE(2, 1, 3, 2));
-        const __m128 a = _mm_shuffle_ps(v0, abab23, _MM_SHUFFLE(2, 0, 3, 0));
-        const __m128 b = _mm_shuffle_ps(bcbc01, abab23, _MM_SHUFFLE(3, 1, 2, 0));
-        const __m128 c = _mm_shuffle_ps(bcbc01, v2, _MM_SHUFFLE(3, 0, 3, 1));
-        const __m128 sum = _mm_add_ps(_mm_add_ps(_mm_add_ps(_mm_setzero_ps(), a), b), c);
-        _mm_storeu_ps(out + i, _mm_div_ps(sum, divisor));
+        const auto v0 = load<float4>(in);
+        const auto v1 = load<float4>(in + 4);
+        const auto v2 = load<float4>(in + 8);
+        const float4 bcbc01 = __builtin_shufflevector(v0, v1, 1, 2, 4, 5);
+        const float4 abab23 = __builtin_shufflevector(v1, v2, 2, 3, 5, 6);
+        const float4 a = __builtin_shufflevector(v0, abab23, 0, 3, 4, 6);
+        const float4 b = __builtin_shufflevector(bcbc01, abab23, 0, 2, 5, 7);
+        const float4 c = __builtin_shufflevector(bcbc01, v2, 1, 3, 4, 7);
+        store(out + i, (0.0F + a + b + c) / 3.0F);
         in += 12;
     }
 }
@@ -116,49 +114,38 @@ inline void group_means(const float* in, int32_t ratio, float* out, int32_t coun
 // precision. Returns how many outputs, from the first of the block, are done. Of the `in_count / step` outputs at most
 // only the last of them all can be without a neighbour, at a step of 1.
 inline int32_t interpolate_at_whole_steps(const float* in, int32_t in_count, int32_t step, float* out, int32_t count) {
-    const __m128 nothing = _mm_setzero_ps();
     const int32_t whole = std::min(count, in_count - 1) & ~3;
     for (int32_t i = 0; i < whole; i += 4) {
         const float* left = in + static_cast<std::ptrdiff_t>(i) * step;
-        __m128 x0 = _mm_loadu_ps(left);
-        __m128 x1 = _mm_loadu_ps(left + 1);
+        auto x0 = load<float4>(left);
+        auto x1 = load<float4>(left + 1);
         if (step > 1) {
-            const __m128 pairs01 = strided_pairs(left, step);
-            const __m128 pairs23 = strided_pairs(left + 2 * static_cast<std::ptrdiff_t>(step), step);
-            x0 = _mm_shuffle_ps(pairs01, pairs23, _MM_SHUFFLE(2, 0, 2, 0));
-            x1 = _mm_shuffle_ps(pairs01, pairs23, _MM_SHUFFLE(3, 1, 3, 1));
+            const float4 pairs01 = strided_pairs(left, step);
+            const float4 pairs23 = strided_pairs(left + 2 * static_cast<std::ptrdiff_t>(step), step);
+            x0 = __builtin_shufflevector(pairs01, pairs23, 0, 2, 4, 6);
+            x1 = __builtin_shufflevector(pairs01, pairs23, 1, 3, 5, 7);
         }
-        _mm_storeu_ps(out + i, _mm_add_ps(x0, _mm_mul_ps(nothing, x1)));
+        store(out + i, x0 + 0.0F * x1);
     }
     return whole;
-}
-
-// A sample and its right-hand neighbour, in double precision.
-inline __m128d load_pair(const float* in) {
-    return _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(in))));
 }
 
 // Two outputs at a time until the right-hand neighbour is past the end.
 inline void interpolate_linear(const float* in, int32_t in_count, double step, int32_t first, float* out,
                                int32_t count) {
-    const __m128d steps = _mm_set1_pd(step);
-    const __m128d one = _mm_set1_pd(1.0);
-    __m128d index = _mm_setr_pd(static_cast<double>(first), static_cast<double>(first) + 1.0);
+    double2 index = {static_cast<double>(first), static_cast<double>(first) + 1.0};
     int32_t i = 0;
     for (; i + 1 < count; i += 2) {
-        const __m128d position = _mm_mul_pd(index, steps);
-        const __m128i left = _mm_cvttpd_epi32(position);
-        const auto both = static_cast<uint64_t>(_mm_cvtsi128_si64(left));
-        const auto left0 = static_cast<int32_t>(static_cast<uint32_t>(both));
-        const auto left1 = static_cast<int32_t>(both >> 32U);
-        if (left1 + 1 >= in_count) break;
-        const __m128d fraction = _mm_sub_pd(position, _mm_cvtepi32_pd(left));
-        const __m128d pair0 = load_pair(in + left0);
-        const __m128d pair1 = load_pair(in + left1);
-        const __m128d near = _mm_mul_pd(_mm_unpacklo_pd(pair0, pair1), _mm_sub_pd(one, fraction));
-        const __m128d far = _mm_mul_pd(fraction, _mm_unpackhi_pd(pair0, pair1));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), _mm_castps_si128(_mm_cvtpd_ps(_mm_add_pd(near, far))));
-        index = _mm_add_pd(index, _mm_set1_pd(2.0));
+        const double2 position = index * step;
+        const whole_numbers left = truncate(position);
+        if (left.second + 1 >= in_count) break;
+        const double2 fraction = position - left.both;
+        const double2 pair0 = load_doubles(in + left.first);
+        const double2 pair1 = load_doubles(in + left.second);
+        const double2 near = __builtin_shufflevector(pair0, pair1, 0, 2) * (1.0 - fraction);
+        const double2 far = fraction * __builtin_shufflevector(pair0, pair1, 1, 3);
+        store_floats(out + i, near + far);
+        index += 2.0;
     }
     plain::interpolate_linear(in, in_count, step, first + i, out + i, count - i);
 }

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <functional>
 #include <limits>
 
@@ -229,6 +230,66 @@ TEST(scaling_to_the_range_of_16_bits, stays_within_its_buffers_and_comes_back) {
         for (int32_t i = 0; i < count; ++i)
             EXPECT_EQ(out.data()[i], in.data()[i] * 32767.0F / 32767.0F);
     }
+}
+
+// FNV-1a over the bits of numbers. Which NaN comes out of a calculation is the processor's choice.
+class digest {
+public:
+    void add(double number) {
+        for (uint64_t bits = std::isnan(number) ? 1 : std::bit_cast<uint64_t>(number), i = 0; i < 8; ++i, bits >>= 8U)
+            value_ = (value_ ^ (bits & 0xFFU)) * 0x100000001B3U;
+    }
+
+    template <typename Number>
+    void add(const std::vector<Number>& numbers) {
+        for (const Number number : numbers)
+            add(static_cast<double>(number));
+    }
+
+    uint64_t value() const { return value_; }
+
+private:
+    uint64_t value_ = 0xCBF29CE484222325U;
+};
+
+TEST(all_loops, give_the_same_bits_on_every_processor) {
+    std::mt19937 random(9);
+    digest results;
+    for (int block = 0; block < 3000; ++block) {
+        const auto length = static_cast<size_t>(1 + block % 500);
+        const auto count = static_cast<int32_t>(length);
+        const float amplitude = signals::amplitudes()[random() % signals::amplitudes().size()];
+        const auto samples = signals::hostile(random, length, amplitude);
+
+        numeric::level_sums sums;
+        std::vector<int16_t> pcm(length);
+        numeric::measure_to_pcm16(sums, samples.data(), count, pcm.data());
+        int32_t beyond = 0;
+        results.add(numeric::sum_of_squares(samples.data(), count, 0.95F, beyond));
+        results.add(beyond);
+        results.add(sums.peak);
+        results.add(numeric::root_mean_square(sums.squares, count));
+        results.add(pcm);
+
+        const int32_t ratio = 2 + block % 7;
+        std::vector<float> means(length / static_cast<size_t>(ratio));
+        numeric::group_means(samples.data(), ratio, means.data(), count / ratio);
+        results.add(means);
+
+        const double step = 0.3 + 0.1 * (block % 60);
+        std::vector<float> resampled(4 * length);
+        resampled.resize(static_cast<size_t>(numeric::resampled_count(count, step, 4 * count)));
+        numeric::resample(samples.data(), count, step, resampled.data(), static_cast<int32_t>(resampled.size()));
+        results.add(resampled);
+
+        std::vector<float> changed = samples;
+        numeric::subtract_previous(changed.data(), count, 0.95F);
+        numeric::multiply(changed.data(), count, 0.7F);
+        numeric::scale_to_pcm16_range(changed.data(), count, changed.data());
+        numeric::scale_from_pcm16_range(changed.data(), count, changed.data());
+        results.add(changed);
+    }
+    EXPECT_EQ(results.value(), 3726137804310170453U);
 }
 
 } // namespace

@@ -31,6 +31,7 @@ ELSEWHERE = {
     r"scripts/lint": ("scripts/test", "scripts/lint"),
     r"scripts/soak.*": ("scripts/test", "scripts/soak --short"),
     r"scripts/coverage": ("scripts/test", "scripts/coverage"),
+    r"scripts/arm64": ("scripts/test", "scripts/arm64"),
     r"scripts/fuzz.*": ("scripts/test", "scripts/fuzz 20"),
     r"scripts/mutate.*": ("scripts/test", "scripts/mutate --sample"),
     r"scripts/bench": ("docs/performance.md", "    scripts/bench --benchmark_filter="),

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Holds a built shared object against its promises: exports, names, needs, hardening, arithmetic.
-# Usage: check_library.sh LIBRARY HEADER MAP COMPILER   (GNU or Clang)
+# Usage: check_library.sh LIBRARY HEADER MAP COMPILER OBJDUMP   (GNU or Clang, and what reads its code)
 set -euo pipefail
-library=$1 header=$2 map=$3 compiler=$4
+library=$1 header=$2 map=$3 compiler=$4 objdump=$5
 failures=0
 
 expect() { # what, expected, actual
@@ -14,14 +14,20 @@ expect() { # what, expected, actual
   fi
 }
 
+case $(readelf -h "$library") in
+  *AArch64*) loader=ld-linux-aarch64.so.1 canary=$loader # where the stack's guard is
+     multiplies=fmul others='^(fn?m(add|sub)|fml[as])' control='^msr.*fpcr' protection=paciasp ;;
+  *) loader=ld-linux-x86-64.so.2 canary=
+     multiplies=mulss others='^v|fmadd|fmsub|fnmadd|fnmsub' control='^(ldmxcsr|fldcw|fldenv|fxrstor|frstor)' protection= ;;
+esac
 name=$(basename "$header" .h)
 case $name in
   wrapper_audio)
     functions=27
-    needs=(libc.so.6 libm.so.6 libportaudio.so.2 librnnoise.so.0) ;;
+    needs=(${canary:+"$canary"} libc.so.6 libm.so.6 libportaudio.so.2 librnnoise.so.0) ;;
   wrapper_audio_recorder)
     functions=53
-    needs=(ld-linux-x86-64.so.2 libasound.so.2 libc.so.6 libgcc_s.so.1 libm.so.6 libportaudio.so.2 librnnoise.so.0
+    needs=("$loader" libasound.so.2 libc.so.6 libgcc_s.so.1 libm.so.6 libportaudio.so.2 librnnoise.so.0
            libsoxr.so.0 libstdc++.so.6 libwrapper_audio.so.1) ;;
   *) echo "FAILED: what does $name promise?"; exit 1 ;;
 esac
@@ -57,9 +63,10 @@ else
   expect "stays loaded" 1 "$(grep -c 'FLAGS_1.*NODELETE' <<<"$dynamic" || true)"
 fi
 
-code=$(objdump -d --no-show-raw-insn "$library" | awk -F'\t' 'NF > 1 {print $2}' | awk '{print $1}' | sort -u)
-expect "the disassembly was understood" mulss "$(grep -x mulss <<<"$code")"
-expect "multiplies and adds apart, with SSE2 alone" "" "$(grep -E '^v|fmadd|fmsub|fnmadd|fnmsub' <<<"$code" || true)"
-expect "leaves the host's floating-point control alone" "" "$(grep -E '^(ldmxcsr|fldcw|fldenv|fxrstor|frstor)' <<<"$code" || true)"
+code=$("$objdump" -d --no-show-raw-insn "$library" | awk -F'\t' 'NF > 1 {print $2, $3}' | sort -u)
+expect "the disassembly was understood" "$multiplies" "$(grep -o "^$multiplies\b" <<<"$code" | sort -u)"
+expect "return addresses are signed where the processor can" "$protection" "$(grep -ox "paciasp *" <<<"$code" | tr -d ' ' || true)"
+expect "multiplies and adds apart, with what every processor of its kind has" "" "$(grep -E "$others" <<<"$code" || true)"
+expect "leaves the host's floating-point control alone" "" "$(grep -E "$control" <<<"$code" || true)"
 
 exit $((failures > 0))

@@ -61,8 +61,10 @@ TEST(levels, of_no_samples_change_nothing) {
     for (const int32_t count : {0, -1, -8, std::numeric_limits<int32_t>::min()}) {
         numeric::level_sums sums{0.5F, 2.0};
         numeric::add_levels(sums, nullptr, count);
+        numeric::measure_to_pcm16(sums, nullptr, count, nullptr);
         EXPECT_EQ(sums.peak, 0.5F);
         EXPECT_EQ(sums.squares, 2.0);
+        EXPECT_EQ(numeric::sum_of_squares(nullptr, count), 0.0);
         int32_t beyond = 7;
         EXPECT_EQ(numeric::sum_of_squares(nullptr, count, 0.5F, beyond), 0.0);
         EXPECT_EQ(beyond, 0);

@@ -231,7 +231,8 @@ typedef struct wrapper_audio_recorder_options {
                                wrapper_audio_recorder_read_both_f32(); needs `denoise` above 0.0 */
     int32_t reconnect;    /**< 1: a device that fails or is unplugged while recording does not end the recording. It is
                                waited for, or opened as the default input device, whichever that is then; the time
-                               in between counts as dropped samples. Reads time out meanwhile: only those without a
+                               in between counts as dropped samples. So does one that has delivered nothing for 5 s,
+                               or for `stall_ms` if that is longer. Reads time out meanwhile: only those without a
                                timeout return NO_DATA. */
     int32_t reserved[8];  /**< must be 0 */
 } wrapper_audio_recorder_options;
@@ -392,8 +393,8 @@ typedef enum wrapper_audio_signal {
                                            not, its level is too low to record anybody well. */
     WRAPPER_AUDIO_SIGNAL_CLIPPING = 5, /**< in each tenth of the last 2.5 s one sample in a hundred, or more, was at full
                                             scale */
-    WRAPPER_AUDIO_SIGNAL_LOST = 6      /**< with `reconnect`: the device has failed or is gone, and has not delivered
-                                            anything since. It takes 0.5 s at least. */
+    WRAPPER_AUDIO_SIGNAL_LOST = 6      /**< with `reconnect`: the device has failed, hangs or is gone, and has not
+                                            delivered anything since. It takes 0.5 s at least. */
 } wrapper_audio_signal;
 
 /**

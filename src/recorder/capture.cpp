@@ -2,6 +2,7 @@
 
 #include "numeric/levels.h"
 #include "sample_format.h"
+#include "text.h"
 #include "threads.h"
 
 #include <algorithm>
@@ -16,25 +17,38 @@ namespace {
 // For a device that was lost. Listing the devices takes some of a processor, and a stop waits no longer than this.
 constexpr std::chrono::milliseconds retry_interval{500};
 
+// How long a device may deliver nothing before it is as lost as one that failed, unless the host has more patience. Each
+// reader that still hangs in a device doubles it, so that a device of which no stream delivers costs few threads.
+constexpr std::chrono::seconds hang_patience{5};
+
 } // namespace
 
 // ---- Opening ----
 
 capture::~capture() {
-    if (thread_.joinable()) thread_.detach(); // it may be this one
+    for (std::thread* each : {&thread_, &watchdog_}) // it may be this one
+        if (each->joinable()) each->detach();
 }
 
 // The thread has nothing left to do. Releases the lock for a moment.
 void capture::join(std::unique_lock<std::mutex>& hold) {
     std::thread thread = std::move(thread_);
+    std::thread watchdog = std::move(watchdog_);
     hold.unlock();
-    if (thread.joinable()) thread.join();
+    for (std::thread* each : {&thread, &watchdog})
+        if (each->joinable()) each->join();
     hold.lock();
+}
+
+// The thread waits for the lock, which the caller holds.
+void capture::start_reader(bool takes_over) {
+    thread_ = start_thread([self = shared_from_this(), takes_over] { self->run(takes_over); });
+    reader_ = thread_.get_id();
 }
 
 void capture::open() {
     std::unique_lock hold{mutex_};
-    thread_ = start_thread([self = shared_from_this()] { self->run(); });
+    start_reader(false);
     const auto patience = opening_patience + stopping_patience;
     // With a buffer the device has opened. It may have failed by now, and hang while it is given back.
     const auto is_over = [&] { return buffer_ || thread_gone_ || left_behind_; };
@@ -49,28 +63,40 @@ void capture::open() {
     if (!buffer_) throw ended_by_;
 }
 
-void capture::run() noexcept {
+void capture::run(bool takes_over) noexcept {
     log::scope log;
     std::optional<microphone> opened;
     failure reason{WRAPPER_AUDIO_STOPPED};
     try {
-        open_device(opened, log, opening_patience);
-        begin(*opened);
-        while (listen(*opened, log) && find_device(opened, log)) {
+        if (takes_over) {
+            lose_device(failure{WRAPPER_AUDIO_DEVICE_FAILED, valid_utf8(device().id) + " failed: it hangs"});
+        } else {
+            open_device(opened, log, opening_patience);
+            begin(*opened);
+        }
+        while ((!opened || listen(*opened, log)) && find_device(opened, log)) {
         }
     } catch (failure& failed) {
         reason = std::move(failed);
     } catch (...) { // no memory
         reason.status = WRAPPER_AUDIO_OUT_OF_MEMORY;
     }
-    end(std::move(reason));
+    std::unique_lock hold{mutex_};
+    const bool was_replaced = is_replaced();
+    if (!was_replaced) is_reading_ = false; // so that nobody replaces it any more
+    hold.unlock();
+    if (!was_replaced) end(std::move(reason));
     if (opened) {
         const audio_system_lock lock;
         opened.reset();
     }
-    const std::lock_guard hold{mutex_};
-    thread_gone_ = true;
-    if (left_behind_) count_abandoned(-1);
+    hold.lock();
+    if (was_replaced) {
+        --replaced_readers_;
+    } else {
+        thread_gone_ = true;
+    }
+    if (was_replaced || left_behind_) count_abandoned(-1);
     changed_.notify_all();
 }
 
@@ -104,6 +130,7 @@ void capture::begin(const microphone& opened) {
                       : opened.rate() == denoiser_rate ? WRAPPER_AUDIO_DENOISING_NATIVE
                                                        : WRAPPER_AUDIO_DENOISING_CONVERTED;
     if (!buffer_) {
+        if (options_.reconnect != 0) watchdog_ = start_thread([self = shared_from_this()] { self->watch(); });
         largest_step_ = in_samples(microphone::block_ms) + chain_->delay() + 1;
         const std::size_t capacity = in_samples(options_.buffer_ms) + largest_step_;
         if (options_.undenoised != 0) undenoised_buffer_.emplace(capacity);
@@ -150,11 +177,13 @@ bool capture::runs_ahead(bool has_room) const {
 // Whether to continue reading. A file waits for the host; nothing else does.
 bool capture::may_read() {
     std::unique_lock hold{mutex_};
+    if (is_replaced()) return false;
     const auto has_room = [&] { return buffer_->room() >= largest_step_; };
     is_file_ = is_file_ || runs_ahead(has_room());
     if (is_file_) changed_.wait(hold, [&] { return stop_requested_ || has_room(); });
     waits_since_ = last_request_ = clock::now();
-    return !stop_requested_;
+    is_reading_ = !stop_requested_;
+    return is_reading_;
 }
 
 void capture::keep(std::span<const int16_t> pcm) {
@@ -163,8 +192,9 @@ void capture::keep(std::span<const int16_t> pcm) {
     const auto first = now - std::chrono::nanoseconds(1s) * pcm.size() / info_.device_rate;
     {
         const std::lock_guard hold{mutex_};
+        if (ended_ || is_replaced()) return; // while this thread hung in the device
         waits_since_.reset();
-        if (ended_) return; // stopped while this thread hung in the device
+        is_reading_ = false;
         if (is_lost_) lose_until(first);
         is_lost_ = false;
         if (info_.captured == captured_before_) placed_before_ = buffer_->end_position();
@@ -243,6 +273,7 @@ void capture::end(failure reason) {
     ended_ = true;
     ended_by_ = std::move(reason);
     changed_.notify_all();
+    over_.notify_all();
 }
 
 // ---- A device that was lost ----
@@ -250,10 +281,13 @@ void capture::end(failure reason) {
 // What was recorded before can be read at once. The next device may run at another rate, with a chain of its own.
 void capture::lose_device(failure reason) {
     const std::lock_guard chain{chain_mutex_};
+    std::unique_lock hold{mutex_};
+    if (ended_ || is_replaced()) return; // while this thread hung in the device
+    is_reading_ = false;
+    hold.unlock();
     flush();
     chain_.reset();
-    const std::lock_guard hold{mutex_};
-    if (ended_) return; // stopped while this thread hung in the device
+    hold.lock();
     is_lost_ = true;
     lost_by_ = std::move(reason);
     changed_.notify_all();
@@ -277,12 +311,47 @@ bool capture::find_device(std::optional<microphone>& opened, log::scope& log) {
     return false;
 }
 
-// Until the next attempt. Returns false when the recording is stopped.
+// Until the next attempt. Returns false when the recording is stopped, or belongs to another thread.
 bool capture::waits_for_device() {
     std::unique_lock hold{mutex_};
+    if (is_replaced()) return false;
     changed_.wait_for(hold, retry_interval, [&] { return stop_requested_; });
     lose_until(clock::now());
     return !stop_requested_;
+}
+
+// On a thread of its own: a device that hangs is as lost as one that failed, and only its reader cannot know.
+void capture::watch() {
+    using namespace std::chrono;
+    std::unique_lock hold{mutex_};
+    clock::time_point request;
+    seconds waited{0}; // counted, as a process that was suspended has not waited
+    while (!over_.wait_for(hold, 1s, [&] { return stop_requested_ || ended_; })) {
+        waited = is_reading_ && last_request_ == request ? waited + 1s : 0s;
+        request = last_request_;
+        const auto patience = std::max<milliseconds>(hang_patience, milliseconds(options_.stall_ms));
+        if (waited >= patience * (int64_t{1} << std::min(replaced_readers_, 32U))) replace_reader();
+    }
+}
+
+// Needs the lock.
+void capture::replace_reader() {
+    std::thread replaced = std::move(thread_);
+    try {
+        start_reader(true);
+    } catch (...) { // no more threads: another time there may be
+        thread_ = std::move(replaced);
+        return;
+    }
+    replaced.detach();
+    is_reading_ = false;
+    ++replaced_readers_;
+    count_abandoned(1);
+}
+
+// Whether another thread has taken over. Needs the lock.
+bool capture::is_replaced() const {
+    return reader_ != std::this_thread::get_id();
 }
 
 // ---- The host's side ----
@@ -385,6 +454,7 @@ wrapper_audio_status capture::stop() {
         stopped_ = true;
         stop_requested_ = true;
         changed_.notify_all();
+        over_.notify_all();
         if (changed_.wait_for(hold, stopping_patience, [&] { return thread_gone_; })) {
             join(hold);
             return WRAPPER_AUDIO_OK;

@@ -58,7 +58,8 @@ private:
     using milliseconds = std::chrono::milliseconds;
 
     void join(std::unique_lock<std::mutex>& hold);
-    void run() noexcept;
+    void start_reader(bool takes_over);
+    void run(bool takes_over) noexcept;
     void open_device(std::optional<microphone>& opened, log::scope& log, milliseconds patience);
     void begin(const microphone& opened);
     bool listen(microphone& opened, log::scope& log);
@@ -72,6 +73,9 @@ private:
     void lose_device(failure reason);
     bool find_device(std::optional<microphone>& opened, log::scope& log);
     bool waits_for_device();
+    void watch();
+    void replace_reader();
+    bool is_replaced() const;
     void leave_behind();
     bool runs_ahead(bool has_room) const;
     std::optional<clock::time_point> stalls_at(bool has_limit) const; // for a read
@@ -88,7 +92,12 @@ private:
 
     mutable std::mutex mutex_; // protects all that follows
     std::condition_variable changed_;
-    std::thread thread_;
+    std::thread thread_; // which reads the device
+    std::thread::id reader_;
+    std::thread watchdog_;         // with `reconnect`
+    std::condition_variable over_; // for the watchdog: stopped, or ended
+    bool is_reading_ = false;
+    uint32_t replaced_readers_ = 0; // which still hang
     bool ended_ = false;
     bool stop_requested_ = false;
     bool stopped_ = false;

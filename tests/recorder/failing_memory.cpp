@@ -74,6 +74,10 @@ void refuse_thread(int after) {
     g_threads_left = after;
 }
 
+int threads_left() {
+    return g_threads_left;
+}
+
 void refuse_of_libc(bool refuse) {
     g_refuses_of_libc = refuse;
 }

@@ -16,6 +16,9 @@ int live();
 // The next thread cannot be had, or the one after so many others.
 void refuse_thread(int after);
 
+// How many can be had before that; below 0 once it was refused.
+int threads_left();
+
 // While it is so, the C library has neither streams of the caller's own nor locales.
 void refuse_of_libc(bool refuse);
 

@@ -446,21 +446,36 @@ TEST_F(without_libc, lines_of_the_core_reach_the_host_and_letters_beyond_ascii_d
 
 TEST_F(recorder_faults, of_a_thread_that_cannot_be_had_are_survived) {
     good_run(0.0F);
-    for (const int others : {0, 1}) {
+    for (const int others : {0, 1, 2}) {
         begin(0.0F);
+        options_.reconnect = others == 2 ? 1 : 0; // its watchdog's
         failing_memory::refuse_thread(others);
         sigset_t before;
         pthread_sigmask(SIG_SETMASK, nullptr, &before);
         const journey seen = run();
         EXPECT_EQ(seen.list, others == 0 ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_OK);
-        EXPECT_EQ(seen.opened, others == 1 ? WRAPPER_AUDIO_OUT_OF_MEMORY : WRAPPER_AUDIO_OK);
         EXPECT_EQ(seen.reason.empty(), others == 0);
+        EXPECT_EQ(seen.opened, others == 0 ? WRAPPER_AUDIO_OK : WRAPPER_AUDIO_OUT_OF_MEMORY);
         sigset_t after;
         pthread_sigmask(SIG_SETMASK, nullptr, &after);
         EXPECT_EQ(sigismember(&before, SIGINT), sigismember(&after, SIGINT)) << "the host's signals stay blocked";
         expect_good_calls();
         expect_nothing_left();
     }
+}
+
+TEST_F(recorder_faults, of_the_thread_that_replaces_one_that_hangs_are_survived) {
+    begin(0.0F);
+    options_.reconnect = 1;
+    microphone.hang_after(block);
+    record(options_);
+    ASSERT_TRUE(has_captured(block));
+    failing_memory::refuse_thread(0);
+    test_clock::let_waits_pass(true);
+    EXPECT_TRUE(soon([] { return failing_memory::threads_left() < 0; })) << "it was wanted";
+    EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 1; })) << "later there was one";
+    microphone.go_on();
+    EXPECT_TRUE(soon([this] { return info().captured > block; }));
 }
 
 } // namespace

@@ -45,9 +45,9 @@ protected:
         microphone.fail_after(UINT64_MAX);
     }
 
-    // Until the time of the next attempt, which does not come by itself.
+    // Until the time of the next attempt, which does not come by itself. The recorder's watchdog waits all the time.
     bool waits() const {
-        return soon([this] { return signal() == WRAPPER_AUDIO_SIGNAL_LOST && test_clock::waiting() > 0; });
+        return soon([this] { return signal() == WRAPPER_AUDIO_SIGNAL_LOST && test_clock::waiting() > 1; });
     }
 
     // Lets this time pass, and then it delivers so many samples.
@@ -286,6 +286,168 @@ TEST_F(lost_device, may_be_lost_again_and_again_and_every_sample_counts) {
     EXPECT_NEAR(all.block.dropped, (elapsed.count() - 22 * 0.03) * 44100, 21) << "less than a sample each";
 }
 
+// ---- Devices that hang ----
+
+class hung_device : public lost_device {
+protected:
+    void SetUp() override {
+        lost_device::SetUp();
+        world().device_read = [this](const fake::stream& from, float* samples, unsigned long count) -> PaError {
+            if (from.number > hung_streams || from.delivered < delivered) return microphone(from, samples, count);
+            place.pass();
+            return outcome;
+        };
+    }
+
+    // Records what the first stream delivers, and lets its reader be replaced.
+    void record_and_hang(wrapper_audio_recorder_options options) {
+        options.reconnect = 1;
+        record(options);
+        place.wait_for_somebody();
+        test_clock::let_waits_pass(true);
+        ASSERT_TRUE(soon([this] { return signal() == WRAPPER_AUDIO_SIGNAL_LOST; }));
+    }
+
+    // Waits until another stream has delivered so many samples.
+    void find(uint64_t samples) {
+        microphone.hang_after(samples);
+        ASSERT_TRUE(has_captured(info().captured + samples));
+        test_clock::let_waits_pass(false);
+    }
+
+    static int streams_opened() {
+        const std::lock_guard hold{world().guard};
+        return world().streams_opened;
+    }
+
+    std::atomic<int> hung_streams{1};
+    uint64_t delivered = 10 * block; // by each of them
+    std::atomic<PaError> outcome{paNoError};
+};
+
+TEST_F(hung_device, is_lost_and_opened_again_while_its_reader_hangs) {
+    record({.rate = 48000, .reconnect = 1});
+    place.wait_for_somebody();
+    const auto hung = std::chrono::steady_clock::now();
+    const reading before = read(10 * block);
+    EXPECT_EQ(before.pcm, microphone.expected(0, 10 * block));
+    microphone.hang_after(2 * block);
+    test_clock::let_waits_pass(true);
+    ASSERT_TRUE(soon([this] { return signal() == WRAPPER_AUDIO_SIGNAL_LOST; }));
+    EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_REASON), "Host:Mic failed: it hangs");
+    const auto replaced = std::chrono::steady_clock::now() - hung;
+    EXPECT_GE(replaced, milliseconds(5000));
+    EXPECT_LE(replaced, milliseconds(8000));
+    ASSERT_TRUE(has_captured(12 * block));
+    test_clock::let_waits_pass(false);
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+    const std::chrono::duration<double> away = std::chrono::steady_clock::now() - hung;
+
+    const reading behind = read(2 * block);
+    EXPECT_EQ(behind.pcm, microphone.expected(0, 2 * block));
+    EXPECT_NEAR(behind.block.dropped / 48000.0, away.count() - 0.06, 1.5) << "the clock may have passed it by a wait";
+    EXPECT_EQ(behind.block.dropped_at, 0U);
+    EXPECT_EQ(behind.block.position, 10 * block + behind.block.dropped);
+}
+
+// Whatever the old stream does in the end, only the new one is heard.
+TEST_F(hung_device, that_returns_after_all_is_closed_and_changes_nothing) {
+    for (const bool is_back : {false, true}) {
+        for (const PaError error : {paNoError, paUnanticipatedHostError}) {
+            outcome = error;
+            place.close();
+            hung_streams = streams_opened() + (is_back ? 1 : 100);
+            ASSERT_NO_FATAL_FAILURE(record_and_hang({.rate = 48000}));
+            if (is_back) {
+                ASSERT_NO_FATAL_FAILURE(find(block));
+            }
+            test_clock::let_waits_pass(false);
+            const uint64_t captured = info().captured;
+            const std::string reason = text(WRAPPER_AUDIO_TEXT_REASON);
+            const uint32_t hanging = wrapper_audio_abandoned_threads();
+            EXPECT_GE(hanging, 1U);
+            hung_streams = 0;
+            microphone.hang_after(is_back ? 3 * block : 0);
+            place.open();
+            EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
+            EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_REASON), reason);
+            if (is_back) {
+                ASSERT_TRUE(has_captured(captured + 2 * block));
+                EXPECT_EQ(read(10 * block).status, WRAPPER_AUDIO_OK);
+                EXPECT_EQ(read(3 * block).pcm, microphone.expected(0, 3 * block));
+            } else {
+                test_clock::let_waits_pass(true);
+                ASSERT_NO_FATAL_FAILURE(find(block));
+                EXPECT_EQ(read(11 * block).status, WRAPPER_AUDIO_OK);
+            }
+            microphone.go_on();
+            EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK);
+        }
+    }
+}
+
+TEST_F(hung_device, of_which_no_stream_delivers_costs_a_thread_each_time_after_twice_as_long) {
+    delivered = 0;
+    hung_streams = 1000;
+    for (const auto& [stall_ms, first] : {std::pair{0, 5.0}, std::pair{12000, 12.0}}) {
+        const int opened = streams_opened();
+        record({.rate = 48000, .stall_ms = stall_ms, .reconnect = 1});
+        auto last = std::chrono::steady_clock::now();
+        double patience = first;
+        for (int streams = 2; streams <= 5; ++streams, patience *= 2) {
+            test_clock::let_waits_pass(true);
+            ASSERT_TRUE(soon([&] { return streams_opened() == opened + streams; }));
+            test_clock::let_waits_pass(false);
+            const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - last;
+            last = std::chrono::steady_clock::now();
+            EXPECT_GE(waited.count(), patience) << streams;
+            EXPECT_LE(waited.count(), patience + 5.0) << streams;
+        }
+        EXPECT_EQ(wrapper_audio_abandoned_threads(), 4U);
+        place.open();
+        wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
+        ASSERT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
+        place.close();
+    }
+}
+
+TEST_F(hung_device, is_not_one_that_a_suspended_process_did_not_ask) {
+    record({.rate = 48000, .reconnect = 1});
+    place.wait_for_somebody();
+    for (int times = 0; times < 3; ++times) {
+        test_clock::skip(std::chrono::minutes(1));
+        const timespec pause{0, 50000000}; // its watchdog looks
+        nanosleep(&pause, nullptr);
+    }
+    EXPECT_EQ(signal(), WRAPPER_AUDIO_SIGNAL_NO_DATA);
+    EXPECT_EQ(streams_opened(), 1);
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 0U);
+}
+
+TEST_F(hung_device, keeps_nobody_from_stopping) {
+    hung_streams = 100;
+    ASSERT_NO_FATAL_FAILURE(record_and_hang({.rate = 48000}));
+    ASSERT_TRUE(soon([] { return streams_opened() == 2; }));
+    ASSERT_TRUE(soon([this] { return info().captured == 20 * block; })) << "the second hangs, too";
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_AUDIO_SYSTEM_STUCK);
+    EXPECT_LE(std::chrono::steady_clock::now() - before, milliseconds(2000));
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 2U);
+    const reading all = read_to_end();
+    EXPECT_EQ(all.pcm.size(), 20 * block);
+    place.open();
+    EXPECT_TRUE(soon(no_device_is_held));
+    EXPECT_EQ(info().captured, 20 * block);
+
+    place.close();
+    hung_streams = streams_opened() + 1;
+    ASSERT_NO_FATAL_FAILURE(record_and_hang({.rate = 48000}));
+    ASSERT_NO_FATAL_FAILURE(find(block));
+    microphone.go_on();
+    EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK) << "of another reader";
+    EXPECT_EQ(wrapper_audio_abandoned_threads(), 1U);
+}
+
 // ---- PortAudio, which lists devices when it starts ----
 
 TEST_F(lost_device, is_looked_for_in_the_old_list_while_somebody_else_holds_it) {
@@ -335,7 +497,7 @@ TEST_F(lost_device, is_looked_for_by_each_of_its_recorders) {
     ASSERT_EQ(wrapper_audio_recorder_open(other, nullptr), WRAPPER_AUDIO_OK);
     ASSERT_NO_FATAL_FAILURE(record_and_lose(options, block));
     ASSERT_TRUE(soon(no_device_is_held)) << "PortAudio can begin anew";
-    ASSERT_TRUE(soon([] { return test_clock::waiting() == 2; }));
+    ASSERT_TRUE(soon([] { return test_clock::waiting() == 4; })) << "and their watchdogs";
     plug_in({device{"Other", 48000.0, 0}, device{}});
     {
         const std::lock_guard hold{world().guard};

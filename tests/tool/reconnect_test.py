@@ -87,14 +87,17 @@ class Reconnecting(HostTest):
         self.assertRegex(errors, rf"\A{LOST}\Z")
         self.assertEqual(len(self.recorded(16000)), 40 * 480)
 
-    def test_a_device_that_hangs_is_waited_for(self):
-        process = self.start("record", "--reconnect", self.file, microphone={**PACED, "MICROPHONE_STALLS_AFTER": "40"})
-        time.sleep(8)
-        self.assertIsNone(process.poll())
-        process.send_signal(signal.SIGINT)
-        _, errors = process.communicate(timeout=20)
-        self.assertEqual(process.returncode, FINE, errors)
-        self.assertIn("delivers nothing", errors)
+    def test_a_device_that_hangs_is_opened_again(self):
+        stalling = {**PACED, "MICROPHONE_STALLS_AFTER": "40", "MICROPHONE_RETURNS": "1"}
+        options = "--reconnect", "--fill-gaps", "--rate", 48000, "--seconds", 9
+        code, _, errors = self.record(*options, self.file, microphone=stalling)
+        said = re.fullmatch(".* delivers nothing.*\n" + LOST + BACK.format("replaced by silence"), errors)
+        self.assertTrue(code == FINE and said, errors)
+        self.assertIn(" failed: it hangs;", errors)
+        self.assertTrue(5 < float(said[1]) < 7.5, said[1])
+        samples = self.recorded(48000)
+        silent = [at for at, sample in enumerate(samples) if sample == 0]
+        self.assertEqual((len(samples), silent[0]), (9 * 48000, 57600), "40 blocks, and then nothing")
 
     def test_without_the_option_the_recording_ends(self):
         code, _, errors = self.record(self.file, microphone=RETURNING)

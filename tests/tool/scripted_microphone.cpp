@@ -4,7 +4,7 @@
  *
  *     MICROPHONE_PACED=1          a read takes as long as its sound lasts
  *     MICROPHONE_FAILS_AFTER=N    reads fail once N of them have gone well
- *     MICROPHONE_RETURNS=1        only one read fails then
+ *     MICROPHONE_RETURNS=1        only one read fails then, or blocks
  *     MICROPHONE_REFUSES=1        no stream opens
  *     MICROPHONE_LOCK=FILE        ALSA opens the default input for one process at a time, which locks this file
  *     MICROPHONE_ANSWER=N         ALSA answers with this error when the default input is opened; with
@@ -146,14 +146,17 @@ extern "C" int fdatasync(int descriptor) {
 }
 
 extern "C" PaError Pa_ReadStream(PaStream* stream, void* buffer, unsigned long frames) {
-    static int reads = 0;
-    const bool returns = has_failed && std::getenv("MICROPHONE_RETURNS") != nullptr;
-    if (!returns && is_over(std::getenv("MICROPHONE_FAILS_AFTER"), reads)) {
+    static std::atomic<int> reads{0}; // one that blocks is in a thread that others have replaced
+    static std::atomic<bool> has_blocked{false};
+    const bool returns = std::getenv("MICROPHONE_RETURNS") != nullptr;
+    if (!(returns && has_failed) && is_over(std::getenv("MICROPHONE_FAILS_AFTER"), reads)) {
         has_failed = true;
         return paUnanticipatedHostError;
     }
-    while (is_over(std::getenv("MICROPHONE_STALLS_AFTER"), reads))
-        std::this_thread::sleep_for(std::chrono::hours(1));
+    if (is_over(std::getenv("MICROPHONE_STALLS_AFTER"), reads) && !(has_blocked.exchange(true) && returns)) {
+        while (is_over(std::getenv("MICROPHONE_STALLS_AFTER"), reads))
+            std::this_thread::sleep_for(std::chrono::hours(1));
+    }
     ++reads;
     if (std::getenv("MICROPHONE_PACED") != nullptr) wait_for_sound(stream, frames);
     return next<decltype(Pa_ReadStream)>("Pa_ReadStream")(stream, buffer, frames);

@@ -234,6 +234,7 @@ TEST_F(recorder_threads, of_recordings_take_no_signals) {
     pthread_sigmask(SIG_SETMASK, nullptr, &before);
     record({});
     read(100);
+    wrapper_audio_recorder_stop(recorder); // which asks no more
     EXPECT_TRUE(all_blocked);
     sigset_t after;
     pthread_sigmask(SIG_SETMASK, nullptr, &after);

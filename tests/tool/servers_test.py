@@ -41,7 +41,7 @@ class ServerTest(HostTest):
                     result.addSuccess(self)
                 result.stopTest(self)
                 return result
-            print(f"{self.id()} is tried again:\n{failed[0][1]}", file=sys.stderr, flush=True)
+            print(f"\n{self.id()} is tried again:\n{failed[0][1]}", file=sys.stderr, flush=True)
         return super().run(result)
 
     def setUp(self):

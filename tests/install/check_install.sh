@@ -107,16 +107,21 @@ library="audio_capture_wrapper.cpp.o dsp_extensions.cpp.o"
 layer=$(cd "$source/src/recorder" && printf '%s.o ' *.cpp)
 for recorder in ON OFF; do
   rm -rf "$folder/build"
-  quietly cmake -S "$here/stranger" -B "$folder/build" -D "WRAPPER_AUDIO_SOURCE=$source" -D WRAPPER_AUDIO_RECORDER=$recorder
+  quietly cmake -S "$here/stranger" -B "$folder/build" -D "WRAPPER_AUDIO_SOURCE=$source" \
+    -D WRAPPER_AUDIO_RECORDER=$recorder -D CMAKE_INTERPROCEDURAL_OPTIMIZATION=$recorder
   quietly cmake --build "$folder/build"
   expected="$library stranger.cpp.o"
   [ "$recorder" = OFF ] || expected=$(xargs -n 1 <<<"$expected $layer recorder.cpp.o" | sort | xargs)
   [ "$(objects "$folder/build")" = "$expected" ] ||
     fail "a host that takes the source along (recorder layer $recorder) builds something else: $(objects "$folder/build")"
+  for object in $library; do # in which tests rename symbols
+    ! find "$folder/build" -name "$object" -exec readelf -SW {} + | grep 'gnu\.lto_' >"$folder/log" ||
+      fail "$object is no machine code with link-time optimisation"
+  done
   hears_the_same stranger "$folder/build/stranger"
   [ "$recorder" = OFF ] || hears_the_same recorder "$folder/build/recorder"
 done
-echo "ok: hosts that take the source along, with the recorder layer and without"
+echo "ok: hosts that take the source along, with the recorder layer and link-time optimisation and without"
 
 # Without the recorder layer the library needs PortAudio and RNNoise alone, and is built alone.
 mkdir "$folder/pkgconfig"

@@ -473,7 +473,7 @@ TEST_F(recorder_faults, of_the_thread_that_replaces_one_that_hangs_are_survived)
     failing_memory::refuse_thread(0);
     test_clock::let_waits_pass(true);
     EXPECT_TRUE(soon([] { return failing_memory::threads_left() < 0; })) << "it was wanted";
-    EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 1; })) << "later there was one";
+    EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() > 0; })) << "later there was one";
     microphone.go_on();
     EXPECT_TRUE(soon([this] { return info().captured > block; }));
 }

@@ -94,9 +94,9 @@ public:
         const std::lock_guard hold{mutex_};
         open_ = false;
     }
-    void wait_for_somebody() {
+    void wait_for_somebody(int count = 1) {
         std::unique_lock hold{mutex_};
-        changed_.wait(hold, [&] { return waiting_ > 0; });
+        changed_.wait(hold, [&] { return waiting_ >= count; });
     }
 
 private:

@@ -135,12 +135,12 @@ cat >"$libraries/package.json" <<END
 }
 END
 cp -R "$source"/bindings/node/{README.md,index.js,index.d.ts,lib} "$stage"
-python3 - "$source/bindings/node/package.json" "$stage/package.json" "$platform" "$version" <<'END'
+python3 - "$source/bindings/node/package.json" "$stage/package.json" "$version" <<'END'
 import json, sys
-read, written, platform, version = sys.argv[1:]
+read, written, version = sys.argv[1:]
 package = json.load(open(read))
 del package["devDependencies"], package["scripts"]
-package["optionalDependencies"] = {platform: version}
+package["optionalDependencies"] = {f"wrapper-audio-linux-{machine}": version for machine in package["cpu"]}
 json.dump(package, open(written, "w"), indent=2)
 END
 pack "$platform-$version.tgz" --transform 's|^\.|package|' -C "$libraries" .

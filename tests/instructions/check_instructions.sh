@@ -16,7 +16,7 @@ fi
 
 instructions() { # reads, denoise
   if [ ${#emulator[@]} -gt 0 ]; then
-    "${emulator[@]}" $one_at_a_time -d exec,nochain -D /dev/stdout "$count_reads" "$1" "$2" | grep -c '^Trace'
+    "${emulator[@]}" "$one_at_a_time" -d exec,nochain -D /dev/stdout "$count_reads" "$1" "$2" | grep -c '^Trace'
   else
     valgrind --tool=callgrind --callgrind-out-file=/dev/null "$count_reads" "$1" "$2" 2>&1 |
       sed -n 's/.*Collected : \([0-9]*\).*/\1/p'

@@ -6,11 +6,11 @@ set -euo pipefail
 packages=$(realpath "$1")
 here=$(cd "$(dirname "$0")" && pwd)
 source=$(realpath "$here/../..")
+. "$source/scripts/private-apt.sh"
 
 fail() { echo "FAILED: $*"; exit 1; }
 [ "$(id -u)" -eq 0 ] || fail "only root can make a clean root"
-# shellcheck disable=SC2016 # apt's own names
-archive=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Origin: Debian' 'Label: Debian' | head -n 1)
+archive=$(debian_archive)
 [ -n "$archive" ] || fail "no Debian archive is configured to make a clean root from"
 
 root=$(mktemp -d /tmp/wrapper-audio.XXXXXX)

@@ -122,6 +122,15 @@ void* operator new(std::size_t size) {
     return failing_memory::allocate(size);
 }
 
+// Which a sanitizer would otherwise bring, with blocks that are not ours to release.
+void* operator new(std::size_t size, const std::nothrow_t& /*unused*/) noexcept {
+    try {
+        return failing_memory::allocate(size);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
 void operator delete(void* memory) noexcept {
     failing_memory::release(memory);
 }

@@ -44,7 +44,7 @@ void capture::join(std::unique_lock<std::mutex>& hold) {
 void capture::start_reader(bool takes_over) {
     thread_ = start_thread([self = shared_from_this(), takes_over] { self->run(takes_over); });
     reader_ = thread_.get_id();
-}
+} // GCOVR_EXCL_BR_LINE: the action has been moved into the thread
 
 void capture::open() {
     std::unique_lock hold{mutex_};

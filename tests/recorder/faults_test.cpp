@@ -5,6 +5,7 @@
 #include "with_recorder.h"
 
 #include <cstdio>
+#include <filesystem>
 
 using failing_memory::in_layer;
 using fake::device;
@@ -462,6 +463,22 @@ TEST_F(recorder_faults, of_a_thread_that_cannot_be_had_are_survived) {
         expect_good_calls();
         expect_nothing_left();
     }
+}
+
+TEST_F(recorder_faults, of_memory_end_a_recording_that_was_to_reconnect_and_its_watchdog) {
+    begin(0.0F);
+    options_.reconnect = 1;
+    microphone.hang_after(block);
+    record(options_);
+    ASSERT_TRUE(has_captured(block));
+    failing_memory::fail(1);
+    microphone.go_on();
+    EXPECT_EQ(read_to_end().status, WRAPPER_AUDIO_OUT_OF_MEMORY);
+    failing_memory::fail(0);
+    EXPECT_TRUE(soon([] {
+        using threads = std::filesystem::directory_iterator;
+        return std::distance(threads("/proc/self/task"), threads()) == 1;
+    })) << "only the test's own is left";
 }
 
 TEST_F(recorder_faults, of_the_thread_that_replaces_one_that_hangs_are_survived) {

@@ -36,7 +36,7 @@ ELSEWHERE = {
     r"scripts/mutate.*": ("scripts/test", "scripts/mutate --sample"),
     r"scripts/bench": ("docs/performance.md", "    scripts/bench --benchmark_filter="),
     r"scripts/quality.*": ("tests/quality/measures_test.py", "vad.main()"),
-    r"scripts/package.*": ("scripts/test", "scripts/package"),
+    r"scripts/package( --check)?": ("scripts/test", "scripts/package"),
     r"pip install wrapper_audio-.*whl": ("tests/install/check_bare_roots.sh", "pip install"),
     r"npm install (\./wrapper-audio-\S*tgz ?)+": ("tests/install/check_bare_roots.sh", "npm install"),
     r"cmake --preset tsan .*": ("scripts/test", "tsan"),

@@ -213,7 +213,7 @@ wrapper_audio_status open(wrapper_audio_recorder& recorder, const std::string& d
     return status;
 }
 
-wrapper_audio_status read(wrapper_audio_recorder* recorder, std::size_t count, const capture::destination& to,
+wrapper_audio_status read(wrapper_audio_recorder* recorder, std::size_t count, const captured_sound::destination& to,
                           bool is_valid, int32_t timeout_ms, wrapper_audio_block* block) {
     if (block != nullptr) {
         *block = {};

@@ -47,6 +47,14 @@ protected:
         microphone.sound = [](uint64_t n) { return static_cast<float>(n % 1000) / 2000.0F; };
     }
 
+    void record_with_watchdog_and_hang() {
+        begin(0.0F);
+        options_.reconnect = 1;
+        microphone.hang_after(block);
+        record(options_);
+        ASSERT_TRUE(has_captured(block));
+    }
+
     // The recorder's thread has nothing to do until somebody reads: the journal is the same each time then.
     void wait_until_full() const {
         // At another rate it is another number.
@@ -466,11 +474,7 @@ TEST_F(recorder_faults, of_a_thread_that_cannot_be_had_are_survived) {
 }
 
 TEST_F(recorder_faults, of_memory_end_a_recording_that_was_to_reconnect_and_its_watchdog) {
-    begin(0.0F);
-    options_.reconnect = 1;
-    microphone.hang_after(block);
-    record(options_);
-    ASSERT_TRUE(has_captured(block));
+    ASSERT_NO_FATAL_FAILURE(record_with_watchdog_and_hang());
     failing_memory::fail(1);
     microphone.go_on();
     EXPECT_EQ(read_to_end().status, WRAPPER_AUDIO_OUT_OF_MEMORY);
@@ -482,11 +486,7 @@ TEST_F(recorder_faults, of_memory_end_a_recording_that_was_to_reconnect_and_its_
 }
 
 TEST_F(recorder_faults, of_the_thread_that_replaces_one_that_hangs_are_survived) {
-    begin(0.0F);
-    options_.reconnect = 1;
-    microphone.hang_after(block);
-    record(options_);
-    ASSERT_TRUE(has_captured(block));
+    ASSERT_NO_FATAL_FAILURE(record_with_watchdog_and_hang());
     failing_memory::refuse_thread(0);
     test_clock::let_waits_pass(true);
     EXPECT_TRUE(soon([] { return failing_memory::threads_left() < 0; })) << "it was wanted";

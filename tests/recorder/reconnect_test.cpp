@@ -305,6 +305,8 @@ protected:
     // Records from so many streams that hang one after the other, until the first one does. Time that passes from now on
     // stands still again when the second one is read.
     void record_and_hang(int hung, wrapper_audio_recorder_options options = {.rate = 48000}) {
+        place.close();
+        microphone.go_on();
         options.reconnect = 1;
         last_hung = streams_opened() + hung;
         clock_stops_at = streams_opened() + 2;
@@ -352,8 +354,6 @@ TEST_F(hung_device, is_lost_and_opened_again_while_its_reader_hangs) {
 TEST_F(hung_device, that_returns_while_it_is_looked_for_is_closed_and_changes_nothing) {
     for (const PaError error : {paNoError, paUnanticipatedHostError}) {
         outcome = error;
-        place.close();
-        microphone.go_on();
         ASSERT_NO_FATAL_FAILURE(record_and_hang(1));
         refuse_to_open(1000);
         test_clock::let_waits_pass(true);
@@ -373,8 +373,6 @@ TEST_F(hung_device, that_returns_while_it_is_looked_for_is_closed_and_changes_no
 TEST_F(hung_device, that_returns_when_another_stream_is_heard_is_closed_and_changes_nothing) {
     for (const PaError error : {paNoError, paUnanticipatedHostError}) {
         outcome = error;
-        place.close();
-        microphone.go_on();
         ASSERT_NO_FATAL_FAILURE(record_and_hang(1));
         microphone.hang_after(block);
         test_clock::let_waits_pass(true);
@@ -421,7 +419,6 @@ TEST_F(hung_device, of_which_no_stream_delivers_costs_a_thread_each_time_after_t
         place.open();
         wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
         ASSERT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
-        place.close();
     }
     before_each(nullptr);
 }
@@ -453,7 +450,6 @@ TEST_F(hung_device, keeps_nobody_from_stopping) {
     EXPECT_EQ(info().captured, 20 * block);
 
     test_clock::let_waits_pass(false);
-    place.close();
     ASSERT_NO_FATAL_FAILURE(record_and_hang(1));
     test_clock::let_waits_pass(true);
     EXPECT_TRUE(soon([this] { return info().captured > 10 * block; }));

@@ -6,6 +6,7 @@
 set -euo pipefail
 packages=$(realpath "$1")
 source=$(realpath "$(dirname "$0")/../..")
+. "$source/scripts/private-apt.sh"
 folder=$(mktemp -d /tmp/wrapper-audio.XXXXXX) # not in TMPDIR: ALSA_CONFIG_PATH takes neither space nor colon
 trap 'rm -rf --one-file-system "$folder"' EXIT
 
@@ -33,11 +34,11 @@ inside() { # root, command...
       JACK_NO_START_SERVER=1 chroot "$root" "$@"' sh "$@"
 }
 
-mkdir -p "$folder/lists/partial" "$folder/cache/archives/partial" "$folder/archives"
 # Lists of its own, which a user may renew, and a system without a single package, so that everything needed is new.
+private_apt "$folder"
 : >"$folder/status"
-apt=(-qq -o "Dir::State::lists=$folder/lists" -o "Dir::Cache=$folder/cache" -o "Dir::State::status=$folder/status"
-     -o APT::Sandbox::User=root)
+apt+=(-o "Dir::State::status=$folder/status")
+mkdir "$folder/archives"
 if ! apt-get "${apt[@]}" update >"$folder/log" 2>&1; then
   skipped "the Debian archive is out of reach: $(tail -n 1 "$folder/log")"
   exit 77

@@ -16,6 +16,8 @@ skipped=0
 
 namespace=(unshare --mount)
 [ "$(id -u)" -eq 0 ] || namespace+=(--map-root-user)
+# In a chroot whose root is no mount, its propagation cannot be changed.
+"${namespace[@]}" true 2>/dev/null || namespace+=(--propagation unchanged)
 if ! "${namespace[@]}" mount -t tmpfs none "$folder" 2>"$folder/log"; then
   skipped "neither root nor user namespaces are to be had here: $(cat "$folder/log")"
   exit 77

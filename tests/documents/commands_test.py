@@ -40,11 +40,10 @@ ELSEWHERE = {
     r"pip install wrapper_audio-.*whl": ("tests/install/check_bare_roots.sh", "pip install"),
     r"npm install (\./wrapper-audio-\S*tgz ?)+": ("tests/install/check_bare_roots.sh", "npm install"),
     r"cmake --preset tsan .*": ("scripts/test", "tsan"),
-    r"ctest --preset release -R '\^servers'.*": ("scripts/test", 'ctest --preset "$variant"'),
+    r"ctest (--preset release|--test-dir build) -R .*": ("scripts/test", 'ctest --preset "$variant"'),
     r"wrapper-audio .*pocketsphinx_continuous .*": ("tests/recogniser/recogniser_test.py", "check_recipes(said)"),
     r"wrapper-audio record --system .*": ("tests/tool/servers_test.py", 'self.record("--system"'),
     r"wrapper-audio record --both .*": ("tests/tool/servers_test.py", 'self.record("--both"'),
-    r"ctest --test-dir build -R tool\.peers": ("scripts/test", 'ctest --preset "$variant"'),
 }
 # Until Ctrl-C.
 ENDLESS = ("wrapper-audio meter", "wrapper-audio record --denoise speech.flac",

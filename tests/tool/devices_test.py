@@ -280,7 +280,7 @@ class Meter(HostTest):
                 self.assertEqual((process.returncode, errors), (FINE, ""))
 
     def test_a_closed_pipe_ends_it_quietly(self):
-        process = self.start("meter")
+        process = self.start("meter", microphone={"MICROPHONE_PACED": "1"})
         self.assertIn("RMS", process.stdout.readline())
         process.stdout.close()
         self.assertEqual((process.wait(timeout=20), process.stderr.read()), (FINE, ""))

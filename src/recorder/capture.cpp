@@ -115,19 +115,20 @@ void capture::begin(const microphone& opened) {
         throw failure{WRAPPER_AUDIO_DEVICE_REFUSED,
                       "the device runs at " + std::to_string(opened.rate()) + " Hz, which cannot be converted"};
     const std::lock_guard chain{chain_mutex_};
-    chain_ = std::make_unique<voice_chain>(wanted, options_.undenoised != 0);
+    auto made = std::make_unique<voice_chain>(wanted, options_.undenoised != 0);
     const std::lock_guard hold{mutex_};
     device_ = opened.device();
     info_.device_rate = opened.rate();
-    info_.delay = static_cast<int32_t>(chain_->delay());
+    info_.delay = static_cast<int32_t>(made->delay());
     info_.denoising = options_.denoise <= 0.0F         ? WRAPPER_AUDIO_DENOISING_OFF
                       : opened.rate() == denoiser_rate ? WRAPPER_AUDIO_DENOISING_NATIVE
                                                        : WRAPPER_AUDIO_DENOISING_CONVERTED;
     if (!sound_) {
         if (options_.reconnect != 0) watchdog_ = start_thread([self = shared_from_this()] { self->watch(); });
-        sound_.emplace(options_, chain_->delay(), opened.opened_at());
+        sound_.emplace(options_, made->delay(), opened.opened_at());
     }
     sound_->begin_device(opened.rate(), opened.opened_at());
+    chain_ = std::move(made);
     changed_.notify_all();
 }
 

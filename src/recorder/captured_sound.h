@@ -53,7 +53,7 @@ public:
         std::size_t side = 0; // of the aligner
     };
     struct reading {
-        const std::size_t wanted;
+        const std::size_t wanted = 0;
         const destination& to;
         wrapper_audio_block& block;
         std::size_t done = 0;

@@ -60,6 +60,8 @@ TEST_F(hanging_device, is_left_behind_by_a_stop_within_a_second) {
         EXPECT_EQ(got.pcm.size(), 3 * block / 3) << "what was inside is flushed";
         EXPECT_FALSE(no_device_is_held());
         test_clock::let_waits_pass(false);
+        test_clock::skip(milliseconds(3000));
+        EXPECT_NE(signal(), WRAPPER_AUDIO_SIGNAL_NO_DATA) << "nobody waits any more";
         microphone.go_on();
         EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
         EXPECT_TRUE(soon(no_device_is_held));
@@ -187,6 +189,9 @@ TEST_F(hanging_device, that_opens_late_can_be_stopped_by_another_thread) {
     EXPECT_EQ(read(1, 0).status, WRAPPER_AUDIO_INVALID_STATE);
     EXPECT_EQ(wrapper_audio_recorder_open(recorder, nullptr), WRAPPER_AUDIO_INVALID_STATE);
     EXPECT_EQ(info().device_rate, 0);
+    EXPECT_EQ(signal(), WRAPPER_AUDIO_SIGNAL_UNKNOWN);
+    float probability = 0.0F;
+    EXPECT_EQ(wrapper_audio_recorder_take_speech(recorder, &probability, 1), 0U);
     EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_DEVICE_ID), "");
     std::thread stopper([&] { EXPECT_EQ(wrapper_audio_recorder_stop(recorder), WRAPPER_AUDIO_OK); });
     ASSERT_TRUE(soon([] { return test_clock::waiting() == 2; }));

@@ -31,12 +31,6 @@ protected:
         world().default_input = world().devices.empty() ? paNoDevice : 0;
     }
 
-    wrapper_audio_signal signal() const {
-        int32_t told = -1;
-        EXPECT_EQ(wrapper_audio_recorder_get_signal(recorder, &told), WRAPPER_AUDIO_OK);
-        return static_cast<wrapper_audio_signal>(told);
-    }
-
     // Records so many samples of the device, which then is pulled out.
     void record_and_lose(wrapper_audio_recorder_options options, uint64_t samples, const char* id = nullptr) {
         options.reconnect = 1;

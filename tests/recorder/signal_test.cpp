@@ -16,12 +16,6 @@ float sample(int number) {
 
 class signals : public with_recorder {
 protected:
-    wrapper_audio_signal signal() const {
-        int32_t told = -1;
-        EXPECT_EQ(wrapper_audio_recorder_get_signal(recorder, &told), WRAPPER_AUDIO_OK);
-        return static_cast<wrapper_audio_signal>(told);
-    }
-
     // What is said when so much has been read of a microphone that hears only this.
     wrapper_audio_signal heard(std::size_t ms, std::function<float(uint64_t n)> sound) {
         wrapper_audio_recorder_stop(recorder); // which still hears it

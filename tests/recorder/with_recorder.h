@@ -205,6 +205,12 @@ protected:
         }
     }
 
+    wrapper_audio_signal signal() const {
+        int32_t told = -1;
+        EXPECT_EQ(wrapper_audio_recorder_get_signal(recorder, &told), WRAPPER_AUDIO_OK);
+        return static_cast<wrapper_audio_signal>(told);
+    }
+
     wrapper_audio_recorder_info info() const {
         wrapper_audio_recorder_info told{};
         EXPECT_EQ(wrapper_audio_recorder_get_info(recorder, &told), WRAPPER_AUDIO_OK);

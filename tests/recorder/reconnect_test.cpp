@@ -498,6 +498,10 @@ TEST_F(lost_device, is_looked_for_by_each_of_its_recorders) {
     microphone.fail_after(block);
     ASSERT_EQ(wrapper_audio_recorder_create(&other, &options), WRAPPER_AUDIO_OK);
     ASSERT_EQ(wrapper_audio_recorder_open(other, nullptr), WRAPPER_AUDIO_OK);
+    ASSERT_TRUE(soon([&] {
+        int32_t told = -1;
+        return wrapper_audio_recorder_get_signal(other, &told), told == WRAPPER_AUDIO_SIGNAL_LOST;
+    }));
     ASSERT_NO_FATAL_FAILURE(record_and_lose(options, block));
     ASSERT_TRUE(soon(no_device_is_held)) << "PortAudio can begin anew";
     ASSERT_TRUE(soon([] { return test_clock::waiting() == 4; })) << "and their watchdogs";

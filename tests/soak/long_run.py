@@ -94,13 +94,14 @@ def on_pipewire(hours):
             wav.setparams((1, 2, 48000, 0, "NONE", ""))
             for _ in range(round(seconds / 6) + 30):
                 wav.writeframes(SOUND.read_bytes())
-        server.play(f"{folder}/speech.wav")
+        sound = f"{folder}/speech.wav"
+        server.play(sound)
         file = f"{folder}/out.wav"
         options = "--device", "ALSA:pipewire", "--reconnect", "--fill-gaps", "--denoise", "--seconds", str(seconds)
         environment = server.program_environment()
         program = subprocess.Popen([HOST, "record", *options, file], env=environment)
         recorder = subprocess.Popen([sys.executable, "-B", __file__, "recorder", str(hours)], env=environment)
-        beside = threading.Thread(target=disturb, args=[server, seconds])
+        beside = threading.Thread(target=disturb, args=[server, sound, seconds])
         beside.start()
         figures = Figures(program.pid)
         begun = time.monotonic()
@@ -126,8 +127,10 @@ def by_the_clock(hours):
             passed = time.monotonic() - begun
             figures.look(passed / hours / 3600)
             if passed >= hours * 3600:
+                heard = recorder.signal
                 recorder.stop()
         ended, info = time.monotonic(), recorder._info()
+        require(heard == wrapper_audio.Signal.SOUND, f"at the end it hears {heard.name}")
         require(info.captured == info.read == count, f"{info.captured} samples delivered, and {count} read")
         late = ended - recorder.first_sample_time / 1e9 - (count + info.dropped) / 48000
         print(f"{hours} hours on PipeWire: {info.captured} samples delivered and read, {info.dropped} lost in between "
@@ -136,11 +139,12 @@ def by_the_clock(hours):
         figures.report("the recorder")
 
 
-def disturb(server, seconds):
+def disturb(server, sound, seconds):
     time.sleep(seconds / 3)
     server.suspend()
     time.sleep(20)
     server.resume()
+    server.play(sound)  # the first player is silent from now on
     time.sleep(seconds / 3)
     busy = [subprocess.Popen([sys.executable, "-c", "while True: pass"]) for _ in range(4)]
     time.sleep(seconds / 12)

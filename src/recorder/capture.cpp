@@ -154,7 +154,7 @@ bool capture::listen(microphone& opened, log::scope& log) {
 bool capture::may_read() {
     std::unique_lock hold{mutex_};
     if (is_replaced()) return false;
-    if (sound_->is_file(clock::now())) changed_.wait(hold, [&] { return stop_requested_ || sound_->has_room(); });
+    if (sound_->runs_ahead(clock::now())) changed_.wait(hold, [&] { return stop_requested_ || sound_->has_room(); });
     if (stop_requested_) return false;
     waits_since_ = request_ = clock::now();
     return true;

@@ -39,7 +39,7 @@ void captured_sound::begin_device(int32_t rate, clock::time_point opened_at) {
 
 // A device keeps to the clock, within the accuracy of both; a file is read as fast as the processor can. Where there is no
 // room for what comes, a little ahead is enough to tell.
-bool captured_sound::is_file(clock::time_point now) {
+bool captured_sound::runs_ahead(clock::time_point now) {
     const std::chrono::duration<double> elapsed = now - began_;
     const double delivered = static_cast<double>(captured_ - captured_before_) / device_rate_;
     is_file_ = is_file_ || delivered > (has_room() ? elapsed.count() * 2.0 + 5.0 : elapsed.count() * 1.01 + 0.05);

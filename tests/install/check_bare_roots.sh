@@ -8,7 +8,13 @@ packages=$(realpath "$1")
 source=$(realpath "$(dirname "$0")/../..")
 . "$source/scripts/private-apt.sh"
 folder=$(mktemp -d /tmp/wrapper-audio.XXXXXX) # not in TMPDIR: ALSA_CONFIG_PATH takes neither space nor colon
-trap 'rm -rf --one-file-system "$folder"' EXIT
+# shellcheck disable=SC2317 # the trap calls it
+clean_up() {
+  # Where mounts are shared, those of a namespace may have come here.
+  awk -v below="$folder/" 'index($2, below) == 1 { print $2 }' /proc/mounts | sort -r | xargs --no-run-if-empty umount --lazy
+  rm -rf --one-file-system "$folder"
+}
+trap clean_up EXIT
 
 fail() { echo "FAILED: $*"; exit 1; }
 skipped() { echo "SKIPPED: $*"; skipped=77; }

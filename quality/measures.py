@@ -4,6 +4,7 @@ from dataclasses import dataclass, field
 import numpy as np
 
 FRAME_MS = 10
+ONSET_MS = 200
 ALLOWED_MS = 20  # of an onset may be lost
 START_MS = 3000  # in which a detector that knows nothing yet of the noise is judged apart
 
@@ -17,6 +18,7 @@ class Rule:
     min_speech_ms: int
     hang_over_ms: int = 500
     pre_roll_ms: int = 300
+    likely: float = 0.3  # with which speech may begin, up to ONSET_MS before it reaches `begin`
 
 
 @dataclass(frozen=True)
@@ -53,7 +55,9 @@ def utterances(score, rule):
         if speech is not None:
             last = end
         elif end - begin >= least:
-            speech, last = begin, end
+            free = max(begin - ONSET_MS // FRAME_MS, int(before) // FRAME_MS)
+            unlikely = np.flatnonzero(score[free:begin] < rule.likely)
+            speech, last = free + unlikely[-1] + 1 if len(unlikely) else free, end
     if speech is not None:
         ends()
     return found

@@ -26,9 +26,9 @@ def candidates(name):
         return [((name, mode), Rule(0.5, 0.5, least)) for mode in MODES for least in MINIMA]
     if name == "energy":
         pairs = [(begin, begin - below) for begin in range(4, 21) for below in (0, 2, 4) if begin - below > 1]
-    else:
-        steps = (0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 0.95, 0.98)
-        pairs = [(begin, end) for begin in steps for end in steps if end <= begin]
+        return [((name, None), Rule(*pair, least, likely=pair[0] / 3)) for pair in pairs for least in MINIMA]
+    steps = (0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 0.95, 0.98)
+    pairs = [(begin, end) for begin in steps for end in steps if end <= begin]
     return [((name, None), Rule(*pair, least)) for pair in pairs for least in MINIMA]
 
 

@@ -14,6 +14,10 @@ namespace {
 
 constexpr int32_t frame_ms = 10;
 
+// A voice that sets in softly is probable before it is certain.
+constexpr float likely_threshold = 0.3F;
+constexpr uint64_t longest_onset = 20; // frames
+
 uint64_t frames_in(int32_t ms) {
     return static_cast<uint64_t>((ms + frame_ms - 1) / frame_ms);
 }
@@ -41,7 +45,7 @@ bool speech_gate::is_valid(const wrapper_audio_speech_options& options) {
 }
 
 void speech_gate::reset() {
-    frames_ = voiced_ = unvoiced_ = position_ = given_ = 0;
+    frames_ = voiced_ = unvoiced_ = likely_ = position_ = given_ = 0;
     speaking_ = ended_ = false;
     ranges_.clear();
     stretches_.clear();
@@ -53,6 +57,12 @@ uint64_t speech_gate::first_sample(uint64_t frame) const {
 
 // ---- Where speech is ----
 
+// If the last frames prove to be some.
+uint64_t speech_gate::first_speech() const {
+    const uint64_t onset = likely_ - std::min(likely_, voiced_);
+    return first_sample(frames_ - voiced_ - std::min(onset, longest_onset));
+}
+
 void speech_gate::add_speech(std::span<const float> probabilities) {
     for (const float probability : probabilities)
         hear(probability);
@@ -63,12 +73,15 @@ void speech_gate::hear(float probability) {
     const bool is_voiced = probability >= (voiced_ > 0 ? end_threshold_ : begin_threshold_); // NaN is not
     voiced_ = is_voiced ? voiced_ + 1 : 0;
     unvoiced_ = is_voiced ? 0 : unvoiced_ + 1;
+    likely_ = probability >= likely_threshold ? likely_ + 1 : 0;
     ++frames_;
     if (speaking_ && unvoiced_ >= std::max<uint64_t>(1, hang_over_)) {
-        ranges_.back().end = first_sample(frames_ - (hang_over_ > 0 ? 0 : 1));
+        const uint64_t behind = hang_over_ > 0 ? 0 : 1; // frames that are no part of the utterance
+        ranges_.back().end = first_sample(frames_ - behind);
+        likely_ = std::min(likely_, behind);
         speaking_ = false;
     } else if (!speaking_ && voiced_ >= min_speech_) {
-        const uint64_t speech = first_sample(frames_ - voiced_);
+        const uint64_t speech = first_speech();
         ranges_.push_back({speech - std::min(speech, pre_roll_), speech, never});
         speaking_ = true;
     }
@@ -104,7 +117,7 @@ void speech_gate::forget(uint64_t before) {
 
 // Keeps what an utterance may still begin with.
 void speech_gate::forget_silence() {
-    const uint64_t speech = first_sample(frames_ - voiced_); // if these frames prove to be some
+    const uint64_t speech = first_speech();
     forget(ranges_.empty() ? speech - std::min(speech, pre_roll_) : ranges_.front().begin);
 }
 

@@ -48,6 +48,7 @@ private:
     };
 
     uint64_t first_sample(uint64_t frame) const;
+    uint64_t first_speech() const;
     void hear(float probability);
     void forget(uint64_t before);
     void forget_silence();
@@ -65,6 +66,7 @@ private:
     uint64_t frames_ = 0;
     uint64_t voiced_ = 0;   // frames in succession
     uint64_t unvoiced_ = 0; // frames in succession
+    uint64_t likely_ = 0;   // frames in succession, since the last utterance
     bool speaking_ = false; // the last of the ranges has no end yet
     std::deque<range> ranges_;
 

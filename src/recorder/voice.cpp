@@ -156,8 +156,10 @@ void noise_suppressor::process(sample_span in, std::vector<float>& out, std::vec
 void noise_suppressor::process_frame(std::vector<float>& out, std::vector<float>* undenoised,
                                      std::vector<float>& speech) {
     float denoised[frame];
-    numeric::scale_to_pcm16_range(frames_[count_ % std::size(frames_)], frame, denoised);
+    const std::span next{frames_[count_ % std::size(frames_)]};
+    numeric::scale_to_pcm16_range(next.data(), frame, denoised);
     const float probability = rnnoise_process_frame(state_.get(), denoised, denoised);
+    near_.hear(next);
     if (count_ < delayed_frames) return;
     numeric::scale_from_pcm16_range(denoised, frame, denoised);
     const float* const original = frames_[(count_ - delayed_frames) % std::size(frames_)];
@@ -168,7 +170,7 @@ void noise_suppressor::process_frame(std::vector<float>& out, std::vector<float>
     }
     out.insert(out.end(), denoised, denoised + frame);
     if (undenoised != nullptr) undenoised->insert(undenoised->end(), original, original + frame);
-    speech.push_back(probability);
+    speech.push_back(near_.weigh(probability));
 }
 
 bool voice_chain::is_valid(const wrapper_audio_voice_options& options) {

@@ -1,6 +1,7 @@
 // The voice chain: conversion to 48000 Hz, noise suppression, conversion to another rate.
 #pragma once
 
+#include "near_speech.h"
 #include "wrapper_audio_recorder.h"
 
 #include <rnnoise.h>
@@ -41,7 +42,8 @@ class noise_suppressor {
 public:
     explicit noise_suppressor(float strength);
 
-    // Appends what is denoised, the same undenoised if that is wanted, and the probability of speech for each 10 ms.
+    // Appends what is denoised, the same undenoised if that is wanted, and for each 10 ms the probability that
+    // somebody near speaks.
     void process(sample_span in, std::vector<float>& out, std::vector<float>* undenoised, std::vector<float>& speech);
 
     static constexpr int32_t frame = 480;
@@ -54,6 +56,7 @@ private:
         void operator()(DenoiseState* state) const { rnnoise_destroy(state); }
     };
     std::unique_ptr<DenoiseState, release> state_;
+    near_speech near_;
     const float strength_;
     float frames_[delayed_frames + 1][frame] = {}; // the last ones that came in, in rotation
     uint64_t count_ = 0;

@@ -46,6 +46,11 @@ class Utterances(unittest.TestCase):
         self.assertEqual(spans("999000090000000"), [(0, 0, 130, 80)])
         self.assertEqual(spans("999000009000000"), [(0, 0, 80, 30)])
 
+    def test_speech_begins_when_it_is_likely_but_not_in_the_utterance_before(self):
+        self.assertEqual(spans("0002399900000000"), [(20, 40, 130, 80)])
+        self.assertEqual(spans("0" + 25 * "3" + "99900000"), [(40, 60, 340, 290)])
+        self.assertEqual(spans("9993333333999"), [(0, 0, 80, 30), (80, 80, 130, 130)])
+
     def test_the_pre_roll_does_not_reach_into_the_utterance_before(self):
         self.assertEqual(spans("999000000999000000"), [(0, 0, 80, 30), (80, 90, 170, 120)])
 

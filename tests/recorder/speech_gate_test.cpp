@@ -99,7 +99,25 @@ TEST(speech_gate, takes_for_speech_what_is_loud_and_long_enough) {
     EXPECT_TRUE(found_in(brief(), "...5555555555...").empty()) << "never reaches the threshold";
     EXPECT_EQ(found_in(brief(), ".....64........."), (std::vector<utterance>{{30, 100}})) << "just enough";
     EXPECT_TRUE(found_in(brief(), ".....63.........").empty());
-    EXPECT_EQ(found_in(brief(), "..555644555....."), (std::vector<utterance>{{30, 140}})) << "ends below the lower one";
+    EXPECT_EQ(found_in(brief(), "..222644555....."), (std::vector<utterance>{{30, 140}})) << "ends below the lower one";
+}
+
+TEST(speech_gate, begins_when_speech_is_likely_and_at_most_200_ms_before_it_is_certain) {
+    EXPECT_EQ(found_in(brief(), "......35399...."), (std::vector<utterance>{{40, 140}}));
+    EXPECT_EQ(found_in(brief(), "......52399...."), (std::vector<utterance>{{60, 140}}))
+        << "only what is likely all along";
+    EXPECT_EQ(found_in(brief(), "......3539359933....."), (std::vector<utterance>{{40, 170}}))
+        << "a word too short for one";
+    const std::string onset(20, '3');
+    EXPECT_EQ(found_in(brief(), "...." + onset + "99...."), (std::vector<utterance>{{20, 290}}));
+    EXPECT_EQ(found_in(brief(), "...3" + onset + "99...."), (std::vector<utterance>{{20, 290}}));
+    EXPECT_EQ(found_in(brief(), "99333399...."), (std::vector<utterance>{{0, 50}, {50, 110}}))
+        << "not of the one before";
+    auto options = brief();
+    options.hang_over_ms = 0;
+    EXPECT_EQ(found_in(options, "993399"), (std::vector<utterance>{{0, 20}, {20, 60}}));
+    options.begin_threshold = options.end_threshold = 0.2F;
+    EXPECT_EQ(found_in(options, "....2399.."), (std::vector<utterance>{{20, 80}})) << "all of it is certain";
 }
 
 TEST(speech_gate, bridges_pauses_that_are_shorter_than_the_hang_over) {

@@ -1,8 +1,11 @@
-// What RNNoise makes of a sound at 48000 Hz, frame by frame, put where it belongs.
+// What RNNoise makes of a sound at 48000 Hz, frame by frame, put where it belongs; and whether somebody near speaks in
+// it, written down as it is defined, with everything there at once.
 #pragma once
 
 #include <rnnoise.h>
 
+#include <algorithm>
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -12,6 +15,61 @@ struct denoised_sound {
     std::vector<float> samples;
     std::vector<float> speech; // probability of each frame
 };
+
+// The last of them.
+template <typename T>
+std::vector<T> last(const std::vector<T>& all, std::size_t most) {
+    return {all.end() - static_cast<std::ptrdiff_t>(std::min(all.size(), most)), all.end()};
+}
+
+// In dB, of the frames up to this one.
+inline double level(const std::vector<float>& in, std::size_t frame) {
+    double count = 0.0;
+    double sum = 0.0;
+    double squares = 0.0;
+    for (std::size_t each = frame < 9 ? 0 : frame - 9; each <= frame; ++each) {
+        double frame_sum = 0.0;
+        double frame_squares = 0.0;
+        for (std::size_t i = each * 480; i < (each + 1) * 480; ++i) {
+            const auto x = static_cast<double>(in[i]);
+            frame_sum += x;
+            frame_squares += x * x;
+        }
+        count += 480.0;
+        sum += frame_sum;
+        squares += frame_squares;
+    }
+    const double variance = squares / count - sum / count * (sum / count);
+    return 10.0 * std::log10((variance > 0.0 ? variance : 0.0) + 1e-10);
+}
+
+// `in` is two frames longer than there are probabilities.
+inline std::vector<float> near_speech(const std::vector<float>& in, const std::vector<float>& probabilities) {
+    std::vector<double> background(25, -100.0);
+    std::vector<double> weights;
+    std::vector<float> all;
+    std::vector<float> near;
+    int loud = 0; // frames since the last that was taken for background
+    for (std::size_t frame = 0; frame < probabilities.size(); ++frame) {
+        std::vector<double> sorted = last(background, 1000);
+        std::sort(sorted.begin(), sorted.end());
+        const double now = level(in, frame + 2);
+        const double above = now - sorted[sorted.size() * 20 / 100];
+        weights.push_back(above < 4.0 ? 0.0 : above > 10.0 ? 1.0 : (above - 4.0) / 6.0);
+        const std::vector<double> held = last(weights, 31);
+        const double weighed = static_cast<double>(probabilities[frame]) * *std::max_element(held.begin(), held.end());
+        const bool is_loud = static_cast<float>(weighed) >= 0.9F;
+        loud = is_loud ? loud + 1 : 0;
+        if (loud % 4 == 0) background.push_back(now);
+        all.push_back(probabilities[frame]);
+        std::size_t voiced = 0;
+        for (const float each : last(all, 1000))
+            voiced += each >= 0.9F ? 1U : 0U;
+        const bool pauses = 2 * voiced < std::min<std::size_t>(all.size(), 1000);
+        near.push_back(pauses ? probabilities[frame] : static_cast<float>(weighed));
+    }
+    return near;
+}
 
 // RNNoise gives a frame when it takes the second one behind it; silence follows the sound. Only frames that have begun.
 inline denoised_sound denoised_at_48000(std::vector<float> in) {
@@ -31,6 +89,7 @@ inline denoised_sound denoised_at_48000(std::vector<float> in) {
         out.speech.push_back(speech);
     }
     out.samples.resize(length);
+    out.speech = near_speech(in, out.speech);
     return out;
 }
 

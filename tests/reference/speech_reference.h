@@ -49,13 +49,17 @@ inline std::vector<utterance> utterances(const wrapper_audio_speech_options& opt
 
     std::vector<utterance> found;
     int64_t last_end = 0;
+    int64_t end_frame = 0; // of the last utterance
     for (int64_t frame = 0; frame < count;) {
         if (!is_voiced(frame) || alike(frame) < least) {
             frame += alike(frame);
             continue;
         }
-        const int64_t speech = first_sample(frame);
-        int64_t end_frame = count;
+        int64_t onset = frame; // speech that sets in softly
+        while (onset > end_frame && frame - onset < 20 && probabilities[static_cast<std::size_t>(onset - 1)] >= 0.3F)
+            --onset;
+        const int64_t speech = first_sample(onset);
+        end_frame = count;
         for (frame += alike(frame); frame < count; frame += alike(frame)) {
             if (is_voiced(frame) || alike(frame) < std::max<int64_t>(1, hang_over)) continue;
             end_frame = frame + hang_over;

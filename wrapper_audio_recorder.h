@@ -223,8 +223,8 @@ typedef struct wrapper_audio_recorder_options {
     int32_t rate;         /**< of the samples returned, 100 to 768000 Hz; 0: 16000 */
     float denoise;        /**< strength of the noise suppression, from 0.0 (off) to 1.0 (full); in between, that share
                                of the noise is removed */
-    int32_t speech;       /**< 1: report the probability of speech even without denoising; what it is, is said at
-                               wrapper_audio_processor_take_speech() */
+    int32_t speech;       /**< 1: report the probability of speech even without denoising; see
+                               wrapper_audio_processor_take_speech() for its definition */
     int32_t conversion;   /**< a wrapper_audio_conversion */
     int32_t buffer_ms;    /**< how much sound is kept for a host that reads late, 100 to 60000; 0: 5000 */
     int32_t stall_ms;     /**< how long a device may deliver nothing before NO_DATA, 100 to 60000; 0: 1500 */
@@ -586,12 +586,14 @@ wrapper_audio_status wrapper_audio_processor_flush(wrapper_audio_processor *proc
  * Returns and removes the probabilities of speech, one for each 10 ms of sound processed, oldest first. Those that are
  * not taken are dropped after an hour.
  *
- * They are RNNoise's, which knows voices from noise, but not near ones from far ones. So where it has found voices,
- * 0.9 or more, in at least half of the last 10 s, each is multiplied by the largest weight of these 10 ms and the 300 ms
- * before them: of voices that never pause, only one that stands out counts. The weight is (L - F - 4) / 6, limited to
- * 0.0 to 1.0. L is the level, in dB, of the sound before denoising, without its mean, in the 100 ms that end 20 ms behind
- * these 10 ms, plus 10^-10. F lies above the lowest fifth of the last 1000 L of the background: 25 of -100 dB, and then
- * each, but only each fourth while the product is 0.9 or more.
+ * They are RNNoise's, which tells voices from noise, but not near voices from far ones. So where voices hardly ever pause
+ * and most of them is removed, as in a cafe, only one that stands out counts: if 0.9 was reached in at least half of the
+ * last 10 s, or of what there is, and denoising left less than 0.3 of the power in at least half of these 10 ms, each
+ * probability is multiplied by the largest weight of its 10 ms and the 300 ms before. The weight is (L - F - 4) / 6,
+ * limited to 0.0 to 1.0. L is 10 * log10(P + 10^-10), where P is the power before denoising in the 100 ms that end 20 ms
+ * after its 10 ms. F is the value a fifth of the way up the last 1000 background levels: they start as 25 of -100 dB, and
+ * every L joins them, but only every fourth while the product with the weight is 0.9 or more. Powers are without the
+ * mean.
  *
  * @param processor      a voice chain with `denoise` above 0.0 or `speech`
  * @param probabilities  receives them, 0.0 to 1.0
@@ -657,8 +659,8 @@ wrapper_audio_status wrapper_audio_f32_to_s16(const float *in, size_t count, int
  * `begin_threshold` or more, or if the 10 ms before are voiced and it is `end_threshold` or more. M and H are
  * `min_speech_ms` and `hang_over_ms` in units of 10 ms, rounded up; M is at least 1.
  *
- * - Speech begins with the first of M voiced 10 ms in a row, or earlier by up to 20 times 10 ms, in all of which the
- *   probability is 0.3 or more, but not before the end of the utterance before. It ends H times 10 ms after its last
+ * - Speech begins with the first of M voiced 10 ms in a row, or with the earliest of up to 20 preceding 10 ms that all
+ *   have a probability of 0.3 or more and do not belong to the utterance before. It ends H times 10 ms after its last
  *   voiced 10 ms, when as many, and at least one, that are not voiced have followed; or with the last 10 ms whose
  *   probability is known.
  * - An utterance begins `pre_roll_ms` before speech does, but not before the stream, the end of the utterance before

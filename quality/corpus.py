@@ -207,3 +207,20 @@ def scenes(part, snrs, most=12):
     for name in NOISES[part]:
         alone = stretch_of(part, name, 60 * RATE, "alone") * np.float32(10 ** ((SPEECH_DB - 10) / 20))
         yield Scene(f"{name} alone", "", name, 10.0, alone, ())
+
+
+def monologues(part, noises, snrs, seconds=60):
+    """Each voice talking all the time, with 0.15 s between its prompts, again from the first one if there are too few."""
+    for voice in VOICES[part]:
+        talk, gap = [], np.zeros(RATE * 15 // 100)
+        for file in prompts(part, voice):
+            found = utterance_of(read(file))
+            talk += [] if found is None else [found[0], gap]
+            if sum(map(len, talk)) >= seconds * RATE:
+                break
+        talk = np.resize(np.concatenate(talk).astype(np.float32), seconds * RATE)
+        for name in noises:
+            around = stretch_of(part, name, len(talk), voice, "monologue")
+            for snr in snrs:
+                mixed = talk + around * np.float32(10 ** ((SPEECH_DB - snr) / 20))
+                yield Scene(f"{voice} talking {name} {snr}", voice, name, snr, mixed, ((0, len(talk)),))

@@ -162,6 +162,22 @@ def print_judgement(scenes, chosen):
     return tallies
 
 
+def print_monologues(chosen):
+    """A detector that takes what never pauses for noise loses those who talk like that."""
+    shares = {}
+    for scene in corpus.monologues("judge", ("fan", "train", "cafe"), (0, 5, 10)):
+        scores = detectors.scores(scene.sound)
+        for name, (kind, rule) in chosen.items():
+            found = utterances(score_of(scores, kind), rule)
+            share = sum(each.end - each.begin for each in found) * corpus.RATE / 10 / len(scene.sound)
+            shares.setdefault((scene.noise, scene.snr), {}).setdefault(name, []).append(share)
+    print("## A minute of talk without pauses: the percentage that is found, mean and least of the voices\n")
+    rows = [["noise, dB", *chosen]]
+    for (noise, snr), by_name in shares.items():
+        rows.append([f"{noise}, {snr}", *(f"{np.mean(by_name[name]):.0f}, {min(by_name[name]):.0f}" for name in chosen)])
+    print(table(*rows))
+
+
 def print_goals(tallies, chosen):
     """An alarm that never ends is a single one, and yet no good: it must not last for a tenth of the time either."""
     good = [by_name for scene, by_name in tallies if scene.voice and scene.snr >= GOOD_SNR]
@@ -202,7 +218,9 @@ def main():
     print(f"The library's speech gate found the same utterances as the rule applied here, in {len(judging)} scenes.\n")
     print_tuning(tried)
     print_hang_over(tuning, RECOMMENDED)
-    print_goals(print_judgement(judging, chosen), chosen)
+    tallies = print_judgement(judging, chosen)
+    print_monologues(chosen)
+    print_goals(tallies, chosen)
 
 
 if __name__ == "__main__":

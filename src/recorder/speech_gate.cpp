@@ -57,10 +57,9 @@ uint64_t speech_gate::first_sample(uint64_t frame) const {
 
 // ---- Where speech is ----
 
-// If the last frames prove to be some.
+// Where speech begins if the last frames turn out to be speech.
 uint64_t speech_gate::first_speech() const {
-    const uint64_t onset = likely_ - std::min(likely_, voiced_);
-    return first_sample(frames_ - voiced_ - std::min(onset, longest_onset));
+    return first_sample(frames_ - std::min(likely_, voiced_ + longest_onset));
 }
 
 void speech_gate::add_speech(std::span<const float> probabilities) {
@@ -73,7 +72,7 @@ void speech_gate::hear(float probability) {
     const bool is_voiced = probability >= (voiced_ > 0 ? end_threshold_ : begin_threshold_); // NaN is not
     voiced_ = is_voiced ? voiced_ + 1 : 0;
     unvoiced_ = is_voiced ? 0 : unvoiced_ + 1;
-    likely_ = probability >= likely_threshold ? likely_ + 1 : 0;
+    likely_ = is_voiced || probability >= likely_threshold ? likely_ + 1 : 0;
     ++frames_;
     if (speaking_ && unvoiced_ >= std::max<uint64_t>(1, hang_over_)) {
         const uint64_t behind = hang_over_ > 0 ? 0 : 1; // frames that are no part of the utterance

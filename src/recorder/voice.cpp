@@ -162,15 +162,17 @@ void noise_suppressor::process_frame(std::vector<float>& out, std::vector<float>
     near_.hear(next);
     if (count_ < delayed_frames) return;
     numeric::scale_from_pcm16_range(denoised, frame, denoised);
-    const float* const original = frames_[(count_ - delayed_frames) % std::size(frames_)];
+    const std::span original{frames_[(count_ - delayed_frames) % std::size(frames_)]};
+    const float near = near_.weigh(probability, original, denoised);
     if (strength_ < 1.0F) {
-        std::transform(denoised, denoised + frame, original, denoised, [&](float without_noise, float with_noise) {
-            return strength_ * without_noise + (1.0F - strength_) * with_noise;
-        });
+        std::transform(denoised, denoised + frame, original.begin(), denoised,
+                       [&](float without_noise, float with_noise) {
+                           return strength_ * without_noise + (1.0F - strength_) * with_noise;
+                       });
     }
     out.insert(out.end(), denoised, denoised + frame);
-    if (undenoised != nullptr) undenoised->insert(undenoised->end(), original, original + frame);
-    speech.push_back(near_.weigh(probability));
+    if (undenoised != nullptr) undenoised->insert(undenoised->end(), original.begin(), original.end());
+    speech.push_back(near);
 }
 
 bool voice_chain::is_valid(const wrapper_audio_voice_options& options) {

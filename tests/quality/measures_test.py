@@ -151,8 +151,12 @@ class Sounds(unittest.TestCase):
                 yield corpus.Scene(f"{part} {name}", "voice", name, 20.0, tone, ((200_000, 300_000),))
                 yield corpus.Scene(f"{part} {name} alone", "", name, 10.0, noise, ())
 
+        def monologues(part, noises, snrs):
+            yield corpus.Scene("talking", "voice", "fan", 5, self.burst(100_000, 300_000, 0.1, seconds=8), ())
+
         said = io.StringIO()
         with tempfile.TemporaryDirectory() as folder, mock.patch.object(corpus, "scenes", scenes), \
+                mock.patch.object(corpus, "monologues", monologues), \
                 mock.patch.object(detectors, "BUILD", Path(folder)), contextlib.redirect_stdout(said), \
                 contextlib.redirect_stderr(io.StringIO()):
             vad.main()
@@ -160,6 +164,8 @@ class Sounds(unittest.TestCase):
         self.assertIn("| recommended | 2: NOT MET | 0: met | 0.0, 0 % of the time: met |", lines)
         self.assertIn("| energy | 0: met | 0: met | 0.0, 0 % of the time: met |", lines)
         self.assertFalse([line for line in lines if line.startswith("| webrtc")])
+        # Of 8 s, the 2 s until the tone is the floor, and 0.3 s before and 0.5 s behind.
+        self.assertIn("| fan, 5 | 0, 0 | 35, 35 |", lines)
 
 
 class Denoising(unittest.TestCase):

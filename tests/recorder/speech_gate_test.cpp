@@ -118,6 +118,10 @@ TEST(speech_gate, begins_when_speech_is_likely_and_at_most_200_ms_before_it_is_c
     EXPECT_EQ(found_in(options, "993399"), (std::vector<utterance>{{0, 20}, {20, 60}}));
     options.begin_threshold = options.end_threshold = 0.2F;
     EXPECT_EQ(found_in(options, "....2399.."), (std::vector<utterance>{{20, 80}})) << "all of it is certain";
+    options = brief();
+    options.end_threshold = 0.1F;
+    options.min_speech_ms = 30;
+    EXPECT_EQ(found_in(options, "....46211..."), (std::vector<utterance>{{20, 120}})) << "certain is likely enough";
 }
 
 TEST(speech_gate, bridges_pauses_that_are_shorter_than_the_hang_over) {
@@ -273,6 +277,7 @@ wrapper_audio_speech_options any_options(std::mt19937& random, int32_t rate) {
     options.begin_threshold = 0.6F;
     options.end_threshold = 0.4F;
     if (random() % 3 == 0) options.end_threshold = options.begin_threshold;
+    if (random() % 3 == 0) options.end_threshold = 0.1F;
     options.min_speech_ms = one_of({0, 10, 25, 60});
     options.hang_over_ms = one_of({0, 10, 35, 200});
     options.pre_roll_ms = one_of({0, 7, 50, 300});

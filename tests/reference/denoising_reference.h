@@ -22,16 +22,16 @@ std::vector<T> last(const std::vector<T>& all, std::size_t most) {
     return {all.end() - static_cast<std::ptrdiff_t>(std::min(all.size(), most)), all.end()};
 }
 
-// In dB, of the frames up to this one.
-inline double level(const std::vector<float>& in, std::size_t frame) {
+// The variance of so many frames up to this one.
+inline double power(const std::vector<float>& sound, std::size_t frame, std::size_t frames = 1) {
     double count = 0.0;
     double sum = 0.0;
     double squares = 0.0;
-    for (std::size_t each = frame < 9 ? 0 : frame - 9; each <= frame; ++each) {
+    for (std::size_t each = frame < frames ? 0 : frame + 1 - frames; each <= frame; ++each) {
         double frame_sum = 0.0;
         double frame_squares = 0.0;
         for (std::size_t i = each * 480; i < (each + 1) * 480; ++i) {
-            const auto x = static_cast<double>(in[i]);
+            const auto x = static_cast<double>(sound[i]);
             frame_sum += x;
             frame_squares += x * x;
         }
@@ -40,20 +40,21 @@ inline double level(const std::vector<float>& in, std::size_t frame) {
         squares += frame_squares;
     }
     const double variance = squares / count - sum / count * (sum / count);
-    return 10.0 * std::log10((variance > 0.0 ? variance : 0.0) + 1e-10);
+    return variance > 0.0 ? variance : 0.0;
 }
 
 // `in` is two frames longer than there are probabilities.
-inline std::vector<float> near_speech(const std::vector<float>& in, const std::vector<float>& probabilities) {
+inline std::vector<float> near_speech(const std::vector<float>& in, const std::vector<float>& denoised,
+                                      const std::vector<float>& probabilities) {
     std::vector<double> background(25, -100.0);
     std::vector<double> weights;
-    std::vector<float> all;
+    std::vector<int> voices; // of each frame: 0, or 1 if there is one, or 2 if most of it was removed
     std::vector<float> near;
     int loud = 0; // frames since the last that was taken for background
     for (std::size_t frame = 0; frame < probabilities.size(); ++frame) {
         std::vector<double> sorted = last(background, 1000);
         std::sort(sorted.begin(), sorted.end());
-        const double now = level(in, frame + 2);
+        const double now = 10.0 * std::log10(power(in, frame + 2, 10) + 1e-10);
         const double above = now - sorted[sorted.size() * 20 / 100];
         weights.push_back(above < 4.0 ? 0.0 : above > 10.0 ? 1.0 : (above - 4.0) / 6.0);
         const std::vector<double> held = last(weights, 31);
@@ -61,12 +62,17 @@ inline std::vector<float> near_speech(const std::vector<float>& in, const std::v
         const bool is_loud = static_cast<float>(weighed) >= 0.9F;
         loud = is_loud ? loud + 1 : 0;
         if (loud % 4 == 0) background.push_back(now);
-        all.push_back(probabilities[frame]);
-        std::size_t voiced = 0;
-        for (const float each : last(all, 1000))
-            voiced += each >= 0.9F ? 1U : 0U;
-        const bool pauses = 2 * voiced < std::min<std::size_t>(all.size(), 1000);
-        near.push_back(pauses ? probabilities[frame] : static_cast<float>(weighed));
+        const bool is_voice = probabilities[frame] >= 0.9F;
+        voices.push_back(!is_voice ? 0 : power(denoised, frame) < 0.3 * power(in, frame) ? 2 : 1);
+        std::size_t some = 0;
+        std::size_t removed = 0;
+        const std::vector<int> lately = last(voices, 1000);
+        for (const int each : lately) {
+            some += each > 0 ? 1U : 0U;
+            removed += each > 1 ? 1U : 0U;
+        }
+        const bool is_background = 2 * some >= lately.size() && 2 * removed >= some;
+        near.push_back(is_background ? static_cast<float>(weighed) : probabilities[frame]);
     }
     return near;
 }
@@ -88,8 +94,8 @@ inline denoised_sound denoised_at_48000(std::vector<float> in) {
             out.samples.push_back(x / 32767.0F);
         out.speech.push_back(speech);
     }
+    out.speech = near_speech(in, out.samples, out.speech);
     out.samples.resize(length);
-    out.speech = near_speech(in, out.speech);
     return out;
 }
 

@@ -44,7 +44,7 @@ constexpr float removed = 0.54F; // a little less than 0.3 of the power
 constexpr float left = 0.55F;
 
 // Somebody speaks all the time: the mean probability, in tenths of a second.
-std::vector<float> heard(const std::vector<float>& sound) {
+std::vector<float> tenths(const std::vector<float>& sound) {
     const std::size_t frames = sound.size() / ten_ms - 2;
     const auto all = weighed(sound, times(sound, removed), std::vector<float>(frames, 1.0F));
     std::vector<float> means;
@@ -119,7 +119,7 @@ TEST(near_speech, is_not_what_never_pauses_and_never_changes_and_is_mostly_remov
     std::mt19937 random(2);
     std::vector<float> sound;
     add_noise(sound, random, -30.0, 2000);
-    const auto far = heard(sound);
+    const auto far = tenths(sound);
     EXPECT_EQ(std::vector(far.begin(), far.begin() + 30), std::vector(30, 1.0F)) << "it is not known yet";
     EXPECT_EQ(std::vector(far.begin() + 50, far.end()), std::vector(far.size() - 50, 0.0F));
 }
@@ -133,7 +133,7 @@ TEST(near_speech, stands_out_from_far_voices_before_it_begins_and_until_it_has_e
         add_noise(sound, random, -40.0, 202);
         for (float& sample : sound)
             sample += static_cast<float>(offset);
-        const auto all = heard(sound);
+        const auto all = tenths(sound);
         const auto is_near = [&](std::size_t from, std::size_t to, float expected) {
             EXPECT_EQ(std::vector(all.begin() + static_cast<std::ptrdiff_t>(from),
                                   all.begin() + static_cast<std::ptrdiff_t>(to)),
@@ -156,7 +156,7 @@ TEST(near_speech, remains_near_however_long_it_does_not_pause) {
         add_noise(sound, random, -35.0, 25);
     }
     add_noise(sound, random, -35.0, 2);
-    const auto all = heard(sound);
+    const auto all = tenths(sound);
     EXPECT_EQ(all, std::vector(all.size(), 1.0F));
 }
 

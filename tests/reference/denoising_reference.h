@@ -53,9 +53,10 @@ inline std::vector<float> near_speech(const std::vector<float>& in, const std::v
     int loud = 0; // frames since the last that was taken for background
     for (std::size_t frame = 0; frame < probabilities.size(); ++frame) {
         std::vector<double> sorted = last(background, 1000);
-        std::sort(sorted.begin(), sorted.end());
+        const auto fifth = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() * 20 / 100);
+        std::nth_element(sorted.begin(), fifth, sorted.end());
         const double now = 10.0 * std::log10(power(in, frame + 2, 10) + 1e-10);
-        const double above = now - sorted[sorted.size() * 20 / 100];
+        const double above = now - *fifth;
         weights.push_back(above < 4.0 ? 0.0 : above > 10.0 ? 1.0 : (above - 4.0) / 6.0);
         const std::vector<double> held = last(weights, 31);
         const double weighed = static_cast<double>(probabilities[frame]) * *std::max_element(held.begin(), held.end());

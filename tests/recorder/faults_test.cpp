@@ -428,6 +428,36 @@ TEST_F(recorder_faults, of_an_aligners_allocations_are_survived) {
     EXPECT_GT(lost, 20);
 }
 
+using processor_memory = with_recorder;
+
+// Whoever denoises for hours in a thread that must not wait.
+TEST_F(processor_memory, is_all_there_after_half_a_second) {
+    const wrapper_audio_voice_options options{
+        .in_rate = 48000, .out_rate = 48000, .denoise = 1.0F, .speech = 0, .conversion = 0};
+    const in_layer here;
+    wrapper_audio_processor* processor = nullptr;
+    ASSERT_EQ(wrapper_audio_voice_create(&processor, &options), WRAPPER_AUDIO_OK);
+    std::vector<float> sound(480);
+    std::vector<float> speech(1);
+    const auto process = [&](int frames) {
+        for (int i = 0; i < frames; ++i) {
+            std::size_t count = 0;
+            sound.assign(sound.size(), i % 5 == 0 ? 0.5F : -0.5F);
+            ASSERT_EQ(wrapper_audio_processor_process(processor, sound.data(), sound.size(), sound.data(), sound.size(),
+                                                      &count),
+                      WRAPPER_AUDIO_OK);
+            wrapper_audio_processor_take_speech(processor, speech.data(), speech.size());
+        }
+    };
+    process(50);
+    const int held = failing_memory::live();
+    failing_memory::fail(0);
+    process(2000);
+    EXPECT_EQ(failing_memory::allocations(), 0);
+    EXPECT_EQ(failing_memory::live(), held);
+    wrapper_audio_processor_free(processor);
+}
+
 using without_libc = with_recorder;
 
 // What the layer has of the C library, it has once in a process: so in a process of its own.

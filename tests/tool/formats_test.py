@@ -337,20 +337,12 @@ class Unfinished(FormatTest):
                 decoded = self.peer("ffmpeg", "-v", "fatal", "-i", path, "-f", "s16le", "-")
                 self.assertGreater(len(decoded) / 96000, least)
 
-    def test_rf64_is_wav_until_it_is_too_long_for_that(self):
-        path = self.kill("killed.rf64", 1)
-        self.assertEqual(path.read_bytes()[:4], b"RIFF")
-        self.assertGreater(len(self.samples_of(path)) / 48000, 0.7)
-        self.record("--type", "rf64", "--seconds", 1, "out.wav")
-        self.record("--seconds", 1, self.file)
-        self.assertEqual(self.samples_of("out.wav"), self.recorded(16000))
-
-    def test_what_is_too_long_for_wav_is_refused_before_it_begins(self):
+    def test_what_is_too_long_for_flac_is_refused_before_it_begins(self):
         with open(self.folder / "silence.raw", "wb") as long:
-            long.truncate(2**32 + 2000)
-        result = self.host("process", "-q", "--raw-rate", 384000, "silence.raw", self.file)
-        self.assert_failed(result, FILE_TROUBLE, "too long .* FLAC and --type rf64 hold more")
-        self.assertFalse(self.file.exists())
+            long.truncate(2**37 + 2000)
+        result = self.host("process", "-q", "--raw-rate", 384000, "silence.raw", "out.flac")
+        self.assert_failed(result, FILE_TROUBLE, "too long .* WAV holds more")
+        self.assertFalse((self.folder / "out.flac").exists())
 
 
 if __name__ == "__main__":

@@ -131,8 +131,8 @@ class OnTheDisk(LastingTest):
 class Killed(LastingTest):
     def test_a_recording_killed_at_any_moment_opens_and_lacks_a_second_at_most(self):
         generator = random.Random(9)
-        kinds = ["wav", "rf64", "flac", "opus", "mp3"]
-        plans = [(f"killed-{number}.{kinds[number % 5]}", generator.uniform(0.5, 4)) for number in range(50)]
+        kinds = ["wav", "flac", "opus", "mp3"]
+        plans = [(f"killed-{number}.{kinds[number % 4]}", generator.uniform(0.5, 4)) for number in range(50)]
         results = {}
         for at in range(0, len(plans), 10):
             threads = [threading.Thread(target=self.kill, args=(*plan, results)) for plan in plans[at : at + 10]]
@@ -162,8 +162,7 @@ class Killed(LastingTest):
         if shutil.which(peer) is None:
             self.skipTest(f"{peer} is not installed; scripts/setup test installs it")
         raw = ["-t", "raw", "-r", "16000", "-"] if peer == "sox" else ["-f", "s16le", "-ar", "16000", "-"]
-        form = ["-t", "wav"] if name.endswith(".rf64") else []
-        command = ["sox", *form, name, *raw] if peer == "sox" else ["ffmpeg", "-v", "fatal", "-i", name, *raw]
+        command = ["sox", name, *raw] if peer == "sox" else ["ffmpeg", "-v", "fatal", "-i", name, *raw]
         done = subprocess.run(command, cwd=self.folder, capture_output=True, timeout=30)
         self.assertEqual(done.returncode, 0, done.stderr)
         return len(done.stdout) / 32000

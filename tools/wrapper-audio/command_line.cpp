@@ -188,13 +188,12 @@ std::map<std::string, sample_size> sample_sizes() {
 }
 
 void parser::add_output(CLI::App* command, output_options& output) {
-    const std::map<std::string, sound_format> formats{{"wav", sound_format::wav},   {"rf64", sound_format::rf64},
-                                                      {"flac", sound_format::flac}, {"raw", sound_format::raw},
-                                                      {"ogg", sound_format::ogg},   {"opus", sound_format::opus},
-                                                      {"mp3", sound_format::mp3}};
+    const std::map<std::string, sound_format> formats{{"wav", sound_format::wav},   {"flac", sound_format::flac},
+                                                      {"raw", sound_format::raw},   {"ogg", sound_format::ogg},
+                                                      {"opus", sound_format::opus}, {"mp3", sound_format::mp3}};
     command->add_option("-t,--type", output.format, "the format, whatever the name of the file says")
         ->transform(CLI::CheckedTransformer(formats).description(""))
-        ->type_name("wav|rf64|flac|opus|ogg|mp3|raw");
+        ->type_name("wav|flac|opus|ogg|mp3|raw");
     command->add_option("--bits", output.bits, "the samples of WAV, FLAC and raw; default: 16")
         ->transform(CLI::CheckedTransformer(sample_sizes()).description(""))
         ->type_name("16|24|float");

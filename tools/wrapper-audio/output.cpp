@@ -88,9 +88,7 @@ int libsndfile_format(sound_format format, sample_size bits) {
     case sound_format::mp3:
         return SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
     default:
-        return (format == sound_format::flac   ? SF_FORMAT_FLAC
-                : format == sound_format::rf64 ? SF_FORMAT_RF64
-                                               : SF_FORMAT_WAV) |
+        return (format == sound_format::flac ? SF_FORMAT_FLAC : SF_FORMAT_WAV) |
                (bits == sample_size::bits_16   ? SF_FORMAT_PCM_16
                 : bits == sample_size::bits_24 ? SF_FORMAT_PCM_24
                                                : SF_FORMAT_FLOAT);
@@ -104,23 +102,25 @@ std::pair<int, int> bitrates(sound_format format, const stream_shape& shape) {
     return {8000, shape.rate >= 16000 ? 160000 : 64000};
 }
 
+std::size_t bytes_of(sample_size bits) {
+    return bits == sample_size::bits_16 ? 2 : bits == sample_size::bits_24 ? 3 : 4;
+}
+
+/** A WAV file of 4 GiB goes on as RF64, for whose longer header it has room from the start. */
 class sound_file : public output {
 public:
-    sound_file(int descriptor, const stream_shape& shape, sound_format format, const output_options& wanted)
-        : own_descriptor(descriptor), channels(shape.channels), numbers(shape.from_microphone), kind(format),
-          bits(wanted.bits.value_or(sample_size::bits_16)), sync(descriptor, wanted.sync) {
-        SF_INFO info{};
+    sound_file(int to, const stream_shape& shape, sound_format format, const output_options& wanted)
+        : descriptor(to), numbers(shape.from_microphone), kind(format),
+          bits(wanted.bits.value_or(sample_size::bits_16)), sync(to, wanted.sync) {
         info.samplerate = shape.rate;
         info.channels = shape.channels;
         info.format = libsndfile_format(format, bits);
-        file = sf_open_fd(descriptor, SFM_WRITE, &info, SF_TRUE);
+        open_file();
         if (file == nullptr) return;
         set_compression(wanted, shape);
-        if (format != sound_format::wav && format != sound_format::rf64) return;
-        sf_command(file, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE); // WAV as long as it is small enough
-        // The header is brought up to date with each write, so that the file is valid however the program ends.
-        sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
-        sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        if (format != sound_format::wav) return;
+        leave_room_in_header();
+        keep_header_up_to_date();
     }
     sound_file(const sound_file&) = delete;
     sound_file& operator=(const sound_file&) = delete;
@@ -128,6 +128,7 @@ public:
 
     std::size_t write(std::span<const float> samples) override {
         const auto count = static_cast<sf_count_t>(samples.size());
+        if (!has_room_for(count) && !go_on_as_rf64()) return 0;
         const sf_count_t written = is_lossy(kind)              ? write_limited(samples)
                                    : bits == sample_size::real ? sf_write_float(file, samples.data(), count)
                                    : bits == sample_size::bits_24
@@ -135,22 +136,21 @@ public:
                                        : sf_write_short(file, numbers.bits_16(samples).data(), count);
         remember_error();
         if (written <= 0) return 0;
-        frames_written += static_cast<std::uint64_t>(written / channels);
+        frames_written += static_cast<std::uint64_t>(written / info.channels);
         note_length();
         return static_cast<std::size_t>(written);
     }
 
     bool close() override {
-        if (file == nullptr) return true;
-        const int result = sf_close(file);
-        file = nullptr;
-        if (result != 0 && error.empty()) error = sf_error_number(result);
-        const int disk_error = sync.finish();
-        if (disk_error != 0 && error.empty()) error = std::strerror(disk_error);
-        return result == 0 && disk_error == 0;
+        if (descriptor < 0) return true;
+        const bool closed = close_file();
+        int result = ::close(std::exchange(descriptor, -1)) == 0 ? 0 : errno;
+        if (const int disk_error = sync.finish(); result == 0) result = disk_error;
+        if (result != 0 && error.empty()) error = std::strerror(result);
+        return closed && result == 0;
     }
 
-    std::uint64_t capacity() const override { return sample_limit(kind, bits, channels); }
+    std::uint64_t capacity() const override { return sample_limit(kind); }
     std::string reason() const override { return error; }
 
     /** Whether the header could be written. */
@@ -160,6 +160,52 @@ public:
     }
 
 private:
+    void open_file() {
+        lseek(descriptor, 0, SEEK_SET); // what lies before its place, libsndfile takes for something else
+        file = sf_open_fd(descriptor, SFM_WRITE, &info, SF_FALSE);
+    }
+
+    bool close_file() {
+        const int result = file != nullptr ? sf_close(std::exchange(file, nullptr)) : 0;
+        if (result != 0 && error.empty()) error = sf_error_number(result);
+        return result == 0;
+    }
+
+    /** The header is valid after each write, however the program ends. */
+    void keep_header_up_to_date() {
+        sf_command(file, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+        sf_command(file, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    }
+
+    /** A chunk that every reader passes over. */
+    void leave_room_in_header() {
+        const unsigned without = bits == sample_size::real ? 56 : 44; // bytes
+        std::array<char, rf64_header> zeros{};
+        SF_CHUNK_INFO room{.id = "JUNK", .id_size = 4, .datalen = rf64_header - without - 8, .data = zeros.data()};
+        sf_command(file, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
+        sf_set_chunk(file, &room);
+    }
+
+    /** The sizes in a WAV file are 32-bit numbers, and the larger one counts all but the first 8 bytes. */
+    bool has_room_for(sf_count_t samples) const {
+        if ((info.format & SF_FORMAT_TYPEMASK) != SF_FORMAT_WAV) return true;
+        const std::uint64_t all =
+            frames_written * static_cast<unsigned>(info.channels) + static_cast<std::uint64_t>(samples);
+        return all * bytes_of(bits) <= std::numeric_limits<std::uint32_t>::max() - (rf64_header - 8);
+    }
+
+    bool go_on_as_rf64() {
+        if (!close_file()) return false;
+        info.format = (info.format & ~SF_FORMAT_TYPEMASK) | SF_FORMAT_RF64;
+        open_file();
+        remember_error();
+        if (file == nullptr) return false;
+        sf_seek(file, static_cast<sf_count_t>(frames_written), SEEK_SET);
+        keep_header_up_to_date();
+        remember_error();
+        return error.empty();
+    }
+
     void set_compression(const output_options& wanted, const stream_shape& shape) {
         double page = 500; // ms that an Opus file lacks when the program is killed, at most
         if (kind == sound_format::opus) sf_command(file, SFC_SET_OGG_PAGE_LATENCY_MS, &page, sizeof page);
@@ -184,7 +230,7 @@ private:
         std::array<std::uint8_t, 5> bytes{};
         for (std::size_t i = 0; i < bytes.size(); ++i)
             bytes[i] = static_cast<std::uint8_t>((length | size << 36) >> (8 * (bytes.size() - 1 - i)));
-        if (pwrite(own_descriptor, bytes.data(), bytes.size(), place) == 5) length_noted = length;
+        if (pwrite(descriptor, bytes.data(), bytes.size(), place) == 5) length_noted = length;
     }
 
     /** What is beyond full scale is no sound for the encoders. */
@@ -201,9 +247,11 @@ private:
             error.pop_back();
     }
 
+    static constexpr unsigned rf64_header = 104; // bytes, as libsndfile writes it
+
+    int descriptor;
     SNDFILE* file = nullptr;
-    const int own_descriptor; // closed by libsndfile
-    const int channels;
+    SF_INFO info{};
     std::uint64_t frames_written = 0;
     std::uint64_t length_noted = 0;
     number_maker numbers;
@@ -213,10 +261,6 @@ private:
     std::string error;
     disk_sync sync;
 };
-
-std::size_t bytes_of(sample_size bits) {
-    return bits == sample_size::bits_16 ? 2 : bits == sample_size::bits_24 ? 3 : 4;
-}
 
 /** The header of a WAV file whose end nobody knows yet: the largest sizes, which readers take for "until the end". */
 std::array<std::byte, 44> endless_wav_header(const stream_shape& shape, sample_size bits) {
@@ -317,7 +361,7 @@ private:
 };
 
 const char* name_of(sound_format format) {
-    constexpr std::array names{"WAV", "RF64", "FLAC", "raw", "Vorbis", "Opus", "MP3"};
+    constexpr std::array names{"WAV", "FLAC", "raw", "Vorbis", "Opus", "MP3"};
     return names.at(static_cast<std::size_t>(format));
 }
 
@@ -370,7 +414,6 @@ int take_file(const std::string& path, bool keeps_older) {
 sound_format format_by_name(const std::string& path) {
     const std::string extension = lower_case_extension(path);
     if (path == "-" || extension == ".raw" || extension == ".pcm") return sound_format::raw;
-    if (extension == ".rf64") return sound_format::rf64;
     if (extension == ".flac") return sound_format::flac;
     if (extension == ".ogg" || extension == ".oga") return sound_format::ogg;
     if (extension == ".opus") return sound_format::opus;
@@ -422,16 +465,8 @@ int nearest_rate(sound_format format, int rate) {
     return above != rates.end() ? *above : rates.back();
 }
 
-std::uint64_t sample_limit(sound_format format, sample_size bits, int channels) {
-    const std::size_t frame = bytes_of(bits) * static_cast<std::size_t>(channels);
-    switch (format) {
-    case sound_format::wav: // its sizes are 32-bit numbers, and the larger one counts what is in front of the samples
-        return (std::numeric_limits<std::uint32_t>::max() - (bits == sample_size::real ? 72 : 36)) / frame;
-    case sound_format::flac: // 36 bits
-        return (std::uint64_t{1} << 36) - 1;
-    default:
-        return no_limit;
-    }
+std::uint64_t sample_limit(sound_format format) {
+    return format == sound_format::flac ? (std::uint64_t{1} << 36) - 1 : no_limit; // its header has 36 bits
 }
 
 std::unique_ptr<output> create_output(const std::string& path, const stream_shape& shape,

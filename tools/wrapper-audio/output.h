@@ -33,7 +33,7 @@ public:
     virtual bool reader_gone() const { return false; }
 };
 
-enum class sound_format { wav, rf64, flac, raw, ogg, opus, mp3 };
+enum class sound_format { wav, flac, raw, ogg, opus, mp3 };
 enum class sample_size { bits_16, bits_24, real };
 
 struct output_options {
@@ -61,7 +61,7 @@ sound_format format_of(const std::string& path, const output_options& wanted);
 int nearest_rate(sound_format format, int rate);
 
 /** How many samples of each channel fit in a file. */
-std::uint64_t sample_limit(sound_format format, sample_size bits, int channels);
+std::uint64_t sample_limit(sound_format format);
 
 /**
  * Creates the file, or takes standard output for "-". Throws a failure; a file that another program is recording into

@@ -343,12 +343,10 @@ bool processing::write(std::span<const float> samples) {
 }
 
 exit_code processing::run() {
-    const auto bits = wanted.output.bits.value_or(sample_size::bits_16);
-    const auto limit = static_cast<double>(sample_limit(format_of(wanted.out, wanted.output), bits, output_channels()));
+    const auto limit = static_cast<double>(sample_limit(format_of(wanted.out, wanted.output)));
     if (in.seconds() * rate > limit)
-        throw failure(file_trouble,
-                      fmt::format("{} is too long for a file of this kind: {} at {} Hz; FLAC and --type rf64 hold more",
-                                  in.name(), time_text(in.seconds()), rate));
+        throw failure(file_trouble, fmt::format("{} is too long for a file of this kind: {} at {} Hz; WAV holds more",
+                                                in.name(), time_text(in.seconds()), rate));
     if (wanted.loudness) loudness.emplace(*wanted.loudness, rate, output_channels());
     stop_on_signals();
     if (!wanted.speech.split) create_file();

@@ -24,7 +24,7 @@ _wrapper_audio() {
     fi
     case $command:${COMP_WORDS[COMP_CWORD - 1]} in
     *:--rate | *:-r | *:--raw-rate) mapfile -t COMPREPLY < <(compgen -W '8000 16000 22050 24000 44100 48000' -- "$current"); return ;;
-    *:--type | *:-t) mapfile -t COMPREPLY < <(compgen -W 'wav rf64 flac opus ogg mp3 raw' -- "$current"); return ;;
+    *:--type | *:-t) mapfile -t COMPREPLY < <(compgen -W 'wav flac opus ogg mp3 raw' -- "$current"); return ;;
     *:--bits | *:--raw-bits) mapfile -t COMPREPLY < <(compgen -W '16 24 float' -- "$current"); return ;;
     *:--channel) mapfile -t COMPREPLY < <(compgen -W '1 2 mix all' -- "$current"); return ;;
     *:--bitrate) mapfile -t COMPREPLY < <(compgen -W '16k 32k 64k 96k 128k' -- "$current"); return ;;

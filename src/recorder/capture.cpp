@@ -19,6 +19,13 @@ constexpr std::chrono::milliseconds retry_interval{500};
 // reader that still hangs in a device doubles it, so that a device of which no stream delivers costs few threads.
 constexpr std::chrono::seconds hang_patience{5};
 
+std::string why_hung(const recorder::device& device) {
+    std::string why = valid_utf8(device.id) + " failed: it hangs";
+    if (device.host_api.starts_with("JACK"))
+        why += "; if its server has ended, only another process finds the next one";
+    return why;
+}
+
 } // namespace
 
 // ---- Opening ----
@@ -67,7 +74,7 @@ void capture::run(bool takes_over) noexcept {
     failure reason{WRAPPER_AUDIO_STOPPED};
     try {
         if (takes_over) {
-            lose_device(failure{WRAPPER_AUDIO_DEVICE_FAILED, valid_utf8(device().id) + " failed: it hangs"});
+            lose_device(failure{WRAPPER_AUDIO_DEVICE_FAILED, why_hung(device())});
         } else {
             open_device(opened, log, opening_patience);
             begin(*opened);

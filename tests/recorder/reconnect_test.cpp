@@ -344,6 +344,21 @@ TEST_F(hung_device, is_lost_and_opened_again_while_its_reader_hangs) {
     EXPECT_EQ(behind.block.position, 10 * block + behind.block.dropped);
 }
 
+TEST_F(hung_device, of_jack_is_said_to_be_lost_for_good_if_its_server_has_ended) {
+    world().host_apis = {host_api{.name = "JACK", .type = paJACK}};
+    ASSERT_NO_FATAL_FAILURE(record_and_hang(1));
+    refuse_to_open(1000);
+    test_clock::let_waits_pass(true);
+    ASSERT_TRUE(soon([this] { return signal() == WRAPPER_AUDIO_SIGNAL_LOST; }));
+    EXPECT_EQ(text(WRAPPER_AUDIO_TEXT_REASON),
+              "JACK:Mic failed: it hangs; if its server has ended, only another process finds the next one");
+    place.open();
+    EXPECT_TRUE(soon([] { return wrapper_audio_abandoned_threads() == 0; }));
+    wrapper_audio_recorder_free(std::exchange(recorder, nullptr));
+    const std::lock_guard hold{world().guard};
+    world().initialisations = 0;
+}
+
 // Whatever the old stream does in the end, only the new one is heard.
 TEST_F(hung_device, that_returns_while_it_is_looked_for_is_closed_and_changes_nothing) {
     for (const PaError error : {paNoError, paUnanticipatedHostError}) {

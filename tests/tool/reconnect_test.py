@@ -190,5 +190,27 @@ class PipeWire(PulseAudio):
     source = "PipeWire:mic"
 
 
+class Jack(ServerTest):
+    kind = servers.Jack
+
+    def test_a_server_that_ends_is_told_to_be_lost_and_what_was_recorded_is_kept(self):
+        self.wait_until_device(":system")
+        self.server.play(self.sound)
+        self.wait_until_device("jack-play")
+        log = self.folder / "errors"
+        with open(log, "w") as errors:
+            process = self.start("record", "--reconnect", "--device", "jack-play", self.file, stderr=errors)
+        self.wait_for(lambda: self.file.exists() and self.file.stat().st_size > 60000, process)
+        self.server.kill()
+        said = "it hangs; if its server has ended, only another process finds the next one;"
+        self.wait_for(lambda: said in log.read_text(), process, "the loss is not told")
+        process.send_signal(signal.SIGINT)
+        output, _ = process.communicate(timeout=5)
+        self.assertEqual(process.returncode, FINE, log.read_text())
+        samples = self.recorded(16000)
+        self.check_result_line(output, 16000, samples)
+        self.assertGreater(rms(samples[:16000]), 0)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -107,20 +107,18 @@ def prompts(part, voice):
     return [files[i] for i in chance(voice).permutation(len(files))]
 
 
+def utterances_of(part, voice):
+    return filter(None, (utterance_of(read(file)) for file in prompts(part, voice)))
+
+
 @lru_cache(maxsize=None)
 def speech(part, voice, most=12):
     """A voice alone: up to so many utterances, with silence of 1.5 to 3 s around them."""
     random, sounds, truth = chance("gaps", voice), [np.zeros(3 * RATE)], []
-    for file in prompts(part, voice):
-        found = utterance_of(read(file))
-        if found is None:
-            continue
-        piece, onset, end = found
+    for piece, onset, end in itertools.islice(utterances_of(part, voice), most):
         at = sum(map(len, sounds))
         truth.append((at + onset, at + end))
         sounds += [piece, np.zeros(int(random.uniform(1.5, 3) * RATE))]
-        if len(truth) == most:
-            break
     return np.concatenate(sounds).astype(np.float32), tuple(truth)
 
 
@@ -194,33 +192,34 @@ def stretch_of(part, name, length, *seed):
     return np.take(sound, np.arange(begin, begin + length), mode="wrap")
 
 
+def mixtures(part, names, snrs, sound, *seed):
+    """A sound in each noise at each ratio: (name, ratio, mixture)."""
+    for name in names:
+        around = stretch_of(part, name, len(sound), *seed)
+        for snr in snrs:
+            yield name, snr, sound + around * np.float32(10 ** ((SPEECH_DB - snr) / 20))
+
+
 def scenes(part, snrs, most=12):
     """Each voice alone, and in each noise at each ratio; then each noise alone, a minute at the level of 10 dB."""
     for voice in VOICES[part]:
         sound, truth = speech(part, voice, most)
         yield Scene(f"{voice} clean", voice, "", np.inf, sound, truth)
-        for name in NOISES[part]:
-            around = stretch_of(part, name, len(sound), voice)
-            for snr in snrs:
-                mixed = sound + around * np.float32(10 ** ((SPEECH_DB - snr) / 20))
-                yield Scene(f"{voice} {name} {snr}", voice, name, snr, mixed, truth)
+        for name, snr, mixed in mixtures(part, NOISES[part], snrs, sound, voice):
+            yield Scene(f"{voice} {name} {snr}", voice, name, snr, mixed, truth)
     for name in NOISES[part]:
         alone = stretch_of(part, name, 60 * RATE, "alone") * np.float32(10 ** ((SPEECH_DB - 10) / 20))
         yield Scene(f"{name} alone", "", name, 10.0, alone, ())
 
 
-def monologues(part, noises, snrs, seconds=60):
-    """Each voice talking all the time, with 0.15 s between its prompts, again from the first one if there are too few."""
+def monologues(part, names, snrs, seconds=60):
+    """Each voice talking all the time, with 0.15 s between its prompts, again from the first one if there are too few:
+    (name of the noise, ratio, sound)."""
     for voice in VOICES[part]:
         talk, gap = [], np.zeros(RATE * 15 // 100)
-        for file in prompts(part, voice):
-            found = utterance_of(read(file))
-            talk += [] if found is None else [found[0], gap]
+        for piece, _, _ in utterances_of(part, voice):
+            talk += [piece, gap]
             if sum(map(len, talk)) >= seconds * RATE:
                 break
         talk = np.resize(np.concatenate(talk).astype(np.float32), seconds * RATE)
-        for name in noises:
-            around = stretch_of(part, name, len(talk), voice, "monologue")
-            for snr in snrs:
-                mixed = talk + around * np.float32(10 ** ((SPEECH_DB - snr) / 20))
-                yield Scene(f"{voice} talking {name} {snr}", voice, name, snr, mixed, ((0, len(talk)),))
+        yield from mixtures(part, names, snrs, talk, voice, "monologue")

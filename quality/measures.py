@@ -55,9 +55,9 @@ def utterances(score, rule):
         if speech is not None:
             last = end
         elif end - begin >= least:
-            free = max(begin - ONSET_MS // FRAME_MS, int(before) // FRAME_MS)
-            unlikely = np.flatnonzero(score[free:begin] < rule.likely)
-            speech, last = free + unlikely[-1] + 1 if len(unlikely) else free, end
+            earliest = max(begin - ONSET_MS // FRAME_MS, int(before) // FRAME_MS)
+            unlikely = np.flatnonzero(score[earliest:begin] < rule.likely)
+            speech, last = earliest + unlikely[-1] + 1 if len(unlikely) else earliest, end
     if speech is not None:
         ends()
     return found

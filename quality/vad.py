@@ -25,11 +25,11 @@ def candidates(name):
     if name == "webrtc":
         return [((name, mode), Rule(0.5, 0.5, least)) for mode in MODES for least in MINIMA]
     if name == "energy":
-        pairs = [(begin, begin - below) for begin in range(4, 21) for below in (0, 2, 4) if begin - below > 1]
-        return [((name, None), Rule(*pair, least, likely=pair[0] / 3)) for pair in pairs for least in MINIMA]
-    steps = (0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 0.95, 0.98)
-    pairs = [(begin, end) for begin in steps for end in steps if end <= begin]
-    return [((name, None), Rule(*pair, least)) for pair in pairs for least in MINIMA]
+        rules = [(begin, begin - below, begin / 3) for begin in range(4, 21) for below in (0, 2, 4) if begin - below > 1]
+    else:
+        steps = (0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 0.95, 0.98)
+        rules = [(begin, end, Rule.likely) for begin in steps for end in steps if end <= begin]
+    return [((name, None), Rule(begin, end, least, likely=likely)) for begin, end, likely in rules for least in MINIMA]
 
 
 def score_of(scores, kind):
@@ -165,12 +165,12 @@ def print_judgement(scenes, chosen):
 def print_monologues(chosen):
     """A detector that takes what never pauses for noise loses those who talk like that."""
     shares = {}
-    for scene in corpus.monologues("judge", ("fan", "train", "cafe"), (0, 5, 10)):
-        scores = detectors.scores(scene.sound)
+    for noise, snr, sound in corpus.monologues("judge", ("fan", "train", "cafe"), (0, 5, 10)):
+        scores = detectors.scores(sound)
         for name, (kind, rule) in chosen.items():
             found = utterances(score_of(scores, kind), rule)
-            share = sum(each.end - each.begin for each in found) * corpus.RATE / 10 / len(scene.sound)
-            shares.setdefault((scene.noise, scene.snr), {}).setdefault(name, []).append(share)
+            share = sum(each.end - each.begin for each in found) * corpus.RATE / 10 / len(sound)
+            shares.setdefault((noise, snr), {}).setdefault(name, []).append(share)
     print("## A minute of talk without pauses: the percentage that is found, mean and least of the voices\n")
     rows = [["noise, dB", *chosen]]
     for (noise, snr), by_name in shares.items():

@@ -36,9 +36,9 @@ public:
 
     // Whether a device that was lost has not delivered anything since.
     bool is_lost() const { return is_lost_; }
-    // Whether the device runs ahead of the clock, or ever did, as only a file does: it waits for room.
+    // Whether the device runs ahead of the clock, as only a file does: it waits for room.
     bool runs_ahead(clock::time_point now);
-    bool is_file() const { return is_file_; }
+    bool is_file() const { return is_file_; } // whether it ever did
     // For as much as comes from the device at once, and the last samples.
     bool has_room() const { return buffer_.room() >= largest_step_; }
     bool has_captured() const { return captured_ > 0; }

@@ -66,7 +66,7 @@ private:
     uint64_t frames_ = 0;
     uint64_t voiced_ = 0;   // frames in succession
     uint64_t unvoiced_ = 0; // frames in succession
-    uint64_t likely_ = 0;   // frames in succession, since the last utterance
+    uint64_t likely_ = 0;   // frames in succession, voiced or likely, since the last utterance
     bool speaking_ = false; // the last of the ranges has no end yet
     std::deque<range> ranges_;
 

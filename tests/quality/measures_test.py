@@ -152,7 +152,7 @@ class Sounds(unittest.TestCase):
                 yield corpus.Scene(f"{part} {name} alone", "", name, 10.0, noise, ())
 
         def monologues(part, noises, snrs):
-            yield corpus.Scene("talking", "voice", "fan", 5, self.burst(100_000, 300_000, 0.1, seconds=8), ())
+            yield "fan", 5, self.burst(100_000, 300_000, 0.1, seconds=8)
 
         said = io.StringIO()
         with tempfile.TemporaryDirectory() as folder, mock.patch.object(corpus, "scenes", scenes), \

@@ -84,14 +84,14 @@ def find_speech(sound):
     return [(int(begin), int(end)) for begin, end in runs if end - begin >= 4 * STEP]
 
 
-def utterance_of(sound):
+def utterance_of(sound, longest=6, longest_pause=0.3):
     """A prompt at the common level with its onset and end, or None if it is too noisy, too long or has a long pause."""
     runs = find_speech(sound) if len(sound) > RATE // 5 else []
     if not runs or runs[0][0] < 2 * STEP:  # beginning in the middle of a sound, it has no onset
         return None
     onset, end = runs[0][0], runs[-1][1]
     pauses = [later[0] - run[1] for run, later in zip(runs, runs[1:])]
-    if not 0.3 * RATE <= end - onset <= 6 * RATE or max(pauses, default=0) > 0.3 * RATE:
+    if not 0.3 * RATE <= end - onset <= longest * RATE or max(pauses, default=0) > longest_pause * RATE:
         return None
     margin = RATE // 10
     begin = max(0, onset - margin)

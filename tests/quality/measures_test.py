@@ -11,10 +11,13 @@ from pathlib import Path
 from unittest import mock
 
 import corpus
+import denoise
 import detectors
 import numpy as np
 import sound_measures
 import vad
+import words
+from alignment import align
 from measures import Rule, Tally, Utterance, judge, total, utterances, voiced
 
 RULE = Rule(begin=0.6, end=0.4, min_speech_ms=30, hang_over_ms=50, pre_roll_ms=20)
@@ -31,6 +34,44 @@ def spans(text, rule=RULE):
 
 def heard(speech, last, rule=Rule(0.5, 0.5, 0)):
     return Utterance(max(0, speech - rule.pre_roll_ms), speech, last + rule.hang_over_ms, last)
+
+
+class Words(unittest.TestCase):
+    def test_errors_and_recognised_words_are_those_of_the_best_alignment(self):
+        said = "the window is open".split()
+        for other, expected in (
+            ("the window is open", (0, 4)),
+            ("", (4, 0)),
+            ("the window open", (1, 3)),
+            ("a window is wide open", (2, 3)),
+            ("open is window the", (4, 1)),  # the order counts
+            ("the the the the", (3, 1)),  # a word said once is recognised once
+        ):
+            self.assertEqual(align(said, other.split()), expected, other)
+
+    def test_a_whole_run(self):
+        """The recogniser hears a word in each tone that is loud enough, and nothing in what a competitor removes."""
+        time = np.arange(6 * corpus.RATE) / corpus.RATE
+        alone = (0.1 * np.sin(2 * np.pi * 500 * time)).astype(np.float32)
+        alone[: 4 * corpus.RATE] *= time[: 4 * corpus.RATE] > 3
+        places = [(3 * corpus.RATE, 4 * corpus.RATE, ["one", "two"]), (4 * corpus.RATE, 5 * corpus.RATE, ["three"])]
+
+        def recognise(pieces):
+            self.assertEqual([len(piece) for piece in pieces], [words.LOW + 2 * words.MARGIN] * 2)
+            return [["one"] if np.abs(piece).max() > 0.05 else [] for piece in pieces]
+
+        said = io.StringIO()
+        with mock.patch.object(words, "spoken", lambda voice: (alone, places)), \
+                mock.patch.object(words, "recognise", recognise), \
+                mock.patch.object(corpus, "noise", lambda part, name: np.zeros(100, np.float32)), \
+                mock.patch.dict(denoise.COMPETITORS, {"speexdsp": (words.LOW, lambda sound, noise: sound / 10)}), \
+                mock.patch.object(words, "NAMES", ("nothing", "speexdsp")), \
+                contextlib.redirect_stdout(said), contextlib.redirect_stderr(io.StringIO()):
+            words.main()
+        lines = said.getvalue().splitlines()
+        self.assertIn("## Words that are wrong, of 9, in percent: cafe, train, fan", lines)
+        self.assertEqual([line for line in lines if line.startswith(("| nothing", "| speex"))], [
+            "| nothing" + " | 67 (67, 67, 67)" * 6 + " | 67 |", "| speexdsp" + " | 100 (100, 100, 100)" * 6 + " | 100 |"])
 
 
 class Utterances(unittest.TestCase):

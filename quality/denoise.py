@@ -15,9 +15,9 @@ import detectors
 import numpy as np
 import sound_measures
 import wrapper_audio
-from vad import table
+from vad import save_curves, table
 
-RATIOS = (0, 10, 20)
+RATIOS = (0, 5, 10, 15, 20, 30)
 UTTERANCES = 1  # of each voice
 LOW = 16000  # Hz
 MOST_DELAY = LOW // 5
@@ -71,11 +71,14 @@ COMPETITORS = {
     **{f"webrtc, level {level}": (LOW, program("webrtc_suppression", str(level))) for level in range(4)},
     "speexdsp": (LOW, program("speexdsp_suppression")),
     "ffmpeg afftdn": (corpus.RATE, lambda sound, noise: ffmpeg(sound, "afftdn")),
+    "ffmpeg anlmdn": (corpus.RATE, lambda sound, noise: ffmpeg(sound, "anlmdn")),
     "ffmpeg afftdn, given the level": (corpus.RATE, afftdn_given_level),
     "sox noisered, given the noise": (corpus.RATE, sox),
 }
 COMPETITORS = {name: each for name, each in COMPETITORS.items()
                if not name.startswith("webrtc") or (detectors.BUILD / "webrtc_suppression").exists()}
+# Those that the picture shows.
+SHOWN = ("nothing", "this library at 48000 Hz", "webrtc, level 1", "speexdsp", "sox noisered, given the noise")
 
 
 def seconds_used():
@@ -147,6 +150,9 @@ def main():
         if noise != "babble":
             print(f"## In the noise {noise} at 10 dB\n")
             print(table(*rows_of(found, lambda scene: scene.noise == noise and scene.snr == 10)))
+    curves = {name: [np.mean([each[0] for whose, scene, each in found if whose == name and scene.snr == ratio])
+                     for ratio in RATIOS] for name in SHOWN if name in COMPETITORS}
+    save_curves("denoise", RATIOS, curves)
     print("## Delay in the stream, where it is not compensated, and computing\n")
     delays = {name: np.median([each[4] for whose, _, each in found if whose == name]) for name in COMPETITORS}
     print(table(["", "delay, ms", "ms for a second of sound, start of a program included"],

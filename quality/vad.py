@@ -87,6 +87,12 @@ def table(*rows):
     return "\n".join([lines[0], "|---" * len(rows[0]) + "|", *lines[1:]]) + "\n"
 
 
+def save_curves(name, ratios, curves):
+    """For the picture: a column for each curve, with its name, and a row for each ratio."""
+    lines = ["\t".join(["dB", *curves]), *("\t".join(map(str, row)) for row in zip(ratios, *curves.values()))]
+    (detectors.BUILD / f"{name}.dat").write_text("\n".join(lines) + "\n")
+
+
 def spread(times):
     return f"{np.median(times):.0f}, {max(times):.0f}" if times else ""
 

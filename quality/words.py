@@ -18,13 +18,12 @@ import corpus
 import numpy as np
 import sound_measures
 from alignment import MODEL, align, words_of
-from denoise import COMPETITORS, LOW, MOST_DELAY, converted
-from vad import table
+from denoise import COMPETITORS, LOW, MOST_DELAY, SHOWN, converted
+from vad import save_curves, table
 
 RATIOS = (0, 5, 10, 15, 20, 30)
 NOISES = ("cafe", "train", "fan")
 MOST = {"en-allison": 15, "en-librivox": 5, "en-alsa": 8}  # utterances of each voice
-NAMES = ("nothing", "this library at 48000 Hz", "webrtc, level 1", "speexdsp", "sox noisered, given the noise")
 MARGIN = LOW // 4  # around an utterance
 
 
@@ -106,7 +105,7 @@ def measured():
             words.append(sum(len(each[2]) for each in sound[1]))
             mixtures = [("", np.inf, sound[0]), *corpus.mixtures("judge", NOISES, RATIOS, sound[0], voice)]
             for noise, ratio, mixed in mixtures:
-                for name in NAMES:
+                for name in SHOWN:
                     if name in COMPETITORS and (noise or "given" not in name):
                         told = pool.submit(errors_in, name, voice, sound, mixed)
                         found.setdefault((name, noise, ratio), []).append(told)
@@ -116,16 +115,17 @@ def measured():
 def main():
     found, words = measured()
     print(f"## Words that are wrong, of {sum(words)}, in percent: {', '.join(NOISES)}\n")
-    rows = [["", *(f"{ratio} dB" for ratio in RATIOS), "without noise"]]
-    for name in NAMES:
-        row = [name]
-        for ratio in (*RATIOS, np.inf):
-            figures = [100 * sum(errors) / sum(words) for (whose, _, at), errors in found.items()
-                       if whose == name and at == ratio]
-            mean = f"{np.mean(figures):.0f}" if figures else ""
-            row.append(mean + (f" ({', '.join(f'{each:.0f}' for each in figures)})" if len(figures) > 1 else ""))
-        rows.append(row)
+    rows, curves = [["", *(f"{ratio} dB" for ratio in RATIOS), "without noise"]], {}
+    for name in SHOWN:
+        shares = [[100 * sum(errors) / sum(words) for (whose, _, at), errors in found.items() if (whose, at) == (name, ratio)]
+                  for ratio in (*RATIOS, np.inf)]
+        if shares[0]:
+            curves[name] = [np.mean(each) for each in shares[:-1]]
+            rows.append([name, *(f"{mean:.0f} ({', '.join(f'{share:.0f}' for share in each)})"
+                                 for mean, each in zip(curves[name], shares)),
+                         "".join(f"{share:.0f}" for share in shares[-1])])
     print(table(*rows))
+    save_curves("words", RATIOS, curves)
 
 
 if __name__ == "__main__":

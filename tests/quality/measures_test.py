@@ -61,13 +61,18 @@ class Words(unittest.TestCase):
             return [["one"] if np.abs(piece).max() > 0.05 else [] for piece in pieces]
 
         said = io.StringIO()
-        with mock.patch.object(words, "spoken", lambda voice: (alone, places)), \
+        with tempfile.TemporaryDirectory() as folder, mock.patch.object(detectors, "BUILD", Path(folder)), \
+                mock.patch.object(words, "spoken", lambda voice: (alone, places)), \
                 mock.patch.object(words, "recognise", recognise), \
                 mock.patch.object(corpus, "noise", lambda part, name: np.zeros(100, np.float32)), \
                 mock.patch.dict(denoise.COMPETITORS, {"speexdsp": (words.LOW, lambda sound, noise: sound / 10)}), \
-                mock.patch.object(words, "NAMES", ("nothing", "speexdsp")), \
+                mock.patch.object(words, "SHOWN", ("nothing", "speexdsp")), \
                 contextlib.redirect_stdout(said), contextlib.redirect_stderr(io.StringIO()):
             words.main()
+            curves = Path(folder, "words.dat").read_text().splitlines()
+        self.assertEqual(curves[0], "dB\tnothing\tspeexdsp")
+        self.assertEqual([round(float(each)) for each in curves[2].split("\t")], [5, 67, 100])
+        self.assertEqual(len(curves), 7)
         lines = said.getvalue().splitlines()
         self.assertIn("## Words that are wrong, of 9, in percent: cafe, train, fan", lines)
         self.assertEqual([line for line in lines if line.startswith(("| nothing", "| speex"))], [

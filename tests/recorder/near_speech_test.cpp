@@ -89,7 +89,7 @@ TEST(near_speech, equals_the_reference_bit_for_bit) {
 }
 
 TEST(near_speech, is_any_that_pauses_half_of_the_time) {
-    for (const std::size_t voiced : {49, 52}) {
+    for (const std::size_t voiced : {49U, 52U}) {
         std::mt19937 random(1);
         std::vector<float> sound;
         std::vector<float> probabilities;

@@ -114,7 +114,7 @@ class Peers(ServerTest):
 
     def has_begun(self, started):
         name, process = started
-        return process.poll() is not None or any(file.stat().st_size > 100 for file in (self.folder / name).iterdir())
+        return process.poll() is not None or any(file.stat().st_size > 200 for file in (self.folder / name).iterdir())
 
     def assert_row(self, row, run, can):
         """`can` judges what a program did; one without a result has no option for it."""

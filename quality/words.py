@@ -23,7 +23,7 @@ from vad import save_curves, table
 
 RATIOS = (0, 5, 10, 15, 20, 30)
 NOISES = ("cafe", "train", "fan")
-MOST = {"en-allison": 15, "en-librivox": 5, "en-alsa": 8}  # utterances of each voice
+MOST = {"en-allison": 10, "en-librivox": 5, "en-alsa": 8}  # utterances of each voice
 MARGIN = LOW // 4  # around an utterance
 
 

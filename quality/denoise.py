@@ -78,7 +78,7 @@ COMPETITORS = {
 COMPETITORS = {name: each for name, each in COMPETITORS.items()
                if not name.startswith("webrtc") or (detectors.BUILD / "webrtc_suppression").exists()}
 # Those that the picture shows.
-SHOWN = ("nothing", "this library at 48000 Hz", "webrtc, level 1", "speexdsp", "sox noisered, given the noise")
+SHOWN = ("nothing", "this library at 48000 Hz", "webrtc, level 1", "sox noisered, given the noise")
 
 
 def seconds_used():
